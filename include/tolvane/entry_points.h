@@ -1,0 +1,42 @@
+// Entry points that the shim exports besides the interposed calls.
+#pragma once
+
+#include "tolvane/segment_format.h"
+
+namespace tolvane {
+struct RequestInfo;
+}
+
+#define TOLVANE_EXPORT extern "C" __attribute__((visibility("default")))
+
+// Reports the start of one request on an SSL connection, whose bytes the shim
+// does not look into. `slot` comes from GETINDEX; `host` and `url` are texts of
+// the given lengths in bytes, not NUL-terminated. Counts the request, matches
+// it (default port 443) and credits the bytes received so far to its site. A
+// slot or descriptor that does not exist is ignored.
+TOLVANE_EXPORT void updateRequestResults(int slot, const char* host, int hostLength,
+                                         const char* url, int urlLength, int descriptor);
+
+// Reports the response to the request last reported on `slot`. `overrideCode`
+// replaces `statusCode` unless it is 0. A slot that does not exist is ignored.
+TOLVANE_EXPORT void updateResponseResults(int slot, int statusCode, int overrideCode);
+
+// The slot of descriptor `fd`, taking the lowest free one if it has none; -1
+// when there is none to be had. `serverType` 0 always gives 0.
+TOLVANE_EXPORT int GETINDEX(int serverType, int fd);
+
+// Creates the process-local records for a server of that type (0, 1 or 3).
+// Returns 1; 0 when memory is short or the type unknown, with measurement off.
+TOLVANE_EXPORT int createResultStruct(int serverType);
+
+// Clears groups of a local or shared record: level 0 the categories, 1 the
+// totals, 2 all, 3 the sites, any other nothing. The gauges are cleared only
+// when `clearGauges` is 1. A cleared group's dirty flag becomes 0.
+TOLVANE_EXPORT void reinitializeResult(tolvane::ResultStruct* record, int clearGauges, int level);
+
+// Clears a slot's request state; the start time stays.
+TOLVANE_EXPORT void reinitializeRequestInfo(tolvane::RequestInfo* slot);
+
+// Puts three example sites without categories into the process's own
+// configuration. Returns its version: the current time in seconds.
+TOLVANE_EXPORT int hardCodeWebSites();

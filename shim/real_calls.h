@@ -1,0 +1,48 @@
+// Every call that the shim interposes, each defined beside its wrapper.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include "real_call.h"
+
+namespace tolvane {
+
+extern RealCall<int(int, int)> real_listen;
+
+using AcceptCall = int(int, sockaddr*, socklen_t*);
+using Accept4Call = int(int, sockaddr*, socklen_t*, int);
+extern RealCall<AcceptCall> real_accept;
+extern RealCall<Accept4Call> real_accept4;
+
+extern RealCall<int(int)> real_close;
+extern RealCall<int(int, int)> real_dup2;
+extern RealCall<int(int, int, int)> real_dup3;
+extern RealCall<int(unsigned, unsigned, int)> real_close_range;
+extern RealCall<void(int)> real_closefrom;
+
+extern RealCall<ssize_t(int, void*, size_t)> real_read;
+extern RealCall<ssize_t(int, void*, size_t, size_t)> real_read_chk;
+extern RealCall<ssize_t(int, void*, size_t, int)> real_recv;
+extern RealCall<ssize_t(int, void*, size_t, size_t, int)> real_recv_chk;
+extern RealCall<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> real_recvfrom;
+extern RealCall<ssize_t(int, void*, size_t, size_t, int, sockaddr*, socklen_t*)> real_recvfrom_chk;
+extern RealCall<ssize_t(int, const iovec*, int)> real_readv;
+extern RealCall<ssize_t(int, msghdr*, int)> real_recvmsg;
+
+extern RealCall<ssize_t(int, const void*, size_t)> real_write;
+extern RealCall<ssize_t(int, const void*, size_t, int)> real_send;
+extern RealCall<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)> real_sendto;
+extern RealCall<ssize_t(int, const iovec*, int)> real_writev;
+extern RealCall<ssize_t(int, const msghdr*, int)> real_sendmsg;
+// The offset is handed on untouched, whatever its width.
+extern RealCall<ssize_t(int, int, void*, size_t)> real_sendfile;
+extern RealCall<ssize_t(int, int, void*, size_t)> real_sendfile64;
+
+// Looks all of them up. Done at start-up, so that a child forked by a server
+// with threads need not ask the dynamic linker, whose lock another thread may
+// have held at the fork.
+void findRealCalls();
+
+}  // namespace tolvane

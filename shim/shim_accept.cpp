@@ -1,0 +1,58 @@
+// accept and accept4: where a connection enters the shim's view.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "monitor_thread.h"
+#include "real_calls.h"
+#include "shim_utils/accounting.h"
+#include "shim_utils/process_identity.h"
+#include "shutdown.h"
+#include "tolvane/entry_points.h"
+#include "tolvane/shim_tables.h"
+
+namespace tolvane {
+
+constinit RealCall<AcceptCall> real_accept{"accept", "ACCEPT system call  FAILED ... oops !!"};
+constinit RealCall<Accept4Call> real_accept4{"accept4"};
+
+namespace {
+
+SocketKind classify(int listeningFd) {
+    if (sslHttpListenSocket.contains(listeningFd)) return kSsl;
+    return httpListenSocket.contains(listeningFd) ? kPlain : kUntracked;
+}
+
+// An Apache process's first HTTP connection fixes its shared record and, with
+// threads, starts its monitor. Of several threads here at once one does it.
+void atFirstConnection() {
+    if (servesConnections.exchange(true)) return;
+    bucketNumber = getpid() % numStructures;
+    cleanUpAtExit();
+    if (webServerType == kApacheThreads) startMonitor();
+}
+
+int accepted(int listeningFd, int newFd) {
+    if (newFd < 1 || tolvaneShimEnabled.load(std::memory_order_acquire) == 0) return newFd;
+    ErrnoGuard guard;
+    if (webServerType != kNetscape) discoverParent();
+    SocketKind kind = classify(listeningFd);
+    if (kind != kUntracked && webServerType != kNetscape &&
+        !servesConnections.load(std::memory_order_relaxed)) {
+        atFirstConnection();
+    }
+    countAccepted(newFd, kind);
+    return newFd;
+}
+
+}  // namespace
+}  // namespace tolvane
+
+TOLVANE_EXPORT int accept(int fd, sockaddr* address, socklen_t* length) {
+    auto call = tolvane::real_accept.find();
+    return call == nullptr ? -1 : tolvane::accepted(fd, call(fd, address, length));
+}
+
+TOLVANE_EXPORT int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
+    auto call = tolvane::real_accept4.find();
+    return call == nullptr ? -1 : tolvane::accepted(fd, call(fd, address, length, flags));
+}

@@ -1,0 +1,129 @@
+// The monitor thread, the clean-up at exit, and the lock file.
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+
+#include "monitor_thread.h"
+#include "shim_utils/configuration.h"
+#include "shim_utils/log.h"
+#include "shim_utils/own_files.h"
+#include "shim_utils/publication.h"
+#include "shim_utils/run_files.h"
+#include "shim_utils/semaphores.h"
+#include "shutdown.h"
+#include "tolvane/connection_slots.h"
+#include "tolvane/shim_tables.h"
+
+namespace tolvane {
+namespace {
+
+pthread_t tid;
+
+void sleepFor(int seconds) {
+    timespec left = {seconds, 0};
+    while (nanosleep(&left, &left) != 0 && errno == EINTR) {
+    }
+}
+
+int publicationInterval() {
+    int interval = configInfo().info.interval;
+    return interval > 0 ? interval : kDefaultInterval;
+}
+
+void* monitor(void*) {
+    takeConfiguration();
+    if (webServerType == kApacheProcesses) {
+        printErrorMsg("Apache not supported in monitor()!");
+        return nullptr;
+    }
+    if (webServerType != kNetscape && webServerType != kApacheThreads) {
+        printErrorMsg("This Web server type not supported ");
+        return nullptr;
+    }
+    for (;;) {
+        publishSlots();
+        sleepFor(publicationInterval());
+        // The copy that is about to be overwritten was retired at least one
+        // sleep ago; only a thread at work since then can still be reading it.
+        if (newerConfigurationThere() && waitForSlotsAtWork()) checkLatestConfigInfo();
+    }
+}
+
+void removeSemaphores(bool announce) {
+    for (int i = 0; i < numStructures; ++i) {
+        if (announce) printErrorMsg("REMOVING SEMAPHORE");
+        removeSemaphore(shmPtr[i].semaphoreId);
+    }
+}
+
+void removeSegment() {
+    std::atomic_ref<std::int32_t>(shmConfig->version).store(kVersionRemoved);
+    shmctl(shmid, IPC_RMID, nullptr);
+    deleteHandoffFile();
+    wa_unlock();
+}
+
+void cleanUpParent() {
+    bool announce = webServerType == kApacheProcesses;
+    if (announce) printErrorMsg("IN EQUALS CASE!!!");
+    removeSemaphores(announce);
+    if (!wa_lock()) return;
+    if (announce) printErrorMsg("AFTER LOCK!");
+    removeSegment();
+}
+
+}  // namespace
+
+void startMonitor() {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    int failure = pthread_create(&tid, nullptr, monitor, nullptr);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (failure != 0) {
+        printErrorMsg("The monitor thread cannot be started: nothing of this process is published");
+    }
+}
+
+bool wa_lock() {
+    constexpr int kTries = 10;
+    for (int i = 0; i < kTries; ++i) {
+        int fd = openOwn(kLockFile, O_WRONLY | O_CREAT | O_EXCL);
+        if (fd >= 0) closeOwn(fd);
+        if (fd >= 0 || errno != EEXIST) return true;
+        sleepFor(1);
+    }
+    return false;
+}
+
+void wa_unlock() {
+    unlink(kLockFile);
+}
+
+void cleanup() {
+    if (tolvaneShimEnabled.load(std::memory_order_relaxed) == 0) return;
+    if (webServerType != kNetscape) {
+        parentPid = std::atomic_ref<std::int32_t>(shmConfig->parentPid).load();
+        if (parentPid < 0) return;
+    }
+    if (parentPid == getpid()) {
+        cleanUpParent();
+    } else if (webServerType == kApacheProcesses) {
+        publishAtExit();
+    }
+}
+
+void cleanUpAtExit() {
+    if (std::atexit(cleanup) != 0) {
+        printErrorMsg("No memory to clean up at exit: the next start of the server will do it");
+    }
+}
+
+}  // namespace tolvane

@@ -1,0 +1,35 @@
+// readv, and recvmsg, which fills a vector too: only the first entry of it is
+// looked at.
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include "real_calls.h"
+#include "received_flags.h"
+#include "tolvane/entry_points.h"
+
+namespace tolvane {
+
+constinit RealCall<ssize_t(int, const iovec*, int)> real_readv{
+    "readv", "READV  system call  FAILED ... oops !!"};
+constinit RealCall<ssize_t(int, msghdr*, int)> real_recvmsg{"recvmsg"};
+
+}  // namespace tolvane
+
+using namespace tolvane;
+
+TOLVANE_EXPORT ssize_t readv(int fd, const iovec* vector, int entries) {
+    auto call = real_readv.find();
+    if (call == nullptr) return -1;
+    ssize_t n = call(fd, vector, entries);
+    if (n < 1) return n;
+    return received(fd, n, transferredText(vector, static_cast<size_t>(entries), n));
+}
+
+TOLVANE_EXPORT ssize_t recvmsg(int fd, msghdr* message, int flags) {
+    auto call = real_recvmsg.find();
+    if (call == nullptr) return -1;
+    ssize_t n = call(fd, message, flags);
+    if (n < 1) return n;
+    return receivedWithFlags(fd, n, transferredText(message->msg_iov, message->msg_iovlen, n),
+                             flags);
+}

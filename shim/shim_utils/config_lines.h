@@ -1,0 +1,60 @@
+// The line scan shared by all readers of server configuration files.
+#pragma once
+
+#include <cstdint>
+
+#include "tolvane/shim_tables.h"
+
+namespace tolvane {
+
+// Bytes of the buffer that one line is read into, terminating NUL included. A
+// longer line arrives in pieces, each scanned as a line of its own.
+inline constexpr int kLineSize = 1025;
+
+// One directive, split in place: pointers into the line.
+struct Directive {
+    const char* keyword;
+    int keywordLength;
+    const char* value;  // what follows the keyword, leading blanks skipped
+};
+
+// Splits `line`. False for comments, empty lines and lines without a keyword.
+bool scanLine(const char* line, Directive& directive);
+
+// Whether the keyword is exactly `name`, in any case.
+bool keywordIs(const Directive& directive, const char* name);
+
+const char* skipBlanks(const char* text);
+
+// The decimal digits at `text` as a number; 0 without any, INT_MAX when too large.
+int numberValue(const char* text);
+
+// The word at `text` (up to the next blank), cut to the size of `word`.
+template <int N>
+void wordValue(const char* text, char (&word)[N]);
+
+// Length of the word at `text`.
+int wordLength(const char* text);
+
+// Whether the two NUL-terminated texts are equal, in any case.
+bool equalIgnoringCase(const char* a, const char* b);
+
+// Copies `length` characters of `text`, cut to `size` - 1, and terminates them.
+void copyText(char* to, int size, const char* text, int length);
+
+template <int N>
+void wordValue(const char* text, char (&word)[N]) {
+    copyText(word, N, text, wordLength(text));
+}
+
+// The IPv4 address of the first `length` characters of `text`, in network byte
+// order; kAnyAddress when they are none.
+std::uint32_t addressValue(const char* text, int length);
+
+// Appends (port, address, the first `length` characters of `text` as name).
+// A table that is full stays as it is, with a log line that names the entry;
+// `kind` is that line's word for the table.
+void appendAddress(PortTable& table, int port, std::uint32_t address, const char* text, int length,
+                   const char* kind);
+
+}  // namespace tolvane

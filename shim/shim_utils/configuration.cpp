@@ -1,0 +1,101 @@
+#include "configuration.h"
+
+#include <atomic>
+#include <climits>
+#include <cstring>
+
+#include "log.h"
+#include "tolvane/shim_tables.h"
+
+namespace tolvane {
+namespace {
+
+// One in force, one to prepare the next in. Untouched pages of them cost no
+// memory, and copying leaves equal pages untouched.
+Configuration copies[2];
+std::atomic<Configuration*> inForce{&copies[0]};
+
+Configuration& spare() {
+    return inForce.load(std::memory_order_relaxed) == &copies[0] ? copies[1] : copies[0];
+}
+
+std::int32_t segmentVersion() {
+    return std::atomic_ref<std::int32_t>(shmConfig->version).load(std::memory_order_acquire);
+}
+
+std::int32_t ownVersion() {
+    return configInfo().info.version;
+}
+
+void copyChangedPages(ConfigInfo& to, const ConfigInfo& from) {
+    constexpr std::size_t kPage = 4096;
+    auto* target = reinterpret_cast<char*>(&to);
+    const auto* source = reinterpret_cast<const char*>(&from);
+    for (std::size_t at = 0; at < sizeof to; at += kPage) {
+        std::size_t length = sizeof to - at < kPage ? sizeof to - at : kPage;
+        if (std::memcmp(target + at, source + at, length) != 0) {
+            std::memcpy(target + at, source + at, length);
+        }
+    }
+}
+
+// Copies the segment's block into `to`, whole: an agent that rewrites the
+// block changes the version, and then the copy is made again. False when the
+// version never stood still or sank to `above` or less.
+bool copyBlock(ConfigInfo& to, std::int64_t above) {
+    constexpr int kTries = 16;
+    for (int i = 0; i < kTries; ++i) {
+        std::int32_t version = segmentVersion();
+        if (version <= above) return false;
+        copyChangedPages(to, *shmConfig);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        to.version = version;
+        if (segmentVersion() == version) return true;
+    }
+    return false;
+}
+
+void useSpare() {
+    Configuration& config = spare();
+    Text<512> report;
+    boundConfiguration(config.info, report);
+    if (report.length() > 0) {
+        Text<700> message;
+        message.add("Configuration version ").add(config.info.version);
+        message.add(" is out of range and was bounded: ").add(report.text());
+        printErrorMsg(message.text());
+    }
+    prepareConfiguration(config);
+    inForce.store(&config, std::memory_order_release);
+}
+
+}  // namespace
+
+const Configuration& configInfo() {
+    return *inForce.load(std::memory_order_acquire);
+}
+
+bool newerConfigurationThere() {
+    return segmentVersion() > ownVersion();
+}
+
+bool checkLatestConfigInfo() {
+    if (!newerConfigurationThere() || !copyBlock(spare().info, ownVersion())) return false;
+    useSpare();
+    return true;
+}
+
+void takeConfiguration() {
+    if (copyBlock(spare().info, std::int64_t{INT_MIN} - 1)) useSpare();
+}
+
+ConfigInfo& editConfiguration() {
+    copyChangedPages(spare().info, configInfo().info);
+    return spare().info;
+}
+
+void useEditedConfiguration() {
+    useSpare();
+}
+
+}  // namespace tolvane

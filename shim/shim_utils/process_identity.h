@@ -1,0 +1,27 @@
+// Which process this is: the server's parent, a worker, or a child that a
+// worker has forked.
+#pragma once
+
+#include <atomic>
+
+namespace tolvane {
+
+// In an Apache server: learns the parent's process id, from the segment or
+// from the server's pid file, until it is known. Exactly one process fills the
+// segment's field; if it is a worker it then checks the semaphores.
+void discoverParent();
+
+// The process id in the server's pid file; -1 when there is none to be read.
+int getParentPid();
+
+// Makes sure that every record's semaphore still exists. At the first one that
+// does not: logs it, marks the segment for removal and cleans up.
+void unlockSemaphores();
+
+// Makes forked children start with empty counters. False when memory is short.
+bool watchForks();
+
+// Whether this process has accepted its first HTTP connection.
+extern std::atomic<bool> servesConnections;
+
+}  // namespace tolvane

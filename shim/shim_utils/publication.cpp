@@ -1,0 +1,209 @@
+#include "publication.h"
+
+#include <cerrno>
+
+#include "configuration.h"
+#include "errno_guard.h"
+#include "log.h"
+#include "records.h"
+#include "semaphores.h"
+#include "tolvane/connection_slots.h"
+#include "tolvane/entry_points.h"
+#include "tolvane/shim_tables.h"
+
+// A slot's counts only ever grow, and the publisher remembers in `handedOn`
+// what it has added to the shared record. It adds the difference, word by word,
+// from one reading of the word: what the serving thread counts after that
+// reading is in the next difference, so nothing is lost and nothing comes twice.
+
+namespace tolvane {
+namespace {
+
+int currentRequestCount = 0;  // measured send calls since the last publication
+bool publishedAtExit = false;
+
+// What becomes of a gauge, whose value is handed on as it stands.
+enum class Gauge { kSkip, kAdd, kAddUnlessNegative };
+
+// The three publications differ in their gauges only.
+struct GaugeRules {
+    Gauge totalOpen;
+    Gauge siteOpen;
+    Gauge inProgress;
+};
+constexpr GaugeRules kWorkerRules = {Gauge::kSkip, Gauge::kSkip, Gauge::kAdd};
+constexpr GaugeRules kMonitorRules = {Gauge::kAddUnlessNegative, Gauge::kAddUnlessNegative,
+                                      Gauge::kAddUnlessNegative};
+constexpr GaugeRules kExitRules = {Gauge::kSkip, Gauge::kAddUnlessNegative, Gauge::kSkip};
+
+constexpr std::uint32_t CounterBlock::*kBlockCounters[] = {
+    &CounterBlock::connections,   &CounterBlock::requests,     &CounterBlock::bytesSent,
+    &CounterBlock::bytesReceived, &CounterBlock::errors,       &CounterBlock::droppedRequests,
+    &CounterBlock::redirects,     &CounterBlock::clientErrors, &CounterBlock::serverErrors,
+};
+constexpr std::uint32_t CategoryCounters::*kCategoryCounters[] = {
+    &CategoryCounters::bytesSent,
+    &CategoryCounters::requests,
+    &CategoryCounters::errors,
+    &CategoryCounters::droppedRequests,
+};
+
+void addGauge(std::int32_t& shared, const std::int32_t& local, Gauge rule) {
+    std::int32_t value = valueOf(local);
+    if (rule == Gauge::kSkip || (rule == Gauge::kAddUnlessNegative && value < 0)) return;
+    addTo(shared, value);
+}
+
+// Adds to `shared` what `local` has counted beyond `handedOn`.
+template <typename Block, std::size_t N>
+void addCounters(Block& shared, const Block& local, Block& handedOn,
+                 std::uint32_t Block::*const (&counters)[N]) {
+    for (auto counter : counters) {
+        std::uint32_t now = valueOf(local.*counter);
+        if (now == handedOn.*counter) continue;
+        addTo(shared.*counter, now - handedOn.*counter);
+        handedOn.*counter = now;
+    }
+}
+
+void addSum(CategoryCounters& shared, CategoryCounters& local, CategoryCounters& handedOn,
+            const SlotState& state) {
+    double now;
+    if (!readSeconds(state, local, now)) return;
+    shared.responseTimeSum += now - handedOn.responseTimeSum;
+    handedOn.responseTimeSum = now;
+}
+
+// One slot as the publisher sees it.
+struct SlotView {
+    SlotState& state;
+    ResultStruct& local;
+    ResultStruct& handedOn;
+    std::uint32_t& seenMarks;
+};
+
+SlotView viewOf(SlotBlock& block, int i) {
+    return {block.states[i], block.results[i], block.handedOn[i], block.seenMarks[i]};
+}
+
+// Counts of sites and categories that the configuration no longer has are
+// added here instead: they go to nobody, but count as handed on.
+ResultStruct nowhere;
+
+void mergeCategories(const SlotView& slot, int s, int configured, ResultStruct& record,
+                     const GaugeRules& rules) {
+    for (int c = 0; c < kMaxCategories; ++c) {
+        CategoryCounters& shared = (c < configured ? record : nowhere).category[s][c];
+        CategoryCounters& local = slot.local.category[s][c];
+        CategoryCounters& handedOn = slot.handedOn.category[s][c];
+        addCounters(shared, local, handedOn, kCategoryCounters);
+        addGauge(shared.inProgress, local.inProgress, rules.inProgress);
+        addSum(shared, local, handedOn, slot.state);
+    }
+}
+
+// Adds a slot's counts into `record`. Sites that the slot never served are all
+// zero and left out.
+void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rules) {
+    const ConfigInfo& config = configInfo().info;
+    addCounters(record.total, slot.local.total, slot.handedOn.total, kBlockCounters);
+    addGauge(record.total.openConnections, slot.local.total.openConnections, rules.totalOpen);
+
+    std::uint32_t touched = slot.state.touchedSites.load(std::memory_order_relaxed);
+    for (int s = 0; s < kMaxSites; ++s) {
+        if ((touched >> s & 1U) == 0) continue;
+        bool configured = s < config.numSites;
+        CounterBlock& shared = (configured ? record : nowhere).site[s];
+        const CounterBlock& local = slot.local.site[s];
+        addCounters(shared, local, slot.handedOn.site[s], kBlockCounters);
+        addGauge(shared.openConnections, local.openConnections, rules.siteOpen);
+        mergeCategories(slot, s, configured ? config.numCategories[s] : 0, record, rules);
+    }
+}
+
+// Clears each group that the agent has taken since the last publication.
+void clearTakenGroups(ResultStruct& record) {
+    if (valueOf(record.totalDirty) == 0) reinitializeResult(&record, 1, kTotals);
+    if (valueOf(record.sitesDirty) == 0) reinitializeResult(&record, 1, kSites);
+    if (valueOf(record.categoriesDirty) == 0) reinitializeResult(&record, 1, kCategories);
+}
+
+void markShared(ResultStruct& record) {
+    for (std::int32_t* flag : {&record.totalDirty, &record.sitesDirty, &record.categoriesDirty}) {
+        std::atomic_ref<std::int32_t>(*flag).store(1, std::memory_order_release);
+    }
+}
+
+// Merges a slot that has been marked since it was last merged. A mark that
+// comes during the merge is seen the next time.
+void mergeIfDirty(const SlotView& slot, ResultStruct& record, const GaugeRules& rules) {
+    std::uint32_t marks = slot.state.dirtyMarks.load(std::memory_order_acquire);
+    if (marks == slot.seenMarks) return;
+    slot.seenMarks = marks;
+    mergeSlot(slot, record, rules);
+    markShared(record);
+}
+
+bool lockAtExit(int semaphore) {
+    if (heldByThisProcess(semaphore)) return true;
+    while (!lockSemaphore(semaphore)) {
+        if (errno != EINTR) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+ResultStruct& sharedRecord() {
+    return shmPtr[bucketNumber];
+}
+
+void writeResult() {
+    ErrnoGuard guard;
+    ResultStruct& record = sharedRecord();
+    if (!lockSemaphore(record.semaphoreId)) return;
+    SlotView slot = viewOf(blockOf(0), 0);
+    if (slot.state.dirtyMarks.load(std::memory_order_relaxed) != slot.seenMarks) {
+        clearTakenGroups(record);
+        mergeIfDirty(slot, record, kWorkerRules);
+    }
+    if (!unlockSemaphore(record.semaphoreId)) return;
+    checkLatestConfigInfo();
+}
+
+void publishEveryInterval() {
+    if (++currentRequestCount < requestInterval) return;
+    currentRequestCount = 0;
+    writeResult();
+}
+
+void publishSlots() {
+    ResultStruct& record = sharedRecord();
+    bool shared = webServerType == kApacheThreads;
+    if (shared && !lockSemaphore(record.semaphoreId)) return;
+    clearTakenGroups(record);
+    int slots = currMaxSockets.load(std::memory_order_acquire);
+    for (int first = 0; first < slots; first += kSlotStep) {
+        SlotBlock& block = blockOf(first);
+        int size = slots - first < kSlotStep ? slots - first : kSlotStep;
+        for (int i = 0; i < size; ++i) mergeIfDirty(viewOf(block, i), record, kMonitorRules);
+    }
+    if (shared) unlockSemaphore(record.semaphoreId);
+}
+
+void publishAtExit() {
+    if (publishedAtExit) return;
+    printErrorMsg("NOT PARENT!");
+    ResultStruct& record = sharedRecord();
+    if (!lockAtExit(record.semaphoreId)) return;
+    publishedAtExit = true;
+    markShared(record);
+    mergeSlot(viewOf(blockOf(0), 0), record, kExitRules);
+    unlockSemaphore(record.semaphoreId);
+}
+
+void resetIntervalAfterFork() {
+    currentRequestCount = 0;
+}
+
+}  // namespace tolvane

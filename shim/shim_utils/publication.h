@@ -1,0 +1,30 @@
+// Handing a process's counts on to its shared record.
+#pragma once
+
+#include "tolvane/segment_format.h"
+
+namespace tolvane {
+
+// Counts one measured send call of a type 0 process, and publishes when there
+// have been requestInterval of them.
+void publishEveryInterval();
+
+// Publication of a type 0 worker: its counts under the record's semaphore,
+// then a newer configuration if there is one. Waits for the semaphore; without
+// it nothing is handed on.
+void writeResult();
+
+// One cycle of a threaded server's monitor: every slot that is not clean.
+void publishSlots();
+
+// Publication of what a type 0 worker has counted since the last one, at its
+// exit. Does so once; later calls change nothing.
+void publishAtExit();
+
+// In a forked child: nothing has been counted towards the interval yet.
+void resetIntervalAfterFork();
+
+// The record that this process adds into.
+ResultStruct& sharedRecord();
+
+}  // namespace tolvane

@@ -1,0 +1,138 @@
+#include "request_parser.h"
+
+#include <climits>
+#include <cstring>
+
+namespace tolvane {
+namespace {
+
+const char* skipSpace(const char* p, const char* end) {
+    while (p != end && isSpace(*p)) ++p;
+    return p;
+}
+
+const char* skipWord(const char* p, const char* end) {
+    while (p != end && !isSpace(*p)) ++p;
+    return p;
+}
+
+// The next line feed, or `end`.
+const char* lineEnd(const char* p, const char* end) {
+    const void* found =
+        p == end ? nullptr : std::memchr(p, '\n', static_cast<std::size_t>(end - p));
+    return found != nullptr ? static_cast<const char*>(found) : end;
+}
+
+// Whether the header block ends at the line feed `p`: an empty line or a NUL follows.
+bool blockEnds(const char* p, const char* end) {
+    auto left = end - p;
+    return (left > 2 && p[1] == '\r' && p[2] == '\n') || (left > 1 && p[1] == '\0');
+}
+
+bool startsWith(const char* p, const char* end, const char* name, std::size_t length) {
+    return static_cast<std::size_t>(end - p) >= length && std::memcmp(p, name, length) == 0;
+}
+
+// Calls `visit` with the start of each header line behind the line feed `p`
+// until it returns true or the block ends.
+template <typename Visit>
+void forEachHeader(const char* p, const char* end, Visit visit) {
+    while (p != end) {
+        p = skipSpace(p, end);
+        if (p == end || visit(p)) return;
+        p = lineEnd(p, end);
+        if (p == end || blockEnds(p, end)) return;
+        ++p;
+    }
+}
+
+// Characters of the method that starts at `p`, judged by its first letter.
+int methodLength(const char* p, const char* end) {
+    switch (*p) {
+        case 'G':
+            return 3;
+        case 'P':
+            return end - p > 2 && p[2] == 'T' ? 3 : 4;
+        case 'H':
+            return 4;
+        case 'T':
+            return 5;
+        case 'D':
+            return 6;
+        case 'O':
+            return 7;
+        default:
+            return 0;
+    }
+}
+
+bool endsHostValue(char c) {
+    return isSpace(c) || static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+}
+
+// The number formed by the digits at `p`, INT_MAX when too large; 0 without any.
+int number(const char* p, const char* end) {
+    int value = 0;
+    for (; p != end && isDigit(*p); ++p) {
+        int digit = *p - '0';
+        if (value > (INT_MAX - digit) / 10) return INT_MAX;
+        value = value * 10 + digit;
+    }
+    return value;
+}
+
+constexpr char kHost[] = "Host:";
+constexpr char kOverride[] = "Tv-Status:";
+
+}  // namespace
+
+RequestFields parseHttpHeader(Bytes received) {
+    RequestFields fields;
+    if (received.data == nullptr) return fields;
+    const char* end = received.data + received.length;
+
+    const char* p = skipSpace(received.data, end);
+    if (p == end) return fields;
+    int method = methodLength(p, end);
+    p = skipSpace(end - p < method ? end : p + method, end);
+    if (p == end) return fields;
+    const char* urlEnd = skipWord(p, end);
+    fields.url = {p, static_cast<std::size_t>(urlEnd - p)};
+
+    forEachHeader(lineEnd(urlEnd, end), end, [&](const char* line) {
+        if (!startsWith(line, end, kHost, sizeof kHost - 1)) return false;
+        const char* value = skipSpace(line + sizeof kHost - 1, end);
+        const char* valueEnd = value;
+        while (valueEnd != end && !endsHostValue(*valueEnd)) ++valueEnd;
+        if (value != end) fields.host = {value, static_cast<std::size_t>(valueEnd - value)};
+        return true;
+    });
+    return fields;
+}
+
+bool beginsWithStatusLine(Bytes written) {
+    if (written.length < 4) return false;
+    const char* p = written.data;
+    return (p[0] == 'h' || p[0] == 'H') && (p[1] == 't' || p[1] == 'T') && p[2] == 'T' &&
+           (p[3] == 'p' || p[3] == 'P');
+}
+
+ResponseStatus parseHttpWriteHeader(Bytes written) {
+    ResponseStatus result = {0, 0};
+    if (written.data == nullptr) return result;
+    const char* end = written.data + written.length;
+
+    const char* p = skipSpace(written.data, end);
+    p = skipSpace(skipWord(p, end), end);
+    result.status = number(p, end);
+
+    forEachHeader(lineEnd(p, end), end, [&](const char* line) {
+        if (startsWith(line, end, kOverride, sizeof kOverride - 1)) {
+            result.overrideCode = number(skipSpace(line + sizeof kOverride - 1, end), end);
+        }
+        return false;
+    });
+    return result;
+}
+
+}  // namespace tolvane

@@ -1,0 +1,33 @@
+// The semaphore of a shared record. Exactly one unit of it is free while
+// nobody holds the record, whichever processes end and however they do: the
+// unit made at start-up carries no undo, and locking and unlocking carry it.
+#pragma once
+
+#include <sys/sem.h>
+
+#include <cstdint>
+
+namespace tolvane {
+
+extern sembuf psembuf;  // takes the unit
+extern sembuf vsembuf;  // gives it back
+
+// Creates a set of one semaphore with one free unit. Returns its identifier,
+// or -1 after logging what failed.
+int createSemaphore();
+
+// Take and give the unit; false when that fails.
+bool lockSemaphore(int id);
+bool unlockSemaphore(int id);
+
+// Whether the set still exists.
+bool semaphoreExists(int id);
+
+// Whether this process took the unit last and has not given it back: true in a
+// signal handler that interrupts a publication of its own process.
+bool heldByThisProcess(int id);
+
+// Removes the set; failures are ignored.
+void removeSemaphore(int id);
+
+}  // namespace tolvane

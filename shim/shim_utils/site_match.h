@@ -1,0 +1,21 @@
+// Matches a request's Host value to the configured web sites.
+#pragma once
+
+#include "configuration.h"
+#include "text.h"
+
+namespace tolvane {
+
+// The kind of connection decides which port a name without one stands for.
+enum ConnectionKind : int {
+    kReportedRequest = 1,  // SSL, ":443"
+    kPlainRequest = 2,     // ":80"
+};
+
+// Index of the first site one of whose names is `host`; -1: none.
+int getMatchWebSite(const Configuration& config, Bytes host, ConnectionKind kind);
+
+// Whether the Host value `host` and the configured `name` mean the same site.
+bool doesHostSiteMatch(Bytes host, const char* name, PreparedName prepared, ConnectionKind kind);
+
+}  // namespace tolvane

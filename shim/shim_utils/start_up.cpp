@@ -1,0 +1,148 @@
+#include "start_up.h"
+
+#include <sys/resource.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "../monitor_thread.h"
+#include "log.h"
+#include "process_identity.h"
+#include "process_memory.h"
+#include "run_files.h"
+#include "semaphores.h"
+#include "text.h"
+#include "tolvane/entry_points.h"
+#include "tolvane/shim_tables.h"
+
+namespace tolvane {
+
+std::atomic<int> tolvaneShimEnabled{0};
+int maxSockets = 0;
+DescriptorState* descriptors = nullptr;
+int numStructures = 1;
+int bucketNumber = 0;
+int shmid = -1;
+ConfigInfo* shmConfig = nullptr;
+ResultStruct* shmPtr = nullptr;
+
+namespace {
+
+int initialisations = 0;
+
+bool readDescriptorLimit() {
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        printErrorMsg("Error in getrlimit() function\n");
+        return false;
+    }
+    if (limit.rlim_max <= static_cast<rlim_t>(kLargestTable)) {
+        maxSockets = static_cast<int>(limit.rlim_max);
+        return true;
+    }
+    maxSockets = kLargestTable;
+    Text<160> message;
+    message.add("The descriptor limit is above ").add(kLargestTable);
+    message.add(": descriptors from that number on are not measured");
+    printErrorMsg(message.text());
+    return true;
+}
+
+bool createDescriptorTable() {
+    auto entries = static_cast<std::size_t>(maxSockets);
+    descriptors = static_cast<DescriptorState*>(allocateZeroed(entries * sizeof(DescriptorState)));
+    if (descriptors != nullptr) return true;
+    printErrorMsg("No memory for the descriptor table: nothing is measured");
+    return false;
+}
+
+bool createRecords() {
+    numStructures = 1;
+    switch (webServerType) {
+        case kApacheProcesses:
+        case kApacheThreads:
+            if (maxNumProcess > 10) numStructures = numSemaphores == -1 ? 3 : numSemaphores;
+            if (numStructures <= 0) numStructures = 1;
+            if (createResultStruct(webServerType) == 1) return true;
+            printErrorMsg("No memory for the connection slots: nothing is measured");
+            return false;
+        case kNetscape:
+            if (createResultStruct(kNetscape) == 1) return true;
+            printErrorMsg("Cannot createResultStruct fails ..oops !");
+            return false;
+        default:
+            printErrorMsg("Unknown server type --- ooops!");
+            std::exit(0);
+    }
+}
+
+bool createSegment() {
+    shmid =
+        shmget(IPC_PRIVATE, segmentSize(static_cast<std::size_t>(numStructures)), IPC_CREAT | 0777);
+    if (shmid < 0) {
+        printErrorMsg("shared memory cannot be created");
+        return false;
+    }
+    printErrorMsg(" shared memory successfully created");
+    void* address = shmat(shmid, nullptr, 0);
+    if (address == reinterpret_cast<void*>(-1)) {
+        printErrorMsg("Shared memory pointer is NULL in monitor thread!");
+        return false;
+    }
+    shmConfig = static_cast<ConfigInfo*>(address);
+    shmPtr = reinterpret_cast<ResultStruct*>(static_cast<char*>(address) + kConfigSize);
+    shmConfig->parentPid = kUnknownPid;
+    return true;
+}
+
+bool createSemaphores() {
+    if (webServerType == kNetscape) {
+        shmPtr[0].semaphoreId = kNoSemaphore;
+        return true;
+    }
+    for (int i = 0; i < numStructures; ++i) {
+        int id = createSemaphore();
+        if (id < 0) {
+            shmctl(shmid, IPC_RMID, nullptr);
+            return false;
+        }
+        shmPtr[i].semaphoreId = id;
+    }
+    return true;
+}
+
+}  // namespace
+
+void initializeTolvaneShim() {
+    tolvaneShimEnabled.store(0, std::memory_order_relaxed);
+    if (++initialisations > 1) {
+        printErrorMsg("Http socket already assigned!\n");
+        std::exit(0);
+    }
+    if (plainPorts.numHttpPort <= 0 && sslPorts.numHttpPort <= 0) {
+        printErrorMsg(" No port found for the webadapter ..!");
+        return;
+    }
+    if (!readDescriptorLimit() || !createDescriptorTable() || !createRecords()) return;
+    if (!watchForks()) {
+        printErrorMsg("No memory to watch for forked children: nothing is measured");
+        return;
+    }
+    if (!createSegment() || !createSemaphores()) return;
+    shmConfig->version = kVersionCreated;
+    shmConfig->interval = kDefaultInterval;
+
+    if (webServerType == kNetscape) startMonitor();
+    tolvaneShimEnabled.store(1, std::memory_order_release);
+
+    Text<sizeof pidFile> path;
+    path.add(rootDir).add("logs/httpd.pid");
+    std::memcpy(pidFile, path.text(), path.length() + 1);
+    removeEarlierRun();
+    writePreviousRunRecord();
+    writeHandoffFile();
+}
+
+}  // namespace tolvane

@@ -1,0 +1,74 @@
+#include "url_categories.h"
+
+#include <cstring>
+
+namespace tolvane {
+namespace {
+
+// The first occurrence of `piece` in [p, end); null when there is none.
+const char* findPiece(const char* p, const char* end, const char* piece, std::size_t length) {
+    if (length == 0) return p;
+    while (static_cast<std::size_t>(end - p) >= length) {
+        const void* first =
+            std::memchr(p, piece[0], static_cast<std::size_t>(end - p) - length + 1);
+        if (first == nullptr) return nullptr;
+        p = static_cast<const char*>(first);
+        if (std::memcmp(p, piece, length) == 0) return p;
+        ++p;
+    }
+    return nullptr;
+}
+
+bool startsWith(Bytes url, const char* piece, std::size_t length) {
+    return url.length >= length && std::memcmp(url.data, piece, length) == 0;
+}
+
+}  // namespace
+
+bool matchSection(Bytes url, const UrlSection& section, const std::uint8_t* textLength) {
+    const int pieces = section.numPieces;
+    if (pieces == 1 && section.leadingWildcard == 0 && section.trailingWildcard == 0) {
+        return url.length == textLength[0] && startsWith(url, section.piece[0], url.length);
+    }
+    const char* p = url.data;
+    const char* end = url.data + url.length;
+    for (int i = 0; i < pieces; ++i) {
+        const char* piece = section.piece[i];
+        // The first piece is anchored: then only one place is worth a look.
+        if (i == 0 && section.leadingWildcard == 0) {
+            if (!startsWith(url, piece, textLength[0])) return false;
+        } else {
+            p = findPiece(p, end, piece, textLength[i]);
+            if (p == nullptr) return false;
+        }
+        const std::ptrdiff_t length = section.pieceLength[i];
+        if (i == pieces - 1 && section.trailingWildcard == 0 && end - p != length) return false;
+        p = end - p < length ? end : p + length;
+    }
+    return true;
+}
+
+void matchCategory(const Configuration& config, Bytes url, RequestInfo& request) {
+    request.numMatched = 0;
+    if (url.data == nullptr || url.length == 0) return;
+    // The URL counts as a string: a NUL in it is its end.
+    const void* nul = std::memchr(url.data, '\0', url.length);
+    if (nul != nullptr)
+        url.length = static_cast<std::size_t>(static_cast<const char*>(nul) - url.data);
+
+    PairSet pairs = {};
+    pairs.add(url.data, url.length);
+    const int s = request.siteIndex;
+    for (int c = 0; c < config.info.numCategories[s]; ++c) {
+        const CategoryConfig& category = config.info.categories[s][c];
+        for (int k = 0; k < category.numSections; ++k) {
+            if (pairs.holds(config.sectionPairs[s][c][k]) &&
+                matchSection(url, category.sections[k], config.pieceTextLength[s][c][k])) {
+                request.matched[request.numMatched++] = c;
+                break;
+            }
+        }
+    }
+}
+
+}  // namespace tolvane

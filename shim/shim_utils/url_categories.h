@@ -1,0 +1,19 @@
+// Matches a request's URL to the URL categories of its site.
+#pragma once
+
+#include "configuration.h"
+#include "text.h"
+#include "tolvane/connection_slots.h"
+
+namespace tolvane {
+
+// Stores the categories of site `request.siteIndex` that `url` falls in, in
+// ascending order. The site exists.
+void matchCategory(const Configuration& config, Bytes url, RequestInfo& request);
+
+// Whether `url` matches the pattern. `textLength` holds the string length of
+// each piece; `section.pieceLength` is what the agent says it is, and what
+// decides where a piece ends.
+bool matchSection(Bytes url, const UrlSection& section, const std::uint8_t* textLength);
+
+}  // namespace tolvane

@@ -1,0 +1,34 @@
+// writev, and sendmsg, which sends a vector too: only the first entry of it is
+// looked at.
+#include <sys/socket.h>
+#include <sys/uio.h>
+
+#include "real_calls.h"
+#include "shim_utils/transfer.h"
+#include "tolvane/entry_points.h"
+
+namespace tolvane {
+
+constinit RealCall<ssize_t(int, const iovec*, int)> real_writev{
+    "writev", "WRITEV  system call  FAILED ... oops !!"};
+constinit RealCall<ssize_t(int, const msghdr*, int)> real_sendmsg{"sendmsg"};
+
+}  // namespace tolvane
+
+using namespace tolvane;
+
+TOLVANE_EXPORT ssize_t writev(int fd, const iovec* vector, int entries) {
+    auto call = real_writev.find();
+    if (call == nullptr) return -1;
+    ssize_t n = call(fd, vector, entries);
+    if (n < 1) return sent(fd, n, {});
+    return sent(fd, n, transferredText(vector, static_cast<size_t>(entries), n));
+}
+
+TOLVANE_EXPORT ssize_t sendmsg(int fd, const msghdr* message, int flags) {
+    auto call = real_sendmsg.find();
+    if (call == nullptr) return -1;
+    ssize_t n = call(fd, message, flags);
+    if (n < 1) return sent(fd, n, {});
+    return sent(fd, n, transferredText(message->msg_iov, message->msg_iovlen, n));
+}
