@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# check_library.sh LIBRARY CLASS: whether a built libtolvane.so is fit to be
+# loaded into somebody else's server. CLASS is ELF64 or ELF32.
+set -euo pipefail
+library=$1 class=$2
+failed=0
+complain() {
+  echo "$library: $1" >&2
+  failed=1
+}
+
+readelf -h "$library" | grep -q "Class: *$class" || complain "is not $class"
+
+needed=$(readelf -dW "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
+  grep -vxE 'libc\.so\.6|ld-linux.*|libpthread\.so\.0|libdl\.so\.2' || true)
+[ -z "$needed" ] || complain "needs more than the C library: $needed"
+
+! readelf -dW "$library" | grep -q TEXTREL || complain "has text relocations"
+
+# One entry is the compiler's own; any more would be ours, run at load.
+entries=$(readelf -dW "$library" | sed -n 's/.*(INIT_ARRAYSZ) *\([0-9]*\).*/\1/p')
+[ "$entries" -le $([ "$class" = ELF64 ] && echo 8 || echo 4) ] || complain "runs constructors"
+
+expected=$(tr -d '\n' < "$(dirname "$0")/../shim/exports.map" |
+  sed 's/.*global://; s/local:.*//; s/[;[:space:]]\+/\n/g' | grep . | LC_ALL=C sort)
+exported=$(nm -D --defined-only "$library" | awk '{print $3}' | LC_ALL=C sort)
+[ "$exported" = "$expected" ] ||
+  complain "exports other names than exports.map: $(diff <(echo "$expected") <(echo "$exported") | tr '\n' ' ')"
+
+[ $failed -eq 0 ] && echo "$library: $class, C library only, no text relocations, $(echo "$exported" | wc -l) names"
+exit $failed

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs what is missing on a Debian 12, builds the 64-bit and the 32-bit
+# library, and runs all tests of both. Needs root or sudo.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+. scripts/packages.sh
+install_missing "${build_packages[@]}" googletest apache2-bin procps
+
+# build PRESET [OPTION...]
+build() {
+  cmake --preset "$@" >/dev/null
+  cmake --build --preset "$1"
+}
+
+build release -DTOLVANE_TOOL=OFF
+build release32
+scripts/check_library.sh build/release/lib/libtolvane.so ELF64
+scripts/check_library.sh build/release32/lib/libtolvane.so ELF32
+
+# The end-to-end tests preload exactly what is shipped.
+build test "-DTOLVANE_LIBRARY=$PWD/build/release/lib/libtolvane.so"
+build test32 "-DTOLVANE_LIBRARY=$PWD/build/release32/lib/libtolvane.so"
+as_root ctest --preset test
+as_root ctest --preset test32
+
+for sanitizers in asan tsan; do
+  build $sanitizers
+  ctest --preset $sanitizers
+done
