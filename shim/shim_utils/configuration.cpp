@@ -55,16 +55,20 @@ bool copyBlock(ConfigInfo& to, std::int64_t above) {
     return false;
 }
 
+void logBounded(std::int32_t version, const Text<512>& report) {
+    static Text<700> message;  // this runs inside a server's send call: not on its stack
+    message.clear();
+    message.add("Configuration version ").add(version);
+    message.add(" is out of range and was bounded: ").add(report.text());
+    printErrorMsg(message.text());
+}
+
 void useSpare() {
+    static Text<512> report;
     Configuration& config = spare();
-    Text<512> report;
+    report.clear();
     boundConfiguration(config.info, report);
-    if (report.length() > 0) {
-        Text<700> message;
-        message.add("Configuration version ").add(config.info.version);
-        message.add(" is out of range and was bounded: ").add(report.text());
-        printErrorMsg(message.text());
-    }
+    if (report.length() > 0) logBounded(config.info.version, report);
     prepareConfiguration(config);
     inForce.store(&config, std::memory_order_release);
 }

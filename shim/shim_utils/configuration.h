@@ -13,9 +13,20 @@ namespace tolvane {
 
 // One host name as matching wants it.
 struct PreparedName {
+    std::uint32_t hash;   // nameHash of the part before its first colon
     std::uint8_t length;  // 0 to 127
     std::uint8_t colon;   // position of its first colon, `length` when it has none
 };
+
+// A hash that is the same for names that differ in case only. Whatever the
+// ports, two names can only mean the same host when their hashes are equal.
+inline std::uint32_t nameHash(const char* name, std::size_t length) {
+    std::uint32_t hash = 2166136261U;
+    for (std::size_t i = 0; i < length; ++i) {
+        hash = (hash ^ static_cast<unsigned char>(lowerCase(name[i]))) * 16777619U;
+    }
+    return hash;
+}
 
 // Which pairs of neighbouring bytes a text holds, folded into 256 bits. A
 // pattern can only occur in a URL that holds all of the pattern's pairs.

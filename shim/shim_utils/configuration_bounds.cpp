@@ -64,10 +64,9 @@ void boundSite(ConfigInfo& config, int s, Report& report) {
 
 PreparedName prepareName(const char* name) {
     std::size_t length = std::strlen(name);
-    const void* colon = std::memchr(name, ':', length);
-    auto position = colon != nullptr ? static_cast<const char*>(colon) - name
-                                     : static_cast<std::ptrdiff_t>(length);
-    return {static_cast<std::uint8_t>(length), static_cast<std::uint8_t>(position)};
+    std::size_t colon = positionOf(':', name, length);
+    return {nameHash(name, colon), static_cast<std::uint8_t>(length),
+            static_cast<std::uint8_t>(colon)};
 }
 
 }  // namespace

@@ -193,13 +193,16 @@ void publishSlots() {
 
 void publishAtExit() {
     if (publishedAtExit) return;
-    printErrorMsg("NOT PARENT!");
     ResultStruct& record = sharedRecord();
-    if (!lockAtExit(record.semaphoreId)) return;
-    publishedAtExit = true;
-    markShared(record);
-    mergeSlot(viewOf(blockOf(0), 0), record, kExitRules);
-    unlockSemaphore(record.semaphoreId);
+    if (lockAtExit(record.semaphoreId)) {
+        publishedAtExit = true;
+        markShared(record);
+        mergeSlot(viewOf(blockOf(0), 0), record, kExitRules);
+        unlockSemaphore(record.semaphoreId);
+    }
+    // Last, since a server that exits from a signal handler may have
+    // interrupted the C library where the log's date waits for it.
+    printErrorMsg("NOT PARENT!");
 }
 
 void resetIntervalAfterFork() {

@@ -19,50 +19,60 @@ Bytes defaultPort(ConnectionKind kind) {
     return kind == kPlainRequest ? Bytes{":80", 3} : Bytes{":443", 4};
 }
 
-std::size_t colonIn(Bytes host) {
-    const void* colon = std::memchr(host.data, ':', host.length);
-    return colon != nullptr ? static_cast<std::size_t>(static_cast<const char*>(colon) - host.data)
-                            : host.length;
+// A Host value taken apart once for all names that it is compared with.
+struct HostValue {
+    Bytes text;
+    std::size_t colon;  // position of its first colon, its length when it has none
+    std::uint32_t hash;
+    Bytes standardPort;
+};
+
+HostValue takeApart(Bytes host, ConnectionKind kind) {
+    std::size_t colon = positionOf(':', host.data, host.length);
+    return {host, colon, nameHash(host.data, colon), defaultPort(kind)};
 }
 
 // A host without a port means the default one.
-bool matchWithoutPort(Bytes host, const char* name, PreparedName prepared, Bytes standard) {
-    return prepared.length == host.length + standard.length &&
-           std::memcmp(name + host.length, standard.data, standard.length) == 0 &&
-           equalLetters(host.data, name, host.length);
+bool matchWithoutPort(const HostValue& host, const char* name, PreparedName prepared) {
+    Bytes port = host.standardPort;
+    std::size_t length = host.text.length;
+    return prepared.length == length + port.length &&
+           std::memcmp(name + length, port.data, port.length) == 0 &&
+           equalLetters(host.text.data, name, length);
 }
 
 // The host's port part need only be a beginning of the name's.
-bool matchWithPort(Bytes host, std::size_t colon, const char* name, PreparedName prepared,
-                   Bytes standard) {
-    if (prepared.colon != colon || !equalLetters(host.data, name, colon)) return false;
+bool matchWithPort(const HostValue& host, const char* name, PreparedName prepared) {
+    std::size_t colon = host.colon;
+    if (prepared.colon != colon || !equalLetters(host.text.data, name, colon)) return false;
     bool own = prepared.colon < prepared.length;
-    Bytes port = own ? Bytes{name + colon, prepared.length - colon} : standard;
-    std::size_t length = host.length - colon;
-    return length <= port.length && equalLetters(host.data + colon, port.data, length);
+    Bytes port = own ? Bytes{name + colon, prepared.length - colon} : host.standardPort;
+    std::size_t length = host.text.length - colon;
+    return length <= port.length && equalLetters(host.text.data + colon, port.data, length);
 }
 
-bool match(Bytes host, std::size_t colon, const char* name, PreparedName prepared, Bytes standard) {
-    if (prepared.length == host.length && equalLetters(host.data, name, host.length)) return true;
-    return colon == host.length ? matchWithoutPort(host, name, prepared, standard)
-                                : matchWithPort(host, colon, name, prepared, standard);
+bool match(const HostValue& host, const char* name, PreparedName prepared) {
+    if (prepared.hash != host.hash || prepared.length == 0) return false;
+    Bytes text = host.text;
+    if (prepared.length == text.length && equalLetters(text.data, name, text.length)) return true;
+    return host.colon == text.length ? matchWithoutPort(host, name, prepared)
+                                     : matchWithPort(host, name, prepared);
 }
 
 }  // namespace
 
 bool doesHostSiteMatch(Bytes host, const char* name, PreparedName prepared, ConnectionKind kind) {
-    return match(host, colonIn(host), name, prepared, defaultPort(kind));
+    return match(takeApart(host, kind), name, prepared);
 }
 
-int getMatchWebSite(const Configuration& config, Bytes host, ConnectionKind kind) {
-    if (host.data == nullptr || host.length == 0) return -1;
-    std::size_t colon = colonIn(host);
-    Bytes standard = defaultPort(kind);
+int getMatchWebSite(const Configuration& config, Bytes text, ConnectionKind kind) {
+    if (text.data == nullptr || text.length == 0) return -1;
+    HostValue host = takeApart(text, kind);
     const ConfigInfo& info = config.info;
     for (int s = 0; s < info.numSites; ++s) {
-        if (match(host, colon, info.siteName[s], config.siteNames[s], standard)) return s;
+        if (match(host, info.siteName[s], config.siteNames[s])) return s;
         for (int h = 0; h < info.numHosts[s]; ++h) {
-            if (match(host, colon, info.hostName[s][h], config.hostNames[s][h], standard)) return s;
+            if (match(host, info.hostName[s][h], config.hostNames[s][h])) return s;
         }
     }
     return -1;

@@ -24,6 +24,13 @@ inline char lowerCase(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
 }
 
+// Position of the first `c` in the text, `length` when there is none.
+inline std::size_t positionOf(char c, const char* text, std::size_t length) {
+    const void* found = std::memchr(text, c, length);
+    return found != nullptr ? static_cast<std::size_t>(static_cast<const char*>(found) - text)
+                            : length;
+}
+
 // Builds a NUL-terminated text of at most N - 1 characters; what does not fit
 // is cut.
 template <std::size_t N>
@@ -55,7 +62,6 @@ class Text {
     void clear() { buffer_[length_ = 0] = '\0'; }
     const char* text() const { return buffer_; }
     std::size_t length() const { return length_; }
-    bool full() const { return length_ == N - 1; }
 
   private:
     char buffer_[N] = "";

@@ -52,9 +52,7 @@ void matchCategory(const Configuration& config, Bytes url, RequestInfo& request)
     request.numMatched = 0;
     if (url.data == nullptr || url.length == 0) return;
     // The URL counts as a string: a NUL in it is its end.
-    const void* nul = std::memchr(url.data, '\0', url.length);
-    if (nul != nullptr)
-        url.length = static_cast<std::size_t>(static_cast<const char*>(nul) - url.data);
+    url.length = positionOf('\0', url.data, url.length);
 
     PairSet pairs = {};
     pairs.add(url.data, url.length);
