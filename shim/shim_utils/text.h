@@ -64,7 +64,7 @@ class Text {
     std::size_t length() const { return length_; }
 
   private:
-    char buffer_[N] = "";
+    char buffer_[N] = {};
     std::size_t length_ = 0;
 };
 
