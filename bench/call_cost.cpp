@@ -76,6 +76,12 @@ struct Scenario {
     void (*call)();
 };
 
+// A read and a write that reach the system, for comparison.
+int pair[2];
+void systemPair() {
+    if (write(pair[0], byte, 1) != 1 || read(pair[1], byte, 1) != 1) fail("socket pair");
+}
+
 int listening;
 void acceptOne() {
     accept(listening, nullptr, nullptr);
@@ -94,7 +100,12 @@ const Scenario kScenarios[] = {
          writeText(kResponse, sizeof kResponse - 1);
      },
      [] { writeText(byte, 1); }},
-    {"bare-pair", acceptOne,
+    {"system-pair",
+     [] {
+         if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) fail("socketpair");
+     },
+     systemPair},
+    {"byte-pair", acceptOne,
      [] {
          readText(byte, 1);
          writeText(byte, 1);
@@ -122,8 +133,8 @@ const Scenario kScenarios[] = {
 int main(int argc, char** argv) {
     if (argc != 4) fail("usage: call_cost SCENARIO none|small|fullest COUNT");
     listening = listenOnServerPort();
-    ConfigInfo* config = attachSegment();
     if (std::strcmp(argv[2], "none") != 0) {
+        ConfigInfo* config = attachSegment();
         std::strcmp(argv[2], "small") == 0 ? smallConfiguration(*config)
                                            : fullestConfiguration(*config);
         config->version = 1;
