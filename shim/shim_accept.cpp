@@ -2,11 +2,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "monitor_thread.h"
 #include "real_calls.h"
 #include "shim_utils/accounting.h"
+#include "shim_utils/errno_guard.h"
+#include "shim_utils/monitor_thread.h"
 #include "shim_utils/process_identity.h"
-#include "shutdown.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/shim_tables.h"
 
@@ -27,7 +27,6 @@ SocketKind classify(int listeningFd) {
 void atFirstConnection() {
     if (servesConnections.exchange(true)) return;
     bucketNumber = getpid() % numStructures;
-    cleanUpAtExit();
     if (webServerType == kApacheThreads) startMonitor();
 }
 

@@ -8,7 +8,7 @@
 
 #include "real_calls.h"
 #include "shim_utils/accounting.h"
-#include "shim_utils/transfer.h"
+#include "shim_utils/errno_guard.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/shim_tables.h"
 
@@ -23,7 +23,7 @@ constinit RealCall<void(int)> real_closefrom{"closefrom"};
 namespace {
 
 void closing(int fd) {
-    if (trackedDescriptor(fd) == nullptr) return;
+    if (tolvaneShimEnabled.load(std::memory_order_acquire) != 1) return;
     ErrnoGuard guard;
     countClosed(fd);
 }
@@ -32,6 +32,12 @@ void closingRange(unsigned firstFd, unsigned lastFd) {
     if (tolvaneShimEnabled.load(std::memory_order_relaxed) != 1) return;
     auto limit = static_cast<unsigned>(trackedLimit.load(std::memory_order_relaxed));
     for (unsigned fd = firstFd; fd <= lastFd && fd < limit; ++fd) closing(static_cast<int>(fd));
+}
+
+// Whether close_range with these flags closes descriptors, and not just those of
+// a thread that parts with its siblings' table.
+bool closesForAll(int flags) {
+    return flags == 0 || (flags == CLOSE_RANGE_UNSHARE && webServerType == kApacheProcesses);
 }
 
 // A descriptor replaced by a duplicate stays in use, so here it can wait until
@@ -63,10 +69,7 @@ TOLVANE_EXPORT int dup3(int oldFd, int newFd, int flags) noexcept {
 TOLVANE_EXPORT int close_range(unsigned firstFd, unsigned lastFd, int flags) noexcept {
     auto call = tolvane::real_close_range.find();
     if (call == nullptr) return -1;
-    // With any other flag nothing is closed.
-    if ((flags & ~static_cast<int>(CLOSE_RANGE_UNSHARE)) == 0) {
-        tolvane::closingRange(firstFd, lastFd);
-    }
+    if (tolvane::closesForAll(flags)) tolvane::closingRange(firstFd, lastFd);
     return call(firstFd, lastFd, flags);
 }
 

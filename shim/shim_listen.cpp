@@ -7,11 +7,13 @@
 #include <cstring>
 
 #include "real_calls.h"
+#include "shim_utils/errno_guard.h"
+#include "shim_utils/log.h"
 #include "shim_utils/process_identity.h"
 #include "shim_utils/server_discovery.h"
+#include "shim_utils/shutdown.h"
 #include "shim_utils/start_up.h"
 #include "shim_utils/text.h"
-#include "shutdown.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/shim_tables.h"
 
@@ -84,12 +86,13 @@ void record(ListenTable& table, int fd, const LocalAddress& socket) {
 
 void startOnce() {
     if (tolvaneInitialized) return;
-    parentPid = listenPid = getpid();
+    listenPid = getpid();
+    parentPid.store(listenPid, std::memory_order_relaxed);
     cleanUpAtExit();
     findRealCalls();
     initializeTolvaneShim();
     tolvaneInitialized = true;
-    if (webServerType != kNetscape) parentPid = kUnknownPid;
+    if (webServerType != kNetscape) parentPid.store(kUnknownPid, std::memory_order_relaxed);
 }
 
 void examine(int fd) {

@@ -5,18 +5,19 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
 
-#include "monitor_thread.h"
 #include "shim_utils/configuration.h"
 #include "shim_utils/log.h"
+#include "shim_utils/monitor_thread.h"
 #include "shim_utils/own_files.h"
 #include "shim_utils/publication.h"
 #include "shim_utils/run_files.h"
 #include "shim_utils/semaphores.h"
-#include "shutdown.h"
+#include "shim_utils/shutdown.h"
 #include "tolvane/connection_slots.h"
 #include "tolvane/shim_tables.h"
 
@@ -36,6 +37,20 @@ int publicationInterval() {
     return interval > 0 ? interval : kDefaultInterval;
 }
 
+// The copy that is about to be overwritten was retired at least one sleep ago;
+// only a thread at work since then can still be reading it.
+void takeNewerConfiguration() {
+    static bool waiting = false;
+    if (!newerConfigurationThere()) return;
+    if (waitForSlotsAtWork()) {
+        waiting = false;
+        checkLatestConfigInfo();
+    } else if (!waiting) {
+        waiting = true;
+        printErrorMsg("A new configuration waits for a request that has not been matched for long");
+    }
+}
+
 void* monitor(void*) {
     takeConfiguration();
     if (webServerType == kApacheProcesses) {
@@ -49,16 +64,14 @@ void* monitor(void*) {
     for (;;) {
         publishSlots();
         sleepFor(publicationInterval());
-        // The copy that is about to be overwritten was retired at least one
-        // sleep ago; only a thread at work since then can still be reading it.
-        if (newerConfigurationThere() && waitForSlotsAtWork()) checkLatestConfigInfo();
+        takeNewerConfiguration();
     }
 }
 
 void removeSemaphores(bool announce) {
     for (int i = 0; i < numStructures; ++i) {
         if (announce) printErrorMsg("REMOVING SEMAPHORE");
-        removeSemaphore(shmPtr[i].semaphoreId);
+        removeSemaphore(semaphoreOf(i));
     }
 }
 
@@ -109,11 +122,13 @@ void wa_unlock() {
 
 void cleanup() {
     if (tolvaneShimEnabled.load(std::memory_order_relaxed) == 0) return;
+    logWithoutTimeConversion();
     if (webServerType != kNetscape) {
-        parentPid = std::atomic_ref<std::int32_t>(shmConfig->parentPid).load();
-        if (parentPid < 0) return;
+        int shared = std::atomic_ref<std::int32_t>(shmConfig->parentPid).load();
+        parentPid.store(shared, std::memory_order_relaxed);
+        if (shared < 0) return;
     }
-    if (parentPid == getpid()) {
+    if (parentPid.load(std::memory_order_relaxed) == getpid()) {
         cleanUpParent();
     } else if (webServerType == kApacheProcesses) {
         publishAtExit();

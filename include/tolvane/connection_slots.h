@@ -98,7 +98,7 @@ inline int slotOf(int serverType, int fd, DescriptorState& descriptor) {
     return slot >= 0 ? slot : takeSlot(fd, descriptor);
 }
 
-// Gives the slot of `fd` back; `fd` holds one. Returns 0.
+// Gives the slot of `fd` back, if it holds one. Returns 0.
 int RELEASEINDEX(int fd);
 
 // In a forked child: clears what the parent counted and frees the lock.
@@ -114,18 +114,20 @@ bool waitForSlotsAtWork();
 // acquire, so a reader that sees one of them new also sees the odd sequence.
 class SlotWork {
   public:
-    explicit SlotWork(SlotState& state)
-        : sequence_(state.sequence),
-          odd_((state.sequence.load(std::memory_order_relaxed) + 1) | 1) {
-        sequence_.store(odd_, std::memory_order_relaxed);
+    explicit SlotWork(SlotState& state) : sequence_(state.sequence) {
+        sequence_.store((sequence_.load(std::memory_order_relaxed) + 1) | 1,
+                        std::memory_order_relaxed);
     }
-    ~SlotWork() { sequence_.store(odd_ + 1, std::memory_order_release); }
+    ~SlotWork() {
+        // Not odd_ + 1: work that interrupted this one has gone past that.
+        sequence_.store((sequence_.load(std::memory_order_relaxed) | 1) + 1,
+                        std::memory_order_release);
+    }
     SlotWork(const SlotWork&) = delete;
     SlotWork& operator=(const SlotWork&) = delete;
 
   private:
     std::atomic<std::uint32_t>& sequence_;
-    std::uint32_t odd_;
 };
 
 }  // namespace tolvane

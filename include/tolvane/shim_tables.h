@@ -28,8 +28,9 @@ extern int requestInterval;  // measured send calls between two publications, ty
 extern int maxNumProcess;    // the server's process limit, 1 when it names none
 
 inline constexpr int kRootSize = PATH_MAX;
-extern char rootDir[kRootSize];       // server root, always ending in "/"
-extern char pidFile[kRootSize + 32];  // the server's own pid file
+inline constexpr int kPathSize = kRootSize + 32;  // root and the name of a file under it
+extern char rootDir[kRootSize];                   // server root, always ending in "/"
+extern char pidFile[kPathSize];                   // the server's own pid file
 
 inline constexpr int kMaxAddresses = 10;
 inline constexpr int kAddressNameSize = 50;
@@ -91,15 +92,16 @@ static_assert(sizeof(DescriptorState) == 12);
 // 32-bit address space without crowding it.
 inline constexpr int kLargestTable = 1 << 22;
 
-extern int maxSockets;                // entries of `descriptors`: the hard limit of descriptors
+extern int maxSockets;                // the hard limit of descriptors; most slots there can be
+extern int tableSize;                 // entries of `descriptors`
 extern DescriptorState* descriptors;  // indexed by descriptor
 // One above the highest descriptor that ever got a slot: bounds a range close.
 extern std::atomic<int> trackedLimit;
 
 // The state of `fd`, or null when it is outside the table.
 inline DescriptorState* descriptorState(int fd) {
-    return static_cast<unsigned>(fd) < static_cast<unsigned>(maxSockets) ? descriptors + fd
-                                                                         : nullptr;
+    return static_cast<unsigned>(fd) < static_cast<unsigned>(tableSize) ? descriptors + fd
+                                                                        : nullptr;
 }
 
 // ------------------------------------------------- measurement in this process
@@ -111,8 +113,8 @@ extern int shmid;
 extern ConfigInfo* shmConfig;  // the attached segment
 extern ResultStruct* shmPtr;   // its record 0
 
-extern int listenPid;  // process that ran the start-up
-extern int parentPid;  // the server's parent, kUnknownPid until learned
+extern int listenPid;               // process that ran the start-up
+extern std::atomic<int> parentPid;  // the server's parent, kUnknownPid until learned
 
 // Raised in every forked child: tells inherited connections from own ones.
 extern std::uint8_t processGeneration;

@@ -53,6 +53,10 @@ void countStatus(CounterBlock& block, int statusClass) {
     if (statusClass == 4 || statusClass == 5) addTo(block.errors, 1U);
 }
 
+std::int32_t wrappingDifference(std::int32_t a, std::int32_t b) {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(a) - static_cast<std::uint32_t>(b));
+}
+
 // A request whose connection ends without a response.
 void countDropped(Slot slot) {
     addTo(slot.result.total.droppedRequests, 1U);
@@ -90,8 +94,8 @@ void startResponse(Connection connection, Bytes text) {
 
 double diffTime(std::int32_t startSec, std::int32_t startUsec, std::int32_t endSec,
                 std::int32_t endUsec) {
-    double seconds = static_cast<double>(endSec - startSec) +
-                     static_cast<double>(endUsec - startUsec) / 1000000.0;
+    double seconds = static_cast<double>(wrappingDifference(endSec, startSec)) +
+                     static_cast<double>(wrappingDifference(endUsec, startUsec)) / 1000000.0;
     if (seconds < 0.0) {
         printErrorMsg("Response Time < 0");
         return 0.0;
@@ -211,9 +215,8 @@ void countAccepted(int fd, SocketKind kind) {
 void countClosed(int fd) {
     DescriptorState* descriptor = descriptorState(fd);
     if (descriptor == nullptr) return;
-    descriptor->seenHttpConnection.store(0, kRelaxed);
     if (descriptor->typeOfSocket.load(kRelaxed) == kUntracked) return;
-
+    descriptor->seenHttpConnection.store(0, kRelaxed);
     // A connection that this process inherited and never served is closed by
     // whoever serves it; here only its descriptor goes.
     bool ours = descriptor->owner.load(kRelaxed) == processGeneration;

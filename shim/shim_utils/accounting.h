@@ -49,8 +49,11 @@ double responseTime(const RequestInfo& request);
 double diffTime(std::int32_t startSec, std::int32_t startUsec, std::int32_t endSec,
                 std::int32_t endUsec);
 
-// A connection of `kind` was accepted as `fd`, or a tracked one ends.
+// A connection of `kind` was accepted as `fd`.
 void countAccepted(int fd, SocketKind kind);
+
+// Descriptor `fd` is about to be closed. Nothing happens unless it is a tracked
+// connection.
 void countClosed(int fd);
 
 }  // namespace tolvane

@@ -9,7 +9,9 @@
 
 #include "config_lines.h"
 #include "log.h"
+#include "port_table.h"
 #include "server_discovery.h"
+#include "server_path.h"
 #include "ssl_hosts.h"
 #include "text.h"
 #include "tolvane/shim_tables.h"
@@ -60,8 +62,7 @@ void readEnvironment(ApacheReader& reader) {
 
 // Every line of the info file names the module; the last one decides.
 void readModuleName(ApacheReader& reader) {
-    Text<kRootSize + 32> path;
-    path.add(rootDir).add("logs/.tolvane_info");
+    ServerPath path = serverPath("logs/.tolvane_info");
     std::FILE* file = std::fopen(path.text(), "re");
     if (file == nullptr) {
         Text<1024> message;
@@ -187,9 +188,7 @@ void getApacheConfigInfo() {
     readModuleName(reader);
     setGeneration(reader);
 
-    Text<kRootSize + 32> path;
-    path.add(rootDir).add("conf/httpd.conf");
-    std::FILE* file = std::fopen(path.text(), "re");
+    std::FILE* file = std::fopen(serverPath("conf/httpd.conf").text(), "re");
     if (file == nullptr) {
         printErrorMsg("Could not open Apache config file!");
         return;

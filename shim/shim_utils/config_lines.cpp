@@ -1,11 +1,7 @@
 #include "config_lines.h"
 
-#include <arpa/inet.h>
-
-#include <climits>
 #include <cstring>
 
-#include "log.h"
 #include "text.h"
 
 namespace tolvane {
@@ -37,13 +33,7 @@ bool keywordIs(const Directive& directive, const char* name) {
 }
 
 int numberValue(const char* text) {
-    int value = 0;
-    for (; isDigit(*text); ++text) {
-        int digit = *text - '0';
-        if (value > (INT_MAX - digit) / 10) return INT_MAX;
-        value = value * 10 + digit;
-    }
-    return value;
+    return numberAt(text, text + std::strlen(text));
 }
 
 bool equalIgnoringCase(const char* a, const char* b) {
@@ -56,30 +46,6 @@ void copyText(char* to, int size, const char* text, int length) {
     int kept = length < size ? length : size - 1;
     std::memcpy(to, text, static_cast<std::size_t>(kept));
     to[kept] = '\0';
-}
-
-std::uint32_t addressValue(const char* text, int length) {
-    char whole[kLineSize];
-    copyText(whole, sizeof whole, text, length);
-    return inet_addr(whole);
-}
-
-void appendAddress(PortTable& table, int port, std::uint32_t address, const char* text, int length,
-                   const char* kind) {
-    int n = table.numHttpPort;
-    char name[kAddressNameSize];
-    copyText(name, sizeof name, text, length);
-    if (n == kMaxAddresses) {
-        Text<256> message;
-        message.add("No room for another ").add(kind).add(" address: ").add(name).add(":");
-        message.add(port).add(" is not measured");
-        printErrorMsg(message.text());
-        return;
-    }
-    table.httpPort[n] = port;
-    table.ipAddress[n] = address;
-    std::memcpy(table.ipAddressName[n], name, sizeof name);
-    table.numHttpPort = n + 1;
 }
 
 }  // namespace tolvane

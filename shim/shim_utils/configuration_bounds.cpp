@@ -1,6 +1,7 @@
 // What the agent wrote is bounded and prepared once, when it is taken, so that
 // matching can trust every count and length.
 #include <cstring>
+#include <initializer_list>
 
 #include "configuration.h"
 

@@ -38,11 +38,12 @@ int takeFreeSlot() {
         SlotBlock& block = blockOf(lowestFree * kSlotStep);
         int size = slotsInBlock(lowestFree);
         if (block.used == size) continue;
-        int i = 0;
-        while (block.fdAlloc[i] != 0) ++i;
-        block.fdAlloc[i] = 1;
+        auto* end = block.fdAlloc + size;
+        auto* free = std::find(block.fdAlloc, end, 0);
+        if (free == end) continue;
+        *free = 1;
         ++block.used;
-        return lowestFree * kSlotStep + i;
+        return lowestFree * kSlotStep + static_cast<int>(free - block.fdAlloc);
     }
     return -1;
 }
@@ -78,7 +79,7 @@ int takeSlot(int fd, DescriptorState& descriptor) {
         increaseSockets();
         slot = takeFreeSlot();
     }
-    if (slot >= 0 && fd >= trackedLimit.load(std::memory_order_relaxed)) {
+    if (fd >= trackedLimit.load(std::memory_order_relaxed)) {
         trackedLimit.store(fd + 1, std::memory_order_relaxed);
     }
     pthread_mutex_unlock(&mt);
@@ -95,28 +96,34 @@ bool createSlots(int serverType) {
 
 int RELEASEINDEX(int fd) {
     ErrnoGuard guard;
-    DescriptorState& descriptor = descriptors[fd];
-    int slot = heldSlot(descriptor);
-    descriptor.slotPlusOne.store(0, std::memory_order_relaxed);
     pthread_mutex_lock(&mt);
-    SlotBlock& block = blockOf(slot);
-    block.fdAlloc[slot % kSlotStep] = 0;
-    --block.used;
-    lowestFree = std::min(lowestFree, slot / kSlotStep);
+    // Two threads that close the same descriptor come here twice.
+    int slot = heldSlot(descriptors[fd]);
+    if (slot >= 0) {
+        descriptors[fd].slotPlusOne.store(0, std::memory_order_relaxed);
+        SlotBlock& block = blockOf(slot);
+        block.fdAlloc[slot % kSlotStep] = 0;
+        --block.used;
+        lowestFree = std::min(lowestFree, slot / kSlotStep);
+    }
     pthread_mutex_unlock(&mt);
     return 0;
 }
 
 void resetSlotsAfterFork() {
     mt = PTHREAD_MUTEX_INITIALIZER;
-    // Only a type 0 child goes on measuring with a slot that has been used.
-    if (currMaxSockets.load(std::memory_order_relaxed) != 1) return;
-    Slot slot = slotAt(0);
-    SlotBlock& block = blockOf(0);
-    if (slot.state.dirtyMarks.load(std::memory_order_relaxed) == 0) return;
-    block.results[0] = ResultStruct{};
-    block.handedOn[0] = ResultStruct{};
-    block.seenMarks[0] = slot.state.dirtyMarks.load(std::memory_order_relaxed);
+    int slots = currMaxSockets.load(std::memory_order_relaxed);
+    for (int i = 0; i < slots; ++i) {
+        // A slot that was never used is only looked at, not written to.
+        Slot slot = slotAt(i);
+        std::uint32_t marks = slot.state.dirtyMarks.load(std::memory_order_relaxed);
+        if (marks == 0) continue;
+        SlotBlock& block = blockOf(i);
+        slot.result = ResultStruct{};
+        slot.state.requestInfo.pendingBytes = 0;
+        block.handedOn[i % kSlotStep] = ResultStruct{};
+        block.seenMarks[i % kSlotStep] = marks;
+    }
 }
 
 bool waitForSlotsAtWork() {

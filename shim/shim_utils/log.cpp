@@ -14,6 +14,7 @@
 #include "own_files.h"
 #include "text.h"
 #include "tolvane/segment_format.h"
+#include "tolvane/shim_tables.h"
 
 // The log is written with bare system calls. The C library's stream would hold
 // a lock that a fork can leave locked, be a cancellation point, and allocate;
@@ -43,12 +44,20 @@ bool stillOurs(int fd) {
            now.st_ino == logIdentity.inode.load(std::memory_order_relaxed);
 }
 
+// Says that there is no log, unless standard error is a client's connection.
+void complain() {
+    const DescriptorState* state = descriptorState(STDERR_FILENO);
+    if (state != nullptr && state->typeOfSocket.load(std::memory_order_relaxed) != kUntracked)
+        return;
+    Text<128> complaint;
+    complaint.add("Log file ").add(kLogFile).add(" could not be opened\n");
+    syscall(SYS_write, STDERR_FILENO, complaint.text(), complaint.length());
+}
+
 int openLog(int old) {
     int fd = openOwn(kLogFile, O_WRONLY | O_CREAT | O_APPEND);
     if (fd < 0) {
-        Text<128> complaint;
-        complaint.add("Log file ").add(kLogFile).add(" could not be opened\n");
-        syscall(SYS_write, STDERR_FILENO, complaint.text(), complaint.length());
+        complain();
         return -1;
     }
     fchmod(fd, 0777);
@@ -69,6 +78,44 @@ int openLog(int old) {
     return fd;
 }
 
+std::atomic<long> utcOffset{0};  // seconds east of UTC at the last conversion
+std::atomic<bool> convertTime{true};
+
+// The calendar date and time of `seconds` since the epoch.
+tm calendarTime(long long seconds) {
+    constexpr long long kDay = 86400;
+    constexpr int kDaysOf400Years = 146097;
+    long long day = seconds / kDay - (seconds % kDay < 0 ? 1 : 0);
+    auto second = static_cast<int>(seconds - day * kDay);
+    // Years here begin in March, so that a leap day comes last.
+    day += 719468;  // from 1 March of the year 0 to the epoch
+    auto era = static_cast<int>(day / kDaysOf400Years);
+    auto dayOfEra = static_cast<int>(day % kDaysOf400Years);
+    int yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
+    int dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    int month = (5 * dayOfYear + 2) / 153;
+
+    tm result = {};
+    result.tm_mday = dayOfYear - (153 * month + 2) / 5 + 1;
+    result.tm_mon = month < 10 ? month + 2 : month - 10;
+    result.tm_year = era * 400 + yearOfEra + (month < 10 ? 0 : 1) - 1900;
+    result.tm_hour = second / 3600;
+    result.tm_min = second / 60 % 60;
+    result.tm_sec = second % 60;
+    return result;
+}
+
+bool localTime(tm& local) {
+    time_t now = time(nullptr);
+    if (!convertTime.load(std::memory_order_relaxed)) {
+        local = calendarTime(now + utcOffset.load(std::memory_order_relaxed));
+        return true;
+    }
+    if (localtime_r(&now, &local) == nullptr) return false;
+    utcOffset.store(local.tm_gmtoff, std::memory_order_relaxed);
+    return true;
+}
+
 void addTime(Text<32>& line, const tm& local) {
     int year = local.tm_year + 1900;
     line.addTwoDigits(local.tm_mday).add("/").addTwoDigits(local.tm_mon + 1).add("/");
@@ -80,11 +127,14 @@ void addTime(Text<32>& line, const tm& local) {
 
 }  // namespace
 
+void logWithoutTimeConversion() {
+    convertTime.store(false, std::memory_order_relaxed);
+}
+
 void printErrorMsg(const char* text) {
     ErrnoGuard guard;
-    time_t now = time(nullptr);
     tm local;
-    if (localtime_r(&now, &local) == nullptr) return;
+    if (!localTime(local)) return;
 
     int fd = logFile.load(std::memory_order_acquire);
     if (!stillOurs(fd)) fd = openLog(fd);

@@ -10,19 +10,19 @@
 #include <climits>
 #include <cstdlib>
 
-#include "../shutdown.h"
 #include "log.h"
 #include "own_files.h"
 #include "publication.h"
 #include "semaphores.h"
+#include "shutdown.h"
 #include "tolvane/connection_slots.h"
 #include "tolvane/shim_tables.h"
 
 namespace tolvane {
 
-char pidFile[kRootSize + 32];
+char pidFile[kPathSize];
 int listenPid = kUnknownPid;
-int parentPid = kUnknownPid;
+std::atomic<int> parentPid{kUnknownPid};
 std::uint8_t processGeneration = 0;
 std::atomic<bool> servesConnections{false};
 
@@ -65,7 +65,7 @@ int getParentPid() {
 
 void unlockSemaphores() {
     for (int i = 0; i < numStructures; ++i) {
-        if (semaphoreExists(shmPtr[i].semaphoreId)) continue;
+        if (semaphoreExists(semaphoreOf(i))) continue;
         printErrorMsg("cannot unlock the semaphores ");
         shmctl(shmid, IPC_RMID, nullptr);
         cleanup();
@@ -74,7 +74,7 @@ void unlockSemaphores() {
 }
 
 void discoverParent() {
-    if (parentPid != kUnknownPid) return;
+    if (parentPid.load(std::memory_order_relaxed) != kUnknownPid) return;
     std::atomic_ref<std::int32_t> shared(shmConfig->parentPid);
     std::int32_t known = shared.load(std::memory_order_acquire);
     if (known == kUnknownPid) {
@@ -83,7 +83,7 @@ void discoverParent() {
         if (first && getpid() != listenPid) unlockSemaphores();
         known = shared.load(std::memory_order_acquire);
     }
-    parentPid = known;
+    parentPid.store(known, std::memory_order_relaxed);
 }
 
 }  // namespace tolvane

@@ -5,10 +5,6 @@
 
 #include <cstddef>
 
-#ifndef MAP_NORESERVE
-#define MAP_NORESERVE 0
-#endif
-
 namespace tolvane {
 
 // `size` bytes of zeroes straight from the system, null when there are none to

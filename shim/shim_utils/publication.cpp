@@ -19,8 +19,8 @@
 namespace tolvane {
 namespace {
 
-int currentRequestCount = 0;  // measured send calls since the last publication
-bool publishedAtExit = false;
+int currentRequestCount = 0;   // measured send calls since the last publication
+bool publishedAtExit = false;  // the gauges have been handed on for good
 
 // What becomes of a gauge, whose value is handed on as it stands.
 enum class Gauge { kSkip, kAdd, kAddUnlessNegative };
@@ -35,6 +35,7 @@ constexpr GaugeRules kWorkerRules = {Gauge::kSkip, Gauge::kSkip, Gauge::kAdd};
 constexpr GaugeRules kMonitorRules = {Gauge::kAddUnlessNegative, Gauge::kAddUnlessNegative,
                                       Gauge::kAddUnlessNegative};
 constexpr GaugeRules kExitRules = {Gauge::kSkip, Gauge::kAddUnlessNegative, Gauge::kSkip};
+constexpr GaugeRules kExitAgainRules = {Gauge::kSkip, Gauge::kSkip, Gauge::kSkip};
 
 constexpr std::uint32_t CounterBlock::*kBlockCounters[] = {
     &CounterBlock::connections,   &CounterBlock::requests,     &CounterBlock::bytesSent,
@@ -50,7 +51,8 @@ constexpr std::uint32_t CategoryCounters::*kCategoryCounters[] = {
 
 void addGauge(std::int32_t& shared, const std::int32_t& local, Gauge rule) {
     std::int32_t value = valueOf(local);
-    if (rule == Gauge::kSkip || (rule == Gauge::kAddUnlessNegative && value < 0)) return;
+    if (value == 0 || rule == Gauge::kSkip) return;
+    if (rule == Gauge::kAddUnlessNegative && value < 0) return;
     addTo(shared, value);
 }
 
@@ -69,7 +71,12 @@ void addCounters(Block& shared, const Block& local, Block& handedOn,
 void addSum(CategoryCounters& shared, CategoryCounters& local, CategoryCounters& handedOn,
             const SlotState& state) {
     double now;
-    if (!readSeconds(state, local, now)) return;
+    if (webServerType == kApacheProcesses) {
+        now = ownSeconds(local);
+    } else if (!readSeconds(state, local, now)) {
+        return;
+    }
+    if (now == handedOn.responseTimeSum) return;
     shared.responseTimeSum += now - handedOn.responseTimeSum;
     handedOn.responseTimeSum = now;
 }
@@ -140,8 +147,9 @@ void mergeIfDirty(const SlotView& slot, ResultStruct& record, const GaugeRules& 
     std::uint32_t marks = slot.state.dirtyMarks.load(std::memory_order_acquire);
     if (marks == slot.seenMarks) return;
     slot.seenMarks = marks;
-    mergeSlot(slot, record, rules);
+    // Marked first: what a process adds before it is killed is not cleared.
     markShared(record);
+    mergeSlot(slot, record, rules);
 }
 
 bool lockAtExit(int semaphore) {
@@ -154,20 +162,17 @@ bool lockAtExit(int semaphore) {
 
 }  // namespace
 
-ResultStruct& sharedRecord() {
-    return shmPtr[bucketNumber];
-}
-
 void writeResult() {
     ErrnoGuard guard;
-    ResultStruct& record = sharedRecord();
-    if (!lockSemaphore(record.semaphoreId)) return;
+    ResultStruct& record = shmPtr[bucketNumber];
+    int semaphore = semaphoreOf(bucketNumber);
+    if (!lockSemaphore(semaphore)) return;
     SlotView slot = viewOf(blockOf(0), 0);
     if (slot.state.dirtyMarks.load(std::memory_order_relaxed) != slot.seenMarks) {
         clearTakenGroups(record);
         mergeIfDirty(slot, record, kWorkerRules);
     }
-    if (!unlockSemaphore(record.semaphoreId)) return;
+    if (!unlockSemaphore(semaphore)) return;
     checkLatestConfigInfo();
 }
 
@@ -178,9 +183,10 @@ void publishEveryInterval() {
 }
 
 void publishSlots() {
-    ResultStruct& record = sharedRecord();
+    ResultStruct& record = shmPtr[bucketNumber];
+    int semaphore = semaphoreOf(bucketNumber);
     bool shared = webServerType == kApacheThreads;
-    if (shared && !lockSemaphore(record.semaphoreId)) return;
+    if (shared && !lockSemaphore(semaphore)) return;
     clearTakenGroups(record);
     int slots = currMaxSockets.load(std::memory_order_acquire);
     for (int first = 0; first < slots; first += kSlotStep) {
@@ -188,21 +194,18 @@ void publishSlots() {
         int size = slots - first < kSlotStep ? slots - first : kSlotStep;
         for (int i = 0; i < size; ++i) mergeIfDirty(viewOf(block, i), record, kMonitorRules);
     }
-    if (shared) unlockSemaphore(record.semaphoreId);
+    if (shared) unlockSemaphore(semaphore);
 }
 
 void publishAtExit() {
-    if (publishedAtExit) return;
-    ResultStruct& record = sharedRecord();
-    if (lockAtExit(record.semaphoreId)) {
-        publishedAtExit = true;
-        markShared(record);
-        mergeSlot(viewOf(blockOf(0), 0), record, kExitRules);
-        unlockSemaphore(record.semaphoreId);
-    }
-    // Last, since a server that exits from a signal handler may have
-    // interrupted the C library where the log's date waits for it.
     printErrorMsg("NOT PARENT!");
+    ResultStruct& record = shmPtr[bucketNumber];
+    int semaphore = semaphoreOf(bucketNumber);
+    if (!lockAtExit(semaphore)) return;
+    markShared(record);
+    mergeSlot(viewOf(blockOf(0), 0), record, publishedAtExit ? kExitAgainRules : kExitRules);
+    publishedAtExit = true;
+    unlockSemaphore(semaphore);
 }
 
 void resetIntervalAfterFork() {

@@ -1,8 +1,6 @@
 // Handing a process's counts on to its shared record.
 #pragma once
 
-#include "tolvane/segment_format.h"
-
 namespace tolvane {
 
 // Counts one measured send call of a type 0 process, and publishes when there
@@ -18,13 +16,10 @@ void writeResult();
 void publishSlots();
 
 // Publication of what a type 0 worker has counted since the last one, at its
-// exit. Does so once; later calls change nothing.
+// exit. Called again, it hands on what has been counted meanwhile.
 void publishAtExit();
 
 // In a forked child: nothing has been counted towards the interval yet.
 void resetIntervalAfterFork();
-
-// The record that this process adds into.
-ResultStruct& sharedRecord();
 
 }  // namespace tolvane

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -37,13 +38,20 @@ inline std::uint32_t* sumWords(CategoryCounters& counters) {
                                             offsetof(CategoryCounters, responseTimeSum));
 }
 
-// Adds `seconds` to the sum. Called by the serving thread within a SlotWork.
-inline void addSeconds(CategoryCounters& counters, double seconds) {
+// The sum as the serving thread itself reads it.
+inline double ownSeconds(CategoryCounters& counters) {
     std::uint32_t* words = sumWords(counters);
     SumWords value = {{valueOf(words[0]), valueOf(words[1])}};
     double sum;
     std::memcpy(&sum, &value, sizeof sum);
-    sum += seconds;
+    return sum;
+}
+
+// Adds `seconds` to the sum. Called by the serving thread within a SlotWork.
+inline void addSeconds(CategoryCounters& counters, double seconds) {
+    std::uint32_t* words = sumWords(counters);
+    double sum = ownSeconds(counters) + seconds;
+    SumWords value;
     std::memcpy(&value, &sum, sizeof sum);
     for (int i = 0; i < 2; ++i) {
         std::atomic_ref<std::uint32_t>(words[i]).store(value.word[i], std::memory_order_release);

@@ -1,6 +1,5 @@
 #include "request_parser.h"
 
-#include <climits>
 #include <cstring>
 
 namespace tolvane {
@@ -34,12 +33,13 @@ bool startsWith(const char* p, const char* end, const char* name, std::size_t le
 }
 
 // Calls `visit` with the start of each header line behind the line feed `p`
-// until it returns true or the block ends.
+// until the block ends. `visit` returns where to go on looking for the end of
+// its line; null: it has seen enough.
 template <typename Visit>
 void forEachHeader(const char* p, const char* end, Visit visit) {
     while (p != end) {
         p = skipSpace(p, end);
-        if (p == end || visit(p)) return;
+        if (p == end || (p = visit(p)) == nullptr) return;
         p = lineEnd(p, end);
         if (p == end || blockEnds(p, end)) return;
         ++p;
@@ -70,17 +70,6 @@ bool endsHostValue(char c) {
     return isSpace(c) || static_cast<unsigned char>(c) < ' ' || c == '\x7f';
 }
 
-// The number formed by the digits at `p`, INT_MAX when too large; 0 without any.
-int number(const char* p, const char* end) {
-    int value = 0;
-    for (; p != end && isDigit(*p); ++p) {
-        int digit = *p - '0';
-        if (value > (INT_MAX - digit) / 10) return INT_MAX;
-        value = value * 10 + digit;
-    }
-    return value;
-}
-
 constexpr char kHost[] = "Host:";
 constexpr char kOverride[] = "Tv-Status:";
 
@@ -100,12 +89,12 @@ RequestFields parseHttpHeader(Bytes received) {
     fields.url = {p, static_cast<std::size_t>(urlEnd - p)};
 
     forEachHeader(lineEnd(urlEnd, end), end, [&](const char* line) {
-        if (!startsWith(line, end, kHost, sizeof kHost - 1)) return false;
+        if (!startsWith(line, end, kHost, sizeof kHost - 1)) return line;
         const char* value = skipSpace(line + sizeof kHost - 1, end);
         const char* valueEnd = value;
         while (valueEnd != end && !endsHostValue(*valueEnd)) ++valueEnd;
         if (value != end) fields.host = {value, static_cast<std::size_t>(valueEnd - value)};
-        return true;
+        return static_cast<const char*>(nullptr);
     });
     return fields;
 }
@@ -124,13 +113,13 @@ ResponseStatus parseHttpWriteHeader(Bytes written) {
 
     const char* p = skipSpace(written.data, end);
     p = skipSpace(skipWord(p, end), end);
-    result.status = number(p, end);
+    result.status = numberAt(p, end);
 
     forEachHeader(lineEnd(p, end), end, [&](const char* line) {
-        if (startsWith(line, end, kOverride, sizeof kOverride - 1)) {
-            result.overrideCode = number(skipSpace(line + sizeof kOverride - 1, end), end);
-        }
-        return false;
+        if (!startsWith(line, end, kOverride, sizeof kOverride - 1)) return line;
+        const char* value = skipSpace(line + sizeof kOverride - 1, end);
+        result.overrideCode = numberAt(value, end);
+        return value;
     });
     return result;
 }

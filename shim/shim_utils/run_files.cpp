@@ -11,29 +11,27 @@
 #include "config_lines.h"
 #include "log.h"
 #include "semaphores.h"
+#include "server_path.h"
 #include "text.h"
 #include "tolvane/shim_tables.h"
 
 namespace tolvane {
 namespace {
 
-using Path = Text<kRootSize + 32>;
-
-Path handoffPath() {
-    Path path;
+// Small: the handoff file may have to be deleted inside an accept.
+Text<64> handoffPath() {
+    Text<64> path;
     path.add(kHandoffDirectory).add(kHandoffPrefix).add(getpid());
     return path;
 }
 
-Path recordPath() {
-    Path path;
-    path.add(rootDir).add("logs/.tolvane");
-    return path;
+ServerPath recordPath() {
+    return serverPath("logs/.tolvane");
 }
 
-void logAbout(const char* before, const Path& path, const char* after) {
+void logAbout(const char* before, const char* path, const char* after) {
     Text<1024> message;
-    message.add(before).add(path.text()).add(after);
+    message.add(before).add(path).add(after);
     printErrorMsg(message.text());
 }
 
@@ -109,10 +107,10 @@ void writeAddresses(std::FILE* file, const PortTable& table, const char* separat
 }  // namespace
 
 void removeEarlierRun() {
-    Path path = recordPath();
+    ServerPath path = recordPath();
     std::FILE* file = std::fopen(path.text(), "re");
     if (file == nullptr) {
-        logAbout("", path, " file not Exist for shared mem check");
+        logAbout("", path.text(), " file not Exist for shared mem check");
         return;
     }
     EarlierRun run = readRecord(file);
@@ -122,10 +120,10 @@ void removeEarlierRun() {
 }
 
 void writePreviousRunRecord() {
-    Path path = recordPath();
+    ServerPath path = recordPath();
     std::FILE* file = std::fopen(path.text(), "we");
     if (file == nullptr) {
-        logAbout("", path, " File cannot be created for writing");
+        logAbout("", path.text(), " File cannot be created for writing");
         return;
     }
     std::fprintf(file, "Shmid=%d\nFile=%s\nStructures=%d\n", shmid, handoffPath().text(),
@@ -134,10 +132,10 @@ void writePreviousRunRecord() {
 }
 
 void writeHandoffFile() {
-    Path path = handoffPath();
+    Text<64> path = handoffPath();
     std::FILE* file = std::fopen(path.text(), "we");
     if (file == nullptr) {
-        logAbout("cannot open ", path, " File ");
+        logAbout("cannot open ", path.text(), " File ");
         return;
     }
     std::fputs("Listen=", file);

@@ -12,9 +12,14 @@ namespace tolvane {
 extern sembuf psembuf;  // takes the unit
 extern sembuf vsembuf;  // gives it back
 
-// Creates a set of one semaphore with one free unit. Returns its identifier,
-// or -1 after logging what failed.
-int createSemaphore();
+// Creates the semaphores of `count` records, each with one free unit. False
+// after logging what failed; those made by then stay.
+bool createSemaphores(int count);
+
+// The semaphore of record `i`; kNoSemaphore before createSemaphores. Kept in the
+// process: what stands in the segment is for the agent, and anybody can write
+// there.
+int semaphoreOf(int i);
 
 // Take and give the unit; false when that fails.
 bool lockSemaphore(int id);

@@ -8,6 +8,8 @@
 
 #include "config_lines.h"
 #include "log.h"
+#include "port_table.h"
+#include "server_path.h"
 #include "text.h"
 #include "tolvane/shim_tables.h"
 
@@ -57,8 +59,7 @@ void readNetscapeFile(std::FILE* file) {
 }
 
 void getNetscapeConfigInfo() {
-    Text<kRootSize + 32> path;
-    path.add(rootDir).add("config/magnus.conf");
+    ServerPath path = serverPath("config/magnus.conf");
     std::FILE* file = std::fopen(path.text(), "re");
     if (file == nullptr) {
         Text<1024> message;

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "config_lines.h"
+#include "port_table.h"
 #include "tolvane/shim_tables.h"
 
 namespace tolvane {

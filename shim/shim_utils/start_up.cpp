@@ -4,15 +4,18 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
-#include "../monitor_thread.h"
 #include "log.h"
+#include "monitor_thread.h"
 #include "process_identity.h"
 #include "process_memory.h"
 #include "run_files.h"
 #include "semaphores.h"
+#include "server_path.h"
 #include "text.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/shim_tables.h"
@@ -21,6 +24,7 @@ namespace tolvane {
 
 std::atomic<int> tolvaneShimEnabled{0};
 int maxSockets = 0;
+int tableSize = 0;
 DescriptorState* descriptors = nullptr;
 int numStructures = 1;
 int bucketNumber = 0;
@@ -32,26 +36,27 @@ namespace {
 
 int initialisations = 0;
 
+// The limit may be far beyond what any process opens. It stays the limit of
+// slots; the table ends where a 32-bit address space would suffer.
 bool readDescriptorLimit() {
     rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
         printErrorMsg("Error in getrlimit() function\n");
         return false;
     }
-    if (limit.rlim_max <= static_cast<rlim_t>(kLargestTable)) {
-        maxSockets = static_cast<int>(limit.rlim_max);
-        return true;
+    bool fits = limit.rlim_max <= static_cast<rlim_t>(INT_MAX);
+    maxSockets = fits ? static_cast<int>(limit.rlim_max) : kLargestTable;
+    tableSize = maxSockets < kLargestTable ? maxSockets : kLargestTable;
+    if (!fits) {
+        Text<160> message;
+        message.add("The descriptor limit is no usable number and taken as ").add(kLargestTable);
+        printErrorMsg(message.text());
     }
-    maxSockets = kLargestTable;
-    Text<160> message;
-    message.add("The descriptor limit is above ").add(kLargestTable);
-    message.add(": descriptors from that number on are not measured");
-    printErrorMsg(message.text());
     return true;
 }
 
 bool createDescriptorTable() {
-    auto entries = static_cast<std::size_t>(maxSockets);
+    auto entries = static_cast<std::size_t>(tableSize);
     descriptors = static_cast<DescriptorState*>(allocateZeroed(entries * sizeof(DescriptorState)));
     if (descriptors != nullptr) return true;
     printErrorMsg("No memory for the descriptor table: nothing is measured");
@@ -79,8 +84,9 @@ bool createRecords() {
 }
 
 bool createSegment() {
-    shmid =
-        shmget(IPC_PRIVATE, segmentSize(static_cast<std::size_t>(numStructures)), IPC_CREAT | 0777);
+    auto records = static_cast<std::size_t>(numStructures);
+    bool addressable = records <= (SIZE_MAX - kConfigSize) / kRecordSize;
+    shmid = addressable ? shmget(IPC_PRIVATE, segmentSize(records), IPC_CREAT | 0777) : -1;
     if (shmid < 0) {
         printErrorMsg("shared memory cannot be created");
         return false;
@@ -97,20 +103,12 @@ bool createSegment() {
     return true;
 }
 
-bool createSemaphores() {
-    if (webServerType == kNetscape) {
-        shmPtr[0].semaphoreId = kNoSemaphore;
-        return true;
-    }
-    for (int i = 0; i < numStructures; ++i) {
-        int id = createSemaphore();
-        if (id < 0) {
-            shmctl(shmid, IPC_RMID, nullptr);
-            return false;
-        }
-        shmPtr[i].semaphoreId = id;
-    }
-    return true;
+// A Netscape server's one record has no semaphore.
+bool guardRecords() {
+    bool guarded = webServerType == kNetscape || createSemaphores(numStructures);
+    for (int i = 0; i < numStructures; ++i) shmPtr[i].semaphoreId = semaphoreOf(i);
+    if (!guarded) shmctl(shmid, IPC_RMID, nullptr);
+    return guarded;
 }
 
 }  // namespace
@@ -130,15 +128,14 @@ void initializeTolvaneShim() {
         printErrorMsg("No memory to watch for forked children: nothing is measured");
         return;
     }
-    if (!createSegment() || !createSemaphores()) return;
+    if (!createSegment() || !guardRecords()) return;
     shmConfig->version = kVersionCreated;
     shmConfig->interval = kDefaultInterval;
 
     if (webServerType == kNetscape) startMonitor();
     tolvaneShimEnabled.store(1, std::memory_order_release);
 
-    Text<sizeof pidFile> path;
-    path.add(rootDir).add("logs/httpd.pid");
+    ServerPath path = serverPath("logs/httpd.pid");
     std::memcpy(pidFile, path.text(), path.length() + 1);
     removeEarlierRun();
     writePreviousRunRecord();

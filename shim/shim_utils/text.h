@@ -3,6 +3,7 @@
 // character classes.
 #pragma once
 
+#include <climits>
 #include <cstddef>
 #include <cstring>
 
@@ -22,6 +23,17 @@ inline bool isDigit(char c) {
 }
 inline char lowerCase(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
+}
+
+// The number formed by the digits at `p`, INT_MAX when too large; 0 without any.
+inline int numberAt(const char* p, const char* end) {
+    int value = 0;
+    for (; p != end && isDigit(*p); ++p) {
+        int digit = *p - '0';
+        if (value > (INT_MAX - digit) / 10) return INT_MAX;
+        value = value * 10 + digit;
+    }
+    return value;
 }
 
 // Position of the first `c` in the text, `length` when there is none.

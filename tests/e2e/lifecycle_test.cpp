@@ -1,0 +1,276 @@
+// What the server leaves on the machine, from its first listen to its end.
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include "e2e/script.h"
+
+namespace tolvane::test {
+namespace {
+
+namespace fs = std::filesystem;
+const std::string kOk = response("200 OK");
+const std::string kRecord = std::string(kServerRoot) + "/logs/.tolvane";
+const ServerOptions kThreeRecords{.environment = {"REQUEST_INTERVAL=1", "NUM_SEMAPHORES=3"},
+                                  .configuration = "MaxClients 150\n"};
+
+class Lifecycle : public ScriptTest {
+  protected:
+    static void serve(Script& worker, int listener) {
+        Connection connection(worker, listener);
+        connection.receive("read", get("a.test", "/"));
+        connection.transmit("write", kOk);
+        worker(connection.call("close", ""));
+    }
+};
+
+int mode(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 ? static_cast<int>(status.st_mode & 07777) : -1;
+}
+
+TEST_F(Lifecycle, StartLeavesTheFilesAndAnEmptySegment) {
+    Measured server({.environment = {"REQUEST_INTERVAL=1", "SSL_FACTOR=", "NUM_SEMAPHORES=3"},
+                     .configuration = "Listen 81\nMaxClients 11\n<VirtualHost _default_>\n"
+                                      "SSLEngine ON\n</VirtualHost>\n"});
+    Segment& segment = server.segment;
+    const std::string id = std::to_string(segment.id());
+    const std::string handoff =
+        kHandoffDirectory + std::string(kHandoffPrefix) + std::to_string(server.parent->pid());
+    EXPECT_EQ(segment.handoffFile(), handoff);
+    EXPECT_EQ(readFile(handoff), "Listen=127.0.0.1:8080,*:81,_default_:-1\nShmid=" + id +
+                                     "\nServer_Type=APACHE\nStructures=3\n");
+    EXPECT_EQ(mode(handoff), 0777);
+    EXPECT_EQ(readFile(kRecord), "Shmid=" + id + "\nFile=" + handoff + "\nStructures=3\n");
+    EXPECT_EQ(segment.config().version, kVersionCreated);
+    EXPECT_EQ(segment.config().interval, kDefaultInterval);
+    EXPECT_EQ(segment.config().parentPid, kUnknownPid);
+    EXPECT_EQ(segment.counts().text(), "");
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(segment.semaphoreValue(i), 1);
+    EXPECT_EQ(systemVObjects("sem"), 3);
+    shmid_ds status{};
+    ASSERT_EQ(shmctl(segment.id(), IPC_STAT, &status), 0);
+    EXPECT_EQ(status.shm_segsz, segmentSize(3));
+    EXPECT_EQ(status.shm_perm.mode & 0777, 0777);
+}
+
+TEST_F(Lifecycle, OnlyASocketOnAConfiguredAddressStartsTheMeasurement) {
+    const struct {
+        std::string configured;
+        int port;
+        std::string bound;
+        bool measured;
+    } cases[] = {
+        {"127.0.0.1:8080", 8080, "127.0.0.1", true},
+        {"127.0.0.1:8080", 8081, "127.0.0.1", false},
+        {"127.0.0.2:8080", 8080, "127.0.0.1", false},
+        {"127.0.0.2:8080", 8080, "0.0.0.0", true},
+        {"127.0.0.2:8080", 8080, "::", true},
+        {"127.0.0.1:8080", 8080, "::ffff:127.0.0.1", true},
+        {"127.0.0.2:8080", 8080, "::ffff:127.0.0.1", false},
+        {"127.0.0.1:8080", 8080, "::1", false},
+        {"8080", 8080, "::1", true},
+        {"80", 80, "unix", false},
+    };
+    for (const auto& [configured, port, bound, measured] : cases) {
+        resetSandbox();
+        ScriptServer server({.listen = configured});
+        server.listen(port, bound);
+        EXPECT_EQ(filesIn(kHandoffDirectory).size(), measured ? 1u : 0u)
+            << configured << " " << bound;
+        EXPECT_EQ(systemVObjects("shm"), measured);
+    }
+}
+
+TEST_F(Lifecycle, TheLogHasOneStampedLinePerMessage) {
+    Measured server;
+    EXPECT_EQ(mode(kLogFile), 0777);
+    const std::vector<std::string> expected = {
+        " cannot find NUM_SEMAPHORES env-varible",
+        "The apache module is prefork:7",
+        "This is apache server version 1.3.x(or apache2.0 with prefork module",
+        " shared memory successfully created",
+        kRecord + " file not Exist for shared mem check",
+    };
+    EXPECT_EQ(logMessages(), expected);
+    const std::regex stamped("(\\d\\d/\\d\\d/\\d{4} \\d\\d:\\d\\d:\\d\\d  [^\\n]*\\n)*");
+    EXPECT_TRUE(std::regex_match(readFile(kLogFile), stamped)) << readFile(kLogFile);
+}
+
+TEST_F(Lifecycle, AWorkerPublishesOnceAtItsExitAndTheParentRemovesAll) {
+    ServerOptions options = kThreeRecords;
+    options.environment[0] = "REQUEST_INTERVAL=100";
+    Measured server(options);
+    std::uint32_t requests = 0;
+    for (int i = 0; i < 4; ++i) {
+        const auto worker = server.fork(*server.parent);
+        for (int r = 0; r <= i; ++r) serve(*worker, server.listener), ++requests;
+        worker->exit();
+        EXPECT_EQ(server.segment.counts().total.requests, requests);
+        const auto& record = server.segment.record(worker->pid() % 3);
+        EXPECT_EQ(record.totalDirty & record.sitesDirty & record.categoriesDirty, 1);
+    }
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(server.segment.semaphoreValue(i), 1);
+    server.worker->exit();  // never had a connection
+    EXPECT_NE(leftovers(), "");
+    server.parent->exit();
+    EXPECT_EQ(server.segment.config().version, kVersionRemoved);
+    EXPECT_EQ(server.segment.counts().total.connections, requests);
+    const auto log = logMessages();
+    const std::vector<std::string> last = {"IN EQUALS CASE!!!", "REMOVING SEMAPHORE",
+                                           "REMOVING SEMAPHORE", "REMOVING SEMAPHORE",
+                                           "AFTER LOCK!"};
+    EXPECT_TRUE(std::equal(last.rbegin(), last.rend(), log.rbegin()));
+    // The segment itself goes when this process lets go of it.
+    EXPECT_EQ(leftovers(), "1 shm ");
+}
+
+TEST_F(Lifecycle, WithoutAPidFileNothingIsRemovedUntilTheNextStart) {
+    std::string first;
+    {
+        Measured server({.pidFile = false});
+        first = server.segment.handoffFile();
+        serve(*server.worker, server.listener);
+        EXPECT_EQ(server.segment.config().parentPid, kUnknownPid);
+        server.worker->exit();
+        server.parent->exit();
+        EXPECT_EQ(server.segment.config().version, kVersionCreated);
+    }
+    Measured server;
+    EXPECT_NE(server.segment.handoffFile(), first);
+    EXPECT_EQ(systemVObjects("shm"), 1);
+    EXPECT_EQ(systemVObjects("sem"), 1);
+}
+
+TEST_F(Lifecycle, ARecordOfAnEarlierRunIsNotBelievedTooFar) {
+    int semaphore = 0;
+    for (const std::string structures : {"Structures=3\n", "Structures=2000000000\n", ""}) {
+        {
+            Measured server(kThreeRecords);
+            serve(*server.worker, server.listener);
+            server.worker->kill();
+            server.parent->kill();
+            writeFile(kRecord, "Shmid=" + std::to_string(server.segment.id()) +
+                                   "\nFile= " + server.segment.handoffFile() + " \n" + structures);
+        }
+        Measured server;
+        EXPECT_EQ(systemVObjects("shm"), 1);
+        semaphore += structures.empty() ? 3 : 0;  // nobody knows how many there are
+        EXPECT_EQ(systemVObjects("sem"), 1 + semaphore);
+        serve(*server.worker, server.listener);
+        server.worker->exit();
+        server.parent->exit();
+    }
+}
+
+TEST_F(Lifecycle, SemaphoresStayAtOneUnitHoweverProcessesEnd) {
+    Measured server(kThreeRecords);
+    const auto expectOne = [&](const char* when) {
+        for (int i = 0; i < 3; ++i) EXPECT_EQ(server.segment.semaphoreValue(i), 1) << when;
+    };
+    serve(*server.worker, server.listener);
+    expectOne("first worker served");
+    const auto second = server.fork(*server.parent);
+    serve(*second, server.listener);
+    server.worker->kill();
+    expectOne("first worker killed");
+
+    // A worker that is killed while it waits for its record.
+    const int set = server.segment.record(second->pid() % 3).semaphoreId;
+    sembuf take{0, -1, 0};
+    sembuf give{0, 1, 0};
+    ASSERT_EQ(semop(set, &take, 1), 0);
+    Connection connection(*second, server.listener);
+    connection.receive("read", get("a.test", "/"));
+    std::thread blocked([&] {
+        EXPECT_THROW((*second)(connection.call("out write", hex(kOk))), std::runtime_error);
+    });
+    EXPECT_TRUE(eventually(std::chrono::seconds(5), [&] { return semctl(set, 0, GETNCNT) == 1; }));
+    kill(second->pid(), SIGKILL);
+    blocked.join();
+    ASSERT_EQ(semop(set, &give, 1), 0);
+    expectOne("waiting worker killed");
+
+    const auto third = server.fork(*server.parent);
+    server.parent->kill();
+    expectOne("parent killed");
+    serve(*third, server.listener);
+    third->exit();
+    expectOne("last worker ended");
+}
+
+TEST_F(Lifecycle, TheLockFileOfAnotherServerIsWaitedFor) {
+    Measured server;
+    serve(*server.worker, server.listener);
+    server.worker->exit();
+    writeFile(kLockFile, "");
+    std::thread other([&] {
+        EXPECT_TRUE(eventually(std::chrono::seconds(5), [] { return systemVObjects("sem") == 0; }));
+        EXPECT_EQ(server.segment.config().version, kVersionCreated);
+        fs::remove(kLockFile);
+    });
+    server.parent->exit();
+    other.join();
+    EXPECT_EQ(server.segment.config().version, kVersionRemoved);
+    EXPECT_EQ(leftovers(), "1 shm ");
+}
+
+TEST_F(Lifecycle, MessagesNeverLandInAConnectionThatGotTheLogsDescriptor) {
+    for (const std::string closer : {"close", "closefrom", "close_range", "dup2"}) {
+        resetSandbox();
+        Measured server;
+        Script& worker = *server.worker;
+        int log = -1;
+        for (const auto& path : filesIn("/proc/" + std::to_string(worker.pid()) + "/fd")) {
+            std::error_code gone;
+            if (fs::read_symlink(path, gone) == kLogFile)
+                log = std::stoi(fs::path(path).filename());
+        }
+        ASSERT_GT(log, 0) << "the process has no open log";
+        const auto number = std::to_string(log);
+        Connection connection(worker, server.listener);
+        connection.receive("read", get("a.test", "/"));
+        connection.transmit("write", kOk);
+        if (closer != "dup2") worker(closer + " " + number + " " + number);
+        EXPECT_EQ(worker("dup2 " + std::to_string(connection.fd()) + " " + number).result, log);
+        worker.exit();
+        char byte;
+        EXPECT_EQ(recv(connection.client(), &byte, 1, 0), 0) << closer;
+        EXPECT_EQ(logMessages().back(), "NOT PARENT!");
+    }
+}
+
+long residentKilobytes(pid_t pid) {
+    const std::string status = readFile("/proc/" + std::to_string(pid) + "/status");
+    return std::stol(status.substr(status.find("VmRSS:") + 6));
+}
+
+TEST_F(Lifecycle, HugeDescriptorLimitsCostNeitherTimeNorMemory) {
+    for (const std::string limit :
+         {"1073741816", "2147483647", "1099511627776", "18446744073709551615"}) {
+        resetSandbox();
+        ScriptServer server({.environment = {"REQUEST_INTERVAL=1", "HARD_LIMIT=" + limit}});
+        const auto before = residentKilobytes(server.parent->pid());
+        const auto start = std::chrono::steady_clock::now();
+        const int listener = server.listen(kPort);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << limit;
+        EXPECT_LT(residentKilobytes(server.parent->pid()) - before, 3 * 1024) << limit;
+        Segment segment;
+        const auto worker = server.fork(*server.parent);
+        serve(*worker, listener);
+        EXPECT_EQ(segment.counts().total.requests, 1u) << limit;
+        const auto log = logMessages();
+        const bool toldSo = std::ranges::any_of(
+            log, [&](const auto& line) { return line.find("limit") != std::string::npos; });
+        EXPECT_TRUE(toldSo || limit.size() <= 10) << limit;
+    }
+}
+
+}  // namespace
+}  // namespace tolvane::test

@@ -1,0 +1,154 @@
+#include "support/http_client.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <future>
+#include <list>
+#include <stdexcept>
+
+namespace tolvane::test {
+
+std::string get(const std::string& host, const std::string& url) {
+    return "GET " + url + " HTTP/1.1\r\nHost: " + host + "\r\n\r\n";
+}
+
+int connectTo(int port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    // A server that hangs fails the test instead of hanging it too.
+    const timeval patience{20, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        throw std::runtime_error("cannot connect to port " + std::to_string(port));
+    }
+    return fd;
+}
+
+void sendAll(int fd, const std::string& text) {
+    for (std::size_t done = 0; done < text.size();) {
+        const ssize_t n = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+        if (n < 0) throw std::runtime_error("the server does not take the request");
+        done += static_cast<std::size_t>(n);
+    }
+}
+
+HttpConnection::HttpConnection(int port, Counts& counts) : fd_(connectTo(port)), counts_(counts) {
+    ++counts_.total.connections;
+}
+
+HttpConnection::~HttpConnection() {
+    close(fd_);
+}
+
+// Applies a change to the totals and to whatever else the request belongs to.
+template <class Count>
+void HttpConnection::count(Count&& count) {
+    count(counts_.total);
+    if (current_.site < 0) return;
+    count(counts_.site[static_cast<std::size_t>(current_.site)]);
+}
+
+void HttpConnection::begin(const Exchange& request, std::size_t split) {
+    current_ = request;
+    sent_ = split;
+    sendAll(fd_, request.text.substr(0, split));
+}
+
+int HttpConnection::finish() {
+    sendAll(fd_, current_.text.substr(sent_));
+    if (current_.cutOff) shutdown(fd_, SHUT_WR);
+    const auto before = counts_.total.bytesSent;
+    count([&](CounterBlock& block) {
+        ++block.requests;
+        block.bytesReceived += static_cast<std::uint32_t>(current_.text.size());
+    });
+    if (current_.site >= 0 && !seenSite_) {
+        seenSite_ = true;
+        ++counts_.site[static_cast<std::size_t>(current_.site)].connections;
+    }
+    const int status = readStatus();
+    count([&](CounterBlock& block) {
+        block.droppedRequests += status == 0;
+        block.redirects += status / 100 == 3;
+        block.clientErrors += status / 100 == 4;
+        block.serverErrors += status / 100 == 5;
+        block.errors += status / 100 == 4 || status / 100 == 5;
+    });
+    if (current_.category < 0) return status;
+    auto& category = counts_.category[static_cast<std::size_t>(current_.site)]
+                                     [static_cast<std::size_t>(current_.category)];
+    ++category.requests;
+    category.bytesSent += counts_.total.bytesSent - before;
+    category.droppedRequests += status == 0;
+    category.errors += status / 100 == 4 || status / 100 == 5;
+    return status;
+}
+
+int HttpConnection::exchange(const Exchange& request) {
+    begin(request, 0);
+    return finish();
+}
+
+int HttpConnection::readStatus() {
+    std::string text;
+    std::size_t expected = std::string::npos;
+    std::vector<char> buffer(1 << 16);
+    while (current_.cutOff || text.size() < expected) {
+        const ssize_t n = recv(fd_, buffer.data(), buffer.size(), 0);
+        if (n < 0) throw std::runtime_error("no response to " + current_.text);
+        if (n == 0) break;
+        text.append(buffer.data(), static_cast<std::size_t>(n));
+        const auto end = text.find("\r\n\r\n");
+        const auto length = text.find("Content-Length: ");
+        if (end == std::string::npos) continue;
+        expected = end + 4 + (length < end ? std::stoul(text.substr(length + 16)) : 0);
+    }
+    count([&](CounterBlock& block) { block.bytesSent += static_cast<std::uint32_t>(text.size()); });
+    ended_ = current_.cutOff || text.find("Connection: close") != std::string::npos;
+    if (text.empty()) return 0;
+    if (!current_.cutOff && text.size() != expected) {
+        throw std::runtime_error("unexpected end of " + text.substr(0, 200));
+    }
+    return std::stoi(text.substr(9, 3));
+}
+
+Counts run(int port, const Load& load) {
+    const auto client = [&](int offset) {
+        Counts counts;
+        auto next = static_cast<std::size_t>(offset);
+        for (int c = 0; c < load.connections; ++c) {
+            HttpConnection connection(port, counts);
+            for (int r = 0; r < load.requests && !connection.ended(); ++r) {
+                connection.exchange(load.mix[next++ % load.mix.size()]);
+            }
+        }
+        return counts;
+    };
+    std::vector<std::future<Counts>> clients;
+    for (int i = 0; i < load.threads; ++i) {
+        clients.push_back(std::async(std::launch::async, client, i));
+    }
+    Counts sum;
+    for (auto& one : clients) sum += one.get();
+    return sum;
+}
+
+Counts warmUp(int port, int connections, const std::string& text, int requests) {
+    Counts counts;
+    const Exchange request{.text = text};
+    std::list<HttpConnection> open;
+    for (int i = 0; i < connections; ++i) open.emplace_back(port, counts).begin(request, 20);
+    for (auto& connection : open) connection.finish();
+    for (int r = 1; r < requests; ++r) {
+        for (auto& connection : open) connection.exchange(request);
+    }
+    return counts;
+}
+
+}  // namespace tolvane::test

@@ -1,0 +1,9 @@
+#include <gtest/gtest.h>
+
+#include "support/sandbox.h"
+
+int main(int argc, char** argv) {
+    testing::InitGoogleTest(&argc, argv);
+    if (!GTEST_FLAG_GET(list_tests)) tolvane::test::enterSandbox();
+    return RUN_ALL_TESTS();
+}
