@@ -25,5 +25,5 @@ as_root ctest --preset test32
 
 for sanitizers in asan tsan; do
   build $sanitizers
-  ctest --preset $sanitizers
+  as_root ctest --preset $sanitizers
 done

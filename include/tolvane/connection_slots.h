@@ -116,7 +116,7 @@ class SlotWork {
   public:
     explicit SlotWork(SlotState& state) : sequence_(state.sequence) {
         sequence_.store((sequence_.load(std::memory_order_relaxed) + 1) | 1,
-                        std::memory_order_relaxed);
+                        std::memory_order_release);
     }
     ~SlotWork() {
         // Not odd_ + 1: work that interrupted this one has gone past that.

@@ -1,0 +1,259 @@
+// What the server's environment and configuration files say about it.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "measured_process.h"
+#include "shim_utils/server_discovery.h"
+#include "support/sandbox.h"
+
+namespace tolvane::test {
+namespace {
+
+const std::string kRoot = kServerRoot;
+using Lines = std::vector<std::string>;
+
+// "name:port" of every entry; with "=address" where the address is not the name's.
+std::string describe(const PortTable& table) {
+    std::string text;
+    for (int i = 0; i < table.numHttpPort; ++i) {
+        const std::string name = table.ipAddressName[i];
+        const std::string address = inet_ntoa({table.ipAddress[i]});
+        const bool fits =
+            address == (inet_addr(name.c_str()) == kAnyAddress ? "255.255.255.255" : name);
+        text += (i == 0 ? "" : " ") + name + ":" + std::to_string(table.httpPort[i]);
+        if (!fits) text += "=" + address;
+    }
+    return text;
+}
+
+void setVariable(const char* name, const char* value) {
+    value == nullptr ? unsetenv(name) : setenv(name, value, 1);
+}
+
+void setServer(const char* server, const char* root = kServerRoot) {
+    setVariable("WEB_SERVER", server);
+    setVariable("WEB_SERVER_ROOT", root);
+}
+
+void setFile(const std::string& path, const char* text) {
+    std::filesystem::remove(path);
+    if (text != nullptr) writeFile(path, text);
+}
+
+TEST(Discovery, ReadsANetscapeConfiguration) {
+    const std::string ssl = "This is a SSL NETSCAPE server";
+    const struct {
+        const char* magnus;
+        const char* plain;
+        const char* ssl;
+        Lines log = {};
+    } cases[] = {
+        {"Port 81\n", "*:81", ""},
+        {"Security on\nPort 443\nAddress 10.1.2.3\n", "", "10.1.2.3:443", {ssl}},
+        {"SECURITY On\nSecurity off\n  pORT\t443\n", "", "*:443", {ssl}},
+        {"Security onn\nPort 80\nPort 81x\nAddress 1.1.1.1\nAddress a.test b\n", "a.test:81", ""},
+        {"Port none\n", "*:0", ""},
+        {"#Port 80\n # Port 81\nPort80 1\n\n",
+         "",
+         "",
+         {"Could not find port no for Netscape Server"}},
+        {nullptr, "", "", {"Config  file " + kRoot + "/config/magnus.conf cannot be opened "}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.magnus == nullptr ? "no file" : c.magnus);
+        setFile(kRoot + "/config/magnus.conf", c.magnus);
+        setServer("NetScape");
+        inChild([&c] {
+            LogTail log;
+            getWebServerInfo();
+            EXPECT_EQ(webServerType, kNetscape);
+            EXPECT_EQ(describe(plainPorts), c.plain);
+            EXPECT_EQ(describe(sslPorts), c.ssl);
+            EXPECT_EQ(log.next(), c.log);
+        });
+    }
+}
+
+TEST(Discovery, RunsOncePerProcessWhateverComesOfIt) {
+    const struct {
+        const char* server;
+        const char* root;
+        const char* rootDir;
+        const char* message;
+    } cases[] = {
+        {nullptr, "/x", "", "Error: Environment variable WEB_SERVER not defined"},
+        {"apache", nullptr, "", "Error: Environment variable WEB_SERVER_ROOT not defined"},
+        {"APACHE", "/x", "/x/", "Could not open Apache config file!"},
+        {"iis", "/x/", "/x/", "Could not open Apache config file!"},
+        {"Apache", "", "/", "Could not open Apache config file!"},
+    };
+    for (const auto& c : cases) {
+        setServer(c.server, c.root);
+        inChild([&c] {
+            LogTail log;
+            getWebServerInfo();
+            const Lines lines = log.next();
+            EXPECT_EQ(lines.empty() ? "" : lines.back(), c.message);
+            EXPECT_STREQ(rootDir, c.rootDir);
+            setServer("netscape");
+            getWebServerInfo();
+            EXPECT_TRUE(log.next().empty());
+            EXPECT_EQ(webServerType, kApacheProcesses);
+        });
+    }
+}
+
+constexpr char kSections[] =
+    "Listen 80\n<IfDefine SSL>\nListen 443\n<IfDefine X>\nListen 2\n</IfDefine>\n"
+    "<VirtualHost _default_:443>\nSSLEngine on\n</VirtualHost>\n</IfDefine >\nListen 4\n";
+
+const struct {
+    const char* sslFactor;
+    const char* conf;
+    const char* plain;
+    const char* ssl = "";
+} kApacheFiles[] = {
+    {nullptr, "listen 10.0.0.5:81\nLISTEN *:80 https\nListen 8\n", "10.0.0.5:81 *:80 *:8"},
+    {nullptr, "Listen 80\nListen 80\nListen 0.0.0.0:80\nListen *:80\n", "*:80 0.0.0.0:80"},
+    {nullptr, "Listen 1\nListen 2\nListen 1\nListen 3\nListen 2", "*:1 *:2 *:3"},
+    {nullptr, "Listen a.test:8x\nListen\n#Listen 90\nListened 91\n", "a.test:8 *:0"},
+    {nullptr, "Port 79\nPort 80\nBindAddress 10.0.0.5\n", "10.0.0.5:80"},
+    {nullptr, "Port 80\nBindAddress *\n", "*:80"},
+    {nullptr, "Port 80\nBindAddress 0.0.0.0\n", "*:80"},
+    {nullptr, "Port 80\nBindAddress 10.0.0.5\nListen 81\n", "*:81"},
+    {nullptr, "Port 0\n", ""},
+    {nullptr, kSections, "*:80 *:4"},
+    {"START", kSections, "*:80 *:4"},
+    {"", kSections, "*:80 *:2 *:4", "_default_:443"},
+    {"startssl", kSections, "*:80 *:2 *:4", "_default_:443"},
+    {nullptr, "<IfDefine !SSL>\nListen 1\n</IfDefine>\n<IfDefine SSL\nListen 2\n", "*:1 *:2"},
+    {nullptr, "<ifdefine ssl>\nListen 1\n</IFDEFINE>\nListen 2\n<IfDefine SSL>\nListen 3\n", "*:2"},
+    {nullptr, "<VirtualHost *:1>\nSSLEngine on\nListen 2\n</VirtualHost>\n", "*:2"},
+    {"", "<VirtualHost 10.0.0.7:443 10.0.0.8:1>\nsslengine ON\n</virtualhost>\n", "",
+     "10.0.0.7:443"},
+    {"", "<VirtualHost 10.0.0.7>\nSSLEngine on\n</VirtualHost >\nListen 1\n", "*:1", "10.0.0.7:-1"},
+    {"", "<VirtualHost *:*>\nSSLEngine on\nListen 1\n", "", "*:-1"},
+    {"", "<VirtualHost *>\nSSLEngine off\nSSLEngine\nSSLEngine onn\n</VirtualHost>\n", ""},
+    {"", "SSLEngine on\n<VirtualHost a.test:x>\nSSLEngine on\nSSLEngine on\n", "", "a.test:0"},
+    {"", "Listen 443\nListen 10.0.0.7:443\n<VirtualHost 10.0.0.7:443>\nSSLEngine on\n", "*:443",
+     "10.0.0.7:443"},
+};
+
+TEST(Discovery, ReadsTheAddressesOfAnApacheConfiguration) {
+    setServer("apache");
+    for (const auto& c : kApacheFiles) {
+        SCOPED_TRACE(testing::Message() << (c.sslFactor ? c.sslFactor : "unset") << ": " << c.conf);
+        setFile(kRoot + "/conf/httpd.conf", c.conf);
+        setVariable("SSL_FACTOR", c.sslFactor);
+        inChild([&c] {
+            getWebServerInfo();
+            EXPECT_EQ(describe(plainPorts), c.plain);
+            EXPECT_EQ(describe(sslPorts), c.ssl);
+        });
+    }
+}
+
+// Ten addresses fit; one more is named in the log. A long name is cut.
+TEST(Discovery, FillsATableToItsEnd) {
+    const std::string name = "x" + std::string(60, '0');
+    std::string conf = "Listen " + name + ":80\n";
+    std::string plain = name.substr(0, 49) + ":80";
+    for (const char* port : {"1", "2", "3", "4", "5", "6", "7", "8", "9"}) {
+        conf += std::string("Listen 10.0.0.1:") + port + "\n";
+        plain += std::string(" 10.0.0.1:") + port;
+    }
+    setFile(kRoot + "/conf/httpd.conf", (conf + "Listen 10.0.0.9:4711\n").c_str());
+    setServer("apache");
+    inChild([&plain] {
+        LogTail log;
+        getWebServerInfo();
+        EXPECT_EQ(describe(plainPorts), plain);
+        EXPECT_NE(log.next().back().find("10.0.0.9:4711"), std::string::npos);
+    });
+}
+
+constexpr char kClients[] =
+    "<IfModule prefork.c>\nMaxClients 150\n</IfModule>\n<IfModule worker.c>\nmaxclients 250\n";
+constexpr char kServers[] =
+    "NumServers 9\n<IfModule perchild.c>\nNumServers 5\nNumServers 6\n</IfModule>\n";
+
+TEST(Discovery, LearnsModuleLimitsAndSettings) {
+    const std::string info = kRoot + "/logs/.tolvane_info";
+    const std::string old = "This is apache server version 1.3.x(or apache2.0 with prefork module";
+    const std::string modern = "This is apache server version 2.x";
+    const std::string section = "Type of module installed  ..";
+    const struct {
+        const char* info;
+        const char* conf;
+        const char* semaphores;
+        const char* interval;
+        int type, processes, numSemaphores, requestInterval;
+        Lines log;
+    } cases[] = {
+        {nullptr, "", "4", "7", 0, 1, 4, 7, {"The file " + info + " cannot be read ", old}},
+        {"",
+         "",
+         nullptr,
+         nullptr,
+         0,
+         1,
+         -1,
+         5,
+         {" cannot find NUM_SEMAPHORES env-varible", "cannot find REQUEST_INTERVAL env-var", old}},
+        {"PREFORK\n",
+         kClients,
+         " -3x",
+         "x",
+         0,
+         250,
+         -3,
+         0,
+         {"The apache module is PREFORK:7", old}},
+        {"# x\n  worker 2\n",
+         kClients,
+         "1",
+         "1",
+         3,
+         250,
+         1,
+         1,
+         {"The apache module is #:1", "The apache module is worker:6", modern, section,
+          "<IfModule worker.c>", ""}},
+        {"\n", "MaxClients x\n", "1", "1", 3, 0, 1, 1, {"The apache module is :0", modern}},
+        {"perchild",
+         kServers,
+         "1",
+         "1",
+         3,
+         5,
+         1,
+         1,
+         {"The apache module is perchild:8", modern, section, "<IfModule perchild.c>", ""}},
+        {"worker", kServers, "1", "1", 3, 1, 1, 1, {"The apache module is worker:6", modern}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.info == nullptr ? "no info" : c.info);
+        setFile(info, c.info);
+        setFile(kRoot + "/conf/httpd.conf", c.conf);
+        setServer("apache");
+        setVariable("NUM_SEMAPHORES", c.semaphores);
+        setVariable("REQUEST_INTERVAL", c.interval);
+        inChild([&c] {
+            LogTail log;
+            maxNumProcess = 1;
+            requestInterval = 5;
+            getWebServerInfo();
+            EXPECT_EQ(webServerType, c.type);
+            EXPECT_EQ(maxNumProcess, c.processes);
+            EXPECT_EQ(numSemaphores, c.numSemaphores);
+            EXPECT_EQ(requestInterval, c.requestInterval);
+            EXPECT_EQ(log.next(), c.log);
+        });
+    }
+}
+
+}  // namespace
+}  // namespace tolvane::test

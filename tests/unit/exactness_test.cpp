@@ -1,0 +1,239 @@
+// Threads that count as fast as they can while their counts are published back
+// to back: in the end the shared sums are what the threads did, to the last
+// count and the last bit of the response times.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <latch>
+#include <thread>
+
+#include "fake_clock.h"
+#include "measured_process.h"
+#include "shim_utils/configuration.h"
+#include "shim_utils/publication.h"
+#include "shim_utils/transfer.h"
+#include "tolvane/entry_points.h"
+
+namespace tolvane::test {
+namespace {
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int kRounds = 10'000;
+#else
+constexpr int kRounds = 200'000;
+#endif
+constexpr int kThreads = 4;
+// Exact in binary, as are its multiples, and such that every addition changes
+// both halves of a sum: one made up of two halves that do not belong together
+// is no multiple of it.
+constexpr std::int64_t kResponseTime = 3'145'728'015'625;  // microseconds
+constexpr double kResponseSeconds = static_cast<double>(kResponseTime) / 1e6;
+constexpr int kSites = 3;
+constexpr int kDescriptorsPerThread = 200;
+
+struct Load {
+    const char* name;
+    ServerType type;
+    int openAtOnce;  // connections that each thread collects before it closes them
+    bool reconfigure;
+};
+
+// A server thread and, counted apart, what it did.
+class ServerThread {
+  public:
+    ServerThread(int number, const Load& load) : number_(number), load_(load) {}
+
+    void run() {
+        for (int round = 0; round < kRounds; ++round) {
+            const int open = round % load_.openAtOnce;
+            const int fd = number_ * kDescriptorsPerThread + open;
+            countAccepted(fd, kPlain);
+            ++done.total.connections;
+            countRequests(fd, round);
+            if (open != load_.openAtOnce - 1) continue;
+            for (int i = 0; i <= open; ++i) countClosed(number_ * kDescriptorsPerThread + i);
+        }
+    }
+
+    ResultStruct done = {};  // gauges aside
+
+  private:
+    void countRequests(int fd, int round) {
+        bool counted = false;
+        for (int i = 0; i < 2; ++i) {
+            fakeClock() = {1'000'000'000'000'000, kResponseTime};
+            const RequestInfo request = read(fd, round, counted);
+            if (i == 0) {
+                write(fd, request, 200);
+            } else if (round % 7 != 0) {
+                write(fd, request, 100 * (2 + round % 4));
+            } else {
+                drop(request);
+            }
+        }
+    }
+
+    RequestInfo read(int fd, int round, bool& counted) {
+        static constexpr char kText[] = "GET /page HTTP/1.1\r\nHost: a.test\r\n\r\n";
+        const auto n = static_cast<std::uint32_t>(1 + round % 1000);
+        received(fd, static_cast<ssize_t>(n), {kText, sizeof kText - 1});
+        const RequestInfo request = slotAt(GETINDEX(load_.type, fd)).state.requestInfo;
+        ++done.total.requests;
+        done.total.bytesReceived += n;
+        EXPECT_EQ(request.numMatched, 1);
+        // Site and category come from the same configuration.
+        EXPECT_EQ(request.siteIndex, request.matched[0]);
+        CounterBlock& site = done.site[request.siteIndex];
+        if (!counted) ++site.connections;
+        counted = true;
+        ++site.requests;
+        site.bytesReceived += n;
+        ++done.category[request.siteIndex][request.matched[0]].requests;
+        return request;
+    }
+
+    void write(int fd, const RequestInfo& request, int status) {
+        const std::string text = "HTTP/1.1 " + std::to_string(status) + " x\r\n\r\n";
+        sent(fd, static_cast<ssize_t>(text.size()), {text.data(), text.size()});
+        CategoryCounters& category = done.category[request.siteIndex][request.matched[0]];
+        category.bytesSent += static_cast<std::uint32_t>(text.size());
+        for (CounterBlock* block : {&done.total, &done.site[request.siteIndex]}) {
+            block->bytesSent += static_cast<std::uint32_t>(text.size());
+            block->redirects += status / 100 == 3;
+            block->clientErrors += status / 100 == 4;
+            block->serverErrors += status / 100 == 5;
+            block->errors += status >= 400;
+        }
+        if (status >= 400) ++category.errors;
+        if (status < 400) category.responseTimeSum += kResponseSeconds;
+    }
+
+    // Never answered: counted when the connection is closed.
+    void drop(const RequestInfo& request) {
+        ++done.total.droppedRequests;
+        ++done.site[request.siteIndex].droppedRequests;
+        ++done.category[request.siteIndex][request.matched[0]].droppedRequests;
+    }
+
+    int number_;
+    Load load_;
+};
+
+template <typename Block>
+void addFields(Block& sum, const Block& block,
+               std::initializer_list<std::uint32_t Block::*> fields) {
+    for (const auto field : fields) sum.*field += block.*field;
+}
+
+void addRecord(ResultStruct& sum, const ResultStruct& record) {
+    const auto addBlock = [](CounterBlock& to, const CounterBlock& from) {
+        using Block = CounterBlock;
+        addFields(to, from,
+                  {&Block::connections, &Block::requests, &Block::bytesSent, &Block::bytesReceived,
+                   &Block::errors, &Block::droppedRequests, &Block::redirects, &Block::clientErrors,
+                   &Block::serverErrors});
+    };
+    using Category = CategoryCounters;
+    addBlock(sum.total, record.total);
+    for (int s = 0; s < kMaxSites; ++s) {
+        addBlock(sum.site[s], record.site[s]);
+        for (int c = 0; c < kMaxCategories; ++c) {
+            Category& category = sum.category[s][c];
+            addFields(category, record.category[s][c],
+                      {&Category::bytesSent, &Category::requests, &Category::errors,
+                       &Category::droppedRequests});
+            category.responseTimeSum += record.category[s][c].responseTimeSum;
+        }
+    }
+}
+
+// The request falls in category `turn` of site `turn`, and in no other.
+void configureTurn(ConfigInfo& config, std::size_t turn) {
+    std::vector<Site> sites(kSites, {"b.test", std::vector<std::string>(kSites, "/other")});
+    sites[turn].name = "a.test";
+    for (Site& site : sites) site.categories[turn] = "/pa*e";
+    configure(config, sites);
+}
+
+// The monitor of a server whose agent now and then writes a new configuration.
+class Publisher {
+  public:
+    explicit Publisher(bool reconfigure) : reconfigure_(reconfigure) {}
+
+    void runUntil(const std::atomic<int>& threadsDone) {
+        while (threadsDone.load() < kThreads) {
+            publishSlots();
+            expectWholeSums();
+            if (reconfigure_ && ++cycles_ % 16 == 0) takeNextConfiguration();
+        }
+        publishSlots();
+    }
+    int configurations() const { return configurations_; }
+
+  private:
+    static void expectWholeSums() {
+        for (int s = 0; s < kSites; ++s) {
+            const double sum = shmPtr[0].category[s][s].responseTimeSum;
+            ASSERT_EQ(sum, std::round(sum / kResponseSeconds) * kResponseSeconds);
+        }
+    }
+    void takeNextConfiguration() {
+        configureTurn(*shmConfig, static_cast<std::size_t>(++configurations_ % kSites));
+        ++shmConfig->version;
+        // A monitor has slept since it retired the copy it now writes to.
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        EXPECT_TRUE(waitForSlotsAtWork());
+        EXPECT_TRUE(checkLatestConfigInfo());
+    }
+
+    bool reconfigure_;
+    int cycles_ = 0;
+    int configurations_ = 0;
+};
+
+class Exactness : public testing::TestWithParam<Load> {};
+
+TEST_P(Exactness, SharedSumsAreWhatTheThreadsDid) {
+    const Load& load = GetParam();
+    const MeasuredProcess process(load.type);
+    configureTurn(*shmConfig, 0);
+    shmConfig->version = 1;
+    ASSERT_TRUE(checkLatestConfigInfo());
+
+    std::vector<ServerThread> servers;
+    for (int t = 0; t < kThreads; ++t) servers.emplace_back(t, load);
+    std::latch start(kThreads);
+    std::atomic<int> threadsDone{0};
+    std::vector<std::thread> threads;
+    for (ServerThread& server : servers) {
+        threads.emplace_back([&start, &threadsDone, &server] {
+            start.arrive_and_wait();
+            server.run();
+            ++threadsDone;
+        });
+    }
+    Publisher publisher(load.reconfigure);
+    publisher.runUntil(threadsDone);
+    for (std::thread& thread : threads) thread.join();
+
+    ResultStruct done = {};
+    for (const ServerThread& server : servers) addRecord(done, server.done);
+    ResultStruct published = {};
+    addRecord(published, shmPtr[0]);  // all but the gauges
+    EXPECT_EQ(describe(published), describe(done));
+    EXPECT_EQ(done.total.connections, static_cast<std::uint32_t>(kThreads * kRounds));
+    EXPECT_GE(publisher.configurations(), load.reconfigure ? 3 : 0);
+    EXPECT_EQ(currMaxSockets.load() > kSlotStep, load.openAtOnce > kSlotStep);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Loads, Exactness,
+    testing::Values(Load{"Netscape", kNetscape, 1, false}, Load{"Apache", kApacheThreads, 3, false},
+                    Load{"GrowingTable", kNetscape, kDescriptorsPerThread, false},
+                    Load{"NewConfigurations", kApacheThreads, 2, true}),
+    [](const testing::TestParamInfo<Load>& load) { return std::string(load.param.name); });
+
+}  // namespace
+}  // namespace tolvane::test

@@ -1,0 +1,31 @@
+#include "fake_clock.h"
+
+#include <sys/time.h>
+
+namespace tolvane::test {
+FakeClock& fakeClock() {
+    thread_local FakeClock clock;
+    return clock;
+}
+std::atomic<std::time_t> fakeTime{0};
+}  // namespace tolvane::test
+
+// Both stand before the C library's.
+extern "C" int gettimeofday(timeval* time, void*) noexcept {
+    tolvane::test::FakeClock& clock = tolvane::test::fakeClock();
+    clock.now += clock.step;
+    time->tv_sec = static_cast<decltype(time->tv_sec)>(clock.now / 1'000'000);
+    time->tv_usec = static_cast<decltype(time->tv_usec)>(clock.now % 1'000'000);
+    return 0;
+}
+
+extern "C" std::time_t time(std::time_t* result) noexcept {
+    std::time_t now = tolvane::test::fakeTime.load();
+    if (now == 0) {
+        timespec real = {};
+        clock_gettime(CLOCK_REALTIME, &real);
+        now = real.tv_sec;
+    }
+    if (result != nullptr) *result = now;
+    return now;
+}

@@ -1,0 +1,257 @@
+// Host values against sites, URLs against categories: cases that are easy to
+// get wrong, and a comparison with the plainest possible matcher.
+#include <gtest/gtest.h>
+#include <strings.h>
+
+#include <cstring>
+#include <memory>
+#include <random>
+
+#include "guarded_text.h"
+#include "measured_process.h"
+#include "shim_utils/configuration.h"
+#include "shim_utils/site_match.h"
+#include "shim_utils/url_categories.h"
+
+namespace tolvane::test {
+namespace {
+
+std::unique_ptr<Configuration> prepared(const std::vector<Site>& sites) {
+    auto config = std::make_unique<Configuration>();
+    configure(config->info, sites);
+    prepareConfiguration(*config);
+    return config;
+}
+
+int siteOf(const Configuration& config, std::string_view host,
+           ConnectionKind kind = kPlainRequest) {
+    const GuardedText text(host);
+    return getMatchWebSite(config, text.bytes(), kind);
+}
+
+TEST(SiteMatch, ComparesHostAndConfiguredName) {
+    const struct {
+        const char* host;
+        const char* name;
+        bool plain;
+        bool ssl;
+    } cases[] = {
+        {"a.test", "a.test", true, true},
+        {"A.TEST", "a.test", true, true},
+        {"a.test", "A.Test", true, true},
+        {"a.tes", "a.test", false, false},
+        {"a@test", "a`test", false, false},  // letters only have two cases
+        {"a.test", "*.test", false, false},
+        {"a.test", "", false, false},
+        {":80", "", false, false},
+        // A host without a port means the default one.
+        {"a.test", "a.test:80", true, false},
+        {"a.test", "a.test:443", false, true},
+        {"a.test", "a.test:8080", false, false},
+        // So does a name without one, and a beginning of the port will do.
+        {"a.test:80", "a.test", true, false},
+        {"a.test:8", "a.test", true, false},
+        {"a.test:", "a.test", true, true},
+        {"a.test:443", "a.test", false, true},
+        {"a.test:8080", "a.test", false, false},
+        {"a.test:80", "a.test:8080", true, true},
+        {"a.test:8", "a.test:80", true, true},
+        {"a.test:8080", "a.test:80", false, false},
+        {"a.test:8:0", "a.test:80", false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.host) + " / " + c.name);
+        const auto config = prepared({{c.name, {}}});
+        EXPECT_EQ(siteOf(*config, c.host, kPlainRequest), c.plain ? 0 : -1);
+        EXPECT_EQ(siteOf(*config, c.host, kReportedRequest), c.ssl ? 0 : -1);
+    }
+}
+
+TEST(SiteMatch, TakesTheFirstSiteWithSuchAName) {
+    const std::string longest(127, 'x');
+    auto config = prepared({{"a.test", {}},
+                            {"a.test", {}, {"b.test"}},
+                            {"", {}, {"c.test", "a.test", "d.test"}},
+                            {"d.test", {}, {"b.test", longest}}});
+    EXPECT_EQ(siteOf(*config, "a.test"), 0);
+    EXPECT_EQ(siteOf(*config, "b.test"), 1);
+    EXPECT_EQ(siteOf(*config, "c.test"), 2);
+    EXPECT_EQ(siteOf(*config, "d.test"), 2);
+    EXPECT_EQ(siteOf(*config, longest), 3);
+    EXPECT_EQ(siteOf(*config, longest + "x"), -1);
+    EXPECT_EQ(siteOf(*config, "e.test"), -1);
+    EXPECT_EQ(siteOf(*config, ""), -1);
+    EXPECT_EQ(getMatchWebSite(*config, {}, kPlainRequest), -1);
+
+    config->info.numHosts[2] = 2;  // names beyond the count are not there
+    EXPECT_EQ(siteOf(*config, "d.test"), 3);
+    config->info.numSites = 0;
+    EXPECT_EQ(siteOf(*config, "a.test"), -1);
+}
+
+std::vector<int> categoriesOf(const Configuration& config, std::string_view url) {
+    const GuardedText text(url);
+    RequestInfo request = {};
+    request.numMatched = 7;
+    matchCategory(config, text.bytes(), request);
+    return {request.matched, request.matched + request.numMatched};
+}
+
+TEST(UrlCategories, MatchesPatterns) {
+    const struct {
+        const char* pattern;
+        const char* url;
+        bool matches;
+    } cases[] = {
+        {"/index.html", "/index.html", true},
+        {"/index.html", "/index.html?x=1", false},
+        {"/index.html*", "/index.html?x=1", true},
+        {"*.gif", "/a/b.gif", true},
+        {"*.gif", "/a.gif/b.gif", false},  // only the first occurrence is tried
+        {"*a*", "/bab", true},
+        {"/shop*.jsp", "/shop/cart.jsp", true},
+        {"/shop*.jsp", "/shop/cart.jsp?id=1", false},
+        {"/shop*.jsp", "/a/shop/cart.jsp", false},
+        {"/shop*.jsp*", "/shop/cart.jsp?id=1", true},
+        {"/Shop*", "/shop/", false},
+        {"/aba*ba", "/aba", false},  // pieces do not overlap
+        {"/aba*ba", "/ababa", true},
+        {"*a*b*c*", "/cba", false},
+        {"*a*b*c*d*e*f", "/abcdef", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.pattern) + " / " + c.url);
+        const auto config = prepared({{"a.test", {c.pattern}}});
+        EXPECT_EQ(categoriesOf(*config, c.url).size(), c.matches ? 1U : 0U);
+    }
+}
+
+TEST(UrlCategories, ListsEveryCategoryOnceInOrder) {
+    auto config = prepared({{"a.test", std::vector<std::string>(15, "/x")}});
+    for (int c : {2, 7, 14}) config->info.categories[0][c].sections[0] = pattern("/a*");
+    config->info.categories[0][7].numSections = 2;
+    config->info.categories[0][7].sections[1] = pattern("*b");
+    config->info.categories[0][9].numSections = 0;
+    prepareConfiguration(*config);
+    EXPECT_EQ(categoriesOf(*config, "/ab"), (std::vector<int>{2, 7, 14}));
+    EXPECT_EQ(categoriesOf(*config, "/b"), (std::vector<int>{7}));
+    EXPECT_EQ(categoriesOf(*config, ""), (std::vector<int>{}));
+    EXPECT_EQ(categoriesOf(*config, std::string_view("/ab\0/x", 6)), (std::vector<int>{2, 7, 14}));
+}
+
+// ------------------------------------------ the same, as plainly as possible
+
+bool plainHostMatch(const std::string& host, const std::string& name, ConnectionKind kind) {
+    const std::size_t length = host.size();
+    const std::size_t hostColon = std::min(host.find(':'), length);
+    const std::size_t nameColon = std::min(name.find(':'), name.size());
+    const char* standard = kind == kPlainRequest ? ":80" : ":443";
+    if (name.size() == length && strncasecmp(host.c_str(), name.c_str(), length) == 0) return true;
+    if (hostColon == length) {
+        return strncasecmp(name.c_str(), host.c_str(), length) == 0 &&
+               std::strcmp(name.c_str() + length, standard) == 0;
+    }
+    if (nameColon != hostColon) return false;
+    if (strncasecmp(host.c_str(), name.c_str(), hostColon) != 0) return false;
+    const char* port = nameColon < name.size() ? name.c_str() + nameColon : standard;
+    return strncasecmp(host.c_str() + hostColon, port, length - hostColon) == 0;
+}
+
+bool plainSectionMatch(const std::string& text, const UrlSection& section) {
+    const char* url = text.c_str();
+    const char* end = url + text.size();
+    if (section.numPieces == 1 && !section.leadingWildcard && !section.trailingWildcard) {
+        return std::strcmp(url, section.piece[0]) == 0;
+    }
+    const char* p = url;
+    for (int i = 0; i < section.numPieces; ++i) {
+        const char* found = std::strstr(p, section.piece[i]);
+        if (found == nullptr) return false;
+        if (i == 0 && !section.leadingWildcard && found != url) return false;
+        const bool last = i == section.numPieces - 1;
+        if (last && !section.trailingWildcard && end - found != section.pieceLength[i])
+            return false;
+        p = found + std::min<std::ptrdiff_t>(section.pieceLength[i], end - found);
+    }
+    return true;
+}
+
+class Dice {
+  public:
+    int below(int limit) { return static_cast<int>(generator_() % static_cast<unsigned>(limit)); }
+    std::string text(std::string_view letters, int least, int most) {
+        std::string text(static_cast<std::size_t>(least + below(most - least + 1)), ' ');
+        for (char& c : text)
+            c = letters[static_cast<std::size_t>(below(static_cast<int>(letters.size())))];
+        return text;
+    }
+
+  private:
+    std::mt19937 generator_{20240229};
+};
+
+TEST(SiteMatch, AgreesWithThePlainMatcher) {
+    Dice dice;
+    const auto config = prepared({{"", {}}});
+    int matches = 0;
+    for (int i = 0; i < 20'000; ++i) {
+        const std::string host = dice.text("aAb", 1, 2) + dice.text(":804", 0, 4);
+        std::string name = dice.below(2) ? host : dice.text("aAb", 1, 2) + dice.text(":804", 0, 4);
+        if (dice.below(3) == 0) name.resize(name.size() / 2 + 1);
+        if (dice.below(3) == 0) name += dice.below(2) ? ":80" : ":443";
+        const auto kind = dice.below(2) ? kPlainRequest : kReportedRequest;
+        const bool expected = plainHostMatch(host, name, kind);
+        matches += expected;
+        std::memcpy(config->info.siteName[0], name.c_str(), name.size() + 1);
+        prepareConfiguration(*config);
+        ASSERT_EQ(siteOf(*config, host, kind), expected ? 0 : -1)
+            << host << " / " << name << " / " << kind;
+    }
+    EXPECT_GT(matches, 2000);
+    EXPECT_LT(matches, 18'000);
+}
+
+UrlSection randomSection(Dice& dice) {
+    UrlSection section = {};
+    section.numPieces = dice.below(8) == 0 ? dice.below(kMaxPieces + 1) : 1 + dice.below(2);
+    section.leadingWildcard = dice.below(2) ? dice.below(3) - 1 : 0;
+    section.trailingWildcard = dice.below(2);
+    for (int i = 0; i < section.numPieces; ++i) {
+        const std::string piece = dice.text("ab/", dice.below(4) == 0 ? 0 : 1, 3);
+        std::memcpy(section.piece[i], piece.data(), piece.size());
+        section.pieceLength[i] =
+            dice.below(4) == 0 ? dice.below(5) : static_cast<int>(piece.size());
+    }
+    return section;
+}
+
+TEST(UrlCategories, AgreesWithThePlainMatcher) {
+    Dice dice;
+    auto config = prepared({{"a.test", std::vector<std::string>(kMaxCategories, "x")}});
+    std::size_t matches = 0;
+    for (int i = 0; i < 3000; ++i) {
+        for (CategoryConfig& category : config->info.categories[0]) {
+            category.numSections = 1 + dice.below(8) / 7;
+            for (int k = 0; k < category.numSections; ++k)
+                category.sections[k] = randomSection(dice);
+        }
+        prepareConfiguration(*config);
+        const std::string url = dice.text("ab/", 1, 8);
+        std::vector<int> expected;
+        for (int c = 0; c < kMaxCategories; ++c) {
+            const CategoryConfig& category = config->info.categories[0][c];
+            bool matched = false;
+            for (int k = 0; k < category.numSections && !matched; ++k) {
+                matched = plainSectionMatch(url, category.sections[k]);
+            }
+            if (matched) expected.push_back(c);
+        }
+        matches += expected.size();
+        ASSERT_EQ(categoriesOf(*config, url), expected) << url << ", configuration " << i;
+    }
+    EXPECT_GT(matches, 5000U);
+    EXPECT_LT(matches, 40'000U);
+}
+
+}  // namespace
+}  // namespace tolvane::test

@@ -1,0 +1,189 @@
+// The three publications side by side, and what they leave alone.
+#include "shim_utils/publication.h"
+
+#include <gtest/gtest.h>
+#include <sys/sem.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "measured_process.h"
+#include "shim_utils/configuration.h"
+#include "shim_utils/semaphores.h"
+#include "shim_utils/transfer.h"
+
+namespace tolvane::test {
+namespace {
+
+constexpr int kFd = 9;
+
+struct Form {
+    const char* name;
+    ServerType type;
+    void (*publish)();
+};
+const Form kWorker = {"worker", kApacheProcesses, writeResult};
+const Form kNetscapeMonitor = {"Netscape monitor", kNetscape, publishSlots};
+const Form kApacheMonitor = {"Apache monitor", kApacheThreads, publishSlots};
+const Form kExit = {"exit", kApacheProcesses, publishAtExit};
+
+// What slot 0 has counted everywhere, and its gauges.
+void setCounts(std::uint32_t n, std::int32_t gauge) {
+    ResultStruct& local = slotAt(0).result;
+    local.total = {n, n, n, n, n, n, gauge, n, n, n};
+    std::ranges::fill(local.site, local.total);
+    for (auto& site : local.category) {
+        std::ranges::fill(site, CategoryCounters{n, n, n, n, gauge, n / 2.0});
+    }
+    slotAt(0).state.touchedSites.store(~0U);
+    ++slotAt(0).state.dirtyMarks;
+}
+
+std::string gaugeText(const char* name, int value) {
+    return value == 0 ? "" : name + std::to_string(value);
+}
+
+// A record in which every counter of the totals, of sites 0 and 1 and of one
+// category is 1.
+std::string handedOn(int totalOpen, int siteOpen, int inProgress) {
+    const auto block = [](const std::string& group, int open) {
+        return group + " conn1 req1 in1 out1" + gaugeText(" open", open) +
+               " redir1 err1 cerr1 serr1 drop1";
+    };
+    return block("total:", totalOpen) + block(" | 0:", siteOpen) + " | 0.0: req1 out1" +
+           gaugeText(" busy", inProgress) + " err1 drop1 time0.5" + block(" | 1:", siteOpen);
+}
+
+int freeUnits(const ResultStruct& record) {
+    return webServerType == kNetscape
+               ? 1
+               : semctl(semaphoreOf(static_cast<int>(&record - shmPtr)), 0, GETVAL);
+}
+
+TEST(Publication, HandsOnCountersOnceAndGaugesByItsRules) {
+    const struct {
+        Form form;
+        int gauge, totalOpen, siteOpen, inProgress;
+    } cases[] = {
+        {kWorker, 2, 0, 0, 2},
+        {kWorker, -1, 0, 0, -1},
+        {kNetscapeMonitor, 2, 2, 2, 2},
+        {kNetscapeMonitor, -1, 0, 0, 0},
+        {kApacheMonitor, 2, 2, 2, 2},
+        {kApacheMonitor, -1, 0, 0, 0},
+        {kExit, 2, 0, 2, 0},
+        {kExit, -1, 0, 0, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.form.name << ", gauges " << c.gauge);
+        inChild([&c] {
+            const MeasuredProcess process(c.form.type, 1024, 3);
+            bucketNumber = 1;
+            putIntoForce({{"a.test", {"/x"}}, {"b.test", {}}});
+            setCounts(1, c.gauge);
+            c.form.publish();
+            c.form.publish();  // nothing new
+            EXPECT_EQ(describe(shmPtr[1]), handedOn(c.totalOpen, c.siteOpen, c.inProgress));
+            EXPECT_EQ(describe(shmPtr[0]) + describe(shmPtr[2]), "");
+            const ResultStruct& shared = shmPtr[1];
+            EXPECT_EQ(shared.totalDirty + shared.sitesDirty + shared.categoriesDirty, 3);
+            EXPECT_EQ(freeUnits(shared), 1);
+
+            // A gauge is added at every publication, a counter only what is new;
+            // what belonged to no site at the time belongs to none later.
+            setCounts(1, c.gauge);
+            slotAt(0).result.total.requests = 4;
+            putIntoForce({{"a.test", {"/x", "/y"}}, {"b.test", {}}, {"c.test", {}}});
+            c.form.publish();
+            EXPECT_EQ(shared.total.requests, 4U);
+            EXPECT_EQ(shared.total.connections, 1U);
+            EXPECT_EQ(int{shared.category[0][0].inProgress}, c.inProgress * 2);
+            // But for an exit, which comes once however often it is reported.
+            EXPECT_EQ(int{shared.site[0].openConnections},
+                      c.siteOpen * (c.form.publish == publishAtExit ? 1 : 2));
+            EXPECT_EQ(shared.category[0][1].requests + shared.site[2].requests, 0U);
+        });
+    }
+}
+
+TEST(Publication, ClearsTheGroupsThatTheAgentHasTaken) {
+    const struct {
+        Form form;
+        bool dirty;  // the slot
+        bool clears;
+        bool adds;
+    } cases[] = {{kWorker, true, true, true},          {kWorker, false, false, false},
+                 {kNetscapeMonitor, true, true, true}, {kApacheMonitor, true, true, true},
+                 {kApacheMonitor, false, true, false}, {kExit, true, false, true},
+                 {kExit, false, false, true}};
+    for (const auto& c : cases) {
+        for (int taken = 0; taken < 8; ++taken) {  // a bit for each group
+            SCOPED_TRACE(testing::Message() << c.form.name << c.dirty << ", taken " << taken);
+            inChild([&c, taken] {
+                const MeasuredProcess process(c.form.type);
+                putIntoForce({{"a.test", {"/x"}}});
+                setCounts(1, 0);
+                if (!c.dirty) slotAt(0).state.dirtyMarks.store(0);
+                ResultStruct& shared = shmPtr[0];
+                shared.total.requests = shared.site[9].requests = shared.category[9][14].requests =
+                    7;
+                shared.total.openConnections = shared.site[9].openConnections = 7;
+                shared.category[9][14].inProgress = 7;
+                std::int32_t* flags[] = {&shared.totalDirty, &shared.sitesDirty,
+                                         &shared.categoriesDirty};
+                for (int g = 0; g < 3; ++g) *flags[g] = (taken >> g & 1) == 0;
+                c.form.publish();
+                const auto left = [&c, taken](int g) {
+                    return c.clears && (taken >> g & 1) != 0 ? 0 : 7;
+                };
+                EXPECT_EQ(static_cast<int>(shared.total.requests), left(0) + c.adds);
+                EXPECT_EQ(int{shared.total.openConnections}, left(0));
+                EXPECT_EQ(static_cast<int>(shared.site[9].requests), left(1));
+                EXPECT_EQ(int{shared.site[9].openConnections}, left(1));
+                EXPECT_EQ(static_cast<int>(shared.category[9][14].requests), left(2));
+                EXPECT_EQ(int{shared.category[9][14].inProgress}, left(2));
+                EXPECT_EQ(shared.site[0].requests, c.adds ? 1U : 0U);
+                for (int g = 0; g < 3; ++g)
+                    EXPECT_EQ(*flags[g] == 1, c.adds || (taken >> g & 1) == 0);
+                EXPECT_EQ(freeUnits(shared), 1);
+            });
+        }
+    }
+}
+
+TEST(Publication, OfAWorkerComesEveryInterval) {
+    const MeasuredProcess process(kApacheProcesses);
+    countAccepted(kFd, kPlain);
+    shmConfig->version = 3;
+    for (unsigned call = 1; call <= 11; ++call) {
+        received(kFd, 1, {});
+        sent(kFd, call % 2 ? 1000 : -1, {});  // failed calls count as well
+        EXPECT_EQ(shmPtr[0].total.bytesReceived, call / 5 * 5) << call;
+        EXPECT_EQ(configInfo().info.version, call < 5 ? 0 : 3) << call;
+    }
+    countAccepted(kFd, kSsl);  // its calls do not
+    for (int call = 0; call < 10; ++call) sent(kFd, 1, {});
+    EXPECT_EQ(shmPtr[0].total.bytesReceived, 10U);
+}
+
+TEST(Publication, WithoutItsSemaphoreKeepsTheCounts) {
+    for (const Form& form : {kWorker, kApacheMonitor, kExit}) {
+        SCOPED_TRACE(form.name);
+        inChild([&form] {
+            const MeasuredProcess process(form.type);
+            countAccepted(kFd, kPlain);
+            shmConfig->version = 3;
+            removeSemaphore(semaphoreOf(0));
+            form.publish();
+            EXPECT_EQ(describe(shmPtr[0]), "");
+            EXPECT_EQ(configInfo().info.version, 0);
+            ASSERT_TRUE(createSemaphores(1));
+            form.publish();
+            EXPECT_EQ(shmPtr[0].total.connections, 1U);
+        });
+    }
+}
+
+}  // namespace
+}  // namespace tolvane::test
