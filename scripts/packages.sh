@@ -22,3 +22,6 @@ install_missing() {
 # What building needs, in both word sizes; libc6-dev-i386 and the like come
 # with g++-multilib.
 build_packages=(g++ g++-multilib cmake ninja-build binutils)
+
+# What the command-line tool is built on.
+tool_packages=(libcli11-dev libfmt-dev libtomlplusplus-dev nlohmann-json3-dev)

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Installs what is missing on a Debian 12, builds the 64-bit and the 32-bit
-# library, and runs all tests of both. Needs root or sudo.
+# library and the tool, and runs all tests. Needs root or sudo.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
-install_missing "${build_packages[@]}" googletest apache2-bin procps
+install_missing "${build_packages[@]}" "${tool_packages[@]}" googletest apache2-bin procps
 
 # build PRESET [OPTION...]
 build() {
@@ -12,7 +12,7 @@ build() {
   cmake --build --preset "$1"
 }
 
-build release -DTOLVANE_TOOL=OFF
+build release
 build release32
 scripts/check_library.sh build/release/lib/libtolvane.so ELF64
 scripts/check_library.sh build/release32/lib/libtolvane.so ELF32

@@ -52,7 +52,6 @@ void takeNewerConfiguration() {
 }
 
 void* monitor(void*) {
-    takeConfiguration();
     if (webServerType == kApacheProcesses) {
         printErrorMsg("Apache not supported in monitor()!");
         return nullptr;
@@ -94,6 +93,8 @@ void cleanUpParent() {
 }  // namespace
 
 void startMonitor() {
+    // Here and not in the thread: the first requests are matched, too.
+    takeConfiguration();
     sigset_t all;
     sigset_t before;
     sigfillset(&all);

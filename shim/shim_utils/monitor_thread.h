@@ -3,8 +3,9 @@
 
 namespace tolvane {
 
-// Starts it, with every signal blocked: the server's signals are for the
-// server's threads. A failure is logged.
+// Takes the segment's configuration, whatever its version, and starts the
+// thread, with every signal blocked: the server's signals are for the server's
+// threads. A failure is logged.
 void startMonitor();
 
 }  // namespace tolvane

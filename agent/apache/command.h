@@ -1,0 +1,32 @@
+// A server's command line: what is started, and which of its arguments decide
+// about its configuration.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "base/elf.h"
+
+namespace tolvane::agent {
+
+enum class ServerKind { kUnknown, kApache, kNetscape };
+
+struct ServerCommand {
+    std::vector<std::string> words;
+    std::string path;                        // of words[0], as execvp finds it
+    Executable executable;                   // what kind of file that is
+    ServerKind kind = ServerKind::kUnknown;  // by its name
+    // An Apache's own -C, -c, -D, -d and -f with their values, for asking the
+    // same server about its configuration.
+    std::vector<std::string> configurationArguments;
+    std::string serverDirectory;  // -d
+};
+
+// Throws Failure when there is no such executable.
+ServerCommand inspectCommand(const std::vector<std::string>& words);
+
+// The executables with absolute paths that a script's text mentions and that
+// look like a web server.
+std::vector<std::string> serversNamedIn(const std::string& scriptText);
+
+}  // namespace tolvane::agent

@@ -1,0 +1,50 @@
+// What an Apache says about itself when it is asked: its word size, the files
+// of its configuration, its modules, definitions and pid file.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "apache/command.h"
+#include "base/elf.h"
+
+namespace tolvane::agent {
+
+struct IncludedFile {
+    std::string path;
+    std::size_t line = 0;  // of the including directive, in the file above
+    std::vector<IncludedFile> files;
+};
+
+struct ServerFacts {
+    WordSize wordSize = WordSize::kUnknown;
+    std::string version;  // "2.4.62"
+    IncludedFile mainFile;
+    std::string serverRoot;
+    std::string pidFile;
+    std::map<std::string, std::string> defines;
+    std::set<std::string> modules;    // "ssl_module"
+    std::vector<std::string> before;  // directives of -C, read ahead of the files
+    std::vector<std::string> after;   // directives of -c
+    // Variables that the server's own start scripts set, for a server that is
+    // started without them.
+    std::map<std::string, std::string> environment;
+};
+
+// "prefork", "worker", "event", ... by the modules that are loaded.
+std::string processingModule(const ServerFacts& facts);
+
+// The answers to -V, and to -t with DUMP_INCLUDES, DUMP_RUN_CFG and
+// DUMP_MODULES. parseDump throws Failure when no file is listed.
+void parseVersion(std::string_view output, ServerFacts& facts, std::string& compiledRoot);
+void parseDump(std::string_view output, ServerFacts& facts);
+
+// Asks the server that the command starts. Throws Failure, with the server's
+// own words, when its configuration is not valid.
+ServerFacts probeServer(const ServerCommand& command);
+
+}  // namespace tolvane::agent

@@ -1,0 +1,46 @@
+// Small text helpers: reading whole files with a bound, splitting, numbers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tolvane::agent {
+
+inline constexpr std::size_t kMaxTextFile = 4U << 20;
+
+// The file's content, or nothing when it cannot be read (errno says why). At
+// most `limit` bytes are read; a longer file counts as unreadable (EFBIG).
+std::optional<std::string> readFile(const std::string& path, std::size_t limit = kMaxTextFile);
+
+// Writes beside the file and renames, so that a reader sees the old content
+// or the new one. Throws Failure.
+void replaceFile(const std::string& path, std::string_view content);
+
+std::vector<std::string_view> splitLines(std::string_view text);
+std::vector<std::string> splitWords(std::string_view line);
+std::string_view trim(std::string_view text);
+std::string lower(std::string_view text);
+bool equalIgnoringCase(std::string_view a, std::string_view b);
+
+// The whole text as a decimal number that fits; signs and blanks are refused
+// except for a leading '-'.
+std::optional<std::int32_t> parseInt32(std::string_view text);
+
+// Text from a file or a segment, made safe for a terminal: control characters
+// and bytes that are not UTF-8 become '?'.
+std::string printable(std::string_view text);
+
+// Columns that the text takes on a terminal, counting UTF-8 sequences as one.
+std::size_t displayWidth(std::string_view text);
+
+// "1 server", "3 servers".
+std::string plural(std::size_t count, std::string_view noun);
+
+// "a", "a and b", "a, b and c".
+std::string listOf(const std::vector<std::string>& items);
+
+}  // namespace tolvane::agent

@@ -1,0 +1,125 @@
+#include <fmt/format.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "base/error.h"
+#include "base/process.h"
+#include "base/terminal.h"
+#include "base/text.h"
+#include "commands/commands.h"
+#include "commands/removal_lock.h"
+#include "segment/server.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+union SemaphoreArgument {
+    int value;
+    semid_ds* status;
+};
+
+// A server creates its semaphores right after its segment, as the same user
+// and one to a set. Whatever does not look so was not its own: identifiers in
+// an old segment may have been given to somebody else since.
+bool isSemaphoreOf(std::int32_t semaphoreId, const SegmentStatus& segment) {
+    constexpr std::time_t kStartUp = 60;
+    semid_ds status{};
+    if (semaphoreId < 0 ||
+        ::semctl(semaphoreId, 0, IPC_STAT, SemaphoreArgument{.status = &status}) < 0) {
+        return false;
+    }
+    return status.sem_nsems == 1 && status.sem_perm.cuid == segment.owner &&
+           status.sem_ctime >= segment.created && status.sem_ctime <= segment.created + kStartUp;
+}
+
+struct Leftovers {
+    std::vector<std::int32_t> semaphores;
+    std::int32_t shmid = -1;
+    std::string handoff;
+};
+
+Leftovers leftoversOf(const Server& server) {
+    Leftovers left;
+    // A damaged file may be one that is being written right now.
+    bool mayBeWritten = !server.handoff.problem.empty() && processExists(server.handoff.pid);
+    if (!mayBeWritten) left.handoff = server.handoff.path;
+    if (!server.ownsSegment) return left;
+    left.shmid = server.handoff.shmid;
+    SegmentStatus status = segmentStatus(left.shmid);
+    Segment segment(left.shmid, server.handoff.structures, Segment::Access::kRead);
+    for (std::int32_t i = 0; i < segment.structures(); ++i) {
+        std::int32_t id = segment.semaphoreOf(i);
+        if (isSemaphoreOf(id, status)) left.semaphores.push_back(id);
+    }
+    return left;
+}
+
+class Remover {
+  public:
+    explicit Remover(bool dryRun) : dryRun_(dryRun) {}
+
+    template <typename Action>
+    void remove(const std::string& what, Action&& action) {
+        if (!dryRun_ && action() != 0 && errno != EINVAL && errno != EIDRM && errno != ENOENT) {
+            writeOut(fmt::format("  {}: {}\n", what, std::strerror(errno)));
+            refused_ = true;
+            return;
+        }
+        writeOut(fmt::format("  {} {}\n", what, dryRun_ ? "would be removed" : "removed"));
+    }
+    bool refused() const { return refused_; }
+
+  private:
+    bool dryRun_;
+    bool refused_ = false;
+};
+
+void removeLeftovers(const Leftovers& left, Remover& remover) {
+    for (std::int32_t id : left.semaphores) {
+        remover.remove(fmt::format("semaphore {}", id), [id] { return ::semctl(id, 0, IPC_RMID); });
+    }
+    if (left.shmid >= 0) {
+        remover.remove(fmt::format("segment {}", left.shmid),
+                       [&] { return ::shmctl(left.shmid, IPC_RMID, nullptr); });
+    }
+    if (!left.handoff.empty()) {
+        remover.remove(left.handoff, [&] { return ::unlink(left.handoff.c_str()); });
+    }
+}
+
+}  // namespace
+
+int cleanCommand(const CleanOptions& options) {
+    Remover remover(options.dryRun);
+    if (auto age = abandonedLockAge()) {
+        writeOut(fmt::format("Lock file, held for {} s by nobody who still works:\n", *age));
+        remover.remove(kLockFile, [] { return ::unlink(kLockFile); });
+    }
+    auto servers = findServers();
+    std::erase_if(servers, [](const Server& s) { return s.state != ServerState::kStale; });
+    if (servers.empty()) {
+        writeOut("Nothing stale.\n");
+        return remover.refused() ? kExitFailed : kExitOk;
+    }
+    std::optional<RemovalLock> lock;
+    if (!options.dryRun) lock.emplace();
+    for (const Server& found : servers) {
+        // What was stale before the wait for the lock may have changed.
+        for (const Server& server : findServers()) {
+            if (server.handoff.path != found.handoff.path || server.state != ServerState::kStale)
+                continue;
+            writeOut(fmt::format("Server {}: {}\n", nameOf(server), server.why));
+            removeLeftovers(leftoversOf(server), remover);
+        }
+    }
+    return remover.refused() ? kExitFailed : kExitOk;
+}
+
+}  // namespace tolvane::agent

@@ -1,0 +1,66 @@
+// The sub-commands. Each returns the program's exit code or throws Failure.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tolvane::agent {
+
+struct RunOptions {
+    std::string type;  // "apache", "netscape", or empty: by the command's name
+    std::string root;
+    std::string library;
+    std::optional<std::string> sslFactor;
+    std::optional<int> semaphores;
+    std::optional<int> requestInterval;
+    bool quiet = false;
+    std::vector<std::string> command;
+};
+
+struct PrepareOptions {
+    std::string root;
+    std::string serverDirectory;  // the server's own -d
+    std::string serverFile;       // the server's own -f
+    std::vector<std::string> defines;
+    std::vector<std::string> command;
+};
+
+struct ListOptions {
+    bool json = false;
+};
+
+struct CleanOptions {
+    bool dryRun = false;
+};
+
+struct ConfigureOptions {
+    std::string file;
+    std::optional<std::string> server;
+    bool reset = false;
+};
+
+struct ShowOptions {
+    std::optional<std::string> server;
+    bool json = false;
+    double sampleSeconds = 0;
+};
+
+struct TopOptions {
+    std::optional<std::string> server;
+    double delay = 2;
+    int count = 0;  // 0: until it is stopped
+    std::string sortBy;
+};
+
+int runCommand(const RunOptions& options);
+int prepareCommand(const PrepareOptions& options);
+int listCommand(const ListOptions& options);
+int cleanCommand(const CleanOptions& options);
+int checkCommand(const std::string& file);
+int configureCommand(const ConfigureOptions& options);
+int showCommand(const ShowOptions& options);
+int topCommand(const TopOptions& options);
+int doctorCommand();
+
+}  // namespace tolvane::agent

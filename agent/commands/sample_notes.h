@@ -1,0 +1,14 @@
+// What to know about a sample before reading its numbers.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "counts/counts.h"
+
+namespace tolvane::agent {
+
+std::string serverHeading(const Server& server, const Sample& sample);
+std::vector<std::string> sampleNotes(const Sample& sample);
+
+}  // namespace tolvane::agent

@@ -1,0 +1,121 @@
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "base/error.h"
+#include "base/terminal.h"
+#include "base/text.h"
+#include "commands/commands.h"
+#include "commands/sample_notes.h"
+#include "counts/counts.h"
+#include "counts/report.h"
+#include "counts/report_json.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+using Seconds = std::chrono::duration<double>;
+
+struct Measured {
+    Sample sample;
+    CountSet counts;
+    CountSet added;
+    double seconds = 0;
+    std::string meaningOfRates;
+};
+
+Sample sampleAfter(const Server& server, Seconds pause) {
+    auto end = std::chrono::steady_clock::now() + pause;
+    Progress progress;
+    while (std::chrono::steady_clock::now() < end) {
+        Seconds left = end - std::chrono::steady_clock::now();
+        progress.show(
+            fmt::format("sampling, {:.0f} of {:.0f} s left", left.count(), pause.count()));
+        std::this_thread::sleep_for(std::min<Seconds>(left, Seconds(0.25)));
+    }
+    return takeSample(server);
+}
+
+Measured measure(const Server& server, double sampleSeconds) {
+    Measured measured;
+    Sample first = takeSample(server);
+    if (sampleSeconds > 0) {
+        measured.sample = sampleAfter(server, Seconds(sampleSeconds));
+        measured.added = increase(first.records, measured.sample.records);
+        measured.seconds = Seconds(measured.sample.when - first.when).count();
+        measured.meaningOfRates = fmt::format("of the last {:.1f} s", measured.seconds);
+    } else {
+        measured.sample = std::move(first);
+        measured.added = countsOf(measured.sample.records);
+        measured.seconds =
+            std::max(std::difftime(std::time(nullptr), measured.sample.measuredSince), 1.0);
+        measured.meaningOfRates =
+            fmt::format("mean of {:.0f} s, since {:%Y-%m-%d %H:%M:%S}", measured.seconds,
+                        fmt::localtime(measured.sample.measuredSince));
+    }
+    measured.counts = countsOf(measured.sample.records);
+    return measured;
+}
+
+nlohmann::ordered_json toJson(const Server& server, const Measured& measured,
+                              const Report& report) {
+    nlohmann::ordered_json json = serverToJson(server);
+    json["measured_since"] = measured.sample.measuredSince;
+    json["interval"] = measured.sample.config.info->interval;
+    json["rates_over_seconds"] = measured.seconds;
+    json["notes"] = sampleNotes(measured.sample);
+    json.update(reportToJson(report));
+    return json;
+}
+
+void print(const Server& server, const Measured& measured, const Report& report) {
+    bool colour = colourOn(STDOUT_FILENO);
+    ReportLayout layout;
+    layout.colour = colour;
+    layout.width = isTerminal(STDOUT_FILENO) ? terminalSize(STDOUT_FILENO).columns : 0;
+    std::string text = serverHeading(server, measured.sample) + "\n";
+    text += fmt::format("Rates: {}.\n", measured.meaningOfRates);
+    for (const std::string& note : sampleNotes(measured.sample)) {
+        text += coloured("Note: " + note, Colour::kYellow, colour) + "\n";
+    }
+    for (const std::string& line : renderReport(report, layout)) text += line + "\n";
+    writeOut(text);
+}
+
+std::vector<Server> wantedServers(const std::optional<std::string>& wanted) {
+    std::vector<Server> servers = findServers();
+    if (wanted) return {selectServer(servers, wanted)};
+    std::erase_if(servers, [](const Server& server) { return server.state != ServerState::kLive; });
+    if (servers.empty()) selectServer(servers, wanted);  // says what to do
+    return servers;
+}
+
+}  // namespace
+
+int showCommand(const ShowOptions& options) {
+    nlohmann::ordered_json all = nlohmann::ordered_json::array();
+    bool first = true;
+    for (const Server& server : wantedServers(options.server)) {
+        Measured measured = measure(server, options.sampleSeconds);
+        Report report = buildReport(*measured.sample.config.info, measured.counts, measured.added,
+                                    measured.seconds);
+        if (options.json) {
+            all.push_back(toJson(server, measured, report));
+        } else {
+            if (!first) writeOut("\n");
+            print(server, measured, report);
+        }
+        first = false;
+    }
+    if (options.json) {
+        writeOut(all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    }
+    return kExitOk;
+}
+
+}  // namespace tolvane::agent

@@ -1,0 +1,67 @@
+// The table of sites and categories that `show` and `top` print.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "counts/counts.h"
+
+namespace tolvane::agent {
+
+struct ReportRow {
+    enum class Level { kTotal, kSite, kCategory };
+    Level level = Level::kTotal;
+    std::string name;
+    TrafficCounts counts;
+    double requestsPerSecond = 0;
+    double bytesSentPerSecond = 0;
+    std::optional<double> errorShare;    // errors per request, 0 to 1
+    std::optional<double> meanResponse;  // seconds
+};
+
+// The total first, then each site followed by its categories.
+struct Report {
+    std::vector<ReportRow> rows;
+};
+
+// `added` is what came on in `seconds`; it gives the rates.
+Report buildReport(const ConfigInfo& config, const CountSet& counts, const CountSet& added,
+                   double seconds);
+
+enum class ReportColumn {
+    kName,
+    kRequests,
+    kRate,
+    kErrorShare,
+    kMean,
+    kClientErrors,
+    kServerErrors,
+    kRedirects,
+    kDropped,
+    kConnections,
+    kSent,
+    kReceived,
+    kSentRate,
+};
+inline constexpr int kReportColumns = 13;
+
+struct ReportLayout {
+    int width = 0;  // columns of the terminal; 0: as wide as it gets
+    bool colour = false;
+    bool exactBytes = true;  // false: with a unit, such as 12.5M
+    bool categories = true;
+    std::optional<ReportColumn> sortBy;  // marked in the heading
+    bool ascending = false;
+};
+
+// Sites among themselves, and the categories within their site.
+void sortReport(Report& report, ReportColumn column, bool ascending);
+
+// The heading and one line per row. Columns that do not fit are left out, the
+// least telling first.
+std::vector<std::string> renderReport(const Report& report, const ReportLayout& layout);
+
+const char* columnTitle(ReportColumn column);
+
+}  // namespace tolvane::agent

@@ -1,0 +1,217 @@
+// The client of scripts/demo.sh: concurrent keep-alive connections with mixed
+// requests to two sites, and an exact account of what went over the wire.
+//
+//   tolvane-demo-traffic PORT CONNECTIONS SECONDS
+//
+// Before and after the mixed requests it holds CONNECTIONS open at once, so
+// that every process answers: before, to have published once and so taken the
+// configuration, and after, to publish what its last response has left.
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Account {
+    unsigned long long connections = 0, requests = 0, redirects = 0, clientErrors = 0,
+                       bytesToClient = 0, bytesToServer = 0;
+    void add(const Account& other) {
+        connections += other.connections;
+        requests += other.requests;
+        redirects += other.redirects;
+        clientErrors += other.clientErrors;
+        bytesToClient += other.bytesToClient;
+        bytesToServer += other.bytesToServer;
+    }
+};
+
+using Accounts = std::map<std::string, Account>;
+
+struct Request {
+    const char* host;
+    const char* path;
+    const char* category;  // of the demo's configuration; nullptr: in none
+};
+
+constexpr Request kElsewhere = {"elsewhere.example", "/", nullptr};
+
+constexpr Request kMix[] = {
+    {"shop.example", "/", "pages"},
+    {"shop.example", "/index.html", "pages"},
+    {"www.shop.example", "/cart/add?item=7", "cart"},
+    {"www.shop.example", "/shop-1.html", "cart"},
+    {"shop.example", "/photo.jpg", "images"},
+    {"shop.example", "/old", nullptr},
+    {"shop.example", "/no-such-page", nullptr},
+    {"blog.example", "/", nullptr},
+    {"blog.example", "/post-1.html", "posts"},
+    {"blog.example", "/post-2.html", "posts"},
+    {"elsewhere.example", "/", nullptr},
+};
+
+std::string siteOf(const Request& request) {
+    std::string_view host = request.host;
+    if (host == "www.shop.example") host = "shop.example";
+    return std::string(host);
+}
+
+class Connection {
+  public:
+    explicit Connection(int port, Accounts& accounts)
+        : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), accounts_(accounts) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        timeval limit{30, 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+            throw std::runtime_error("the server cannot be reached");
+        }
+    }
+    ~Connection() { ::close(fd_); }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    void exchange(const Request& request) {
+        Account account;
+        account.requests = 1;
+        std::string text =
+            fmt::format("GET {} HTTP/1.1\r\nHost: {}\r\n\r\n", request.path, request.host);
+        if (::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) !=
+            static_cast<ssize_t>(text.size())) {
+            throw std::runtime_error("a request could not be sent");
+        }
+        account.bytesToServer = text.size();
+        int status = readResponse(account);
+        if (status / 100 == 3) account.redirects = 1;
+        if (status / 100 == 4) account.clientErrors = 1;
+        if (request.category != nullptr) accounts_[request.category].add(account);
+        std::string site = siteOf(request);
+        // A connection counts for the first site of the configuration that it asks for.
+        if (site != kElsewhere.host && !counted_) account.connections = 1;
+        counted_ |= account.connections > 0;
+        accounts_[site].add(account);
+        account.connections = first_ ? 1 : 0;
+        accounts_["all traffic"].add(account);
+        first_ = false;
+    }
+
+  private:
+    void receive(std::string& into) {
+        char buffer[65536];
+        ssize_t got = ::recv(fd_, buffer, sizeof buffer, 0);
+        if (got <= 0) throw std::runtime_error("a response ended early");
+        into.append(buffer, static_cast<std::size_t>(got));
+    }
+
+    int readResponse(Account& account) {
+        std::string response;
+        std::size_t headEnd;
+        while ((headEnd = response.find("\r\n\r\n")) == std::string::npos) receive(response);
+        std::size_t length = response.find("Content-Length: ");
+        if (length == std::string::npos || length > headEnd) {
+            throw std::runtime_error("a response without Content-Length");
+        }
+        std::size_t whole = headEnd + 4 + std::strtoul(response.c_str() + length + 16, nullptr, 10);
+        while (response.size() < whole) receive(response);
+        account.bytesToClient = response.size();
+        return std::atoi(response.c_str() + 9);
+    }
+
+    int fd_;
+    bool first_ = true;
+    bool counted_ = false;
+    Accounts& accounts_;
+};
+
+void callAtEveryProcess(int port, int connections, Accounts& accounts) {
+    std::vector<std::unique_ptr<Connection>> open;
+    for (int i = 0; i < connections; ++i) {
+        open.push_back(std::make_unique<Connection>(port, accounts));
+        open.back()->exchange(kElsewhere);
+    }
+    for (auto& connection : open) connection->exchange(kElsewhere);
+}
+
+void mix(int port, Clock::time_point end, unsigned seed, Accounts& accounts) {
+    std::mt19937 random(seed);
+    while (Clock::now() < end) {
+        Connection connection(port, accounts);
+        auto requests = 1 + random() % 20;
+        for (unsigned long i = 0; i < requests; ++i) {
+            connection.exchange(kMix[random() % std::size(kMix)]);
+            std::this_thread::sleep_for(std::chrono::milliseconds(random() % 8));
+        }
+    }
+}
+
+int run(int port, int connections, int seconds) {
+    Accounts total;
+    // Which of several threaded processes answers is left to chance.
+    constexpr int kRounds = 5;
+    for (int round = 0; round < kRounds; ++round) {
+        callAtEveryProcess(port, connections, total);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    std::vector<Accounts> accounts(static_cast<std::size_t>(connections));
+    std::vector<std::string> failures(accounts.size());
+    std::vector<std::thread> threads;
+    auto end = Clock::now() + std::chrono::seconds(seconds);
+    for (unsigned i = 0; i < accounts.size(); ++i) {
+        threads.emplace_back([&, i] {
+            try {
+                mix(port, end, i + 1, accounts[i]);
+            } catch (const std::exception& error) {
+                failures[i] = error.what();
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    callAtEveryProcess(port, connections, total);
+    for (const Accounts& part : accounts) {
+        for (const auto& [name, account] : part) total[name].add(account);
+    }
+    for (const auto& [name, account] : total) {
+        fmt::print("{}|{}|{}|{}|{}|{}|{}\n", name, account.requests, account.clientErrors,
+                   account.redirects, account.connections, account.bytesToClient,
+                   account.bytesToServer);
+    }
+    for (const std::string& failure : failures) {
+        if (failure.empty()) continue;
+        fmt::print(stderr, "{}\n", failure);
+        return 1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 4) {
+        fmt::print(stderr, "usage: tolvane-demo-traffic PORT CONNECTIONS SECONDS\n");
+        return 2;
+    }
+    try {
+        return run(std::atoi(argv[1]), std::atoi(argv[2]), std::atoi(argv[3]));
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "{}\n", error.what());
+        return 1;
+    }
+}

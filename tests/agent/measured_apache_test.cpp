@@ -1,0 +1,87 @@
+// The tool with the distribution's Apache, from its start to its end.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "fake_server.h"
+#include "support/http_client.h"
+#include "support/process.h"
+#include "support/sandbox.h"
+
+namespace tolvane::agent::test {
+namespace {
+
+using namespace std::chrono_literals;
+using tolvane::test::writeFile;
+
+constexpr int kPort = 8080;
+
+// As a distribution lays it out: nothing lies where the shim looks.
+void layOutServer(const std::string& module) {
+    std::filesystem::create_directories("/opt/etc/sites");
+    std::string conf = "ServerName a\nPidFile /opt/etc/server.pid\nErrorLog /opt/etc/error.log\n";
+    for (const std::string& name : {"mpm_" + module, std::string("authz_core")}) {
+        conf += "LoadModule " + name + "_module /usr/lib/apache2/modules/mod_" + name + ".so\n";
+    }
+    if (geteuid() == 0) conf += "User www-data\nGroup www-data\n";
+    conf += module == "prefork"
+                ? "StartServers 1\nMinSpareServers 1\nMaxSpareServers 1\nMaxRequestWorkers 11\n"
+                : "StartServers 1\nThreadsPerChild 25\nMaxRequestWorkers 25\n";
+    writeFile("/opt/etc/main.conf", conf + "IncludeOptional /opt/etc/sites/*.conf\n");
+    writeFile("/opt/etc/sites/a.conf", "Listen 127.0.0.1:8080\nDocumentRoot /opt/server/htdocs\n");
+    writeFile("/opt/server/htdocs/page.html", "page");
+    writeFile("/opt/sites.toml",
+              "interval = 1\n[[site]]\nname = \"a.test\"\n[[site.category]]\nlabel = \"pages\"\n"
+              "urls = [\"/page*\"]\n");
+}
+
+class MeasuredApache : public testing::TestWithParam<const char*> {};
+
+TEST_P(MeasuredApache, IsStartedConfiguredShownAndGone) {
+    if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";
+    layOutServer(GetParam());
+    tolvane::test::Process server(
+        {TOLVANE_PROGRAM, "run", "--library", TOLVANE_LIBRARY, "--request-interval", "1", "--",
+         "/usr/sbin/apache2", "-d", "/opt/etc", "-f", "main.conf", "-D", "FOREGROUND"},
+        {});
+    ASSERT_TRUE(tolvane::test::eventually(20s, [] { return tolvane({"list"}).code == 0; }));
+    ASSERT_EQ(tolvane({"configure", "/opt/sites.toml"}).code, 0);
+    tolvane::test::Counts sent;
+    auto shown = [] { return nlohmann::json::parse(tolvane({"show", "--json"}).output).at(0); };
+    // The first requests may come before their process has the configuration.
+    auto counted = [&] {
+        tolvane::test::HttpConnection connection(kPort, sent);
+        connection.exchange({tolvane::test::get("a.test", "/page.html")});
+        return shown()["sites"][0]["requests"] > 0;
+    };
+    ASSERT_TRUE(tolvane::test::eventually(20s, counted));
+    std::this_thread::sleep_for(2500ms);
+    auto before = shown();
+    {
+        tolvane::test::HttpConnection connection(kPort, sent);
+        for (int i = 0; i < 20; ++i)
+            connection.exchange({tolvane::test::get("a.test", "/page.html")});
+        for (int i = 0; i < 5; ++i) connection.exchange({tolvane::test::get("a.test", "/missing")});
+    }
+    auto added = [&](const char* what) {
+        return shown()["sites"][0][what].get<int>() - before["sites"][0][what].get<int>();
+    };
+    EXPECT_TRUE(tolvane::test::eventually(10s, [&] { return added("requests") == 25; })) << shown();
+    EXPECT_EQ(added("errors"), 5);
+    EXPECT_EQ(shown()["sites"][0]["categories"][0]["label"], "pages");
+    Outcome doctor = tolvane({"doctor"});
+    EXPECT_EQ(doctor.code, 0) << doctor.output;
+    server.signal(SIGTERM);
+    ASSERT_TRUE(server.wait(20s));
+    EXPECT_EQ(tolvane({"list"}).code, 1);
+    EXPECT_EQ(tolvane::test::systemVObjects("shm") + tolvane::test::systemVObjects("sem"), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Modules, MeasuredApache, testing::Values("prefork", "worker", "event"),
+                         [](const auto& module) { return std::string(module.param); });
+
+}  // namespace
+}  // namespace tolvane::agent::test

@@ -1,0 +1,186 @@
+// Handoff files, and what is live, ending or stale.
+#include <gtest/gtest.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include <cstring>
+
+#include "base/error.h"
+#include "fake_server.h"
+#include "segment/server.h"
+#include "support/sandbox.h"
+
+namespace tolvane::agent::test {
+namespace {
+
+using tolvane::test::writeFile;
+
+TEST(Handoff, IsReadOrItsFaultIsNamed) {
+    struct Case {
+        std::string text;
+        const char* problem;  // nullptr: none
+    };
+    const Case cases[] = {
+        {"Listen=*:80,10.0.0.1:443\nShmid=5\nServer_Type=APACHE\nStructures=3\n", nullptr},
+        {"Listen=\nShmid=0\nServer_Type=NETSCAPE\nStructures=1", nullptr},
+        {"", "Shmid= line is missing"},
+        {"Shmid=5\n", "Structures= line is missing"},
+        {"Structures=5\n", "Shmid= line is missing"},
+        {"Shmid=-1\nStructures=1\n", "\"Shmid=-1\" is not a number from 0"},
+        {"Shmid=5x\nStructures=1\n", "is not a number"},
+        {"Shmid=99999999999\nStructures=1\n", "is not a number"},
+        {"Shmid=5\nStructures=0\n", "is not a number from 1"},
+        {"Shmid=5\nStructures=2147483647\n", "is not a number from 1 to 461"},
+        {std::string("Shmid=5\0\nStructures=1\n", 22), "is not a number"},
+        {std::string(1000, '\xFF'), "missing"},
+    };
+    for (const Case& c : cases) {
+        Handoff handoff;
+        parseHandoff(c.text, handoff);
+        if (c.problem == nullptr) {
+            EXPECT_EQ(handoff.problem, "") << c.text;
+        } else {
+            EXPECT_NE(handoff.problem.find(c.problem), std::string::npos) << handoff.problem;
+        }
+    }
+    Handoff handoff;
+    parseHandoff(cases[0].text, handoff);
+    EXPECT_EQ(handoff.listen, (std::vector<std::string>{"*:80", "10.0.0.1:443"}));
+    EXPECT_EQ(handoff.shmid, 5);
+    EXPECT_EQ(handoff.serverType, "APACHE");
+    EXPECT_EQ(handoff.structures, 3);
+}
+
+TEST(Handoff, OnlyPlainFilesWithAProcessIdCount) {
+    writeFile(std::string(kHandoffDirectory) + "webadapter.12", "Shmid=1\nStructures=1\n");
+    writeFile(std::string(kHandoffDirectory) + "webadapter.9", std::string(100000, 'x'));
+    for (const char* name :
+         {"webadapter.", "webadapter.x", "webadapter.-1", "webadapter.0", "other"}) {
+        writeFile(kHandoffDirectory + std::string(name), "Shmid=1\nStructures=1\n");
+    }
+    ASSERT_EQ(symlink("/etc/passwd", (kHandoffDirectory + std::string("webadapter.5")).c_str()), 0);
+    ASSERT_EQ(mkfifo((kHandoffDirectory + std::string("webadapter.6")).c_str(), 0666), 0);
+    auto handoffs = readHandoffs(kHandoffDirectory);
+    ASSERT_EQ(handoffs.size(), 2U);
+    EXPECT_EQ(handoffs[0].pid, 9);
+    EXPECT_NE(handoffs[0].problem.find("cannot be read"), std::string::npos);
+    EXPECT_EQ(handoffs[1].pid, 12);
+}
+
+void expectState(ServerState state, const std::string& why) {
+    auto servers = findServers();
+    ASSERT_EQ(servers.size(), 1U);
+    EXPECT_STREQ(stateName(servers[0].state), stateName(state));
+    EXPECT_NE(servers[0].why.find(why), std::string::npos) << servers[0].why;
+}
+
+TEST(Servers, AreLiveWhileTheirProcessesRun) {
+    FakeServer server(3);
+    expectState(ServerState::kLive, "1 process attached");
+    EXPECT_EQ(findServers()[0].process, server.pid());
+    server.edit([](ConfigInfo& config, ResultStruct*) { config.parentPid = kUnknownPid; });
+    expectState(ServerState::kLive, "no connection accepted yet");
+    EXPECT_EQ(findServers()[0].process, server.pid());
+}
+
+TEST(Servers, AreEndingWhileProcessesRemain) {
+    FakeServer server;
+    server.edit([](ConfigInfo& config, ResultStruct*) { config.version = kVersionRemoved; });
+    expectState(ServerState::kEnding, "has stopped");
+    server.edit([](ConfigInfo& config, ResultStruct*) {
+        config.version = 1;
+        config.parentPid = 4194304;
+    });
+    expectState(ServerState::kEnding, "main process 4194304 is gone");
+    server.edit([&](ConfigInfo& config, ResultStruct*) { config.parentPid = server.pid(); });
+    shmctl(server.shmid(), IPC_RMID, nullptr);
+    expectState(ServerState::kEnding, "has stopped");
+}
+
+TEST(Servers, AreStaleForAReason) {
+    {
+        FakeServer server;
+        server.kill();
+        expectState(ServerState::kStale, "no process uses segment");
+        // A watcher does not make it live.
+        void* watched = shmat(server.shmid(), nullptr, SHM_RDONLY);
+        expectState(ServerState::kStale, "no process uses segment");
+        shmdt(watched);
+        shmctl(server.shmid(), IPC_RMID, nullptr);
+        expectState(ServerState::kStale, "is gone");
+        unlink(server.handoff().c_str());
+    }
+    FakeServer server;
+    std::string text = tolvane::test::readFile(server.handoff());
+    writeFile(server.handoff(), text.substr(0, text.find("Structures")) + "Structures=2\n");
+    expectState(ServerState::kStale, "belongs to something else");
+    writeFile(server.handoff(), text);
+    utimbuf old = {0, 1000000000};
+    utime(server.handoff().c_str(), &old);
+    expectState(ServerState::kStale, "younger than the handoff file");
+    std::string other = kHandoffDirectory + std::string("webadapter.1");
+    rename(server.handoff().c_str(), other.c_str());
+    utime(other.c_str(), nullptr);
+    expectState(ServerState::kStale, "was created by process " + std::to_string(server.pid()));
+}
+
+TEST(Servers, AreChosenByWhatTheOperatorSees) {
+    FakeServer first(1, "*:80,10.0.0.1:443");
+    FakeServer second(1, "*:81");
+    auto servers = findServers();
+    EXPECT_EQ(selectServer(servers, "*:81").handoff.pid, second.pid());
+    EXPECT_EQ(selectServer(servers, "10.0.0.1:443").handoff.pid, first.pid());
+    EXPECT_EQ(selectServer(servers, std::to_string(first.pid())).handoff.pid, first.pid());
+    EXPECT_EQ(selectServer(servers, std::to_string(second.shmid())).handoff.pid, second.pid());
+    auto codeOf = [&](std::optional<std::string> wanted) {
+        try {
+            selectServer(findServers(), wanted);
+        } catch (const Failure& failure) {
+            return static_cast<int>(failure.code());
+        }
+        return -1;
+    };
+    EXPECT_EQ(codeOf(std::nullopt), kExitBadInput);
+    EXPECT_EQ(codeOf("*:82"), kExitFinding);
+    second.kill();
+    EXPECT_EQ(codeOf("*:81"), kExitFailed);
+    EXPECT_EQ(codeOf(std::nullopt), -1);
+    // A restarted server has left its old file behind.
+    FakeServer again(1, "*:81");
+    EXPECT_EQ(selectServer(findServers(), "*:81").handoff.pid, again.pid());
+}
+
+TEST(Segment, HostileCountsAreBounded) {
+    FakeServer server;
+    for (int fill : {0xFF, 0x7F, 0x80, 0x41}) {
+        server.edit([&](ConfigInfo& config, ResultStruct* records) {
+            std::memset(static_cast<void*>(&config), fill, sizeof config);
+            std::memset(static_cast<void*>(records), fill, sizeof *records);
+            config.version = 3;
+            config.parentPid = server.pid();
+        });
+        Segment segment(server.shmid(), 1, Segment::Access::kRead);
+        ConfigCopy copy = copyConfiguration(segment);
+        EXPECT_TRUE(copy.steady);
+        EXPECT_NE(copy.complaint.find("numSites is"), std::string::npos);
+        EXPECT_LE(copy.info->numSites, kMaxSites);
+        for (const char* command : {"show", "list", "doctor"}) {
+            Outcome outcome = tolvane({command});
+            EXPECT_LE(outcome.code, 1) << fill << " " << command << ": " << outcome.errors;
+            EXPECT_GE(outcome.code, 0) << fill << " " << command;
+        }
+        EXPECT_EQ(tolvane({"show", "--json"}).code, 0);
+    }
+}
+
+TEST(Segment, AnotherSizeIsNotAttached) {
+    int small = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
+    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Failure);
+    shmctl(small, IPC_RMID, nullptr);
+    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Failure);
+}
+
+}  // namespace
+}  // namespace tolvane::agent::test
