@@ -101,8 +101,10 @@ inline int slotOf(int serverType, int fd, DescriptorState& descriptor) {
 // Gives the slot of `fd` back, if it holds one. Returns 0.
 int RELEASEINDEX(int fd);
 
-// In a forked child: clears what the parent counted and frees the lock.
-void resetSlotsAfterFork();
+// In a forked child: frees the lock that another thread may have held at the
+// fork; clears what the parent counted.
+void freeSlotLockAfterFork();
+void clearSlotsAfterFork();
 
 // Waits until every slot that is at work now has left that work once, so that
 // nobody can still be reading a configuration retired before the call. Gives

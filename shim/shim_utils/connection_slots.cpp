@@ -110,8 +110,11 @@ int RELEASEINDEX(int fd) {
     return 0;
 }
 
-void resetSlotsAfterFork() {
+void freeSlotLockAfterFork() {
     mt = PTHREAD_MUTEX_INITIALIZER;
+}
+
+void clearSlotsAfterFork() {
     int slots = currMaxSockets.load(std::memory_order_relaxed);
     for (int i = 0; i < slots; ++i) {
         // A slot that was never used is only looked at, not written to.

@@ -37,9 +37,13 @@ bool childGoesOnMeasuring() {
 
 void inForkedChild() {
     ++processGeneration;
-    if (!childGoesOnMeasuring()) tolvaneShimEnabled.store(0, std::memory_order_relaxed);
-    resetSlotsAfterFork();
-    resetIntervalAfterFork();
+    freeSlotLockAfterFork();
+    if (childGoesOnMeasuring()) {
+        clearSlotsAfterFork();
+        resetIntervalAfterFork();
+    } else {
+        tolvaneShimEnabled.store(0, std::memory_order_relaxed);
+    }
 }
 
 }  // namespace
