@@ -7,6 +7,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <iomanip>
 #include <sstream>
 #include <stdexcept>
 
@@ -16,7 +17,7 @@ namespace {
 constexpr char kControlPath[] = "/opt/server/control";
 
 int openControls() {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, kControlPath);
@@ -24,6 +25,11 @@ int openControls() {
     bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
     listen(fd, 10);
     return fd;
+}
+
+bool readable(int fd) {
+    pollfd ready{fd, POLLIN, 0};
+    return poll(&ready, 1, 20000) == 1;
 }
 
 Process startServer(const ServerOptions& options) {
@@ -46,48 +52,37 @@ Reply good(long result, const std::string& data) {
     return {result, 77, data};
 }
 
-Script::Script(int control) : control_(control), pid_(std::stoi(line())) {}
+Script::Script(int control) : control_(control), pid_(std::stoi(answer())) {}
 
 Script::~Script() {
     close(control_);
 }
 
-std::string Script::line() {
-    std::string text;
-    for (char c = 0;;) {
-        pollfd ready{control_, POLLIN, 0};
-        if (poll(&ready, 1, 20000) != 1 || recv(control_, &c, 1, 0) != 1) {
-            throw std::runtime_error("the script server gives no answer");
-        }
-        if (c == '\n') return text;
-        text += c;
-    }
+std::string Script::answer() {
+    std::string packet(1 << 16, ' ');
+    if (!readable(control_)) throw std::runtime_error("the script server hangs");
+    const ssize_t n = recv(control_, packet.data(), packet.size(), 0);
+    return packet.substr(0, n < 0 ? 0 : static_cast<std::size_t>(n));
 }
 
 Reply Script::operator()(const std::string& command) {
-    sendAll(control_, command + "\n");
-    std::istringstream words(line());
+    sendAll(control_, command);
+    const std::string text = answer();
+    if (text.empty()) throw std::runtime_error("the script server has ended");
     Reply reply;
-    std::string data;
-    words >> reply.result >> reply.error >> data;
-    for (std::size_t i = 0; i + 1 < data.size(); i += 2) {
-        reply.data += static_cast<char>(std::stoi(data.substr(i, 2), nullptr, 16));
-    }
+    std::istringstream(text) >> reply.result >> reply.error;
+    reply.data = text.substr(text.find('\n') + 1);
     return reply;
 }
 
 // The system closes a process's descriptors after it has run the exit handlers
 // and undone the semaphores.
 void Script::awaitEnd() {
-    char c = 0;
-    pollfd ready{control_, POLLIN, 0};
-    if (poll(&ready, 1, 20000) != 1 || recv(control_, &c, 1, 0) > 0) {
-        throw std::runtime_error("the script server does not end");
-    }
+    if (!answer().empty()) throw std::runtime_error("the script server does not end");
 }
 
 void Script::exit() {
-    sendAll(control_, "exit\n");
+    sendAll(control_, "exit");
     awaitEnd();
 }
 
@@ -109,15 +104,14 @@ ScriptServer::~ScriptServer() {
 }
 
 std::unique_ptr<Script> ScriptServer::next() {
-    pollfd ready{controls_, POLLIN, 0};
-    if (poll(&ready, 1, 10000) != 1) throw std::runtime_error("no script server");
+    if (!readable(controls_)) throw std::runtime_error("no script server");
     return std::make_unique<Script>(accept4(controls_, nullptr, nullptr, SOCK_CLOEXEC));
 }
 
 std::unique_ptr<Script> ScriptServer::fork(Script& from) {
     const auto child = from("fork").result;
     auto script = next();
-    if (script->line() != "0 77 " || script->pid() != child) throw std::runtime_error("fork");
+    if (script->answer() != "0 77\n" || script->pid() != child) throw std::runtime_error("fork");
     return script;
 }
 
@@ -136,7 +130,11 @@ Connection::Connection(Script& script, int listener, int port, const std::string
 }
 
 Connection::~Connection() {
-    close(client_);
+    ::close(client_);
+}
+
+void Connection::close() {
+    EXPECT_EQ(script_(call("close", "")), good(0));
 }
 
 std::string Connection::call(const std::string& name, const std::string& arguments) const {
@@ -152,26 +150,25 @@ void Connection::receive(const std::string& name, const std::string& text) {
 void Connection::transmit(const std::string& name, const std::string& text) {
     EXPECT_EQ(script_(call("out " + name, hex(text))), good(static_cast<long>(text.size())));
     std::string seen(text.size(), ' ');
-    EXPECT_EQ(recv(client_, seen.data(), seen.size(), MSG_WAITALL),
-              static_cast<ssize_t>(text.size()));
+    recv(client_, seen.data(), seen.size(), MSG_WAITALL);
     EXPECT_EQ(seen, text);
 }
 
 Measured::Measured(const ServerOptions& options)
     : ScriptServer(options), listener(listen(kPort)), worker(fork(*parent)) {}
 
-std::uint32_t size(const std::string& text) {
-    return static_cast<std::uint32_t>(text.size());
+void ScriptTest::serve(Script& worker, int listener, const std::string& host) {
+    Connection connection(worker, listener);
+    connection.receive("read", get(host, "/"));
+    connection.transmit("write", response("200 OK"));
+    connection.close();
 }
 
 std::string hex(const std::string& bytes) {
-    std::string text;
-    for (const char c : bytes) {
-        char digits[3];
-        std::snprintf(digits, sizeof digits, "%02x", c & 0xff);
-        text += digits;
-    }
-    return text.empty() ? "-" : text;
+    std::ostringstream text;
+    text << std::hex << std::setfill('0');
+    for (const char c : bytes) text << std::setw(2) << (c & 0xff);
+    return bytes.empty() ? "-" : text.str();
 }
 
 std::string response(const std::string& status, const std::string& headers) {

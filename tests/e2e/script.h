@@ -45,7 +45,7 @@ class Script {
 
   private:
     friend class ScriptServer;
-    std::string line();
+    std::string answer();  // empty when the process has ended
     void awaitEnd();
 
     int control_;
@@ -89,6 +89,7 @@ class Connection {
     // Each checks that the server's call and the client agree on what passed.
     void receive(const std::string& call, const std::string& text);
     void transmit(const std::string& call, const std::string& text);
+    void close();
     std::string call(const std::string& name, const std::string& arguments) const;
     int fd() const { return fd_; }
     int client() const { return client_; }
@@ -111,10 +112,13 @@ struct Measured : ScriptServer {
 class ScriptTest : public testing::TestWithParam<std::string> {
   protected:
     void SetUp() override { resetSandbox(); }
+
+    // One request on a connection of its own, answered by one write: with an
+    // interval of 1 it is published at once, and a newer configuration taken.
+    static void serve(Script& worker, int listener, const std::string& host = "a.test");
 };
 
 std::string hex(const std::string& bytes);
-std::uint32_t size(const std::string& text);
 std::string response(const std::string& status, const std::string& headers = "");
 
 }  // namespace tolvane::test

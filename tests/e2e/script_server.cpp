@@ -4,10 +4,10 @@
 // Started with the path of a socket (and, in HARD_LIMIT, the limit of
 // descriptors that it is to believe in). Every process of the server (the first,
 // and each that "fork" makes) connects to it, writes its id, and then answers a
-// line of command with a line of result, errno and, for a receive call, the
-// bytes read. Bytes are written in hexadecimal; "-" stands for none at all, "!"
-// for an address that cannot be read. The control connection is descriptor 0,
-// which no server ever has for a client.
+// packet of command with one of result and errno, behind which, for a receive
+// call, come the bytes read. Those of a command are written in hexadecimal; "-"
+// stands for none at all, "!" for an address that cannot be read. The control connection is
+// descriptor 0, which no server ever has for a client.
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -20,6 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -78,119 +79,81 @@ std::string fromHex(const std::string& hex) {
     return bytes;
 }
 
-std::string toHex(const std::string& bytes) {
-    std::string hex;
-    for (const char c : bytes) {
-        constexpr char kDigits[] = "0123456789abcdef";
-        hex += kDigits[(c >> 4) & 15];
-        hex += kDigits[c & 15];
-    }
-    return hex;
-}
-
 void talkTo(const std::string& path) {
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    const int fd = socket(AF_UNIX, SOCK_SEQPACKET, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, path.c_str());
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) _exit(1);
     dup2(fd, 0);
     close(fd);
-    const std::string id = std::to_string(getpid()) + "\n";
+    const std::string id = std::to_string(getpid());
     send(0, id.data(), id.size(), 0);
 }
 
-// An abstract name whose first bytes read like a port and any address.
-long listenLocally(int port) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    address.sun_path[1] = static_cast<char>(port);
-    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return -2;
-    return listen(fd, 100) == 0 ? fd : -1;
-}
-
 long listenOn(const Arguments& arguments) {
-    const std::string text = arguments.size() > 1 ? arguments[1] : "127.0.0.1";
-    if (text == "unix") return listenLocally(number(arguments, 0));
-    const bool six = text.find(':') != std::string::npos;
-    const int fd = socket(six ? AF_INET6 : AF_INET, SOCK_STREAM, 0);
+    union {
+        sockaddr any;
+        sockaddr_in four;
+        sockaddr_in6 six;
+        sockaddr_un local;
+    } address{};
+    const std::string& text = arguments[1];
+    const auto port = htons(static_cast<std::uint16_t>(number(arguments, 0)));
+    if (text == "unix") {
+        // An abstract name whose first bytes read like a port and any address.
+        address.local.sun_family = AF_UNIX;
+        address.local.sun_path[1] = static_cast<char>(number(arguments, 0));
+    } else if (inet_pton(AF_INET, text.c_str(), &address.four.sin_addr) == 1) {
+        address.four.sin_family = AF_INET;
+        address.four.sin_port = port;
+    } else {
+        address.six.sin6_family = AF_INET6;
+        address.six.sin6_port = port;
+        inet_pton(AF_INET6, text.c_str(), &address.six.sin6_addr);
+    }
+    const int fd = socket(address.any.sa_family, SOCK_STREAM, 0);
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    const auto port = htons(static_cast<std::uint16_t>(number(arguments, 0)));
-    sockaddr_in6 address6{};
-    address6.sin6_family = AF_INET6;
-    address6.sin6_port = port;
-    inet_pton(AF_INET6, text.c_str(), &address6.sin6_addr);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = port;
-    inet_pton(AF_INET, text.c_str(), &address.sin_addr);
-    const int bound = six ? bind(fd, reinterpret_cast<sockaddr*>(&address6), sizeof address6)
-                          : bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    if (bound != 0) return -2;
+    if (bind(fd, &address.any, sizeof address.local) != 0) return -2;
     return listen(fd, 100) == 0 ? fd : -1;
 }
 
-// `arguments`: the call, the descriptor and the length of each buffer.
-long receive(const Arguments& arguments) {
+// `arguments`: the call, the descriptor and each buffer: its length for a
+// receive call, its bytes for a send call.
+long transfer(const Arguments& arguments, bool receives) {
     const int fd = number(arguments, 1);
-    std::size_t size = 0;
+    std::vector<std::string> texts;
+    std::size_t total = 0;
+    for (std::size_t i = 2; i < arguments.size(); ++i) {
+        const auto length = static_cast<std::size_t>(number(arguments, i));
+        texts.push_back(receives ? std::string(length, ' ') : fromHex(arguments[i]));
+        total += texts.back().size();
+    }
+    char* const all = endingAtGuard(total);
     std::vector<iovec> vector;
-    for (std::size_t i = 2; i < arguments.size(); ++i) {
-        size += static_cast<std::size_t>(number(arguments, i));
+    for (char* next = all; const std::string& text : texts) {
+        vector.push_back({next, text.size()});
+        next = std::ranges::copy(text, next).out;
     }
-    char* const buffer = endingAtGuard(size);
-    char* next = buffer;
-    for (std::size_t i = 2; i < arguments.size(); ++i) {
-        vector.push_back({next, static_cast<std::size_t>(number(arguments, i))});
-        next += vector.back().iov_len;
-    }
+    if (arguments.at(2) == "!") vector[0] = {reinterpret_cast<void*>(1), 4};
     msghdr message{};
     message.msg_iov = vector.data();
     message.msg_iovlen = vector.size();
     const int count = static_cast<int>(vector.size());
-    const std::map<std::string, std::function<ssize_t()>> calls = {
-        {"read", [&] { return read(fd, buffer, size); }},
-        {"recv", [&] { return recv(fd, buffer, size, 0); }},
-        {"readv", [&] { return readv(fd, vector.data(), count); }},
-        {"recvfrom", [&] { return recvfrom(fd, buffer, size, 0, nullptr, nullptr); }},
-        {"recvmsg", [&] { return recvmsg(fd, &message, 0); }},
-        {"__read_chk", [&] { return __read_chk(fd, buffer, size, size); }},
-        {"__recv_chk", [&] { return __recv_chk(fd, buffer, size, size, 0); }},
-        {"__recvfrom_chk",
-         [&] { return __recvfrom_chk(fd, buffer, size, size, 0, nullptr, nullptr); }},
-    };
-    const auto& call = calls.at(arguments[0]);
-    errno = 77;
-    const ssize_t result = call();
-    const int error = errno;
-    received.assign(buffer, result > 0 ? static_cast<std::size_t>(result) : 0);
-    errno = error;
-    return result;
-}
-
-// `arguments`: the call, the descriptor and the bytes of each buffer.
-long transmit(const Arguments& arguments) {
-    const int fd = number(arguments, 1);
-    std::vector<iovec> vector;
-    std::string all;
-    for (std::size_t i = 2; i < arguments.size(); ++i) all += fromHex(arguments[i]);
-    char* buffer = endingAtGuard(all.size());
-    std::memcpy(buffer, all.data(), all.size());
-    for (std::size_t i = 2; i < arguments.size(); ++i) {
-        const bool bad = arguments[i] == "!";
-        vector.push_back(
-            {bad ? reinterpret_cast<void*>(1) : buffer, bad ? 4 : fromHex(arguments[i]).size()});
-        buffer += bad ? 0 : vector.back().iov_len;
-    }
-    msghdr message{};
-    message.msg_iov = vector.data();
-    message.msg_iovlen = vector.size();
-    const auto [first, size] = vector.at(0);
-    const int count = static_cast<int>(vector.size());
+    void* const first = vector[0].iov_base;
+    const std::size_t size = receives ? total : vector[0].iov_len;
     const int file = open("/opt/server/htdocs/file", O_RDONLY);
     const std::map<std::string, std::function<ssize_t()>> calls = {
+        {"read", [&] { return read(fd, first, size); }},
+        {"recv", [&] { return recv(fd, first, size, 0); }},
+        {"readv", [&] { return readv(fd, vector.data(), count); }},
+        {"recvfrom", [&] { return recvfrom(fd, first, size, 0, nullptr, nullptr); }},
+        {"recvmsg", [&] { return recvmsg(fd, &message, 0); }},
+        {"__read_chk", [&] { return __read_chk(fd, first, size, size); }},
+        {"__recv_chk", [&] { return __recv_chk(fd, first, size, size, 0); }},
+        {"__recvfrom_chk",
+         [&] { return __recvfrom_chk(fd, first, size, size, 0, nullptr, nullptr); }},
         {"write", [&] { return write(fd, first, size); }},
         {"send", [&] { return send(fd, first, size, 0); }},
         {"writev", [&] { return writev(fd, vector.data(), count); }},
@@ -203,6 +166,7 @@ long transmit(const Arguments& arguments) {
     errno = 77;
     const ssize_t result = call();
     const int error = errno;
+    if (receives && result > 0) received.assign(all, static_cast<std::size_t>(result));
     if (file >= 0) close(file);
     errno = error;
     return result;
@@ -247,8 +211,8 @@ long reportResponse(const Arguments& a) {
 
 const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
     {"listen", listenOn},
-    {"in", receive},
-    {"out", transmit},
+    {"in", [](auto& a) { return transfer(a, true); }},
+    {"out", [](auto& a) { return transfer(a, false); }},
     {"accept", [](auto& a) { return accept(number(a, 0), nullptr, nullptr); }},
     {"accept4", [](auto& a) { return accept4(number(a, 0), nullptr, nullptr, 0); }},
     {"open", [](auto& a) { return open(a[0].c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); }},
@@ -268,8 +232,8 @@ const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
     {"exit", [](auto& a) -> long { std::exit(number(a, 0)); }},
 };
 
-std::string answer(const std::string& line) {
-    std::istringstream words(line);
+std::string answer(const std::string& command) {
+    std::istringstream words(command);
     std::string name;
     words >> name;
     Arguments arguments;
@@ -278,7 +242,7 @@ std::string answer(const std::string& line) {
     errno = 77;
     const long result = kCommands.at(name)(arguments);
     const int error = errno;
-    return std::to_string(result) + " " + std::to_string(error) + " " + toHex(received) + "\n";
+    return std::to_string(result) + " " + std::to_string(error) + "\n" + received;
 }
 
 }  // namespace
@@ -288,16 +252,10 @@ int main(int, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);
     controlPath = argv[1];
     talkTo(controlPath);
-    std::string line;
-    char c = 0;
-    while (recv(0, &c, 1, 0) == 1) {
-        if (c != '\n') {
-            line += c;
-            continue;
-        }
-        const std::string reply = answer(line);
+    std::string command(1 << 16, ' ');
+    for (ssize_t n; (n = recv(0, command.data(), command.size(), 0)) > 0;) {
+        const std::string reply = answer(command.substr(0, static_cast<std::size_t>(n)));
         send(0, reply.data(), reply.size(), 0);
-        line.clear();
     }
     _exit(0);
 }

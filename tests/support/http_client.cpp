@@ -46,14 +46,6 @@ HttpConnection::~HttpConnection() {
     close(fd_);
 }
 
-// Applies a change to the totals and to whatever else the request belongs to.
-template <class Count>
-void HttpConnection::count(Count&& count) {
-    count(counts_.total);
-    if (current_.site < 0) return;
-    count(counts_.site[static_cast<std::size_t>(current_.site)]);
-}
-
 void HttpConnection::begin(const Exchange& request, std::size_t split) {
     current_ = request;
     sent_ = split;
@@ -63,30 +55,14 @@ void HttpConnection::begin(const Exchange& request, std::size_t split) {
 int HttpConnection::finish() {
     sendAll(fd_, current_.text.substr(sent_));
     if (current_.cutOff) shutdown(fd_, SHUT_WR);
-    const auto before = counts_.total.bytesSent;
-    count([&](CounterBlock& block) {
-        ++block.requests;
-        block.bytesReceived += static_cast<std::uint32_t>(current_.text.size());
-    });
-    if (current_.site >= 0 && !seenSite_) {
+    const std::string response = read();
+    const int status = response.empty() ? 0 : std::stoi(response.substr(9, 3));
+    const auto& [text, site, category, cutOff] = current_;
+    counts_.addRequest(site, category, text.size(), response.size(), status);
+    if (site >= 0 && !seenSite_) {
         seenSite_ = true;
-        ++counts_.site[static_cast<std::size_t>(current_.site)].connections;
+        ++counts_.site[site].connections;
     }
-    const int status = readStatus();
-    count([&](CounterBlock& block) {
-        block.droppedRequests += status == 0;
-        block.redirects += status / 100 == 3;
-        block.clientErrors += status / 100 == 4;
-        block.serverErrors += status / 100 == 5;
-        block.errors += status / 100 == 4 || status / 100 == 5;
-    });
-    if (current_.category < 0) return status;
-    auto& category = counts_.category[static_cast<std::size_t>(current_.site)]
-                                     [static_cast<std::size_t>(current_.category)];
-    ++category.requests;
-    category.bytesSent += counts_.total.bytesSent - before;
-    category.droppedRequests += status == 0;
-    category.errors += status / 100 == 4 || status / 100 == 5;
     return status;
 }
 
@@ -95,7 +71,7 @@ int HttpConnection::exchange(const Exchange& request) {
     return finish();
 }
 
-int HttpConnection::readStatus() {
+std::string HttpConnection::read() {
     std::string text;
     std::size_t expected = std::string::npos;
     std::vector<char> buffer(1 << 16);
@@ -109,13 +85,11 @@ int HttpConnection::readStatus() {
         if (end == std::string::npos) continue;
         expected = end + 4 + (length < end ? std::stoul(text.substr(length + 16)) : 0);
     }
-    count([&](CounterBlock& block) { block.bytesSent += static_cast<std::uint32_t>(text.size()); });
     ended_ = current_.cutOff || text.find("Connection: close") != std::string::npos;
-    if (text.empty()) return 0;
-    if (!current_.cutOff && text.size() != expected) {
+    if (!text.empty() && !current_.cutOff && text.size() != expected) {
         throw std::runtime_error("unexpected end of " + text.substr(0, 200));
     }
-    return std::stoi(text.substr(9, 3));
+    return text;
 }
 
 Counts run(int port, const Load& load) {

@@ -37,9 +37,7 @@ class HttpConnection {
     bool ended() const { return ended_; }  // the server takes no further request
 
   private:
-    template <class Count>
-    void count(Count&& count);
-    int readStatus();
+    std::string read();
 
     int fd_;
     Counts& counts_;

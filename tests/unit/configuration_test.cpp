@@ -26,32 +26,20 @@ void setOwnVersion(int version) {
 
 TEST(Configuration, IsTakenWhenItsVersionIsGreater) {
     const MeasuredProcess process(kApacheProcesses);
-    const struct {
-        int own;
-        int segment;
-        bool taken;
-    } cases[] = {{0, 1, true},
-                 {0, -1, false},
-                 {0, -2, false},
-                 {0, 0, false},
-                 {5, 5, false},
-                 {5, 4, false},
-                 {5, 6, true},
-                 {-1, 0, true},
-                 {-1, -2, false},
-                 {5, INT_MAX, true},
-                 {INT_MAX, INT_MIN, false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.own << " / " << c.segment);
-        setOwnVersion(c.own);
-        shmConfig->version = c.segment;
-        shmConfig->interval = 17;
-        EXPECT_EQ(newerConfigurationThere(), c.taken);
-        EXPECT_EQ(checkLatestConfigInfo(), c.taken);
-        EXPECT_EQ(configInfo().info.version, c.taken ? c.segment : c.own);
-        EXPECT_EQ(configInfo().info.interval, c.taken ? 17 : 0);
-        EXPECT_FALSE(checkLatestConfigInfo());
-        putIntoForce({});
+    for (const int own : {0, 5, -1, INT_MAX}) {
+        for (const int segment : {0, 1, -1, -2, 4, 5, 6, INT_MAX, INT_MIN}) {
+            SCOPED_TRACE(testing::Message() << own << " / " << segment);
+            const bool newer = segment > own;
+            setOwnVersion(own);
+            shmConfig->version = segment;
+            shmConfig->interval = 17;
+            EXPECT_EQ(newerConfigurationThere(), newer);
+            EXPECT_EQ(checkLatestConfigInfo(), newer);
+            EXPECT_EQ(configInfo().info.version, newer ? segment : own);
+            EXPECT_EQ(configInfo().info.interval, newer ? 17 : 0);
+            EXPECT_FALSE(checkLatestConfigInfo());
+            putIntoForce({});
+        }
     }
     setOwnVersion(5);
     shmConfig->version = -1;
@@ -93,6 +81,11 @@ TEST(Configuration, IsNeverTakenHalfWritten) {
     }
 }
 
+template <std::size_t kSize>
+void fill(char (&text)[kSize]) {
+    std::memset(text, 'x', kSize);
+}
+
 TEST(Configuration, OneLogLineNamesWhatWasOutOfRange) {
     const struct {
         const char* expected;  // empty: no line
@@ -100,7 +93,7 @@ TEST(Configuration, OneLogLineNamesWhatWasOutOfRange) {
     } cases[] = {
         {"", [](ConfigInfo&) {}},
         {"numSites 11 ", [](ConfigInfo& c) { c.numSites = 11; }},
-        {"numSites -1 ", [](ConfigInfo& c) { c.numSites = -1; }},
+        {"numSites -1 (0 to 10)", [](ConfigInfo& c) { c.numSites = -1; }},
         {"numHosts[1] 7 ", [](ConfigInfo& c) { c.numHosts[1] = 7; }},
         {"numCategories[0] 16 ", [](ConfigInfo& c) { c.numCategories[0] = 16; }},
         {"numSections[0][1] 7 ", [](ConfigInfo& c) { c.categories[0][1].numSections = 7; }},
@@ -109,15 +102,12 @@ TEST(Configuration, OneLogLineNamesWhatWasOutOfRange) {
         {"pieceLength[0][0][0][1] 48 ",
          [](ConfigInfo& c) { c.categories[0][0].sections[0].pieceLength[1] = 48; }},
         {"piece[0][0][0][1] ",
-         [](ConfigInfo& c) {
-             std::memset(c.categories[0][0].sections[0].piece[1], 'x', kPieceSize);
-         }},
-        {"siteName[1] ", [](ConfigInfo& c) { std::memset(c.siteName[1], 'x', kNameSize); }},
-        {"hostName[1][0] ", [](ConfigInfo& c) { std::memset(c.hostName[1][0], 'x', kNameSize); }},
-        {"label[0][0] ",
-         [](ConfigInfo& c) { std::memset(c.categories[0][0].label, 'x', kLabelSize); }},
+         [](ConfigInfo& c) { fill(c.categories[0][0].sections[0].piece[1]); }},
+        {"siteName[1] ", [](ConfigInfo& c) { fill(c.siteName[1]); }},
+        {"hostName[1][0] ", [](ConfigInfo& c) { fill(c.hostName[1][0]); }},
+        {"label[0][0] ", [](ConfigInfo& c) { fill(c.categories[0][0].label); }},
         // The largest values and longest texts are in range.
-        {"", [](ConfigInfo& c) { std::memset(c.siteName[1], 'x', kNameSize - 1); }},
+        {"", [](ConfigInfo& c) { fill(c.siteName[1]), c.siteName[1][kNameSize - 1] = '\0'; }},
         {"", [](ConfigInfo& c) { c.categories[0][0].sections[0].pieceLength[1] = 47; }},
         {"", [](ConfigInfo& c) { c.numSites = kMaxSites, c.numHosts[9] = kMaxExtraHosts; }},
     };
@@ -126,8 +116,11 @@ TEST(Configuration, OneLogLineNamesWhatWasOutOfRange) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.expected);
         putIntoForce({{"a.test", {"/a*b", "/c"}}, {"b.test", {}, {"c.test"}}});
-        c.spoil(editConfiguration());
+        ConfigInfo& edited = editConfiguration();
+        c.spoil(edited);
+        const bool negative = edited.numSites < 0;
         useEditedConfiguration();
+        EXPECT_EQ(configInfo().info.numSites == 0, negative);
         const std::vector<std::string> lines = log.next();
         ASSERT_EQ(lines.size(), *c.expected == '\0' ? 0U : 1U);
         if (!lines.empty()) {
@@ -140,39 +133,23 @@ class Hostility {
   public:
     explicit Hostility(unsigned seed) : generator_(seed) {}
 
-    // Random bytes throughout, with counts that are in range now and then.
+    // Words of any value, many of which would do as a count or a short text.
     void fill(ConfigInfo& config) {
         auto* words = reinterpret_cast<std::uint32_t*>(&config);
-        for (std::size_t i = 0; i < sizeof config / 4; ++i)
+        for (std::size_t i = 0; i < sizeof config / 4; ++i) {
             words[i] = static_cast<std::uint32_t>(generator_());
-        config.numSites = static_cast<std::int32_t>(5 + generator_() % 8);
-        for (int s = 0; s < kMaxSites; ++s) {
-            count(config.numHosts[s], kMaxExtraHosts);
-            count(config.numCategories[s], kMaxCategories);
-            for (CategoryConfig& category : config.categories[s]) fillCategory(category);
+            if (words[i] % 4 != 0) words[i] = words[i] / 4 % (words[i] % 4 == 1 ? 60 : 8);
         }
+        config.numSites = static_cast<std::int32_t>(5 + generator_() % 8);
     }
     std::string text() {
         std::string text(1 + generator_() % 20, ' ');
-        for (char& c : text) c = static_cast<char>(generator_());
+        const unsigned letters = generator_() % 2 ? 8 : 256;
+        for (char& c : text) c = static_cast<char>(generator_() % letters);
         return text;
     }
 
   private:
-    void fillCategory(CategoryConfig& category) {
-        count(category.numSections, kMaxSections);
-        for (UrlSection& section : category.sections) {
-            count(section.numPieces, kMaxPieces);
-            for (int p = 0; p < kMaxPieces; ++p) {
-                count(section.pieceLength[p], kPieceSize - 1);
-                if (generator_() % 2 == 0) section.piece[p][generator_() % 4] = '\0';
-            }
-        }
-    }
-    void count(std::int32_t& value, int limit) {
-        if (generator_() % 4 == 0) return;
-        value = static_cast<std::int32_t>(generator_() % (static_cast<unsigned>(limit) + 2));
-    }
     std::mt19937 generator_;
 };
 

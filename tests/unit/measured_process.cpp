@@ -5,11 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <sstream>
-#include <utility>
 
 #include "shim_utils/configuration.h"
 #include "shim_utils/process_memory.h"
@@ -33,51 +29,16 @@ void freeLowestSlot() {
     RELEASEINDEX(0);
 }
 
-using Field = std::pair<const char*, double>;
-
-void addFields(std::ostream& text, const std::string& group, std::initializer_list<Field> fields) {
-    bool first = true;
-    for (const auto& [name, value] : fields) {
-        if (value == 0) continue;
-        text << (first ? group : "") << " " << name << value;
-        first = false;
-    }
-}
-
-void addBlock(std::ostream& text, const std::string& group, const CounterBlock& block) {
-    addFields(text, group,
-              {{"conn", block.connections},
-               {"req", block.requests},
-               {"in", block.bytesReceived},
-               {"out", block.bytesSent},
-               {"open", block.openConnections},
-               {"redir", block.redirects},
-               {"err", block.errors},
-               {"cerr", block.clientErrors},
-               {"serr", block.serverErrors},
-               {"drop", block.droppedRequests}});
-}
-
-void copyName(char* to, std::size_t size, std::string_view text) {
-    std::memset(to, 0, size);
-    std::memcpy(to, text.data(), std::min(size, text.size()));
-}
-
 }  // namespace
 
-void MeasuredProcess::Freed::operator()(void* memory) const {
-    std::free(memory);
-}
-
 MeasuredProcess::MeasuredProcess(ServerType type, int descriptorLimit, int records)
-    : records_(records) {
+    : segment_(segmentSize(static_cast<std::size_t>(records)) / 4), records_(records) {
     webServerType = type;
     maxSockets = tableSize = descriptorLimit;
     descriptors = static_cast<DescriptorState*>(allocateZeroed(tableBytes()));
     EXPECT_EQ(createResultStruct(type), 1);
-    segment_.reset(std::calloc(1, segmentSize(static_cast<std::size_t>(records))));
-    shmConfig = static_cast<ConfigInfo*>(segment_.get());
-    shmPtr = reinterpret_cast<ResultStruct*>(static_cast<char*>(segment_.get()) + kConfigSize);
+    shmConfig = reinterpret_cast<ConfigInfo*>(segment_.data());
+    shmPtr = reinterpret_cast<ResultStruct*>(shmConfig + 1);
     if (type != kNetscape) {
         EXPECT_TRUE(createSemaphores(records));
     }
@@ -101,63 +62,11 @@ MeasuredProcess::~MeasuredProcess() {
     maxSockets = tableSize = 0;
 }
 
-UrlSection pattern(std::string_view text) {
-    UrlSection section = {};
-    section.leadingWildcard = text.starts_with('*');
-    section.trailingWildcard = text.ends_with('*');
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t end = std::min(text.find('*', at), text.size());
-        if (end > at) {
-            const int i = section.numPieces++;
-            copyName(section.piece[i], kPieceSize, text.substr(at, end - at));
-            section.pieceLength[i] = static_cast<std::int32_t>(end - at);
-        }
-        at = end + 1;
-    }
-    return section;
-}
-
-void configure(ConfigInfo& config, const std::vector<Site>& sites) {
-    config.numSites = static_cast<std::int32_t>(sites.size());
-    for (std::size_t s = 0; s < sites.size(); ++s) {
-        copyName(config.siteName[s], kNameSize, sites[s].name);
-        config.numHosts[s] = static_cast<std::int32_t>(sites[s].hosts.size());
-        for (std::size_t h = 0; h < sites[s].hosts.size(); ++h) {
-            copyName(config.hostName[s][h], kNameSize, sites[s].hosts[h]);
-        }
-        config.numCategories[s] = static_cast<std::int32_t>(sites[s].categories.size());
-        for (std::size_t c = 0; c < sites[s].categories.size(); ++c) {
-            config.categories[s][c].numSections = 1;
-            config.categories[s][c].sections[0] = pattern(sites[s].categories[c]);
-        }
-    }
-}
-
 void putIntoForce(const std::vector<Site>& sites) {
     ConfigInfo& config = editConfiguration();
     std::memset(&config, 0, sizeof config);
     configure(config, sites);
     useEditedConfiguration();
-}
-
-std::string describe(const ResultStruct& record) {
-    std::ostringstream text;
-    text.precision(17);
-    addBlock(text, "total:", record.total);
-    for (int s = 0; s < kMaxSites; ++s) {
-        addBlock(text, " | " + std::to_string(s) + ":", record.site[s]);
-        for (int c = 0; c < kMaxCategories; ++c) {
-            const CategoryCounters& category = record.category[s][c];
-            addFields(text, " | " + std::to_string(s) + "." + std::to_string(c) + ":",
-                      {{"req", category.requests},
-                       {"out", category.bytesSent},
-                       {"busy", category.inProgress},
-                       {"err", category.errors},
-                       {"drop", category.droppedRequests},
-                       {"time", double{category.responseTimeSum}}});
-        }
-    }
-    return text.str();
 }
 
 LogTail::LogTail() : seen_(logMessages().size()) {}

@@ -40,19 +40,14 @@ void setCounts(std::uint32_t n, std::int32_t gauge) {
     ++slotAt(0).state.dirtyMarks;
 }
 
-std::string gaugeText(const char* name, int value) {
-    return value == 0 ? "" : name + std::to_string(value);
-}
-
 // A record in which every counter of the totals, of sites 0 and 1 and of one
 // category is 1.
 std::string handedOn(int totalOpen, int siteOpen, int inProgress) {
-    const auto block = [](const std::string& group, int open) {
-        return group + " conn1 req1 in1 out1" + gaugeText(" open", open) +
-               " redir1 err1 cerr1 serr1 drop1";
-    };
-    return block("total:", totalOpen) + block(" | 0:", siteOpen) + " | 0.0: req1 out1" +
-           gaugeText(" busy", inProgress) + " err1 drop1 time0.5" + block(" | 1:", siteOpen);
+    ResultStruct record = {};
+    record.total = {1, 1, 1, 1, 1, 1, totalOpen, 1, 1, 1};
+    record.site[0] = record.site[1] = {1, 1, 1, 1, 1, 1, siteOpen, 1, 1, 1};
+    record.category[0][0] = {1, 1, 1, 1, inProgress, 0.5};
+    return describe(record);
 }
 
 int freeUnits(const ResultStruct& record) {
@@ -126,26 +121,24 @@ TEST(Publication, ClearsTheGroupsThatTheAgentHasTaken) {
                 setCounts(1, 0);
                 if (!c.dirty) slotAt(0).state.dirtyMarks.store(0);
                 ResultStruct& shared = shmPtr[0];
-                shared.total.requests = shared.site[9].requests = shared.category[9][14].requests =
-                    7;
-                shared.total.openConnections = shared.site[9].openConnections = 7;
-                shared.category[9][14].inProgress = 7;
+                CounterBlock& site = shared.site[9];
+                CategoryCounters& category = shared.category[9][14];
+                shared.total.requests = site.requests = category.requests = 7;
+                shared.total.openConnections = site.openConnections = category.inProgress = 7;
+                const auto isTaken = [taken](int group) { return (taken >> group & 1) != 0; };
                 std::int32_t* flags[] = {&shared.totalDirty, &shared.sitesDirty,
                                          &shared.categoriesDirty};
-                for (int g = 0; g < 3; ++g) *flags[g] = (taken >> g & 1) == 0;
+                for (int g = 0; g < 3; ++g) *flags[g] = !isTaken(g);
                 c.form.publish();
-                const auto left = [&c, taken](int g) {
-                    return c.clears && (taken >> g & 1) != 0 ? 0 : 7;
-                };
+                const auto left = [&](int g) { return c.clears && isTaken(g) ? 0 : 7; };
                 EXPECT_EQ(static_cast<int>(shared.total.requests), left(0) + c.adds);
                 EXPECT_EQ(int{shared.total.openConnections}, left(0));
-                EXPECT_EQ(static_cast<int>(shared.site[9].requests), left(1));
-                EXPECT_EQ(int{shared.site[9].openConnections}, left(1));
-                EXPECT_EQ(static_cast<int>(shared.category[9][14].requests), left(2));
-                EXPECT_EQ(int{shared.category[9][14].inProgress}, left(2));
+                EXPECT_EQ(static_cast<int>(site.requests), left(1));
+                EXPECT_EQ(int{site.openConnections}, left(1));
+                EXPECT_EQ(static_cast<int>(category.requests), left(2));
+                EXPECT_EQ(int{category.inProgress}, left(2));
                 EXPECT_EQ(shared.site[0].requests, c.adds ? 1U : 0U);
-                for (int g = 0; g < 3; ++g)
-                    EXPECT_EQ(*flags[g] == 1, c.adds || (taken >> g & 1) == 0);
+                for (int g = 0; g < 3; ++g) EXPECT_EQ(*flags[g] == 1, c.adds || !isTaken(g));
                 EXPECT_EQ(freeUnits(shared), 1);
             });
         }

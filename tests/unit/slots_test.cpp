@@ -112,12 +112,12 @@ TEST(Records, AreClearedByLevel) {
     } cases[] = {
         {0, 0, "total: conn1 open2 | 3: req3 open4 | 9.14: busy6", 3},
         {1, 0, "total: conn1 open2 | 3: req3 open4", 3},
-        {0, 1, "total: open2 | 3: req3 open4 | 9.14: busy6 drop5 time7.5", 6},
-        {1, 3, "total: conn1 open2 | 9.14: busy6 drop5 time7.5", 5},
-        {0, 3, "total: conn1 open2 | 3: open4 | 9.14: busy6 drop5 time7.5", 5},
+        {0, 1, "total: open2 | 3: req3 open4 | 9.14: drop5 busy6 time7.5", 6},
+        {1, 3, "total: conn1 open2 | 9.14: drop5 busy6 time7.5", 5},
+        {0, 3, "total: conn1 open2 | 3: open4 | 9.14: drop5 busy6 time7.5", 5},
         {1, 2, "", 0},
         {2, 2, "total: open2 | 3: open4 | 9.14: busy6", 0},
-        {1, 4, "total: conn1 open2 | 3: req3 open4 | 9.14: busy6 drop5 time7.5", 7},
+        {1, 4, "total: conn1 open2 | 3: req3 open4 | 9.14: drop5 busy6 time7.5", 7},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(testing::Message() << c.clearGauges << ", level " << c.level);
