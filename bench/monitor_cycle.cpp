@@ -23,7 +23,7 @@ const std::string kRequest = std::string("GET /shop/1 HTTP/1.1\r\nHost: ") + kLa
 constexpr char kResponse[] = "HTTP/1.1 200 OK\r\n\r\n";
 
 void openConnections(int count) {
-    maxSockets = count + 100;
+    maxSockets = tableSize = count + 100;
     auto bytes = static_cast<std::size_t>(maxSockets) * sizeof(DescriptorState);
     descriptors = static_cast<DescriptorState*>(allocateZeroed(bytes));
     if (descriptors == nullptr || createResultStruct(webServerType) != 1) std::abort();
