@@ -6,6 +6,8 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <functional>
+#include <iostream>
+#include <sstream>
 
 #include "base/error.h"
 #include "base/terminal.h"
@@ -36,6 +38,15 @@ CLI::App* addCommand(CLI::App& app, const char* name, const char* description, c
     return command;
 }
 
+CLI::Validator seconds() {
+    auto check = [](const std::string& text) {
+        double value = 0;
+        bool good = CLI::detail::lexical_cast(text, value) && value >= 0.1 && value <= 3600;
+        return good ? std::string() : "'" + text + "' is not a number from 0.1 to 3600";
+    };
+    return CLI::Validator(check, "SECONDS in [0.1 - 3600]", "seconds");
+}
+
 void addServerOption(CLI::App* command, std::optional<std::string>& server) {
     command->add_option(
         "--server", server,
@@ -64,11 +75,11 @@ void addRun(CLI::App& app, RunOptions& options, Action& action) {
     run->add_option("--semaphores", options.semaphores,
                     "NUM_SEMAPHORES: result records, and semaphores, of a server with more than 10 "
                     "processes; default: 3")
-        ->check(CLI::Range(1, 32000));
+        ->check(CLI::Range(1, kMaxSemaphores));
     run->add_option("--request-interval", options.requestInterval,
                     "REQUEST_INTERVAL: send calls between two publications of a prefork process; "
                     "default: 5")
-        ->check(CLI::Range(1, 1000000));
+        ->check(CLI::Range(1, kMaxRequestInterval));
     run->add_flag("-q,--quiet", options.quiet, "Do not say what is used");
     run->add_option("COMMAND", options.command, "The server and its arguments, after '--'")
         ->required();
@@ -106,7 +117,7 @@ void addWatching(CLI::App& app, Options& options, Action& action) {
     show->add_option(
             "--sample", options.show.sampleSeconds,
             "Take rates over this many seconds from now; default: since the server's start")
-        ->check(CLI::Range(0.1, 3600.0));
+        ->check(seconds());
 
     CLI::App* top = addCommand(
         app, "top",
@@ -115,7 +126,7 @@ void addWatching(CLI::App& app, Options& options, Action& action) {
         [&] { return topCommand(options.top); });
     addServerOption(top, options.top.server);
     top->add_option("--delay", options.top.delay, "Seconds between two looks")
-        ->check(CLI::Range(0.1, 3600.0))
+        ->check(seconds())
         ->capture_default_str();
     top->add_option("--count", options.top.count, "Looks before it ends; default: no end")
         ->check(CLI::Range(1, 1000000000));
@@ -145,6 +156,8 @@ void addConfiguring(CLI::App& app, Options& options, Action& action) {
     addServerOption(configure, options.configure.server);
     configure->add_flag("--reset", options.configure.reset,
                         "Start the counts of sites and categories from 0");
+    configure->add_flag("--remove-all", options.configure.removeAll,
+                        "Accept a file without sites, which removes them all");
 }
 
 void addCaring(CLI::App& app, Options& options, Action& action) {
@@ -160,11 +173,12 @@ int parseAndRun(int argc, char** argv) {
     CLI::App app("Start, configure and watch web servers that Tolvane measures.", "tolvane");
     app.footer(
         "Exit codes: 0 done; 1 something was found (no server, a problem); 2 bad usage or input, "
-        "nothing "
-        "was changed; 3 the system refused, or the server went away.\n"
+        "nothing was changed; 3 the system refused, or the server went away.\n"
         "Example:\n  tolvane run -- apache2 -k start && tolvane configure sites.toml && tolvane "
         "top");
-    app.require_subcommand(1);
+    app.set_version_flag("--version", "tolvane " TOLVANE_VERSION);
+    // A missing one is seen below: CLI11 would take an unknown one for that.
+    app.require_subcommand(0, 1);
     app.get_formatter()->column_width(24);
     Options options;
     Action action;
@@ -176,8 +190,12 @@ int parseAndRun(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kExitOk : kExitBadInput;
+        std::ostringstream help;
+        if (app.exit(error, help, std::cerr) != 0) return kExitBadInput;
+        writeOut(help.str());
+        return kExitOk;
     }
+    if (!action) fail(kExitBadInput, "a command is missing; 'tolvane --help' lists them");
     return action();
 }
 

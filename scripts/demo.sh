@@ -30,8 +30,9 @@ tolvane=$PWD/build/release/bin/tolvane
 agent=/opt/tolvane/agent
 work=$(mktemp -d /tmp/tolvane-demo.XXXXXX)
 chmod 755 "$work"
-root_name=${work#/}
-root_name=$agent/data/servers/${root_name//\//-}-apache2.conf
+# The prepared root is named after the main file and the pid file.
+as_file_name() { local name=${1#/}; name=${name//-/+2D}; echo "${name//\//-}"; }
+root_name=$agent/data/servers/$(as_file_name "$work/apache2.conf")@$(as_file_name "$work/apache2.pid")
 # Directories above our files that have to go again, the deepest first.
 new_directories=()
 for directory in $agent/data/servers $agent/data $agent/config $agent/logs $agent /opt/tolvane; do

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "base/error.h"
 #include "base/text.h"
@@ -115,6 +116,7 @@ class Walker {
     void settleSsl();
     void addSslHost(const Endpoint& endpoint);
     void noteFullTables();
+    void noteMacros();
 
     const ServerFacts& facts_;
     const FileReader& readText_;
@@ -123,6 +125,7 @@ class Walker {
     std::vector<Section> sections_;
     std::vector<Host> hosts_;
     bool inHost_ = false;
+    bool macrosNoted_ = false;
     SslSwitch mainSsl_ = SslSwitch::kUnset;
     std::vector<Endpoint> httpsListen_;
 };
@@ -177,6 +180,8 @@ void Walker::directive(const std::string& text) {
     } else if (active() && words.size() > 1) {
         if (keyword == "listen") {
             listen(words);
+        } else if (keyword == "use") {
+            noteMacros();
         } else if (keyword == "maxclients" || keyword == "maxrequestworkers") {
             result_.processLimit = parseInt32(words[1]).value_or(0);
             result_.needsTranslation |= keyword == "maxrequestworkers";
@@ -188,7 +193,8 @@ void Walker::directive(const std::string& text) {
 }
 
 void Walker::openSection(const std::string& name, const std::vector<std::string>& words) {
-    bool holds = conditionHolds(name, words);
+    // A macro's text holds nothing until it is used.
+    bool holds = name != "macro" && conditionHolds(name, words);
     if (name == "virtualhost" && active()) openHost(words);
     // The shim takes directives inside such sections whatever their condition.
     if (!holds) result_.needsTranslation = true;
@@ -305,6 +311,13 @@ void Walker::settleSsl() {
     }
 }
 
+void Walker::noteMacros() {
+    if (std::exchange(macrosNoted_, true)) return;
+    result_.notes.push_back(
+        "macros are not expanded; if they hold Listen lines or SSL hosts, lay out a root by hand "
+        "and give it with --root");
+}
+
 void Walker::noteFullTables() {
     if (result_.listen.size() > kTableSize) {
         result_.notes.push_back(
@@ -327,7 +340,10 @@ MeasuredConfig Walker::read() {
         fail(kExitBadInput, "the server has loaded no multi-processing module");
     }
     if (result_.listen.empty()) {
-        fail(kExitBadInput, "{} and its included files hold no Listen line", facts_.mainFile.path);
+        fail(kExitBadInput,
+             "{} and its included files hold no Listen line outside of macros; lay out a root by "
+             "hand as docs/operations.md tells, and give it with --root",
+             facts_.mainFile.path);
     }
     if (result_.processLimit <= 0) {
         result_.processLimit =

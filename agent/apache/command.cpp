@@ -13,21 +13,12 @@ namespace tolvane::agent {
 
 namespace {
 
-std::string_view baseName(std::string_view path) {
-    std::size_t slash = path.rfind('/');
-    return slash == std::string_view::npos ? path : path.substr(slash + 1);
-}
-
-bool startsWith(std::string_view text, std::string_view start) {
-    return text.substr(0, start.size()) == start;
-}
-
 // "httpd.worker", "apache2ctl-shop", "ns-httpd"
 ServerKind kindByName(std::string_view name) {
     for (std::string_view apache : {"apache2", "httpd", "apachectl", "apache"}) {
-        if (startsWith(name, apache)) return ServerKind::kApache;
+        if (name.starts_with(apache)) return ServerKind::kApache;
     }
-    return startsWith(name, "ns-httpd") ? ServerKind::kNetscape : ServerKind::kUnknown;
+    return name.starts_with("ns-httpd") ? ServerKind::kNetscape : ServerKind::kUnknown;
 }
 
 void readArguments(ServerCommand& command) {
@@ -72,16 +63,18 @@ ServerCommand inspectCommand(const std::vector<std::string>& words) {
 }
 
 std::vector<std::string> serversNamedIn(const std::string& scriptText) {
-    constexpr std::string_view kEndsPath = " \t\r\n\"'`$;|&<>(){}=:";
+    constexpr std::string_view kBetweenWords = " \t\r\n\"'`$;|&<>(){}=:";
     std::vector<std::string> found;
-    for (std::size_t at = scriptText.find('/'); at != std::string::npos;
-         at = scriptText.find('/', at)) {
-        std::size_t end = std::min(scriptText.find_first_of(kEndsPath, at), scriptText.size());
-        std::string path = scriptText.substr(at, end - at);
-        at = std::max(end, at + 1);
-        if (kindByName(baseName(path)) == ServerKind::kUnknown) continue;
-        if (inspectExecutable(path).kind != Executable::Kind::kElf) continue;
-        if (std::find(found.begin(), found.end(), path) == found.end()) found.push_back(path);
+    std::size_t at = scriptText.find_first_not_of(kBetweenWords);
+    while (at != std::string::npos) {
+        std::size_t end = std::min(scriptText.find_first_of(kBetweenWords, at), scriptText.size());
+        std::string word = scriptText.substr(at, end - at);
+        at = scriptText.find_first_not_of(kBetweenWords, end);
+        bool relative = word[0] != '/' && word.find('/') != word.npos;
+        if (relative || kindByName(baseName(word)) == ServerKind::kUnknown) continue;
+        auto path = findInPath(word);
+        if (!path || inspectExecutable(*path).kind != Executable::Kind::kElf) continue;
+        if (std::find(found.begin(), found.end(), *path) == found.end()) found.push_back(*path);
     }
     return found;
 }

@@ -25,8 +25,8 @@ struct ServerCommand {
 // Throws Failure when there is no such executable.
 ServerCommand inspectCommand(const std::vector<std::string>& words);
 
-// The executables with absolute paths that a script's text mentions and that
-// look like a web server.
+// The executables that a script's text mentions, by absolute path or for the
+// search path, and that look like a web server.
 std::vector<std::string> serversNamedIn(const std::string& scriptText);
 
 }  // namespace tolvane::agent

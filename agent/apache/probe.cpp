@@ -19,10 +19,6 @@ using namespace std::chrono_literals;
 
 constexpr auto kPatience = 30s;
 
-bool startsWith(std::string_view text, std::string_view start) {
-    return text.substr(0, start.size()) == start;
-}
-
 std::string unquoted(std::string_view text) {
     text = trim(text);
     if (text.size() >= 2 && text.front() == '"' && text.back() == '"') {
@@ -111,7 +107,7 @@ std::string processingModule(const ServerFacts& facts) {
     constexpr std::string_view kSuffix = "_module";
     std::string found;
     for (const std::string& module : facts.modules) {
-        if (!startsWith(module, kPrefix) || module.size() <= kPrefix.size() + kSuffix.size())
+        if (!module.starts_with(kPrefix) || module.size() <= kPrefix.size() + kSuffix.size())
             continue;
         std::string name =
             module.substr(kPrefix.size(), module.size() - kPrefix.size() - kSuffix.size());
@@ -123,11 +119,11 @@ std::string processingModule(const ServerFacts& facts) {
 
 void parseVersion(std::string_view output, ServerFacts& facts, std::string& compiledRoot) {
     for (std::string_view line : splitLines(output)) {
-        if (startsWith(line, "Server version: Apache/")) {
+        if (line.starts_with("Server version: Apache/")) {
             std::string_view version = line.substr(23);
             facts.version =
                 std::string(version.substr(0, version.find_first_not_of("0123456789.")));
-        } else if (startsWith(line, "Architecture:")) {
+        } else if (line.starts_with("Architecture:")) {
             if (line.find("64-bit") != line.npos) facts.wordSize = WordSize::k64;
             if (line.find("32-bit") != line.npos) facts.wordSize = WordSize::k32;
         } else if (std::size_t at = line.find("-D HTTPD_ROOT="); at != line.npos) {
@@ -140,9 +136,9 @@ void parseDump(std::string_view output, ServerFacts& facts) {
     enum class Block { kNone, kFiles, kModules } block = Block::kNone;
     for (std::string_view line : splitLines(output)) {
         bool indented = !line.empty() && line[0] == ' ';
-        if (startsWith(line, "Included configuration files:")) {
+        if (line.starts_with("Included configuration files:")) {
             block = Block::kFiles;
-        } else if (startsWith(line, "Loaded Modules:")) {
+        } else if (line.starts_with("Loaded Modules:")) {
             block = Block::kModules;
         } else if (indented && block == Block::kFiles) {
             readIncludeLine(line, facts);
@@ -151,9 +147,9 @@ void parseDump(std::string_view output, ServerFacts& facts) {
             if (!words.empty()) facts.modules.insert(words.front());
         } else {
             block = Block::kNone;
-            if (startsWith(line, "ServerRoot:")) facts.serverRoot = unquoted(line.substr(11));
-            if (startsWith(line, "PidFile:")) facts.pidFile = unquoted(line.substr(8));
-            if (startsWith(line, "Define:")) {
+            if (line.starts_with("ServerRoot:")) facts.serverRoot = unquoted(line.substr(11));
+            if (line.starts_with("PidFile:")) facts.pidFile = unquoted(line.substr(8));
+            if (line.starts_with("Define:")) {
                 std::string define(trim(line.substr(7)));
                 std::size_t equals = std::min(define.find('='), define.size());
                 facts.defines[define.substr(0, equals)] =

@@ -1,15 +1,14 @@
 #include "apache/server_root.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <cstring>
+#include <filesystem>
 
 #include "base/agent_directories.h"
 #include "base/error.h"
+#include "base/process.h"
 #include "base/text.h"
 
 namespace tolvane::agent {
@@ -31,16 +30,39 @@ void refuseForeign(const std::string& file) {
          file);
 }
 
-void linkTo(const std::string& path, const std::string& target) {
-    char present[PATH_MAX];
-    ssize_t length = ::readlink(path.c_str(), present, sizeof present);
-    if (length > 0 && target == std::string_view(present, static_cast<std::size_t>(length))) return;
-    std::string temporary = path + ".new";
-    ::unlink(temporary.c_str());
-    if (::symlink(target.c_str(), temporary.c_str()) != 0 ||
-        ::rename(temporary.c_str(), path.c_str()) != 0) {
-        fail(kExitFailed, "{}: cannot be created: {}", path, std::strerror(errno));
+// A root serves one server at a time: of the second one, the start would
+// remove the first one's segment, and the first one's end would go unnoticed.
+void refuseUsed(const std::string& root, const std::string& pidFile) {
+    std::string link = root + "/logs/httpd.pid";
+    std::error_code error;
+    auto status = std::filesystem::symlink_status(link, error);
+    if (!std::filesystem::exists(status)) return;
+    if (!std::filesystem::is_symlink(status)) {
+        fail(kExitBadInput, "{} was not made by tolvane; choose another directory with --root",
+             link);
     }
+    if (std::filesystem::read_symlink(link, error) == pidFile) return;
+    pid_t process = parseInt32(trim(readFile(link).value_or(""))).value_or(0);
+    if (!processExists(process) || !hasShimLoaded(process)) return;
+    fail(kExitBadInput,
+         "{} belongs to process {}, which runs; choose another directory with --root", root,
+         process);
+}
+
+// A path as a file name. No two paths get the same one.
+std::string asFileName(std::string_view path) {
+    std::string name;
+    path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
+    for (char c : path) {
+        auto byte = static_cast<unsigned char>(c);
+        bool special = byte <= 0x20 || byte == 0x7F || c == '-' || c == '+' || c == '@';
+        if (special) {
+            name += fmt::format("+{:02X}", byte);
+        } else {
+            name += c == '/' ? '-' : c;
+        }
+    }
+    return name;
 }
 
 std::string withoutTrailingSlash(std::string path) {
@@ -81,23 +103,20 @@ bool isPreparedRoot(const std::string& root) {
 }
 
 std::string defaultRoot(const ServerFacts& facts) {
-    std::string name = facts.mainFile.path;
-    while (!name.empty() && name.front() == '/') name.erase(0, 1);
-    for (char& c : name) {
-        if (c == '/' || static_cast<unsigned char>(c) <= 0x20) c = '-';
-    }
-    return std::string(kPreparedRoots) + name;
+    return std::string(kPreparedRoots) + asFileName(facts.mainFile.path) + "@" +
+           asFileName(facts.pidFile);
 }
 
 void writeServerRoot(const std::string& root, const ServerFacts& facts,
                      const MeasuredConfig& config) {
     std::string file = root + "/conf/httpd.conf";
     refuseForeign(file);
+    refuseUsed(root, facts.pidFile);
     makeDirectories(root + "/conf", 0755);
     makeDirectories(root + "/logs", 0755);
     replaceFile(file, renderHttpdConf(config, facts.mainFile.path));
     replaceFile(root + "/logs/.tolvane_info", config.module + "\n");
-    linkTo(root + "/logs/httpd.pid", facts.pidFile);
+    replaceLink(root + "/logs/httpd.pid", facts.pidFile);
 }
 
 }  // namespace tolvane::agent

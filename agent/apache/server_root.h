@@ -21,11 +21,13 @@ bool ownRootSuits(const ServerFacts& facts, const MeasuredConfig& config);
 // The directory holds a root that writeServerRoot made.
 bool isPreparedRoot(const std::string& root);
 
-// Under the agent's data directory, named after the main configuration file.
+// Under the agent's data directory, named after the main configuration file
+// and the pid file: servers that share their files are told apart by -D.
 std::string defaultRoot(const ServerFacts& facts);
 
 // Writes or refreshes the root. Throws Failure, and changes nothing, when the
-// directory holds a configuration that is not of our making.
+// directory holds files that are not of our making, or those of another server
+// that runs.
 void writeServerRoot(const std::string& root, const ServerFacts& facts,
                      const MeasuredConfig& config);
 

@@ -25,11 +25,13 @@ void makeDirectories(const std::string& path, mode_t mode) {
     for (std::size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
         bool last = slash == std::string::npos;
         std::string directory = last ? path : path.substr(0, slash);
-        if (::mkdir(directory.c_str(), 0755) == 0) {
+        bool made = ::mkdir(directory.c_str(), 0755) == 0;
+        int error = errno;  // of mkdir, before anything else sets it
+        if (made) {
             // The mode is not to depend on the caller's umask.
             ::chmod(directory.c_str(), last ? mode : 0755);
         } else if (!isDirectory(directory)) {
-            fail(kExitFailed, "{}: cannot be created: {}", directory, std::strerror(errno));
+            fail(kExitFailed, "{}: cannot be created: {}", directory, std::strerror(error));
         }
         if (last) return;
     }

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -37,6 +38,36 @@ struct Pipe {
         if (ends[which] >= 0) ::close(ends[which]);
         ends[which] = -1;
     }
+};
+
+volatile pid_t listenedTo = 0;
+
+void endWithChild(int signal) {
+    if (listenedTo > 0) ::kill(-listenedTo, SIGKILL);
+    ::signal(signal, SIG_DFL);
+    ::raise(signal);
+}
+
+// The terminal does not signal the child: it has a process group of its own,
+// so that the time limit reaches what it has started.
+class EndsWithUs {
+  public:
+    EndsWithUs() {
+        for (std::size_t i = 0; i < kSignals.size(); ++i) {
+            before_[i] = ::signal(kSignals[i], endWithChild);
+            if (before_[i] == SIG_IGN) ::signal(kSignals[i], SIG_IGN);
+        }
+    }
+    ~EndsWithUs() {
+        listenedTo = 0;
+        for (std::size_t i = 0; i < kSignals.size(); ++i) ::signal(kSignals[i], before_[i]);
+    }
+    EndsWithUs(const EndsWithUs&) = delete;
+    EndsWithUs& operator=(const EndsWithUs&) = delete;
+
+  private:
+    static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP};
+    std::array<void (*)(int), kSignals.size()> before_{};
 };
 
 [[noreturn]] void becomeChild(const std::vector<std::string>& command,
@@ -95,10 +126,12 @@ ProcessAnswer runAndListen(const std::vector<std::string>& command,
                            std::chrono::seconds limit) {
     Pipe output;
     Pipe errors;
+    EndsWithUs signals;
     pid_t child = ::fork();
     if (child < 0) fail(kExitFailed, "fork: {}", std::strerror(errno));
     if (child == 0) becomeChild(command, environment, output, errors);
     ::setpgid(child, child);
+    listenedTo = child;
     output.closeEnd(1);
     errors.closeEnd(1);
     ProcessAnswer answer;
@@ -158,10 +191,6 @@ std::string processName(pid_t pid) {
     return name ? printable(trim(*name)) : "?";
 }
 
-std::string processExecutable(pid_t pid) {
-    return linkTarget(procPath(pid, "exe"));
-}
-
 std::optional<std::map<std::string, std::string>> processEnvironment(pid_t pid) {
     auto block = readFile(procPath(pid, "environ"));
     if (!block) return std::nullopt;
@@ -183,6 +212,13 @@ std::optional<std::vector<std::string>> processMappings(pid_t pid) {
     std::vector<std::string> lines;
     for (std::string_view line : splitLines(*maps)) lines.emplace_back(line);
     return lines;
+}
+
+bool hasShimLoaded(pid_t pid) {
+    auto mappings = processMappings(pid);
+    return mappings && std::any_of(mappings->begin(), mappings->end(), [](const std::string& line) {
+               return line.find("/libtolvane.so") != std::string::npos;
+           });
 }
 
 bool sharesIpcNamespace(pid_t pid) {

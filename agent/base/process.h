@@ -19,7 +19,8 @@ struct ProcessAnswer {
 };
 
 // Runs a program and collects what it writes. Throws Failure when it cannot
-// be started. `environment` replaces or adds variables.
+// be started. `environment` replaces or adds variables. A signal that ends us
+// in the meantime ends it as well.
 ProcessAnswer runAndListen(const std::vector<std::string>& command,
                            const std::map<std::string, std::string>& environment,
                            std::chrono::seconds limit);
@@ -34,11 +35,13 @@ std::vector<pid_t> allProcesses();
 pid_t oldestOf(const std::vector<pid_t>& processes);
 std::optional<pid_t> parentOf(pid_t pid);
 std::string processName(pid_t pid);  // "?" when it cannot be read
-std::string processExecutable(pid_t pid);
 
 // Nothing when it cannot be read (another user's process, or gone).
 std::optional<std::map<std::string, std::string>> processEnvironment(pid_t pid);
 std::optional<std::vector<std::string>> processMappings(pid_t pid);
+
+// As far as it can be looked into.
+bool hasShimLoaded(pid_t pid);
 
 // The process lives in our own System V IPC namespace.
 bool sharesIpcNamespace(pid_t pid);

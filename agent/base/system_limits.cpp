@@ -8,12 +8,6 @@ namespace tolvane::agent {
 
 namespace {
 
-// semctl takes its fourth argument as a union that the caller declares.
-union SemaphoreArgument {
-    int value;
-    seminfo* limits;
-};
-
 std::uint64_t nonNegative(int value) {
     return value > 0 ? static_cast<std::uint64_t>(value) : 0;
 }

@@ -4,7 +4,17 @@
 #include <cstdint>
 #include <optional>
 
+struct semid_ds;
+struct seminfo;
+
 namespace tolvane::agent {
+
+// semctl takes its fourth argument as a union that the caller declares.
+union SemaphoreArgument {
+    int value;
+    semid_ds* status;
+    seminfo* limits;
+};
 
 struct SystemLimits {
     std::uint64_t maxSegmentBytes;

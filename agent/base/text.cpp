@@ -9,15 +9,19 @@
 #include <cctype>
 #include <cerrno>
 #include <charconv>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
+#include <random>
 
 #include "base/error.h"
 
 namespace tolvane::agent {
 
-std::optional<std::string> readFile(const std::string& path, std::size_t limit) {
+std::optional<std::string> readFile(const std::string& path, std::size_t limit, PipeWriter writer) {
     // A FIFO planted under a name we read must not hold us up.
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    int waiting = writer == PipeWriter::kIgnored ? O_NONBLOCK : 0;
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | waiting);
     if (fd < 0) return std::nullopt;
     std::string content;
     char buffer[16384];
@@ -41,10 +45,18 @@ std::optional<std::string> readFile(const std::string& path, std::size_t limit) 
     return content;
 }
 
+namespace {
+
+// Two starts at the same time are not to write into one file.
+std::string temporaryBeside(const std::string& path) {
+    return fmt::format("{}.{:08x}.new", path, std::random_device{}());
+}
+
+}  // namespace
+
 void replaceFile(const std::string& path, std::string_view content) {
     if (auto old = readFile(path); old && *old == content) return;
-    std::string temporary = path + ".new";
-    ::unlink(temporary.c_str());
+    std::string temporary = temporaryBeside(path);
     int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0) fail(kExitFailed, "{}: cannot be written: {}", temporary, std::strerror(errno));
     ::fchmod(fd, 0644);
@@ -62,6 +74,31 @@ void replaceFile(const std::string& path, std::string_view content) {
         ::unlink(temporary.c_str());
         fail(kExitFailed, "{}: cannot be written: {}", path, std::strerror(error));
     }
+}
+
+void replaceLink(const std::string& path, const std::string& target) {
+    char present[PATH_MAX];
+    ssize_t length = ::readlink(path.c_str(), present, sizeof present);
+    if (length > 0 && target == std::string_view(present, static_cast<std::size_t>(length))) return;
+    std::string temporary = temporaryBeside(path);
+    if (::symlink(target.c_str(), temporary.c_str()) != 0 ||
+        ::rename(temporary.c_str(), path.c_str()) != 0) {
+        int error = errno;
+        ::unlink(temporary.c_str());
+        fail(kExitFailed, "{}: cannot be created: {}", path, std::strerror(error));
+    }
+}
+
+std::optional<std::string> realPath(const std::string& path) {
+    char* real = ::realpath(path.c_str(), nullptr);
+    if (real == nullptr) return std::nullopt;
+    std::string result(real);
+    std::free(real);
+    return result;
+}
+
+std::string_view baseName(std::string_view path) {
+    return path.substr(path.rfind('/') + 1);
 }
 
 std::vector<std::string_view> splitLines(std::string_view text) {
@@ -103,10 +140,6 @@ std::string lower(std::string_view text) {
     return result;
 }
 
-bool equalIgnoringCase(std::string_view a, std::string_view b) {
-    return lower(a) == lower(b);
-}
-
 std::optional<std::int32_t> parseInt32(std::string_view text) {
     std::int32_t value = 0;
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
@@ -133,6 +166,40 @@ std::size_t sequenceLength(std::string_view text) {
     return length;
 }
 
+// Of a sequence that sequenceLength accepts.
+std::uint32_t codePoint(std::string_view sequence) {
+    constexpr std::uint32_t kFirstBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
+    std::uint32_t point = static_cast<unsigned char>(sequence[0]) & kFirstBits[sequence.size()];
+    for (char c : sequence.substr(1)) point = point << 6 | (static_cast<unsigned char>(c) & 0x3F);
+    return point;
+}
+
+// The locale may be "C", in which wcwidth() knows ASCII only.
+std::size_t columnsOf(std::uint32_t point) {
+    struct Range {
+        std::uint32_t first, last;
+        std::size_t columns;
+    };
+    static constexpr Range kUnusual[] = {
+        {0x0300, 0x036F, 0},   {0x1100, 0x115F, 2},   {0x200B, 0x200F, 0},   {0x20D0, 0x20F0, 0},
+        {0x2E80, 0x303E, 2},   {0x3041, 0xA4CF, 2},   {0xA960, 0xA97C, 2},   {0xAC00, 0xD7A3, 2},
+        {0xF900, 0xFAFF, 2},   {0xFE00, 0xFE0F, 0},   {0xFE20, 0xFE2F, 0},   {0xFE30, 0xFE6F, 2},
+        {0xFF00, 0xFF60, 2},   {0xFFE0, 0xFFE6, 2},   {0x1F300, 0x1F64F, 2}, {0x1F680, 0x1F6FF, 2},
+        {0x1F900, 0x1F9FF, 2}, {0x20000, 0x3FFFD, 2},
+    };
+    for (const Range& range : kUnusual) {
+        if (point >= range.first && point <= range.last) return range.columns;
+    }
+    return 1;
+}
+
+// Takes the first character off; a byte that is not UTF-8 counts as one.
+std::string_view takeCharacter(std::string_view& text) {
+    std::string_view character = text.substr(0, std::max<std::size_t>(sequenceLength(text), 1));
+    text.remove_prefix(character.size());
+    return character;
+}
+
 }  // namespace
 
 std::string printable(std::string_view text) {
@@ -152,9 +219,21 @@ std::string printable(std::string_view text) {
 }
 
 std::size_t displayWidth(std::string_view text) {
-    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    }));
+    std::size_t width = 0;
+    while (!text.empty()) width += columnsOf(codePoint(takeCharacter(text)));
+    return width;
+}
+
+std::string cutToWidth(std::string_view text, std::size_t width) {
+    if (displayWidth(text) <= width) return std::string(text);
+    std::string result;
+    for (std::size_t taken = 1;;) {
+        std::string_view character = takeCharacter(text);
+        taken += columnsOf(codePoint(character));
+        if (taken > width) break;
+        result += character;
+    }
+    return result + (width > 0 ? "~" : "");
 }
 
 std::string plural(std::size_t count, std::string_view noun) {

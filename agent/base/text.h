@@ -13,18 +13,30 @@ namespace tolvane::agent {
 inline constexpr std::size_t kMaxTextFile = 4U << 20;
 
 // The file's content, or nothing when it cannot be read (errno says why). At
-// most `limit` bytes are read; a longer file counts as unreadable (EFBIG).
-std::optional<std::string> readFile(const std::string& path, std::size_t limit = kMaxTextFile);
+// most `limit` bytes are read; a longer file counts as unreadable (EFBIG). A
+// pipe without a writer reads as empty, unless the writer is to be waited for.
+enum class PipeWriter { kIgnored, kAwaited };
+std::optional<std::string> readFile(const std::string& path, std::size_t limit = kMaxTextFile,
+                                    PipeWriter writer = PipeWriter::kIgnored);
 
 // Writes beside the file and renames, so that a reader sees the old content
 // or the new one. Throws Failure.
 void replaceFile(const std::string& path, std::string_view content);
 
+// Makes a symbolic link, in the place of an older one. Throws Failure.
+void replaceLink(const std::string& path, const std::string& target);
+
+// Absolute and without links; nothing when there is no such file (errno says
+// why).
+std::optional<std::string> realPath(const std::string& path);
+
+// What follows the last slash.
+std::string_view baseName(std::string_view path);
+
 std::vector<std::string_view> splitLines(std::string_view text);
 std::vector<std::string> splitWords(std::string_view line);
 std::string_view trim(std::string_view text);
 std::string lower(std::string_view text);
-bool equalIgnoringCase(std::string_view a, std::string_view b);
 
 // The whole text as a decimal number that fits; signs and blanks are refused
 // except for a leading '-'.
@@ -34,8 +46,12 @@ std::optional<std::int32_t> parseInt32(std::string_view text);
 // and bytes that are not UTF-8 become '?'.
 std::string printable(std::string_view text);
 
-// Columns that the text takes on a terminal, counting UTF-8 sequences as one.
+// Columns that the text takes on a terminal: two for an East Asian character
+// or a pictograph, none for a mark that combines with the one before.
 std::size_t displayWidth(std::string_view text);
+
+// The text in at most so many columns; a '~' stands for what is missing.
+std::string cutToWidth(std::string_view text, std::size_t width);
 
 // "1 server", "3 servers".
 std::string plural(std::size_t count, std::string_view noun);

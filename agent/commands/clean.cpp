@@ -4,12 +4,15 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <set>
 
 #include "base/error.h"
 #include "base/process.h"
+#include "base/system_limits.h"
 #include "base/terminal.h"
 #include "base/text.h"
 #include "commands/commands.h"
@@ -20,33 +23,49 @@ namespace tolvane::agent {
 
 namespace {
 
-union SemaphoreArgument {
-    int value;
-    semid_ds* status;
-};
-
-// A server creates its semaphores right after its segment, as the same user
-// and one to a set. Whatever does not look so was not its own: identifiers in
-// an old segment may have been given to somebody else since.
+// A server creates its semaphores right after its segment, as the same user,
+// one to a set and open to everybody. Whatever does not look so was not its
+// own: anybody may write identifiers into a segment, and those in an old one
+// may have been given to somebody else since.
 bool isSemaphoreOf(std::int32_t semaphoreId, const SegmentStatus& segment) {
-    constexpr std::time_t kStartUp = 60;
+    constexpr std::time_t kStartUp = 2;  // seconds
     semid_ds status{};
     if (semaphoreId < 0 ||
         ::semctl(semaphoreId, 0, IPC_STAT, SemaphoreArgument{.status = &status}) < 0) {
         return false;
     }
-    return status.sem_nsems == 1 && status.sem_perm.cuid == segment.owner &&
-           status.sem_ctime >= segment.created && status.sem_ctime <= segment.created + kStartUp;
+    return status.sem_nsems == 1 && (status.sem_perm.mode & 0777) == 0777 &&
+           status.sem_perm.cuid == segment.owner && status.sem_ctime >= segment.created &&
+           status.sem_ctime <= segment.created + kStartUp;
+}
+
+// What the servers that still run have named as theirs.
+std::set<std::int32_t> semaphoresInUse(const std::vector<Server>& servers) {
+    std::set<std::int32_t> inUse;
+    for (const Server& server : servers) {
+        if (server.state == ServerState::kStale || !server.ownsSegment) continue;
+        try {
+            Segment segment(server.handoff.shmid, server.handoff.structures,
+                            Segment::Access::kRead);
+            for (std::int32_t i = 0; i < segment.structures(); ++i)
+                inUse.insert(segment.semaphoreOf(i));
+        } catch (const Failure&) {
+            // It has stopped in this moment, and taken its semaphores along.
+        }
+    }
+    return inUse;
 }
 
 struct Leftovers {
+    std::string heading;
     std::vector<std::int32_t> semaphores;
     std::int32_t shmid = -1;
     std::string handoff;
 };
 
-Leftovers leftoversOf(const Server& server) {
+Leftovers leftoversOf(const Server& server, const std::set<std::int32_t>& inUse) {
     Leftovers left;
+    left.heading = fmt::format("Server {}: {}\n", nameOf(server), server.why);
     // A damaged file may be one that is being written right now.
     bool mayBeWritten = !server.handoff.problem.empty() && processExists(server.handoff.pid);
     if (!mayBeWritten) left.handoff = server.handoff.path;
@@ -56,7 +75,7 @@ Leftovers leftoversOf(const Server& server) {
     Segment segment(left.shmid, server.handoff.structures, Segment::Access::kRead);
     for (std::int32_t i = 0; i < segment.structures(); ++i) {
         std::int32_t id = segment.semaphoreOf(i);
-        if (isSemaphoreOf(id, status)) left.semaphores.push_back(id);
+        if (inUse.count(id) == 0 && isSemaphoreOf(id, status)) left.semaphores.push_back(id);
     }
     return left;
 }
@@ -82,6 +101,7 @@ class Remover {
 };
 
 void removeLeftovers(const Leftovers& left, Remover& remover) {
+    writeOut(left.heading);
     for (std::int32_t id : left.semaphores) {
         remover.remove(fmt::format("semaphore {}", id), [id] { return ::semctl(id, 0, IPC_RMID); });
     }
@@ -102,23 +122,24 @@ int cleanCommand(const CleanOptions& options) {
         writeOut(fmt::format("Lock file, held for {} s by nobody who still works:\n", *age));
         remover.remove(kLockFile, [] { return ::unlink(kLockFile); });
     }
+    auto stale = [](const Server& server) { return server.state == ServerState::kStale; };
     auto servers = findServers();
-    std::erase_if(servers, [](const Server& s) { return s.state != ServerState::kStale; });
-    if (servers.empty()) {
+    if (std::none_of(servers.begin(), servers.end(), stale)) {
         writeOut("Nothing stale.\n");
         return remover.refused() ? kExitFailed : kExitOk;
     }
     std::optional<RemovalLock> lock;
-    if (!options.dryRun) lock.emplace();
-    for (const Server& found : servers) {
+    if (!options.dryRun) {
+        lock.emplace();
         // What was stale before the wait for the lock may have changed.
-        for (const Server& server : findServers()) {
-            if (server.handoff.path != found.handoff.path || server.state != ServerState::kStale)
-                continue;
-            writeOut(fmt::format("Server {}: {}\n", nameOf(server), server.why));
-            removeLeftovers(leftoversOf(server), remover);
-        }
+        servers = findServers();
     }
+    std::set<std::int32_t> inUse = semaphoresInUse(servers);
+    std::vector<Leftovers> leftovers;
+    for (const Server& server : servers) {
+        if (stale(server)) leftovers.push_back(leftoversOf(server, inUse));
+    }
+    for (const Leftovers& left : leftovers) removeLeftovers(left, remover);
     return remover.refused() ? kExitFailed : kExitOk;
 }
 

@@ -7,6 +7,9 @@
 
 namespace tolvane::agent {
 
+inline constexpr int kMaxSemaphores = 32000;
+inline constexpr int kMaxRequestInterval = 1000000;
+
 struct RunOptions {
     std::string type;  // "apache", "netscape", or empty: by the command's name
     std::string root;
@@ -38,6 +41,7 @@ struct ConfigureOptions {
     std::string file;
     std::optional<std::string> server;
     bool reset = false;
+    bool removeAll = false;  // a file without any site is meant
 };
 
 struct ShowOptions {

@@ -16,10 +16,19 @@ namespace tolvane::agent {
 
 namespace {
 
-ConfigModel loadModel(const std::string& path) {
-    auto text = readFile(path);
+enum class WithoutSites { kRefused, kAccepted };
+
+// A file without sites is most likely not the one that was meant, and would
+// end the measurement of every site.
+ConfigModel loadModel(const std::string& path, WithoutSites withoutSites) {
+    auto text = readFile(path, kMaxTextFile, PipeWriter::kAwaited);
     if (!text) fail(kExitBadInput, "{}: {}", path, std::strerror(errno));
     ConfigFile file = parseConfigFile(*text);
+    if (file.complaints.empty() && file.model.sites.empty() &&
+        withoutSites == WithoutSites::kRefused) {
+        file.complaints.push_back(
+            {1, 1, "no [[site]] in the file; 'configure --remove-all' removes every site"});
+    }
     if (file.complaints.empty()) return std::move(file.model);
     std::string message;
     for (const Complaint& complaint : file.complaints) {
@@ -77,12 +86,14 @@ std::vector<std::string> renamed(const ConfigInfo& before, const ConfigInfo& aft
 }  // namespace
 
 int checkCommand(const std::string& file) {
-    writeOut(fmt::format("{}: valid: {}\n", file, summary(loadModel(file))));
+    writeOut(
+        fmt::format("{}: valid: {}\n", file, summary(loadModel(file, WithoutSites::kRefused))));
     return kExitOk;
 }
 
 int configureCommand(const ConfigureOptions& options) {
-    ConfigModel model = loadModel(options.file);
+    ConfigModel model = loadModel(
+        options.file, options.removeAll ? WithoutSites::kAccepted : WithoutSites::kRefused);
     auto block = buildConfigBlock(model);
     Server server = selectServer(findServers(), options.server);
     ConfigLock lock(server.handoff.path);

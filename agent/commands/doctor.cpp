@@ -15,7 +15,11 @@ int doctorCommand() {
         Progress progress;
         progress.show("looking at the installation and the running servers");
         examineInstallation(findings);
-        examineServers(findServers(), findings);
+        try {
+            examineServers(findServers(), findings);
+        } catch (const Failure& failure) {
+            findings.problem(failure.what(), "run doctor as root, or repair the directory");
+        }
     }
     bool colour = colourOn(STDOUT_FILENO);
     std::size_t problems = 0;

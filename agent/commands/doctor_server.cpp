@@ -160,13 +160,15 @@ void Examiner::examineConfiguration(const Sample& sample) {
     CountSet counts = countsOf(sample.records);
     auto counted = [](const TrafficCounts& site) { return site.requests > 0; };
     bool anySite = std::any_of(std::begin(counts.site), std::end(counts.site), counted);
-    if (sample.config.info->numSites > 0 && counts.total.requests > 0 && !anySite) {
-        problem(
-            fmt::format("configuration {} is taken up by nobody: {}, none of them for a site",
-                        sample.version, plural(counts.total.requests, "request")),
-            fmt::format("send a few requests to each worker or wait {} s, then compare the site "
-                        "names with what clients send as Host",
-                        2 * std::clamp(sample.config.info->interval, 1, 86400)));
+    // Counts of sites that were taken or reset say nothing about it.
+    bool published = std::any_of(sample.records.begin(), sample.records.end(),
+                                 [](const ResultStruct& record) { return record.sitesDirty == 1; });
+    if (sample.config.info->numSites > 0 && counts.total.requests > 0 && published && !anySite) {
+        note(fmt::format("configuration {} is taken up by nobody: {}, none of them for a site",
+                         sample.version, plural(counts.total.requests, "request")),
+             fmt::format("send a few requests to each worker or wait {} s, then compare the site "
+                         "names with what clients send as Host",
+                         2 * std::clamp(sample.config.info->interval, 1, 86400)));
     }
 }
 

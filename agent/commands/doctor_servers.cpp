@@ -10,6 +10,7 @@
 #include "base/process.h"
 #include "base/text.h"
 #include "commands/doctor_findings.h"
+#include "segment/attached.h"
 
 namespace tolvane::agent {
 
@@ -20,10 +21,7 @@ constexpr const char* kStartMeasured = "stop it and start it with 'tolvane run',
 bool loadsShim(pid_t pid) {
     auto mappings = processMappings(pid);
     // What cannot be looked into is given the benefit of the doubt.
-    if (!mappings) return true;
-    return std::any_of(mappings->begin(), mappings->end(), [](const std::string& line) {
-        return line.find("libtolvane.so") != std::string::npos;
-    });
+    return !mappings || mapsLibrary(*mappings);
 }
 
 std::set<int> portsOf(const Server& server) {

@@ -1,12 +1,10 @@
 #include "commands/library.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 
 #include "base/agent_directories.h"
@@ -27,14 +25,6 @@ std::string ownDirectory() {
     return text.substr(0, text.rfind('/'));
 }
 
-std::string resolved(const std::string& path) {
-    char* real = ::realpath(path.c_str(), nullptr);
-    if (real == nullptr) return path;
-    std::string result(real);
-    std::free(real);
-    return result;
-}
-
 // LD_PRELOAD separates its entries by blanks and colons, without a way to
 // write either in a name.
 void refuseUnpreloadable(const std::string& path) {
@@ -51,13 +41,7 @@ const std::vector<const char*> kNames32 = {"lib/i386-linux-gnu", "lib32", "lib"}
 void link(const std::string& directory, const char* name, const std::string& library) {
     std::string place = directory + "/" + name;
     makeDirectories(place, 0755);
-    std::string path = place + kLibraryName;
-    std::string temporary = path + ".new";
-    ::unlink(temporary.c_str());
-    if (::symlink(library.c_str(), temporary.c_str()) != 0 ||
-        ::rename(temporary.c_str(), path.c_str()) != 0) {
-        fail(kExitFailed, "{}: cannot be created: {}", path, std::strerror(errno));
-    }
+    replaceLink(place + kLibraryName, library);
 }
 
 }  // namespace
@@ -79,7 +63,7 @@ Libraries findLibraries() {
         std::string path = directory + kLibraryName;
         Executable file = inspectExecutable(path);
         if (file.wordSize == WordSize::kUnknown) continue;
-        found.emplace(file.wordSize, resolved(path));
+        found.emplace(file.wordSize, realPath(path).value_or(path));
     }
     return found;
 }
@@ -92,7 +76,7 @@ Libraries givenLibrary(const std::string& path) {
     if (file.kind != Executable::Kind::kElf || file.wordSize == WordSize::kUnknown) {
         fail(kExitBadInput, "{} is no library for this machine", path);
     }
-    return {{file.wordSize, resolved(path)}};
+    return {{file.wordSize, realPath(path).value_or(path)}};
 }
 
 std::string preloadValue(const Libraries& libraries, WordSize server, WordSize starter) {
@@ -102,8 +86,7 @@ std::string preloadValue(const Libraries& libraries, WordSize server, WordSize s
         if (found == libraries.end()) {
             fail(kExitFailed,
                  "there is no {}-bit libtolvane.so beside this program; build it (cmake --preset "
-                 "{} && "
-                 "cmake --build --preset {}) or name it with --library",
+                 "{} && cmake --build --preset {}) or name it with --library",
                  static_cast<int>(server), server == WordSize::k32 ? "release32" : "release",
                  server == WordSize::k32 ? "release32" : "release");
         }
@@ -125,7 +108,8 @@ std::string joinPreload(const std::string& ours, const std::string& present) {
         std::size_t end = std::min(present.find_first_of(" :", at), present.size());
         std::string entry = present.substr(at, end - at);
         at = end + 1;
-        if (!entry.empty() && entry != ours) result += ":" + entry;
+        // A second copy of the shim would measure everything twice.
+        if (!entry.empty() && baseName(entry) != baseName(kLibraryName)) result += ":" + entry;
     }
     return result;
 }

@@ -26,7 +26,7 @@ Libraries givenLibrary(const std::string& path);
 // is laid out for that.
 std::string preloadValue(const Libraries& libraries, WordSize server, WordSize starter);
 
-// Ours ahead of what is there already.
+// Ours ahead of what is there already, without other copies of the shim.
 std::string joinPreload(const std::string& ours, const std::string& present);
 
 }  // namespace tolvane::agent

@@ -17,7 +17,7 @@ namespace {
 
 std::string versionText(const Server& server) {
     if (!server.ownsSegment) return "-";
-    if (isRewriting(server.version)) return "being written";
+    if (isBeingWritten(server.version)) return "being written";
     if (server.version == kVersionCreated) return "none";
     if (server.version == kVersionRemoved) return "removed";
     return fmt::format("{}", server.version);

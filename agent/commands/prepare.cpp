@@ -1,11 +1,9 @@
 #include <fmt/format.h>
 
-#include <climits>
-#include <cstdlib>
-
 #include "apache/command.h"
 #include "base/error.h"
 #include "base/terminal.h"
+#include "base/text.h"
 #include "commands/commands.h"
 #include "commands/measured_root.h"
 
@@ -23,10 +21,7 @@ std::string installedApache() {
 
 std::string absolutePath(const std::string& path) {
     if (path.empty() || path[0] == '/') return path;
-    char* here = ::realpath(".", nullptr);
-    std::string result = std::string(here != nullptr ? here : ".") + "/" + path;
-    std::free(here);
-    return result;
+    return realPath(".").value_or(".") + "/" + path;
 }
 
 }  // namespace

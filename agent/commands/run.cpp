@@ -26,19 +26,38 @@ struct StartPlan {
     std::string type;
     std::string root;
     std::string description;
+    bool hasSslHosts = false;
     WordSize wordSize = WordSize::kUnknown;
     std::map<std::string, std::string> environment;
 };
 
 std::string environmentOr(const char* name, const std::string& otherwise) {
     const char* value = std::getenv(name);
-    return value != nullptr ? value : otherwise;
+    return value != nullptr && *value != '\0' ? value : otherwise;
+}
+
+// The option's value, or that of the environment within the same bounds.
+std::string settledNumber(const std::optional<int>& option, const char* name,
+                          const std::string& otherwise, int high) {
+    if (option) return fmt::format("{}", *option);
+    std::string value = environmentOr(name, otherwise);
+    int number = parseInt32(value).value_or(0);
+    if (value != otherwise && (number < 1 || number > high)) {
+        fail(kExitBadInput, "{}={} in the environment is not a number from 1 to {}", name,
+             printable(value), high);
+    }
+    return value;
 }
 
 std::string typeOf(const ServerCommand& command, const std::string& wanted) {
     if (!wanted.empty()) return wanted;
     if (command.kind == ServerKind::kNetscape) return "netscape";
-    return lower(environmentOr("WEB_SERVER", "apache"));
+    std::string type = lower(environmentOr("WEB_SERVER", "apache"));
+    if (type != "apache" && type != "netscape") {
+        fail(kExitBadInput, "WEB_SERVER={} in the environment is neither apache nor netscape",
+             printable(type));
+    }
+    return type;
 }
 
 // On a machine that systemd runs, the distributions' control scripts hand a
@@ -55,8 +74,8 @@ void refuseHandover(const ServerCommand& command) {
     if (!starts || !script || script->find("systemctl start") == std::string::npos) return;
     fail(kExitBadInput,
          "{} hands the start over to systemd, which would start the server without measurement; "
-         "use a "
-         "drop-in for the service (see docs/operations.md), or 'tolvane run -- apache2 -k start'",
+         "use a drop-in for the service (see docs/operations.md), or 'tolvane run -- apache2 -k "
+         "start'",
          command.path);
 }
 
@@ -74,11 +93,9 @@ WordSize wordSizeOf(const ServerCommand& command) {
 }
 
 std::string existingRoot(const std::string& root) {
-    char* real = ::realpath(root.c_str(), nullptr);
-    if (real == nullptr) fail(kExitBadInput, "{}: {}", root, std::strerror(errno));
-    std::string result(real);
-    std::free(real);
-    return result;
+    auto real = realPath(root);
+    if (!real) fail(kExitBadInput, "{}: {}", root, std::strerror(errno));
+    return *real;
 }
 
 void checkRootFiles(const std::string& root, const std::string& type) {
@@ -87,6 +104,14 @@ void checkRootFiles(const std::string& root, const std::string& type) {
         fail(kExitBadInput, "{}: {}; the shim reads the listening addresses there", file,
              std::strerror(errno));
     }
+}
+
+void settleNumbers(StartPlan& plan, const RunOptions& options) {
+    // -1 leaves the number of records to the shim.
+    plan.environment["NUM_SEMAPHORES"] =
+        settledNumber(options.semaphores, "NUM_SEMAPHORES", "-1", kMaxSemaphores);
+    plan.environment["REQUEST_INTERVAL"] =
+        settledNumber(options.requestInterval, "REQUEST_INTERVAL", "5", kMaxRequestInterval);
 }
 
 void settleRoot(StartPlan& plan, const RunOptions& options) {
@@ -106,16 +131,16 @@ void settleRoot(StartPlan& plan, const RunOptions& options) {
     if (plan.command.kind != ServerKind::kApache) {
         fail(kExitBadInput,
              "{} is no Apache by its name, so it cannot be asked for its configuration; give "
-             "--root, "
-             "the directory that holds conf/httpd.conf and logs/httpd.pid",
+             "--root, the directory that holds conf/httpd.conf and logs/httpd.pid",
              plan.command.path);
     }
     MeasuredRoot root = prepareRoot(plan.command, given, refresh);
     plan.root = root.directory;
     plan.description = fmt::format("module {}, {} {}", root.module,
                                    root.prepared ? "prepared root" : "root", root.directory);
-    plan.environment = root.facts.environment;
+    plan.environment.insert(root.facts.environment.begin(), root.facts.environment.end());
     plan.environment.emplace("SSL_FACTOR", environmentOr("SSL_FACTOR", sslFactorFor(root)));
+    plan.hasSslHosts = root.hasSslHosts;
     plan.wordSize = root.facts.wordSize;
 }
 
@@ -125,12 +150,13 @@ void settleVariables(StartPlan& plan, const RunOptions& options) {
     variables["WEB_SERVER_ROOT"] = plan.root;
     variables.emplace("SSL_FACTOR", environmentOr("SSL_FACTOR", "start"));
     if (options.sslFactor) variables["SSL_FACTOR"] = *options.sslFactor;
-    // -1 leaves the number of records to the shim.
-    variables["NUM_SEMAPHORES"] = options.semaphores ? fmt::format("{}", *options.semaphores)
-                                                     : environmentOr("NUM_SEMAPHORES", "-1");
-    variables["REQUEST_INTERVAL"] = options.requestInterval
-                                        ? fmt::format("{}", *options.requestInterval)
-                                        : environmentOr("REQUEST_INTERVAL", "5");
+    if (plan.hasSslHosts && lower(variables["SSL_FACTOR"]) == "start") {
+        fmt::print(
+            stderr,
+            "tolvane: note: the server has SSL hosts, whose requests SSL_FACTOR={} counts as "
+            "plain ones; unset it, or give --ssl-factor startssl\n",
+            variables["SSL_FACTOR"]);
+    }
 }
 
 // The word size of the process that we become: the interpreter of a script.
@@ -164,6 +190,7 @@ int runCommand(const RunOptions& options) {
     if (libraries.empty()) {
         fail(kExitFailed, "no libtolvane.so beside this program; name it with --library");
     }
+    settleNumbers(plan, options);
     settleRoot(plan, options);
     settleVariables(plan, options);
     if (plan.wordSize == WordSize::kUnknown) plan.wordSize = wordSizeOf(plan.command);

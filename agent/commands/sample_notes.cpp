@@ -25,8 +25,7 @@ std::vector<std::string> sampleNotes(const Sample& sample) {
     }
     if (!sample.config.steady) {
         notes.push_back(
-            "the configuration is half written; if this stays, run 'tolvane configure' "
-            "again");
+            "the configuration is half written; if this stays, run 'tolvane configure' again");
     }
     if (!sample.config.complaint.empty()) {
         notes.push_back("the configuration is out of range: " + printable(sample.config.complaint));

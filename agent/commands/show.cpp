@@ -22,6 +22,7 @@ namespace {
 using Seconds = std::chrono::duration<double>;
 
 struct Measured {
+    Server server;
     Sample sample;
     CountSet counts;
     CountSet added;
@@ -29,42 +30,63 @@ struct Measured {
     std::string meaningOfRates;
 };
 
-Sample sampleAfter(const Server& server, Seconds pause) {
-    auto end = std::chrono::steady_clock::now() + pause;
+void pause(Seconds length) {
+    auto end = std::chrono::steady_clock::now() + length;
     Progress progress;
     while (std::chrono::steady_clock::now() < end) {
         Seconds left = end - std::chrono::steady_clock::now();
         progress.show(
-            fmt::format("sampling, {:.0f} of {:.0f} s left", left.count(), pause.count()));
+            fmt::format("sampling, {:.0f} of {:.0f} s left", left.count(), length.count()));
         std::this_thread::sleep_for(std::min<Seconds>(left, Seconds(0.25)));
     }
-    return takeSample(server);
 }
 
-Measured measure(const Server& server, double sampleSeconds) {
-    Measured measured;
-    Sample first = takeSample(server);
-    if (sampleSeconds > 0) {
-        measured.sample = sampleAfter(server, Seconds(sampleSeconds));
-        measured.added = increase(first.records, measured.sample.records);
-        measured.seconds = Seconds(measured.sample.when - first.when).count();
-        measured.meaningOfRates = fmt::format("of the last {:.1f} s", measured.seconds);
-    } else {
-        measured.sample = std::move(first);
-        measured.added = countsOf(measured.sample.records);
-        measured.seconds =
-            std::max(std::difftime(std::time(nullptr), measured.sample.measuredSince), 1.0);
-        measured.meaningOfRates =
-            fmt::format("mean of {:.0f} s, since {:%Y-%m-%d %H:%M:%S}", measured.seconds,
-                        fmt::localtime(measured.sample.measuredSince));
-    }
-    measured.counts = countsOf(measured.sample.records);
-    return measured;
+void rateSinceFirstSample(Measured& measured) {
+    Sample first = std::move(measured.sample);
+    measured.sample = takeSample(measured.server);
+    measured.added = increase(first.records, measured.sample.records);
+    measured.seconds = Seconds(measured.sample.when - first.when).count();
+    measured.meaningOfRates = fmt::format("of the last {:.1f} s", measured.seconds);
 }
 
-nlohmann::ordered_json toJson(const Server& server, const Measured& measured,
-                              const Report& report) {
-    nlohmann::ordered_json json = serverToJson(server);
+void rateSinceStart(Measured& measured) {
+    std::time_t since = measured.sample.measuredSince;
+    measured.added = countsOf(measured.sample.records);
+    measured.seconds = std::max(std::difftime(std::time(nullptr), since), 1.0);
+    measured.meaningOfRates = fmt::format("mean of {:.0f} s, since {:%Y-%m-%d %H:%M:%S}",
+                                          measured.seconds, fmt::localtime(since));
+}
+
+// Runs the step for each server. One that has gone meanwhile is named and
+// left out; the others are shown all the same.
+template <typename Step>
+void forEachServer(std::vector<Measured>& all, int& exitCode, Step&& step) {
+    std::erase_if(all, [&](Measured& measured) {
+        try {
+            step(measured);
+            return false;
+        } catch (const Failure& failure) {
+            fmt::print(stderr, "tolvane: server {}: {}\n", nameOf(measured.server), failure.what());
+            exitCode = failure.code();
+            return true;
+        }
+    });
+}
+
+std::vector<Measured> measure(const std::vector<Server>& servers, double sampleSeconds,
+                              int& exitCode) {
+    std::vector<Measured> all(servers.size());
+    for (std::size_t i = 0; i < servers.size(); ++i) all[i].server = servers[i];
+    forEachServer(all, exitCode,
+                  [](Measured& measured) { measured.sample = takeSample(measured.server); });
+    if (sampleSeconds > 0 && !all.empty()) pause(Seconds(sampleSeconds));
+    forEachServer(all, exitCode, sampleSeconds > 0 ? rateSinceFirstSample : rateSinceStart);
+    for (Measured& measured : all) measured.counts = countsOf(measured.sample.records);
+    return all;
+}
+
+nlohmann::ordered_json toJson(const Measured& measured, const Report& report) {
+    nlohmann::ordered_json json = serverToJson(measured.server);
     json["measured_since"] = measured.sample.measuredSince;
     json["interval"] = measured.sample.config.info->interval;
     json["rates_over_seconds"] = measured.seconds;
@@ -73,12 +95,12 @@ nlohmann::ordered_json toJson(const Server& server, const Measured& measured,
     return json;
 }
 
-void print(const Server& server, const Measured& measured, const Report& report) {
+void print(const Measured& measured, const Report& report) {
     bool colour = colourOn(STDOUT_FILENO);
     ReportLayout layout;
     layout.colour = colour;
     layout.width = isTerminal(STDOUT_FILENO) ? terminalSize(STDOUT_FILENO).columns : 0;
-    std::string text = serverHeading(server, measured.sample) + "\n";
+    std::string text = serverHeading(measured.server, measured.sample) + "\n";
     text += fmt::format("Rates: {}.\n", measured.meaningOfRates);
     for (const std::string& note : sampleNotes(measured.sample)) {
         text += coloured("Note: " + note, Colour::kYellow, colour) + "\n";
@@ -100,22 +122,23 @@ std::vector<Server> wantedServers(const std::optional<std::string>& wanted) {
 int showCommand(const ShowOptions& options) {
     nlohmann::ordered_json all = nlohmann::ordered_json::array();
     bool first = true;
-    for (const Server& server : wantedServers(options.server)) {
-        Measured measured = measure(server, options.sampleSeconds);
+    int exitCode = kExitOk;
+    for (const Measured& measured :
+         measure(wantedServers(options.server), options.sampleSeconds, exitCode)) {
         Report report = buildReport(*measured.sample.config.info, measured.counts, measured.added,
                                     measured.seconds);
         if (options.json) {
-            all.push_back(toJson(server, measured, report));
+            all.push_back(toJson(measured, report));
         } else {
             if (!first) writeOut("\n");
-            print(server, measured, report);
+            print(measured, report);
         }
         first = false;
     }
     if (options.json) {
         writeOut(all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
     }
-    return kExitOk;
+    return exitCode;
 }
 
 }  // namespace tolvane::agent

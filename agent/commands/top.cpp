@@ -46,7 +46,14 @@ class History {
     }
     const Sample& latest() const { return samples_.back(); }
     double seconds() const { return Seconds(samples_.back().when - samples_.front().when).count(); }
-    CountSet added() const { return increase(samples_.front().records, samples_.back().records); }
+    // From sample to sample, since an agent may have taken counts in between.
+    CountSet added() const {
+        CountSet sum;
+        for (std::size_t i = 1; i < samples_.size(); ++i) {
+            addIncrease(sum, samples_[i - 1].records, samples_[i].records);
+        }
+        return sum;
+    }
 
   private:
     std::deque<Sample> samples_;
@@ -103,10 +110,7 @@ bool obey(Key key, View& view, std::size_t page) {
 }
 
 std::string fitted(const std::string& text, int columns) {
-    if (columns <= 0 || displayWidth(text) <= static_cast<std::size_t>(columns)) return text;
-    std::string result = printable(text);
-    while (displayWidth(result) > static_cast<std::size_t>(columns)) result.pop_back();
-    return result;
+    return columns > 0 ? cutToWidth(text, static_cast<std::size_t>(columns)) : text;
 }
 
 class Top {
@@ -151,9 +155,10 @@ bool Top::refresh() {
 
 std::vector<std::string> Top::heading(int columns) const {
     std::vector<std::string> lines = {fitted(serverHeading(server_, history_.latest()), columns)};
-    std::string rates = history_.seconds() > 0
-                            ? fmt::format("rates of the last {:.0f} s", history_.seconds())
-                            : "rates follow";
+    double seconds = history_.seconds();
+    std::string rates =
+        seconds > 0 ? fmt::format("rates of the last {:.{}f} s", seconds, seconds < 9.5 ? 1 : 0)
+                    : "rates follow";
     std::string keys =
         columns > 0 ? "; keys: < > sort, r reverse, c categories, arrows scroll, q quit" : "";
     lines.push_back(

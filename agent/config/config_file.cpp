@@ -233,8 +233,7 @@ CategoryModel Reader::readCategory(const toml::table& table,
     } else if (const toml::array* array = list(*urls, "urls", "urls = [\"/shop*\"]")) {
         if (array->empty()) {
             complain(array->source(),
-                     "a category without patterns matches nothing; write "
-                     "urls = [\"/shop*\"]");
+                     "a category without patterns matches nothing; write urls = [\"/shop*\"]");
         }
         readPatterns(*array, category);
     }
@@ -246,8 +245,7 @@ void Reader::readPatterns(const toml::array& urls, CategoryModel& category) {
         const toml::node& node = urls[i];
         if (i == kMaxSections) {
             complain(node.source(),
-                     fmt::format("this is number {} of {}; a category has at most {} "
-                                 "patterns",
+                     fmt::format("this is number {} of {}; a category has at most {} patterns",
                                  i + 1, urls.size(), kMaxSections));
             return;
         }

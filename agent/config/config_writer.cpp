@@ -1,13 +1,17 @@
 #include "config/config_writer.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <thread>
 
 #include "base/error.h"
@@ -19,17 +23,63 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Marks the block as being rewritten; returns the highest valid version so far.
-std::int32_t beginRewriting(std::atomic_ref<std::int32_t> version) {
+// Keeps the signals by which an operator ends a program waiting, so that none
+// leaves the block half written.
+class SignalsHeld {
+  public:
+    SignalsHeld() {
+        sigset_t held;
+        ::sigemptyset(&held);
+        for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaddset(&held, signal);
+        ::pthread_sigmask(SIG_BLOCK, &held, &before_);
+    }
+    ~SignalsHeld() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsHeld(const SignalsHeld&) = delete;
+    SignalsHeld& operator=(const SignalsHeld&) = delete;
+
+  private:
+    sigset_t before_;
+};
+
+bool isOthersMark(std::int32_t version) {
+    return isBeingWritten(version) && !isRewriting(version);
+}
+
+// Gives an agent that set a mark of its own the time to finish; returns that
+// mark when it did not.
+std::int32_t awaitOthersMark(std::atomic_ref<std::int32_t> version) {
+    constexpr auto kPatience = 5s;
+    auto deadline = std::chrono::steady_clock::now() + kPatience;
+    Progress progress;
+    std::int32_t current = version.load();
+    while (isOthersMark(current) && std::chrono::steady_clock::now() < deadline) {
+        progress.show("waiting for another agent that is writing the configuration");
+        std::this_thread::sleep_for(20ms);
+        current = version.load();
+    }
+    return current;
+}
+
+// The highest version that was valid before `current`. Another agent's mark
+// does not tell; above what agents use, be it a count or the time of the
+// change, is the time of now.
+std::int32_t highestBefore(std::int32_t current) {
+    if (!isOthersMark(current)) return highestVersion(current);
+    return static_cast<std::int32_t>(std::min<std::time_t>(std::time(nullptr), kMaxVersion - 1));
+}
+
+// Marks the block as being rewritten, in the place of `abandoned` or of no
+// other agent's mark; returns the highest valid version so far.
+std::int32_t beginRewriting(std::atomic_ref<std::int32_t> version, std::int32_t abandoned) {
     std::int32_t current = version.load();
     for (;;) {
         if (current == kVersionRemoved) fail(kExitFailed, "the server has stopped");
-        if (current != kVersionCreated && current <= 0 && !isRewriting(current)) {
+        if (isOthersMark(current) && current != abandoned) {
             fail(kExitFailed,
                  "another agent is rewriting the configuration (version {}); try again", current);
         }
-        std::int32_t highest = highestVersion(current);
-        if (highest < 0 || highest >= kMaxVersion) {
+        std::int32_t highest = highestBefore(current);
+        if (highest >= kMaxVersion) {
             fail(kExitFailed, "the version {} leaves no room for a higher one; restart the server",
                  current);
         }
@@ -77,7 +127,15 @@ ConfigLock::~ConfigLock() {
 std::int32_t writeConfiguration(Segment& segment, const ConfigInfo& block) {
     ConfigInfo* shared = segment.config();
     std::atomic_ref<std::int32_t> version(shared->version);
-    std::int32_t highest = beginRewriting(version);
+    std::int32_t abandoned = awaitOthersMark(version);
+    if (isOthersMark(abandoned)) {
+        writeOut(
+            fmt::format("Note: another agent began a configuration (version {}) and did not finish "
+                        "it; it is replaced.\n",
+                        abandoned));
+    }
+    SignalsHeld held;
+    std::int32_t highest = beginRewriting(version, abandoned);
     // No word of the block may become visible before the mark does.
     std::atomic_thread_fence(std::memory_order_seq_cst);
     std::atomic_ref(shared->numSites).store(0, std::memory_order_relaxed);

@@ -31,8 +31,10 @@ class ConfigLock {
     int fd_;
 };
 
-// Returns the version under which the block is now valid. Throws Failure when
-// the server stops meanwhile, or another program writes without the lock.
+// Returns the version under which the block is now valid. Takes over from
+// another agent whose mark has stood for some seconds, and says so. Throws
+// Failure when the server stops meanwhile, or another program writes without
+// the lock.
 std::int32_t writeConfiguration(Segment& segment, const ConfigInfo& block);
 
 }  // namespace tolvane::agent

@@ -47,10 +47,28 @@ ResultStruct withoutTaken(const ResultStruct& record) {
     return kept;
 }
 
-// Requests and connections are too few to wrap between two samples; when one
-// of them sank, its group was cleared.
+// Bytes wrap, but do not come in such an amount between two samples: less was
+// there in truth.
+bool bytesSank(std::uint32_t before, std::uint32_t after) {
+    return after - before >= 1U << 31;
+}
+
+// All else is too little to wrap between two samples; when any of it sank, its
+// group was cleared.
 bool sank(const CounterBlock& before, const CounterBlock& after) {
-    return after.requests < before.requests || after.connections < before.connections;
+    return after.requests < before.requests || after.connections < before.connections ||
+           after.errors < before.errors || after.droppedRequests < before.droppedRequests ||
+           after.redirects < before.redirects || after.clientErrors < before.clientErrors ||
+           after.serverErrors < before.serverErrors ||
+           bytesSank(before.bytesSent, after.bytesSent) ||
+           bytesSank(before.bytesReceived, after.bytesReceived);
+}
+
+bool sank(const CategoryCounters& before, const CategoryCounters& after) {
+    return after.requests < before.requests || after.errors < before.errors ||
+           after.droppedRequests < before.droppedRequests ||
+           after.responseTimeSum < before.responseTimeSum ||
+           bytesSank(before.bytesSent, after.bytesSent);
 }
 
 CounterBlock difference(const CounterBlock& before, const CounterBlock& after) {
@@ -87,7 +105,7 @@ bool sitesCleared(const ResultStruct& before, const ResultStruct& after) {
 bool categoriesCleared(const ResultStruct& before, const ResultStruct& after) {
     for (int s = 0; s < kMaxSites; ++s) {
         for (int c = 0; c < kMaxCategories; ++c) {
-            if (after.category[s][c].requests < before.category[s][c].requests) return true;
+            if (sank(before.category[s][c], after.category[s][c])) return true;
         }
     }
     return false;
@@ -131,12 +149,17 @@ CountSet countsOf(const std::vector<ResultStruct>& records) {
     return sum;
 }
 
-CountSet increase(const std::vector<ResultStruct>& before, const std::vector<ResultStruct>& after) {
-    CountSet sum;
+void addIncrease(CountSet& sum, const std::vector<ResultStruct>& before,
+                 const std::vector<ResultStruct>& after) {
     for (std::size_t i = 0; i < after.size(); ++i) {
         ResultStruct earlier = i < before.size() ? withoutTaken(before[i]) : ResultStruct{};
         add(sum, recordIncrease(earlier, withoutTaken(after[i])));
     }
+}
+
+CountSet increase(const std::vector<ResultStruct>& before, const std::vector<ResultStruct>& after) {
+    CountSet sum;
+    addIncrease(sum, before, after);
     return sum;
 }
 

@@ -58,5 +58,7 @@ CountSet countsOf(const std::vector<ResultStruct>& records);
 // What was added between two samples of the same server. Counters wrap at
 // 2^32, and a group starts from 0 again after an agent has taken it.
 CountSet increase(const std::vector<ResultStruct>& before, const std::vector<ResultStruct>& after);
+void addIncrease(CountSet& sum, const std::vector<ResultStruct>& before,
+                 const std::vector<ResultStruct>& after);
 
 }  // namespace tolvane::agent

@@ -264,22 +264,10 @@ void fitGrid(Grid& grid, std::size_t width) {
     shrinkName(1);
 }
 
-std::string cut(const std::string& text, std::size_t width) {
-    if (displayWidth(text) <= width) return text;
-    std::string result;
-    std::size_t taken = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        bool begins = (static_cast<unsigned char>(text[i]) & 0xC0) != 0x80;
-        if (begins && ++taken >= std::max<std::size_t>(width, 1)) break;
-        result += text[i];
-    }
-    return result + (width > 0 ? "~" : "");
-}
-
 std::string drawLine(const Grid& grid, const std::vector<std::string>& cells) {
     std::string line;
     for (std::size_t i = 0; i < cells.size(); ++i) {
-        std::string text = cut(cells[i], grid.widths[i]);
+        std::string text = cutToWidth(cells[i], grid.widths[i]);
         std::string blanks(grid.widths[i] - std::min(displayWidth(text), grid.widths[i]), ' ');
         if (i > 0) line += "  ";
         line += grid.columns[i] == ReportColumn::kName ? text + blanks : blanks + text;

@@ -1,6 +1,6 @@
 #include "segment/attached.h"
 
-#include <string>
+#include <algorithm>
 
 #include "base/process.h"
 #include "base/text.h"
@@ -23,9 +23,23 @@ Mapping mappingOf(const std::string& line, const std::string& shmid) {
     return fields[1].find('w') != std::string::npos ? Mapping::kWritable : Mapping::kReadOnly;
 }
 
+// A server's processes may write, and so may another agent. The library may
+// have been given under another name, but none is measured without the variable.
+bool isServers(pid_t pid, const std::vector<std::string>& mappings) {
+    if (mapsLibrary(mappings)) return true;
+    auto environment = processEnvironment(pid);
+    return !environment || environment->count("WEB_SERVER") != 0;
+}
+
 }  // namespace
 
-AttachedProcesses attachedProcesses(std::int32_t shmid) {
+bool mapsLibrary(const std::vector<std::string>& mappings) {
+    return std::any_of(mappings.begin(), mappings.end(), [](const std::string& line) {
+        return line.find("libtolvane.so") != std::string::npos;
+    });
+}
+
+AttachedProcesses attachedProcesses(std::int32_t shmid, pid_t mainProcess) {
     AttachedProcesses attached;
     std::string wanted = std::to_string(shmid);
     for (pid_t pid : allProcesses()) {
@@ -37,7 +51,9 @@ AttachedProcesses attachedProcesses(std::int32_t shmid) {
             if (mapping > found) found = mapping;
         }
         if (found == Mapping::kNone || !sharesIpcNamespace(pid)) continue;
-        (found == Mapping::kWritable ? attached.writers : attached.readers).push_back(pid);
+        bool servers =
+            found == Mapping::kWritable && (pid == mainProcess || isServers(pid, *mappings));
+        (servers ? attached.servers : attached.others).push_back(pid);
     }
     return attached;
 }

@@ -19,6 +19,11 @@ namespace {
 
 constexpr std::size_t kMaxHandoffSize = 64U << 10;
 
+// A server names at most so many addresses, and none longer than that. What
+// goes beyond would only make every message unreadable.
+constexpr std::size_t kMaxAddresses = 20;
+constexpr std::size_t kMaxText = 55;
+
 // Bytes of a segment must stay within a signed 32-bit count, which bounds the
 // records that any server can have.
 constexpr std::int32_t kMaxStructures = static_cast<std::int32_t>(
@@ -27,9 +32,9 @@ constexpr std::int32_t kMaxStructures = static_cast<std::int32_t>(
 
 std::vector<std::string> splitAddresses(std::string_view text) {
     std::vector<std::string> addresses;
-    while (!text.empty()) {
+    while (!text.empty() && addresses.size() < kMaxAddresses) {
         std::size_t comma = std::min(text.find(','), text.size());
-        if (comma > 0) addresses.push_back(printable(text.substr(0, comma)));
+        if (comma > 0) addresses.push_back(printable(text.substr(0, std::min(comma, kMaxText))));
         text.remove_prefix(std::min(comma + 1, text.size()));
     }
     return addresses;
@@ -43,7 +48,8 @@ bool readNumber(std::string_view line, std::string_view key, std::int32_t low, s
         value = *number;
         return true;
     }
-    problem = fmt::format("\"{}\" is not a number from {} to {}", printable(line), low, high);
+    problem = fmt::format("\"{}\" is not a number from {} to {}",
+                          printable(line.substr(0, kMaxText)), low, high);
     return false;
 }
 
@@ -60,7 +66,7 @@ void parseHandoff(std::string_view text, Handoff& handoff) {
         } else if (starts("Shmid=")) {
             haveShmid = readNumber(line, "Shmid=", 0, kMax, handoff.shmid, handoff.problem);
         } else if (starts("Server_Type=")) {
-            handoff.serverType = printable(trim(line.substr(12)));
+            handoff.serverType = printable(trim(line.substr(12)).substr(0, kMaxText));
         } else if (starts("Structures=")) {
             haveStructures = readNumber(line, "Structures=", 1, kMaxStructures, handoff.structures,
                                         handoff.problem);
@@ -85,7 +91,8 @@ std::vector<Handoff> readHandoffs(const std::string& directory) {
         std::string_view name = entry->d_name;
         if (name.substr(0, prefix.size()) != prefix) continue;
         auto pid = parseInt32(name.substr(prefix.size()));
-        if (!pid || *pid <= 0) continue;
+        // No server writes leading zeros; such a file names somebody else's process.
+        if (!pid || *pid <= 0 || std::to_string(*pid) != name.substr(prefix.size())) continue;
         Handoff handoff;
         handoff.path = directory + std::string(name);
         handoff.pid = *pid;

@@ -136,7 +136,7 @@ ConfigCopy copyConfiguration(const Segment& segment) {
         std::int32_t before = segment.version();
         copyWords(copy.info.get(), segment.config(), sizeof(ConfigInfo));
         std::atomic_thread_fence(std::memory_order_acquire);
-        copy.steady = segment.version() == before && !isRewriting(before);
+        copy.steady = segment.version() == before && !isBeingWritten(before);
         copy.info->version = before;
         if (copy.steady || std::chrono::steady_clock::now() > deadline) break;
         std::this_thread::sleep_for(1ms);

@@ -39,6 +39,10 @@ constexpr std::int32_t rewritingVersion(std::int32_t highest) {
 constexpr bool isRewriting(std::int32_t version) {
     return version <= kRewritingBase;
 }
+// The block is not valid: by our mark, or by one that another agent set.
+constexpr bool isBeingWritten(std::int32_t version) {
+    return version <= 0 && version != kVersionCreated && version != kVersionRemoved;
+}
 // The highest version that was valid so far; 0 when none was.
 constexpr std::int32_t highestVersion(std::int32_t version) {
     if (isRewriting(version))
@@ -60,7 +64,8 @@ class Segment {
     std::int32_t version() const;
     std::int32_t parentPid() const;
     std::int32_t semaphoreOf(std::int32_t record) const;
-    ConfigInfo* config() const { return static_cast<ConfigInfo*>(address_); }
+    const ConfigInfo* config() const { return static_cast<const ConfigInfo*>(address_); }
+    ConfigInfo* config() { return static_cast<ConfigInfo*>(address_); }  // needs write access
 
     // One record as it stood between two publications. False when it never
     // stood still; the copy is then the last one made.

@@ -39,13 +39,13 @@ std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) 
 }
 
 void judgeAttached(Server& server, const SegmentStatus& status) {
-    AttachedProcesses attached = attachedProcesses(server.handoff.shmid);
-    // Whoever is not known to only read is taken for a process of the server:
+    AttachedProcesses attached = attachedProcesses(server.handoff.shmid, server.parentPid);
+    // Whoever is not known for another one is taken for a process of the server:
     // some may not be looked into, or live in another process namespace.
-    server.processes = status.attached - std::min(status.attached, attached.readers.size());
+    server.processes = status.attached - std::min(status.attached, attached.others.size());
     bool parentKnown = server.parentPid > 0;
     bool parentRuns = parentKnown && processExists(server.parentPid);
-    server.process = parentRuns ? server.parentPid : oldestOf(attached.writers);
+    server.process = parentRuns ? server.parentPid : oldestOf(attached.servers);
     std::string remain = plural(server.processes, "process");
     if (server.processes != 1) remain = fmt::format("{} processes", server.processes);
     if (server.processes == 0) {
@@ -129,8 +129,9 @@ const char* stateName(ServerState state) {
 }
 
 std::string nameOf(const Server& server) {
-    return fmt::format("{} ({})", server.process > 0 ? server.process : server.handoff.pid,
-                       fmt::join(server.handoff.listen, ","));
+    pid_t pid = server.process > 0 ? server.process : server.handoff.pid;
+    if (server.handoff.listen.empty()) return fmt::format("{}", pid);
+    return fmt::format("{} ({})", pid, fmt::join(server.handoff.listen, ","));
 }
 
 std::vector<Server> findServers() {

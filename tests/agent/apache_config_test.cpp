@@ -105,6 +105,7 @@ TEST(ApacheConfig, IsRewritten) {
          "Listen *:443\n" + limit + ssl("*:443")},
         {"Listen 8443 https\nListen 80 http\n" + max,
          "Listen *:8443\nListen *:80\n" + limit + ssl("*:8443")},
+        {"<Macro Host $p>\nListen $p\n</Macro>\nListen 80\n" + max, "Listen *:80\n" + limit},
     };
     for (const Case& c : cases) EXPECT_EQ(rewritten(c.text), c.expected) << c.text;
     EXPECT_EQ(rewritten("Listen 80\n", "event"), "Listen *:80\nMaxClients 400\n");
@@ -147,11 +148,26 @@ TEST(ApacheConfig, NotesWhatWillBeMissed) {
         {many, "11 listening addresses; only the first 10"},
         {"Listen 80\nListen nonsense\n", "Listen nonsense was not understood"},
         {"Listen 80\n<VirtualHost [2001:db8::1]>\nSSLEngine on\n</VirtualHost>\n", "has no port"},
+        {"Listen 80\nUse Host 8443\nUse Host 8444\n", "macros are not expanded"},
     };
     for (const auto& [text, expected] : cases) {
         MeasuredConfig config = measure(factsOf("prefork"), {{"/main", text}});
         ASSERT_EQ(config.notes.size(), 1U) << text;
         EXPECT_NE(config.notes[0].find(expected), std::string::npos) << config.notes[0];
+    }
+}
+
+TEST(ServerRoot, EveryServerHasItsOwn) {
+    const std::pair<const char*, const char*> servers[] = {
+        {"/a/b-c.conf", "/p"}, {"/a-b/c.conf", "/p"}, {"/a/-b.conf", "/p"}, {"/a-/b.conf", "/p"},
+        {"/a/b-c.conf", "/q"}, {"/a", "/b@c"},        {"/a@b", "/c"},       {"/a+2Db", "/p"},
+        {"/a-b", "/p"},        {"/a b", "/p"}};
+    std::set<std::string> roots;
+    for (const auto& [mainFile, pidFile] : servers) {
+        ServerFacts facts;
+        facts.mainFile.path = mainFile;
+        facts.pidFile = pidFile;
+        EXPECT_TRUE(roots.insert(defaultRoot(facts)).second) << mainFile << " " << pidFile;
     }
 }
 

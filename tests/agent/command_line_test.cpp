@@ -2,11 +2,13 @@
 #include <gtest/gtest.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "fake_server.h"
 #include "segment/segment.h"
@@ -38,9 +40,12 @@ TEST(CommandLine, EveryCommandExplainsItself) {
 TEST(CommandLine, ExitCodesTellScriptsWhatHappened) {
     writeFile("/opt/good.toml", kSites);
     writeFile("/opt/bad.toml", "interval = 0\n");
+    writeFile("/opt/empty.toml", "interval = 5\n");
     const std::pair<std::vector<std::string>, int> cases[] = {
         {{}, 2},
         {{"nonsense"}, 2},
+        {{"--version"}, 0},
+        {{"top", "--delay", "0.01"}, 2},
         {{"run"}, 2},
         {{"run", "--", "/opt/absent"}, 2},
         {{"run", "--semaphores", "0", "--", "/bin/true"}, 2},
@@ -48,6 +53,8 @@ TEST(CommandLine, ExitCodesTellScriptsWhatHappened) {
         {{"check", "/opt/good.toml"}, 0},
         {{"check", "/opt/bad.toml"}, 2},
         {{"check", "/opt/absent.toml"}, 2},
+        {{"check", "/opt/empty.toml"}, 2},
+        {{"configure", "--remove-all", "/opt/empty.toml"}, 1},
         {{"check", "/opt"}, 2},
         {{"configure", "/opt/bad.toml"}, 2},
         {{"configure", "/opt/good.toml"}, 1},
@@ -68,6 +75,16 @@ TEST(CommandLine, ExitCodesTellScriptsWhatHappened) {
     }
     EXPECT_TRUE(
         contains(tolvane({"check", "/opt/bad.toml"}).errors, "/opt/bad.toml:1:12: interval is 0"));
+}
+
+TEST(CommandLine, APipeIsReadToItsEnd) {
+    ASSERT_EQ(mkfifo("/opt/pipe", 0600), 0);
+    std::thread writer([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        writeFile("/opt/pipe", kSites);
+    });
+    EXPECT_TRUE(contains(tolvane({"check", "/opt/pipe"}).output, "1 site"));
+    writer.join();
 }
 
 TEST(CommandLine, ConfiguresAndShowsARunningServer) {
@@ -131,6 +148,7 @@ TEST(CommandLine, ConfigureTellsWhenCountsChangeTheirName) {
                          "blog.example (was shop.example) takes over earlier counts"));
     server.edit([](ConfigInfo&, ResultStruct* records) {
         records[0].totalDirty = records[0].sitesDirty = records[0].categoriesDirty = 1;
+        records[0].total.requests = 9;
     });
     tolvane({"configure", "--reset", "/opt/sites.toml"});
     server.edit([](ConfigInfo&, ResultStruct* records) {
@@ -138,19 +156,24 @@ TEST(CommandLine, ConfigureTellsWhenCountsChangeTheirName) {
         EXPECT_EQ(records[0].sitesDirty, 0);
         EXPECT_EQ(records[0].categoriesDirty, 0);
     });
+    EXPECT_FALSE(contains(tolvane({"doctor"}).output, "taken up by nobody"));
 }
 
 TEST(CommandLine, CleanRemovesWhatStaleServersLeftAndNothingElse) {
     FakeServer live(3);
-    FakeServer dead(3);
+    FakeServer dead(5);
     FakeServer reused(1);
     int foreignSemaphore = semget(IPC_PRIVATE, 2, IPC_CREAT | 0777);
+    int privateSemaphore = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
     int foreignSegment = shmget(IPC_PRIVATE, segmentSize(1), IPC_CREAT | 0777);
     auto deadSemaphores = dead.semaphores();
     int kept = deadSemaphores[2];
     // An identifier in a segment is no proof of ownership.
-    dead.edit(
-        [&](ConfigInfo&, ResultStruct* records) { records[2].semaphoreId = foreignSemaphore; });
+    dead.edit([&](ConfigInfo&, ResultStruct* records) {
+        records[2].semaphoreId = foreignSemaphore;
+        records[3].semaphoreId = privateSemaphore;
+        records[4].semaphoreId = live.semaphores()[0];
+    });
     std::string liveText = tolvane::test::readFile(live.handoff());
     dead.kill();
     // A file of long ago that names a segment which is now somebody else's.
@@ -178,6 +201,7 @@ TEST(CommandLine, CleanRemovesWhatStaleServersLeftAndNothingElse) {
     EXPECT_EQ(access(reused.handoff().c_str(), F_OK), 0);
     EXPECT_TRUE(segmentExists(foreignSegment));
     EXPECT_TRUE(semaphoreExists(foreignSemaphore));
+    EXPECT_TRUE(semaphoreExists(privateSemaphore));
     EXPECT_TRUE(semaphoreExists(kept));
     EXPECT_NE(access(kLockFile, F_OK), 0);
 }
@@ -209,7 +233,17 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
          },
          "closed to worker processes (mode 644) -> chmod 666"},
         {"variables", [](FakeServer&) {}, "WEB_SERVER is not set -> restart it with 'tolvane run'"},
-        {"library", [](FakeServer&) {}, "its main process runs without the shim -> "},
+        {"handoff directory",
+         [](FakeServer&) {
+             rename("/opt/tolvane/agent/config", "/opt/tolvane/agent/moved");
+             writeFile("/opt/tolvane/agent/config", "");
+         },
+         "config/: cannot be read: Not a directory -> run doctor as root"},
+        {"library",
+         [](FakeServer& s) {
+             s.edit([](ConfigInfo& c, ResultStruct*) { c.parentPid = getpid(); });
+         },
+         "its main process runs without the shim -> "},
         {"no configuration", [](FakeServer&) {},
          "no configuration, so only the totals are counted -> tolvane"},
         {"half written",
@@ -222,7 +256,7 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
              s.edit([](ConfigInfo& c, ResultStruct* r) {
                  c.version = c.numSites = 1;
                  r[0].total.requests = 9;
-                 r[0].totalDirty = 1;
+                 r[0].totalDirty = r[0].sitesDirty = 1;
              });
          },
          "configuration 1 is taken up by nobody: 9 requests"},

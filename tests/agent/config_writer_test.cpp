@@ -2,6 +2,7 @@
 #include "config/config_writer.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -95,8 +96,6 @@ TEST(ConfigWriter, SettlesTheVersionByTheEarlierOne) {
         {rewritingVersion(0), 1},    // a first writer was killed half way
         {rewritingVersion(41), 42},  // a later one was
         {kVersionRemoved, std::nullopt},
-        {0, std::nullopt},  // another agent's sign
-        {-7, std::nullopt},
         {kMaxVersion, std::nullopt},
         {2147483647, std::nullopt},
         {-2147483647 - 1, std::nullopt},
@@ -114,6 +113,35 @@ TEST(ConfigWriter, SettlesTheVersionByTheEarlierOne) {
             EXPECT_EQ(segment.config()->numSites, 0) << c.before;
         }
         EXPECT_EQ(segment.version(), c.after.value_or(c.before));
+    }
+}
+
+TEST(ConfigWriter, AnotherAgentsMarkIsWaitedForAndThenReplaced) {
+    FakeServer server;
+    Segment segment(server.shmid(), 1, Segment::Access::kWrite);
+    std::atomic_ref<std::int32_t> version(segment.config()->version);
+    version = -7;
+    std::thread agent([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        version = 41;
+    });
+    EXPECT_EQ(writeConfiguration(segment, *markedBlock(7)), 42);
+    agent.join();
+    version = 0;
+    EXPECT_GT(writeConfiguration(segment, *markedBlock(7)), 1700000000);
+}
+
+TEST(ConfigWriter, ATerminatedWriterFinishesTheBlock) {
+    FakeServer server;
+    Segment segment(server.shmid(), 1, Segment::Access::kWrite);
+    auto block = markedBlock(7);
+    for (int i = 0; i < 20; ++i) {
+        pid_t writer = fork();
+        while (writer == 0) writeConfiguration(segment, *block);
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        kill(writer, SIGTERM);
+        waitpid(writer, nullptr, 0);
+        EXPECT_GT(segment.version(), 0);
     }
 }
 

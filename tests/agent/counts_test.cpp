@@ -47,6 +47,7 @@ TEST(Counts, IncreaseKnowsWrapsAndClearedGroups) {
         {"unchanged", 10, 100, 10, 100, 1, 0, 0},
         {"bytes wrapped", 10, 4294967290U, 11, 4, 1, 1, 10},
         {"taken and counted anew", 10, 100, 3, 30, 1, 3, 30},
+        {"taken, and more requests since", 10, 2000000000U, 15, 1000000, 1, 15, 1000000},
         {"taken", 10, 100, 10, 100, 0, 0, 0},
     };
     for (const Case& c : cases) {

@@ -112,11 +112,14 @@ TEST(Elf, KnowsTheWordSize) {
 }
 
 TEST(Command, FindsTheServerThatAScriptNames) {
-    writeFile("/opt/httpd", elfHeader(1, 3));
-    writeFile("/opt/note", elfHeader(1, 3));
+    for (const char* name : {"httpd", "note", "httpd.worker"}) {
+        script(std::string("/opt/") + name, elfHeader(1, 3));
+    }
+    setenv("PATH", "/opt", 1);
     EXPECT_EQ(serversNamedIn(
-                  "HTTPD=${APACHE_HTTPD:-/opt/httpd}\n/opt/note; exec '/opt/httpd' -k start /"),
-              (std::vector<std::string>{"/opt/httpd"}));
+                  "HTTPD=${APACHE_HTTPD:-/opt/httpd}\n/opt/note; exec '/opt/httpd' -k start /\n"
+                  "httpd.worker -d opt/httpd"),
+              (std::vector<std::string>{"/opt/httpd", "/opt/httpd.worker"}));
 }
 
 TEST(Preload, FitsTheServersWordSize) {
@@ -146,7 +149,8 @@ TEST(Preload, FitsTheServersWordSize) {
 TEST(Preload, KeepsWhatIsThere) {
     EXPECT_EQ(joinPreload("/t.so", ""), "/t.so");
     EXPECT_EQ(joinPreload("/t.so", "/a.so:/b.so /c.so"), "/t.so:/a.so:/b.so:/c.so");
-    EXPECT_EQ(joinPreload("/t.so", "/a.so:/t.so"), "/t.so:/a.so");
+    EXPECT_EQ(joinPreload("/new/libtolvane.so", "/a.so:/old/libtolvane.so"),
+              "/new/libtolvane.so:/a.so");
 }
 
 }  // namespace

@@ -115,6 +115,12 @@ TEST(Report, KeepsTheTellingColumnsInANarrowTerminal) {
     EXPECT_EQ(heading.find("RECEIVED"), std::string::npos);
 }
 
+TEST(Text, IsCutByTheColumnsThatItTakes) {
+    EXPECT_EQ(displayWidth("\u5546\u54C1 e\u0301"), 6U);
+    EXPECT_EQ(cutToWidth("\u5546\u54C1\u5238", 4), "\u5546~");
+    EXPECT_EQ(cutToWidth("\u5546\u54C1\u5238", 5), "\u5546\u54C1~");
+}
+
 TEST(Text, IsMadeSafeForATerminal) {
     const std::pair<std::string, const char*> cases[] = {
         {"plain", "plain"},

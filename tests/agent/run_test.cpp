@@ -15,7 +15,8 @@ namespace {
 using tolvane::test::readFile;
 using tolvane::test::writeFile;
 
-constexpr char kRoot[] = "/opt/tolvane/agent/data/servers/opt-etc-main.conf";
+constexpr char kRoot[] =
+    "/opt/tolvane/agent/data/servers/opt-etc-main.conf@run-apache2-apache2.pid";
 
 void installServer(const std::string& configuration) {
     std::filesystem::create_directories("/opt/etc");
@@ -98,7 +99,8 @@ TEST(Run, UsesARootThatTheShimCanReadAsItIs) {
     writeFile("/opt/etc/conf/httpd.conf", "Listen [::]:80\nMaxClients 20\n");
     outcome = tolvane({"run", "--library", TOLVANE_LIBRARY, "--", "/opt/apachectl", "start"});
     EXPECT_TRUE(hasLine(outcome.output,
-                        "WEB_SERVER_ROOT=/opt/tolvane/agent/data/servers/opt-etc-conf-httpd.conf"))
+                        "WEB_SERVER_ROOT=/opt/tolvane/agent/data/servers/"
+                        "opt-etc-conf-httpd.conf@opt-etc-logs-httpd.pid"))
         << outcome.output;
 }
 
@@ -107,6 +109,8 @@ TEST(Run, RefusesBadInputAndChangesNothing) {
     installServer("Listen 80\n");
     std::filesystem::create_directories("/opt/own/conf");
     writeFile("/opt/own/conf/httpd.conf", "Listen 80\n");
+    std::filesystem::create_directories("/opt/used/logs");
+    writeFile("/opt/used/logs/httpd.pid", "1\n");
     writeFile("/opt/no-library", "text");
     const std::string library = TOLVANE_LIBRARY;
     const std::pair<std::vector<std::string>, const char*> cases[] = {
@@ -123,6 +127,7 @@ TEST(Run, RefusesBadInputAndChangesNothing) {
          "AH00526: Syntax error"},
         {{"run", "--type", "iis", "--", "/opt/apachectl"}, "--type"},
         {{"prepare", "--root", "/opt/own", "--", "/opt/apachectl"}, "was not written by tolvane"},
+        {{"prepare", "--root", "/opt/used", "--", "/opt/apachectl"}, "was not made by tolvane"},
     };
     for (const auto& [arguments, expected] : cases) {
         Outcome outcome = tolvane(arguments);
@@ -131,6 +136,27 @@ TEST(Run, RefusesBadInputAndChangesNothing) {
     }
     EXPECT_FALSE(std::filesystem::exists("/opt/tolvane"));
     EXPECT_EQ(readFile("/opt/own/conf/httpd.conf"), "Listen 80\n");
+}
+
+TEST(Run, ValuesOfTheEnvironmentAreCheckedAsTheOptionsAre) {
+    installServer("Listen 443 https\n");
+    struct Case {
+        const char *name, *value, *expected;
+        int code;
+    };
+    const Case cases[] = {
+        {"WEB_SERVER", "foo", "neither apache nor netscape", 2},
+        {"NUM_SEMAPHORES", "abc", "not a number from 1 to 32000", 2},
+        {"REQUEST_INTERVAL", "-3", "not a number from 1 to 1000000", 2},
+        {"SSL_FACTOR", "Start", "note: the server has SSL hosts", 0},
+    };
+    for (const Case& c : cases) {
+        setenv(c.name, c.value, 1);
+        Outcome outcome = tolvane({"run", "--library", TOLVANE_LIBRARY, "--", "/opt/apachectl"});
+        EXPECT_EQ(outcome.code, c.code) << c.name;
+        EXPECT_NE(outcome.errors.find(c.expected), std::string::npos) << outcome.errors;
+        unsetenv(c.name);
+    }
 }
 
 TEST(Run, APreparedRootFollowsTheServersConfiguration) {

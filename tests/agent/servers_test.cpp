@@ -51,13 +51,17 @@ TEST(Handoff, IsReadOrItsFaultIsNamed) {
     EXPECT_EQ(handoff.shmid, 5);
     EXPECT_EQ(handoff.serverType, "APACHE");
     EXPECT_EQ(handoff.structures, 3);
+    std::string addresses;
+    for (int i = 0; i < 100; ++i) addresses += std::string(600, '1') + ",";
+    parseHandoff("Listen=" + addresses + "\nShmid=5\nStructures=3\n", handoff);
+    EXPECT_EQ(handoff.listen, std::vector<std::string>(20, std::string(55, '1')));
 }
 
 TEST(Handoff, OnlyPlainFilesWithAProcessIdCount) {
     writeFile(std::string(kHandoffDirectory) + "webadapter.12", "Shmid=1\nStructures=1\n");
     writeFile(std::string(kHandoffDirectory) + "webadapter.9", std::string(100000, 'x'));
-    for (const char* name :
-         {"webadapter.", "webadapter.x", "webadapter.-1", "webadapter.0", "other"}) {
+    for (const char* name : {"webadapter.", "webadapter.x", "webadapter.007", "webadapter.-1",
+                             "webadapter.0", "other"}) {
         writeFile(kHandoffDirectory + std::string(name), "Shmid=1\nStructures=1\n");
     }
     ASSERT_EQ(symlink("/etc/passwd", (kHandoffDirectory + std::string("webadapter.5")).c_str()), 0);
@@ -104,10 +108,12 @@ TEST(Servers, AreStaleForAReason) {
         FakeServer server;
         server.kill();
         expectState(ServerState::kStale, "no process uses segment");
-        // A watcher does not make it live.
-        void* watched = shmat(server.shmid(), nullptr, SHM_RDONLY);
-        expectState(ServerState::kStale, "no process uses segment");
-        shmdt(watched);
+        // Neither a watcher nor another agent makes it live.
+        for (int access : {SHM_RDONLY, 0}) {
+            void* watched = shmat(server.shmid(), nullptr, access);
+            expectState(ServerState::kStale, "no process uses segment");
+            shmdt(watched);
+        }
         shmctl(server.shmid(), IPC_RMID, nullptr);
         expectState(ServerState::kStale, "is gone");
         unlink(server.handoff().c_str());

@@ -173,6 +173,7 @@ TEST(Top, WritesPlainBlocksIntoAPipe) {
     EXPECT_EQ(outcome.output.find('\x1b'), std::string::npos);
     std::size_t first = outcome.output.find("all traffic");
     EXPECT_NE(outcome.output.find("all traffic", first + 1), std::string::npos);
+    EXPECT_EQ(outcome.output.find("last 0 s"), std::string::npos);
     EXPECT_EQ(tolvane({"top", "--sort", "colour"}).code, 2);
 }
 
