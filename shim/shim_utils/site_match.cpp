@@ -51,7 +51,8 @@ bool matchWithPort(const HostValue& host, const char* name, PreparedName prepare
     return length <= port.length && equalLetters(host.text.data + colon, port.data, length);
 }
 
-bool match(const HostValue& host, const char* name, PreparedName prepared) {
+// Whether the Host value and the configured name mean the same site.
+bool doesHostSiteMatch(const HostValue& host, const char* name, PreparedName prepared) {
     if (prepared.hash != host.hash || prepared.length == 0) return false;
     Bytes text = host.text;
     if (prepared.length == text.length && equalLetters(text.data, name, text.length)) return true;
@@ -61,18 +62,14 @@ bool match(const HostValue& host, const char* name, PreparedName prepared) {
 
 }  // namespace
 
-bool doesHostSiteMatch(Bytes host, const char* name, PreparedName prepared, ConnectionKind kind) {
-    return match(takeApart(host, kind), name, prepared);
-}
-
 int getMatchWebSite(const Configuration& config, Bytes text, ConnectionKind kind) {
     if (text.data == nullptr || text.length == 0) return -1;
     HostValue host = takeApart(text, kind);
     const ConfigInfo& info = config.info;
     for (int s = 0; s < info.numSites; ++s) {
-        if (match(host, info.siteName[s], config.siteNames[s])) return s;
+        if (doesHostSiteMatch(host, info.siteName[s], config.siteNames[s])) return s;
         for (int h = 0; h < info.numHosts[s]; ++h) {
-            if (match(host, info.hostName[s][h], config.hostNames[s][h])) return s;
+            if (doesHostSiteMatch(host, info.hostName[s][h], config.hostNames[s][h])) return s;
         }
     }
     return -1;

@@ -15,7 +15,4 @@ enum ConnectionKind : int {
 // Index of the first site one of whose names is `host`; -1: none.
 int getMatchWebSite(const Configuration& config, Bytes host, ConnectionKind kind);
 
-// Whether the Host value `host` and the configured `name` mean the same site.
-bool doesHostSiteMatch(Bytes host, const char* name, PreparedName prepared, ConnectionKind kind);
-
 }  // namespace tolvane
