@@ -26,6 +26,7 @@ struct Options {
     ConfigureOptions configure;
     ShowOptions show;
     TopOptions top;
+    ServeOptions serve;
 };
 
 using Action = std::function<int()>;
@@ -160,6 +161,28 @@ void addConfiguring(CLI::App& app, Options& options, Action& action) {
                         "Accept a file without sites, which removes them all");
 }
 
+void addServing(CLI::App& app, ServeOptions& options, Action& action) {
+    options.version = TOLVANE_VERSION;
+    CLI::App* serve = addCommand(
+        app, "serve", "Keep long totals of every measured server, and serve them over HTTP",
+        "  tolvane serve --config sites.toml\n"
+        "  tolvane serve --listen '[::1]:9931' --interval 1\n"
+        "The page is under /, Prometheus finds /metrics, programs find /api/servers.",
+        action, [&options] { return serveCommand(options); });
+    serve->add_option("--config", options.configFile,
+                      "The TOML file that every server is given, and again when it changes; "
+                      "default: servers are not configured");
+    serve
+        ->add_option("--listen", options.listen,
+                     "Address and port; ':9931' stands for all addresses")
+        ->capture_default_str();
+    serve->add_option("--interval", options.interval, "Seconds between two takings")
+        ->check(seconds())
+        ->capture_default_str();
+    serve->add_option("--state", options.stateDirectory, "Directory in which totals are kept")
+        ->capture_default_str();
+}
+
 void addCaring(CLI::App& app, Options& options, Action& action) {
     CLI::App* clean = addCommand(app, "clean", "Remove what servers that no longer run have left",
                                  "  tolvane clean --dry-run", action,
@@ -186,6 +209,7 @@ int parseAndRun(int argc, char** argv) {
     addPrepare(app, options.prepare, action);
     addConfiguring(app, options, action);
     addWatching(app, options, action);
+    addServing(app, options.serve, action);
     addCaring(app, options, action);
     try {
         app.parse(argc, argv);

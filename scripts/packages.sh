@@ -24,4 +24,5 @@ install_missing() {
 build_packages=(g++ g++-multilib cmake ninja-build binutils)
 
 # What the command-line tool is built on.
-tool_packages=(libcli11-dev libfmt-dev libtomlplusplus-dev nlohmann-json3-dev)
+tool_packages=(libcli11-dev libfmt-dev libtomlplusplus-dev nlohmann-json3-dev libmicrohttpd-dev
+  libsqlite3-dev)

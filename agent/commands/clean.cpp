@@ -7,37 +7,20 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <set>
 
 #include "base/error.h"
 #include "base/process.h"
-#include "base/system_limits.h"
 #include "base/terminal.h"
 #include "base/text.h"
 #include "commands/commands.h"
 #include "commands/removal_lock.h"
+#include "segment/record_lock.h"
 #include "segment/server.h"
 
 namespace tolvane::agent {
 
 namespace {
-
-// A server creates its semaphores right after its segment, as the same user,
-// one to a set and open to everybody. Whatever does not look so was not its
-// own: anybody may write identifiers into a segment, and those in an old one
-// may have been given to somebody else since.
-bool isSemaphoreOf(std::int32_t semaphoreId, const SegmentStatus& segment) {
-    constexpr std::time_t kStartUp = 2;  // seconds
-    semid_ds status{};
-    if (semaphoreId < 0 ||
-        ::semctl(semaphoreId, 0, IPC_STAT, SemaphoreArgument{.status = &status}) < 0) {
-        return false;
-    }
-    return status.sem_nsems == 1 && (status.sem_perm.mode & 0777) == 0777 &&
-           status.sem_perm.cuid == segment.owner && status.sem_ctime >= segment.created &&
-           status.sem_ctime <= segment.created + kStartUp;
-}
 
 // What the servers that still run have named as theirs.
 std::set<std::int32_t> semaphoresInUse(const std::vector<Server>& servers) {

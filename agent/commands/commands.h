@@ -57,6 +57,14 @@ struct TopOptions {
     std::string sortBy;
 };
 
+struct ServeOptions {
+    std::string configFile;
+    std::string listen = "127.0.0.1:9931";
+    double interval = 5;  // seconds
+    std::string stateDirectory = "/opt/tolvane/agent/data/collector";
+    std::string version;  // of this program
+};
+
 int runCommand(const RunOptions& options);
 int prepareCommand(const PrepareOptions& options);
 int listCommand(const ListOptions& options);
@@ -66,5 +74,6 @@ int configureCommand(const ConfigureOptions& options);
 int showCommand(const ShowOptions& options);
 int topCommand(const TopOptions& options);
 int doctorCommand();
+int serveCommand(const ServeOptions& options);
 
 }  // namespace tolvane::agent

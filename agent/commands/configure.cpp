@@ -1,14 +1,11 @@
 #include <fmt/format.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include "base/error.h"
 #include "base/terminal.h"
 #include "base/text.h"
 #include "commands/commands.h"
 #include "config/config_block.h"
-#include "config/config_file.h"
+#include "config/config_load.h"
 #include "config/config_writer.h"
 #include "segment/server.h"
 
@@ -16,44 +13,11 @@ namespace tolvane::agent {
 
 namespace {
 
-enum class WithoutSites { kRefused, kAccepted };
-
-// A file without sites is most likely not the one that was meant, and would
-// end the measurement of every site.
-ConfigModel loadModel(const std::string& path, WithoutSites withoutSites) {
-    auto text = readFile(path, kMaxTextFile, PipeWriter::kAwaited);
-    if (!text) fail(kExitBadInput, "{}: {}", path, std::strerror(errno));
-    ConfigFile file = parseConfigFile(*text);
-    if (file.complaints.empty() && file.model.sites.empty() &&
-        withoutSites == WithoutSites::kRefused) {
-        file.complaints.push_back(
-            {1, 1, "no [[site]] in the file; 'configure --remove-all' removes every site"});
-    }
-    if (file.complaints.empty()) return std::move(file.model);
-    std::string message;
-    for (const Complaint& complaint : file.complaints) {
-        message +=
-            fmt::format("{}:{}:{}: {}\n", path, complaint.line, complaint.column, complaint.text);
-    }
-    // Bare lines, as editors and compilers have them.
-    fmt::print(stderr, "{}", message);
+ConfigModel modelIn(const std::string& path, WithoutSites withoutSites) {
+    LoadedConfig loaded = loadConfig(path, withoutSites);
+    if (loaded.complaints.empty()) return std::move(loaded.model);
+    for (const std::string& complaint : loaded.complaints) fmt::print(stderr, "{}\n", complaint);
     fail(kExitBadInput, "{} is not valid; nothing was changed", path);
-}
-
-std::string summary(const ConfigModel& model) {
-    std::size_t names = 0;
-    std::size_t categories = 0;
-    std::size_t patterns = 0;
-    for (const SiteModel& site : model.sites) {
-        names += 1 + site.hosts.size();
-        categories += site.categories.size();
-        for (const CategoryModel& category : site.categories) patterns += category.patterns.size();
-    }
-    std::string categoryCount =
-        categories == 1 ? "1 category" : fmt::format("{} categories", categories);
-    return fmt::format("{}, {}, {}, {}, interval {} s", plural(model.sites.size(), "site"),
-                       plural(names, "host name"), categoryCount, plural(patterns, "URL pattern"),
-                       model.interval);
 }
 
 // Marks the counts of sites and categories as taken: the next publication
@@ -87,13 +51,13 @@ std::vector<std::string> renamed(const ConfigInfo& before, const ConfigInfo& aft
 
 int checkCommand(const std::string& file) {
     writeOut(
-        fmt::format("{}: valid: {}\n", file, summary(loadModel(file, WithoutSites::kRefused))));
+        fmt::format("{}: valid: {}\n", file, summaryOf(modelIn(file, WithoutSites::kRefused))));
     return kExitOk;
 }
 
 int configureCommand(const ConfigureOptions& options) {
-    ConfigModel model = loadModel(
-        options.file, options.removeAll ? WithoutSites::kAccepted : WithoutSites::kRefused);
+    ConfigModel model =
+        modelIn(options.file, options.removeAll ? WithoutSites::kAccepted : WithoutSites::kRefused);
     auto block = buildConfigBlock(model);
     Server server = selectServer(findServers(), options.server);
     ConfigLock lock(server.handoff.path);
@@ -102,7 +66,7 @@ int configureCommand(const ConfigureOptions& options) {
     std::int32_t version = writeConfiguration(segment, *block);
     if (options.reset) resetSiteCounts(segment);
     writeOut(fmt::format("Server {}: configuration {} written: {}.\n", nameOf(server), version,
-                         summary(model)));
+                         summaryOf(model)));
     auto changes = renamed(*before.info, *block);
     if (!changes.empty() && !options.reset && before.info->version > 0) {
         writeOut(

@@ -38,6 +38,21 @@ void refuseUnpreloadable(const std::string& path) {
 const std::vector<const char*> kNames64 = {"lib/x86_64-linux-gnu", "lib64"};
 const std::vector<const char*> kNames32 = {"lib/i386-linux-gnu", "lib32", "lib"};
 
+// Where an installation has both libraries, below the names above.
+std::string installedDirectory() {
+    std::string directory = ownDirectory() + "/../lib/tolvane";
+    return realPath(directory).value_or(directory);
+}
+
+bool areInstalled(const Libraries& libraries) {
+    std::string directory = installedDirectory() + "/";
+    auto at = [&](WordSize size, const char* name) {
+        auto found = libraries.find(size);
+        return found != libraries.end() && found->second == directory + name + kLibraryName;
+    };
+    return at(WordSize::k64, kNames64.front()) && at(WordSize::k32, kNames32.front());
+}
+
 void link(const std::string& directory, const char* name, const std::string& library) {
     std::string place = directory + "/" + name;
     makeDirectories(place, 0755);
@@ -48,7 +63,9 @@ void link(const std::string& directory, const char* name, const std::string& lib
 
 std::vector<std::string> libraryDirectories() {
     std::string base = ownDirectory();
-    std::vector<std::string> directories;
+    std::string installed = installedDirectory() + "/";
+    std::vector<std::string> directories = {installed + kNames64.front(),
+                                            installed + kNames32.front()};
     for (const char* relative :
          {"/../lib", "/../../release/lib", "/../../release32/lib", "/../lib64", "/../lib32",
           "/../lib/x86_64-linux-gnu", "/../lib/i386-linux-gnu"}) {
@@ -80,6 +97,13 @@ Libraries givenLibrary(const std::string& path) {
 }
 
 std::string preloadValue(const Libraries& libraries, WordSize server, WordSize starter) {
+    // Also for a server of the starter's word size: its programs may have the
+    // other one, and the dynamic linker complains of a library that does not fit.
+    if (areInstalled(libraries)) {
+        std::string directory = installedDirectory();
+        refuseUnpreloadable(directory);
+        return directory + "/$LIB" + kLibraryName;
+    }
     bool choose = server == WordSize::kUnknown || starter != server;
     if (!choose || libraries.size() == 1) {
         auto found = server == WordSize::kUnknown ? libraries.begin() : libraries.find(server);

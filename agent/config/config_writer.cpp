@@ -47,9 +47,8 @@ bool isOthersMark(std::int32_t version) {
 
 // Gives an agent that set a mark of its own the time to finish; returns that
 // mark when it did not.
-std::int32_t awaitOthersMark(std::atomic_ref<std::int32_t> version) {
-    constexpr auto kPatience = 5s;
-    auto deadline = std::chrono::steady_clock::now() + kPatience;
+std::int32_t awaitOthersMark(std::atomic_ref<std::int32_t> version, std::chrono::seconds patience) {
+    auto deadline = std::chrono::steady_clock::now() + patience;
     Progress progress;
     std::int32_t current = version.load();
     while (isOthersMark(current) && std::chrono::steady_clock::now() < deadline) {
@@ -98,11 +97,10 @@ void copyRange(ConfigInfo* to, const ConfigInfo& from, std::size_t begin, std::s
 
 }  // namespace
 
-ConfigLock::ConfigLock(const std::string& handoffPath)
+ConfigLock::ConfigLock(const std::string& handoffPath, std::chrono::seconds patience)
     : fd_(::open(handoffPath.c_str(), O_RDONLY | O_CLOEXEC)) {
     if (fd_ < 0) fail(kExitFailed, "{}: {}", handoffPath, std::strerror(errno));
-    constexpr auto kPatience = 10s;
-    auto deadline = std::chrono::steady_clock::now() + kPatience;
+    auto deadline = std::chrono::steady_clock::now() + patience;
     Progress progress;
     while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
         int error = errno;
@@ -111,9 +109,8 @@ ConfigLock::ConfigLock(const std::string& handoffPath)
             ::close(fd_);
             if (error != EWOULDBLOCK)
                 fail(kExitFailed, "{}: {}", handoffPath, std::strerror(error));
-            fail(kExitFailed,
-                 "another 'tolvane configure' has been writing for {} seconds; try again",
-                 kPatience.count());
+            fail(kExitFailed, "another 'tolvane configure' is still writing after {} s; try again",
+                 patience.count());
         }
         progress.show("waiting for another 'tolvane configure'");
         std::this_thread::sleep_for(20ms);
@@ -124,10 +121,11 @@ ConfigLock::~ConfigLock() {
     ::close(fd_);
 }
 
-std::int32_t writeConfiguration(Segment& segment, const ConfigInfo& block) {
+std::int32_t writeConfiguration(Segment& segment, const ConfigInfo& block,
+                                std::chrono::seconds patience) {
     ConfigInfo* shared = segment.config();
     std::atomic_ref<std::int32_t> version(shared->version);
-    std::int32_t abandoned = awaitOthersMark(version);
+    std::int32_t abandoned = awaitOthersMark(version, patience);
     if (isOthersMark(abandoned)) {
         writeOut(
             fmt::format("Note: another agent began a configuration (version {}) and did not finish "

@@ -9,6 +9,7 @@
 // killed between 1 and 3 the next one still ends above it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -22,7 +23,8 @@ namespace tolvane::agent {
 // itself, so that it leaves nothing behind however the holder ends.
 class ConfigLock {
   public:
-    explicit ConfigLock(const std::string& handoffPath);
+    explicit ConfigLock(const std::string& handoffPath,
+                        std::chrono::seconds patience = std::chrono::seconds(10));
     ~ConfigLock();
     ConfigLock(const ConfigLock&) = delete;
     ConfigLock& operator=(const ConfigLock&) = delete;
@@ -32,9 +34,10 @@ class ConfigLock {
 };
 
 // Returns the version under which the block is now valid. Takes over from
-// another agent whose mark has stood for some seconds, and says so. Throws
-// Failure when the server stops meanwhile, or another program writes without
-// the lock.
-std::int32_t writeConfiguration(Segment& segment, const ConfigInfo& block);
+// another agent whose mark has stood for `patience`, and says so on standard
+// output. Throws Failure when the server stops meanwhile, or another program
+// writes without the lock.
+std::int32_t writeConfiguration(Segment& segment, const ConfigInfo& block,
+                                std::chrono::seconds patience = std::chrono::seconds(5));
 
 }  // namespace tolvane::agent

@@ -35,41 +35,44 @@ void add(CountSet& sum, const ResultStruct& record) {
     }
 }
 
-// The record with its taken groups emptied.
-ResultStruct withoutTaken(const ResultStruct& record) {
-    ResultStruct kept = record;
-    if (kept.totalDirty == 0) kept.total = {};
-    if (kept.sitesDirty == 0) std::fill(std::begin(kept.site), std::end(kept.site), CounterBlock{});
-    if (kept.categoriesDirty == 0) {
-        for (auto& site : kept.category)
-            std::fill(std::begin(site), std::end(site), CategoryCounters{});
+// Judges whether a group was cleared between two copies. Bytes wrap, but do not
+// come in half their range within seconds; after a longer time they tell
+// nothing, and any other counter may have wrapped as well.
+class Judge {
+  public:
+    explicit Judge(Gap gap) : gap_(gap) {}
+
+    bool sank(const CounterBlock& before, const CounterBlock& after) const {
+        return countSank(before.requests, after.requests) ||
+               countSank(before.connections, after.connections) ||
+               countSank(before.errors, after.errors) ||
+               countSank(before.droppedRequests, after.droppedRequests) ||
+               countSank(before.redirects, after.redirects) ||
+               countSank(before.clientErrors, after.clientErrors) ||
+               countSank(before.serverErrors, after.serverErrors) ||
+               bytesSank(before.bytesSent, after.bytesSent) ||
+               bytesSank(before.bytesReceived, after.bytesReceived);
     }
-    return kept;
-}
+    bool sank(const CategoryCounters& before, const CategoryCounters& after) const {
+        return countSank(before.requests, after.requests) ||
+               countSank(before.errors, after.errors) ||
+               countSank(before.droppedRequests, after.droppedRequests) ||
+               after.responseTimeSum < before.responseTimeSum ||
+               bytesSank(before.bytesSent, after.bytesSent);
+    }
 
-// Bytes wrap, but do not come in such an amount between two samples: less was
-// there in truth.
-bool bytesSank(std::uint32_t before, std::uint32_t after) {
-    return after - before >= 1U << 31;
-}
+  private:
+    static constexpr std::uint32_t kHalfRange = 1U << 31;
 
-// All else is too little to wrap between two samples; when any of it sank, its
-// group was cleared.
-bool sank(const CounterBlock& before, const CounterBlock& after) {
-    return after.requests < before.requests || after.connections < before.connections ||
-           after.errors < before.errors || after.droppedRequests < before.droppedRequests ||
-           after.redirects < before.redirects || after.clientErrors < before.clientErrors ||
-           after.serverErrors < before.serverErrors ||
-           bytesSank(before.bytesSent, after.bytesSent) ||
-           bytesSank(before.bytesReceived, after.bytesReceived);
-}
+    bool countSank(std::uint32_t before, std::uint32_t after) const {
+        return gap_ == Gap::kSeconds ? after < before : after - before >= kHalfRange;
+    }
+    bool bytesSank(std::uint32_t before, std::uint32_t after) const {
+        return gap_ == Gap::kSeconds && after - before >= kHalfRange;
+    }
 
-bool sank(const CategoryCounters& before, const CategoryCounters& after) {
-    return after.requests < before.requests || after.errors < before.errors ||
-           after.droppedRequests < before.droppedRequests ||
-           after.responseTimeSum < before.responseTimeSum ||
-           bytesSank(before.bytesSent, after.bytesSent);
-}
+    Gap gap_;
+};
 
 CounterBlock difference(const CounterBlock& before, const CounterBlock& after) {
     CounterBlock result{};
@@ -95,28 +98,29 @@ CategoryCounters difference(const CategoryCounters& before, const CategoryCounte
     return result;
 }
 
-bool sitesCleared(const ResultStruct& before, const ResultStruct& after) {
+bool sitesCleared(const Judge& judge, const ResultStruct& before, const ResultStruct& after) {
     for (int s = 0; s < kMaxSites; ++s) {
-        if (sank(before.site[s], after.site[s])) return true;
+        if (judge.sank(before.site[s], after.site[s])) return true;
     }
     return false;
 }
 
-bool categoriesCleared(const ResultStruct& before, const ResultStruct& after) {
+bool categoriesCleared(const Judge& judge, const ResultStruct& before, const ResultStruct& after) {
     for (int s = 0; s < kMaxSites; ++s) {
         for (int c = 0; c < kMaxCategories; ++c) {
-            if (sank(before.category[s][c], after.category[s][c])) return true;
+            if (judge.sank(before.category[s][c], after.category[s][c])) return true;
         }
     }
     return false;
 }
 
-ResultStruct recordIncrease(const ResultStruct& before, const ResultStruct& after) {
+ResultStruct recordIncrease(const ResultStruct& before, const ResultStruct& after, Gap gap) {
     ResultStruct result{};
     static constexpr ResultStruct kNothing{};
-    const ResultStruct& total = sank(before.total, after.total) ? kNothing : before;
-    const ResultStruct& sites = sitesCleared(before, after) ? kNothing : before;
-    const ResultStruct& categories = categoriesCleared(before, after) ? kNothing : before;
+    Judge judge(gap);
+    const ResultStruct& total = judge.sank(before.total, after.total) ? kNothing : before;
+    const ResultStruct& sites = sitesCleared(judge, before, after) ? kNothing : before;
+    const ResultStruct& categories = categoriesCleared(judge, before, after) ? kNothing : before;
     result.total = difference(total.total, after.total);
     for (int s = 0; s < kMaxSites; ++s) {
         result.site[s] = difference(sites.site[s], after.site[s]);
@@ -128,6 +132,17 @@ ResultStruct recordIncrease(const ResultStruct& before, const ResultStruct& afte
 }
 
 }  // namespace
+
+ResultStruct withoutTaken(const ResultStruct& record) {
+    ResultStruct kept = record;
+    if (kept.totalDirty == 0) kept.total = {};
+    if (kept.sitesDirty == 0) std::fill(std::begin(kept.site), std::end(kept.site), CounterBlock{});
+    if (kept.categoriesDirty == 0) {
+        for (auto& site : kept.category)
+            std::fill(std::begin(site), std::end(site), CategoryCounters{});
+    }
+    return kept;
+}
 
 Sample takeSample(const Server& server) {
     Segment segment(server.handoff.shmid, server.handoff.structures, Segment::Access::kRead);
@@ -149,11 +164,15 @@ CountSet countsOf(const std::vector<ResultStruct>& records) {
     return sum;
 }
 
+void addIncrease(CountSet& sum, const ResultStruct& before, const ResultStruct& after, Gap gap) {
+    add(sum, recordIncrease(before, after, gap));
+}
+
 void addIncrease(CountSet& sum, const std::vector<ResultStruct>& before,
                  const std::vector<ResultStruct>& after) {
     for (std::size_t i = 0; i < after.size(); ++i) {
         ResultStruct earlier = i < before.size() ? withoutTaken(before[i]) : ResultStruct{};
-        add(sum, recordIncrease(earlier, withoutTaken(after[i])));
+        addIncrease(sum, earlier, withoutTaken(after[i]), Gap::kSeconds);
     }
 }
 

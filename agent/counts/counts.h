@@ -55,8 +55,17 @@ Sample takeSample(const Server& server);
 // agent: what still stands there counts no more.
 CountSet countsOf(const std::vector<ResultStruct>& records);
 
-// What was added between two samples of the same server. Counters wrap at
+// The record with its taken groups emptied.
+ResultStruct withoutTaken(const ResultStruct& record);
+
+// How long ago the earlier of two copies of a record was made.
+enum class Gap { kSeconds, kAny };
+
+// Adds what came on in a record between two copies of it. Counters wrap at
 // 2^32, and a group starts from 0 again after an agent has taken it.
+void addIncrease(CountSet& sum, const ResultStruct& before, const ResultStruct& after, Gap gap);
+
+// The same over all records of a server, between two samples.
 CountSet increase(const std::vector<ResultStruct>& before, const std::vector<ResultStruct>& after);
 void addIncrease(CountSet& sum, const std::vector<ResultStruct>& before,
                  const std::vector<ResultStruct>& after);

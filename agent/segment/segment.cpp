@@ -122,6 +122,10 @@ bool Segment::copyRecord(std::int32_t record, ResultStruct& copy) const {
     return false;
 }
 
+void Segment::copyRecordNow(std::int32_t record, ResultStruct& copy) const {
+    copyWords(&copy, recordAt(record), sizeof copy);
+}
+
 void Segment::markSitesTaken(std::int32_t record) {
     auto* target = const_cast<ResultStruct*>(recordAt(record));
     std::atomic_ref(target->categoriesDirty).store(0);

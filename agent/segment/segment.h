@@ -70,6 +70,8 @@ class Segment {
     // One record as it stood between two publications. False when it never
     // stood still; the copy is then the last one made.
     bool copyRecord(std::int32_t record, ResultStruct& copy) const;
+    // The record as it stands, for a caller that holds its semaphore.
+    void copyRecordNow(std::int32_t record, ResultStruct& copy) const;
 
     // Tells the record's next publication to start sites and categories from
     // 0. Needs write access.

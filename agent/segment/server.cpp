@@ -19,25 +19,6 @@ namespace {
 // the two times come from clocks of different resolution.
 constexpr std::time_t kClockSlack = 2;
 
-// Why the segment that exists under the handoff file's id is not the one that
-// the server created; empty when it is.
-std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) {
-    std::size_t wanted = segmentSize(static_cast<std::size_t>(handoff.structures));
-    if (status.size != wanted) {
-        return fmt::format("segment {} belongs to something else: it has {} bytes where {} need {}",
-                           handoff.shmid, status.size,
-                           plural(static_cast<std::size_t>(handoff.structures), "record"), wanted);
-    }
-    // A creator outside our process namespace reads as 0.
-    if (status.creator != 0 && status.creator != handoff.pid) {
-        return fmt::format("segment {} was created by process {}", handoff.shmid, status.creator);
-    }
-    if (handoff.written + kClockSlack < status.created) {
-        return fmt::format("segment {} is younger than the handoff file", handoff.shmid);
-    }
-    return "";
-}
-
 void judgeAttached(Server& server, const SegmentStatus& status) {
     AttachedProcesses attached = attachedProcesses(server.handoff.shmid, server.parentPid);
     // Whoever is not known for another one is taken for a process of the server:
@@ -115,6 +96,23 @@ std::string choices(const std::vector<const Server*>& servers) {
 }
 
 }  // namespace
+
+std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) {
+    std::size_t wanted = segmentSize(static_cast<std::size_t>(handoff.structures));
+    if (status.size != wanted) {
+        return fmt::format("segment {} belongs to something else: it has {} bytes where {} need {}",
+                           handoff.shmid, status.size,
+                           plural(static_cast<std::size_t>(handoff.structures), "record"), wanted);
+    }
+    // A creator outside our process namespace reads as 0.
+    if (status.creator != 0 && status.creator != handoff.pid) {
+        return fmt::format("segment {} was created by process {}", handoff.shmid, status.creator);
+    }
+    if (handoff.written + kClockSlack < status.created) {
+        return fmt::format("segment {} is younger than the handoff file", handoff.shmid);
+    }
+    return "";
+}
 
 const char* stateName(ServerState state) {
     switch (state) {

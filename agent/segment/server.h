@@ -33,6 +33,10 @@ struct Server {
 
 const char* stateName(ServerState state);
 
+// Why the segment that exists under the handoff file's id is not the one that
+// the server created; empty when it is.
+std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status);
+
 // "*:80,10.0.0.1:443", for messages: "server 4711 (*:80)".
 std::string nameOf(const Server& server);
 

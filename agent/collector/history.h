@@ -1,0 +1,35 @@
+// The last minutes of one row of the table, in steps of equal length.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <vector>
+
+namespace tolvane::agent {
+
+inline constexpr int kHistoryStep = 10;    // seconds
+inline constexpr int kHistoryPoints = 90;  // a quarter of an hour
+
+struct HistoryPoint {
+    std::uint32_t requests = 0;
+    std::uint32_t errors = 0;
+    float responseSeconds = 0;  // sum over `answered` responses
+    std::uint32_t answered = 0;
+};
+
+// Takes no memory before the first count.
+class History {
+  public:
+    void add(std::time_t now, const HistoryPoint& counts);
+
+    // kHistoryPoints of them, the oldest first; the last one is the step that
+    // `now` lies in. Empty when nothing was counted in all that time.
+    std::vector<HistoryPoint> points(std::time_t now) const;
+
+  private:
+    std::unique_ptr<HistoryPoint[]> ring_;
+    std::int64_t newest_ = 0;  // step number of the newest point in the ring
+};
+
+}  // namespace tolvane::agent

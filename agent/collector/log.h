@@ -1,0 +1,32 @@
+// The collector's messages: one line each on standard error, where a service
+// manager adds the time.
+#pragma once
+
+#include <fmt/core.h>
+
+#include <cstdio>
+#include <string>
+#include <utility>
+
+namespace tolvane::agent {
+
+template <typename... Args>
+void logLine(fmt::format_string<Args...> format, Args&&... args) {
+    std::string line = fmt::format(format, std::forward<Args>(args)...);
+    fmt::print(stderr, "{}\n", line);
+}
+
+// A condition that lasts is told when it begins and when its text changes.
+class LastingCondition {
+  public:
+    // Empty: all is well.
+    void is(const std::string& text) {
+        if (text != text_ && !text.empty()) logLine("{}", text);
+        text_ = text;
+    }
+
+  private:
+    std::string text_;
+};
+
+}  // namespace tolvane::agent

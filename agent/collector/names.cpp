@@ -1,0 +1,106 @@
+#include "collector/names.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "base/text.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+constexpr int kNowhere = -1;
+
+// An index for each of the wanted names: the one where it stands, else one
+// where nothing stood, else one whose name is no longer wanted.
+std::vector<int> places(const std::vector<std::string>& wanted,
+                        const std::vector<std::string>& standing) {
+    std::vector<int> place(wanted.size(), kNowhere);
+    std::vector<bool> used(standing.size(), false);
+    auto give = [&](std::size_t w, std::size_t i) {
+        place[w] = static_cast<int>(i);
+        used[i] = true;
+    };
+    for (std::size_t w = 0; w < wanted.size(); ++w) {
+        auto found = std::find(standing.begin(), standing.end(), wanted[w]);
+        auto i = static_cast<std::size_t>(found - standing.begin());
+        if (found != standing.end() && !used[i]) give(w, i);
+    }
+    for (bool empty : {true, false}) {
+        for (std::size_t w = 0; w < wanted.size(); ++w) {
+            for (std::size_t i = 0; i < standing.size() && place[w] == kNowhere; ++i) {
+                if (!used[i] && standing[i].empty() == empty) give(w, i);
+            }
+        }
+    }
+    return place;
+}
+
+void placeCategories(ConfigInfo& placed, int site, const ConfigInfo& wanted, int from,
+                     const SiteNames& standing) {
+    std::vector<std::string> labels;
+    for (int c = 0; c < wanted.numCategories[from]; ++c) {
+        labels.push_back(labelOf(wanted.categories[from][c], c));
+    }
+    // What stood under another site's name is no place of this one's.
+    std::vector<std::string> earlier(kMaxCategories);
+    if (standing.name == wanted.siteName[from]) {
+        earlier.assign(standing.labels.begin(), standing.labels.end());
+    }
+    std::vector<int> place = places(labels, earlier);
+    int count = 0;
+    for (std::size_t c = 0; c < place.size(); ++c) {
+        placed.categories[site][place[c]] = wanted.categories[from][c];
+        count = std::max(count, place[c] + 1);
+    }
+    placed.numCategories[site] = count;
+}
+
+}  // namespace
+
+std::string labelOf(const CategoryConfig& category, int index) {
+    std::string label = printable(category.label);
+    return label.empty() ? fmt::format("#{}", index + 1) : label;
+}
+
+void takeNames(Names& names, const ConfigInfo& config, NamesTaken taken) {
+    for (int s = 0; s < config.numSites; ++s) {
+        std::string name = printable(config.siteName[s]);
+        if (name.empty()) continue;
+        SiteNames& site = names[static_cast<std::size_t>(s)];
+        if (site.name != name) {
+            if (!site.name.empty() && taken == NamesTaken::kNew) continue;
+            site = {std::move(name), {}};
+        }
+        for (int c = 0; c < config.numCategories[s]; ++c) {
+            const CategoryConfig& category = config.categories[s][c];
+            std::string& label = site.labels[static_cast<std::size_t>(c)];
+            if (category.numSections == 0) continue;
+            if (label.empty() || taken == NamesTaken::kAll) label = labelOf(category, c);
+        }
+    }
+}
+
+std::unique_ptr<ConfigInfo> placeConfiguration(const ConfigInfo& wanted, const Names& names) {
+    auto placed = std::make_unique<ConfigInfo>();
+    placed->interval = wanted.interval;
+    std::vector<std::string> sites;
+    for (int s = 0; s < wanted.numSites; ++s) sites.push_back(printable(wanted.siteName[s]));
+    std::vector<std::string> standing;
+    for (const SiteNames& site : names) standing.push_back(site.name);
+    std::vector<int> place = places(sites, standing);
+    for (int from = 0; from < wanted.numSites; ++from) {
+        int to = place[static_cast<std::size_t>(from)];
+        std::memcpy(placed->siteName[to], wanted.siteName[from], sizeof placed->siteName[to]);
+        placed->numHosts[to] = wanted.numHosts[from];
+        std::memcpy(placed->hostName[to], wanted.hostName[from], sizeof placed->hostName[to]);
+        placeCategories(*placed, to, wanted, from, names[static_cast<std::size_t>(to)]);
+        placed->numSites = std::max(placed->numSites, to + 1);
+    }
+    return placed;
+}
+
+}  // namespace tolvane::agent

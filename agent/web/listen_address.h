@@ -1,0 +1,31 @@
+// Where the pages are served: the argument of --listen.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tolvane::agent {
+
+inline constexpr std::uint16_t kDefaultWebPort = 9931;
+
+struct ListenAddress {
+    std::string host = "127.0.0.1";        // IPv4 or IPv6, numeric; empty: all addresses
+    std::uint16_t port = kDefaultWebPort;  // 0: any free one
+};
+
+// "127.0.0.1:9931", "[::1]:9931", ":9931" or "*:9931" for all addresses, "9931"
+// for loopback. Throws Failure (kExitBadInput) that says what would be right.
+ListenAddress parseListenAddress(std::string_view text);
+
+// In the same form: "[::1]:9931", "*:9931".
+std::string toString(const ListenAddress& address);
+
+// A socket that listens there. For all addresses it takes IPv6 and IPv4, or
+// IPv4 alone where the system has no IPv6. Throws Failure.
+int listenOn(const ListenAddress& address);
+
+// The port that the socket has got.
+std::uint16_t portOf(int listeningSocket);
+
+}  // namespace tolvane::agent

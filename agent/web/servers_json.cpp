@@ -1,0 +1,209 @@
+#include "web/servers_json.h"
+
+#include <algorithm>
+#include <cmath>
+#include <nlohmann/json.hpp>
+#include <vector>
+
+#include "web/clean_name.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// Names are clean, but a configuration file's path may hold any byte as well.
+std::string textOf(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+Json orNull(std::time_t time) {
+    return time > 0 ? Json(time) : Json(nullptr);
+}
+
+Json healthToJson(const CollectorHealth& health) {
+    Json json = {{"started", health.started},
+                 {"interval", health.interval},
+                 {"rounds", health.rounds},
+                 {"last_round", orNull(health.lastRound)},
+                 {"round_seconds", health.roundSeconds},
+                 {"record_lock_seconds", health.lockSeconds},
+                 {"longest_record_lock_seconds", health.longestLockSeconds},
+                 {"store_failures", health.storeFailures},
+                 {"store_works", health.storeWorks},
+                 {"config", nullptr}};
+    if (!health.configFile.empty()) {
+        json["config"] = {{"file", health.configFile},
+                          {"valid", health.configValid},
+                          {"loaded", orNull(health.configLoaded)},
+                          {"written", health.configWritten},
+                          {"failures", health.configFailures}};
+    }
+    return json;
+}
+
+Json runToJson(const RunState& run) {
+    return {{"state", watchStateName(run.state)},
+            {"why", cleanName(run.why)},
+            {"segment", run.shmid},
+            {"handoff_process", run.pid},
+            {"process", run.parentPid > 0 ? Json(run.parentPid) : Json(nullptr)},
+            {"started", orNull(run.started)},
+            {"records", run.records},
+            {"configuration_version", run.version > 0 ? Json(run.version) : Json(nullptr)},
+            {"processes_attached", run.processes}};
+}
+
+void addCounts(Json& json, const TrafficCounts& counts) {
+    json["requests"] = counts.requests;
+    json["errors"] = counts.errors;
+    json["dropped_requests"] = counts.dropped;
+    json["bytes_sent"] = counts.bytesSent;
+    json["connections"] = counts.connections;
+    json["bytes_received"] = counts.bytesReceived;
+    json["redirects"] = counts.redirects;
+    json["client_errors"] = counts.clientErrors;
+    json["server_errors"] = counts.serverErrors;
+}
+
+Json categoryToJson(const CategoryTally& category, std::string label) {
+    return {{"label", std::move(label)},
+            {"configured", category.configured},
+            {"requests", category.counts.requests},
+            {"errors", category.counts.errors},
+            {"dropped_requests", category.counts.dropped},
+            {"bytes_sent", category.counts.bytesSent},
+            {"response_seconds", category.counts.responseTimeSum},
+            {"answered", category.answered}};
+}
+
+Json siteToJson(const SiteTally& site, std::string name) {
+    Json json = {{"name", std::move(name)}, {"configured", site.configured}};
+    addCounts(json, site.counts);
+    Json categories = Json::array();
+    CleanNames labels;
+    for (const CategoryTally& category : site.categories) {
+        categories.push_back(categoryToJson(category, labels.add(category.label)));
+    }
+    json["categories"] = std::move(categories);
+    return json;
+}
+
+Json serverToJson(const ServerTally& server, std::string name) {
+    bool up = std::any_of(server.runs.begin(), server.runs.end(),
+                          [](const RunState& run) { return run.state == WatchState::kLive; });
+    Json json = {{"name", std::move(name)},
+                 {"type", cleanName(server.type)},
+                 {"up", up},
+                 {"takings", server.takings},
+                 {"last_taking", orNull(server.lastTaking)},
+                 {"busy_records", server.busyRecords},
+                 {"runs", Json::array()}};
+    for (const RunState& run : server.runs) json["runs"].push_back(runToJson(run));
+    json["total"] = Json::object();
+    addCounts(json["total"], server.total);
+    Json sites = Json::array();
+    CleanNames names;
+    for (const SiteTally& site : server.sites)
+        sites.push_back(siteToJson(site, names.add(site.name)));
+    json["sites"] = std::move(sites);
+    return json;
+}
+
+using Points = std::vector<HistoryPoint>;
+
+// Whether there is anything to say.
+bool addPoints(Json& json, const Points& points) {
+    bool any = std::any_of(points.begin(), points.end(), [](const HistoryPoint& point) {
+        return point.requests > 0 || point.errors > 0 || point.answered > 0;
+    });
+    if (!any) return false;
+    std::vector<std::uint32_t> requests;
+    std::vector<std::uint32_t> errors;
+    Json means = Json::array();
+    for (const HistoryPoint& point : points) {
+        requests.push_back(point.requests);
+        errors.push_back(point.errors);
+        // In whole microseconds, which keeps the text short.
+        double mean = static_cast<double>(point.responseSeconds) / point.answered;
+        means.push_back(point.answered > 0 ? Json(std::round(mean * 1e6) / 1e6) : Json(nullptr));
+    }
+    json["requests"] = std::move(requests);
+    json["errors"] = std::move(errors);
+    json["mean_response_seconds"] = std::move(means);
+    return true;
+}
+
+// The step that `now` lies in is still growing; its count would look like a fall.
+Points completePoints(const History& history, std::time_t now) {
+    Points points = history.points(now);
+    if (!points.empty()) points.pop_back();
+    return points;
+}
+
+Json siteHistory(const SiteTally& site, const std::string& name, std::time_t now) {
+    Json json = {{"name", name}};
+    bool any = addPoints(json, completePoints(site.history, now));
+    CleanNames labels;
+    Json categories = Json::array();
+    for (const CategoryTally& category : site.categories) {
+        Json entry = {{"label", labels.add(category.label)}};
+        if (addPoints(entry, completePoints(category.history, now))) {
+            categories.push_back(std::move(entry));
+        }
+    }
+    if (!any && categories.empty()) return nullptr;
+    json["categories"] = std::move(categories);
+    return json;
+}
+
+Json serverHistory(const ServerTally& server, const std::string& name, std::time_t now) {
+    Json json = {{"name", name}, {"total", Json::object()}};
+    bool any = addPoints(json["total"], completePoints(server.history, now));
+    CleanNames names;
+    Json sites = Json::array();
+    for (const SiteTally& site : server.sites) {
+        Json entry = siteHistory(site, names.add(site.name), now);
+        if (!entry.is_null()) sites.push_back(std::move(entry));
+    }
+    if (!any && sites.empty()) return nullptr;
+    json["sites"] = std::move(sites);
+    return json;
+}
+
+// What `toJson` makes of every server that is wanted, but for what it makes null.
+template <typename ToJson>
+Json eachServer(const CollectorState& state, const std::optional<std::string>& wanted,
+                const ToJson& toJson) {
+    Json servers = Json::array();
+    CleanNames names;
+    for (const auto& [key, server] : state.servers) {
+        std::string name = names.add(server.name);
+        if (wanted && *wanted != name) continue;
+        Json json = toJson(server, name);
+        if (!json.is_null()) servers.push_back(std::move(json));
+    }
+    return servers;
+}
+
+}  // namespace
+
+std::string serversJson(const CollectorState& state, const std::string& version, std::time_t now,
+                        const std::optional<std::string>& server) {
+    Json json = {{"version", version}, {"time", now}, {"collector", healthToJson(state.health)}};
+    json["servers"] = eachServer(state, server, serverToJson);
+    return textOf(json);
+}
+
+std::string historyJson(const CollectorState& state, std::time_t now,
+                        const std::optional<std::string>& server) {
+    Json json = {{"step", kHistoryStep}, {"end", now - now % kHistoryStep}};
+    json["servers"] =
+        eachServer(state, server, [&](const ServerTally& tally, const std::string& name) {
+            return serverHistory(tally, name, now);
+        });
+    return textOf(json);
+}
+
+}  // namespace tolvane::agent
