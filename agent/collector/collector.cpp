@@ -1,7 +1,6 @@
 #include "collector/collector.h"
 
 #include <fmt/format.h>
-#include <fmt/ranges.h>
 
 #include <algorithm>
 #include <chrono>
@@ -12,14 +11,9 @@
 
 #include "base/agent_directories.h"
 #include "base/error.h"
-#include "base/text.h"
-#include "collector/claims.h"
-#include "collector/configurer.h"
 #include "collector/log.h"
+#include "collector/run_finder.h"
 #include "collector/tally.h"
-#include "collector/totals_store.h"
-#include "collector/watched_run.h"
-#include "segment/server.h"
 
 namespace tolvane::agent {
 
@@ -29,41 +23,6 @@ using Clock = std::chrono::steady_clock;
 
 double secondsOf(std::chrono::nanoseconds time) {
     return std::chrono::duration<double>(time).count();
-}
-
-// A server's addresses; a run that cannot be told by them goes by its file.
-std::string serverName(const Handoff& handoff) {
-    if (handoff.listen.empty()) return std::string(baseName(handoff.path));
-    return printable(fmt::format("{}", fmt::join(handoff.listen, ",")));
-}
-
-// A handoff file from which no counts are taken, and why.
-RunState unwatched(const Handoff& handoff, WatchState state, std::string why) {
-    RunState run;
-    run.state = state;
-    run.why = std::move(why);
-    run.shmid = handoff.shmid;
-    run.pid = handoff.pid;
-    run.records = handoff.structures;
-    return run;
-}
-
-struct Watched {
-    Watched(const Handoff& handoff, const SegmentStatus& status)
-        : run(handoff, status), server(serverName(handoff)) {}
-
-    WatchedRun run;
-    std::string server;
-    RunState state;
-    ConfigDealings dealings;
-    bool ended = false;
-    bool changed = false;  // since it was kept last
-};
-
-// Whole seconds would make a file look half written for too long or too short.
-bool maybeHalfWritten(const Handoff& handoff) {
-    constexpr std::time_t kWriting = 2;
-    return std::time(nullptr) - handoff.written < kWriting;
 }
 
 std::string prepareStateDirectory(const std::string& directory) {
@@ -88,10 +47,6 @@ class Collector::Impl {
   private:
     void claimDirectory(const std::string& directory);
     void forgetEndedRuns();
-    void discover();
-    void examine(const Handoff& handoff);
-    void attach(const Handoff& handoff, const SegmentStatus& status);
-    bool isWatched(const Handoff& handoff, const SegmentStatus& status) const;
     void takeFrom(Watched& watched);
     void learnNames(Watched& watched, NamesTaken taken);
     void configure(Watched& watched);
@@ -102,15 +57,10 @@ class Collector::Impl {
     void dropEnded();
 
     std::string stateDirectory_;
-    Claims claims_;
     std::optional<Claims> directoryClaim_;
     std::optional<TotalsStore> store_;
+    std::optional<RunFinder> finder_;
     Configurer configurer_;
-
-    std::list<Watched> watched_;
-    std::map<std::string, std::vector<RunState>> others_;  // by server; not taken from
-    std::map<std::string, std::string> types_;
-    std::map<std::string, LastingCondition> troubles_;  // by handoff file
 
     std::vector<RunKey> endedRuns_;  // whose rows go with the next write
     bool keepEverything_ = false;
@@ -123,12 +73,12 @@ class Collector::Impl {
 
 Collector::Impl::Impl(const CollectorOptions& options)
     : stateDirectory_(prepareStateDirectory(options.stateDirectory)),
-      claims_(kClaimsFile),
       configurer_(options.configFile) {
     claimDirectory(stateDirectory_);
     store_.emplace(stateDirectory_);
     store_->forgetOld(std::time(nullptr));
     store_->load(state_);
+    finder_.emplace(*store_);
     state_.health.started = std::time(nullptr);
     state_.health.interval = options.interval;
     state_.health.configFile = options.configFile;
@@ -158,8 +108,8 @@ void Collector::Impl::forgetEndedRuns() {
 void Collector::Impl::round() {
     auto began = Clock::now();
     configurer_.look();
-    discover();
-    for (Watched& watched : watched_) {
+    finder_->look();
+    for (Watched& watched : finder_->watched()) {
         takeFrom(watched);
         if (watched.state.state == WatchState::kLive) configure(watched);
     }
@@ -173,66 +123,6 @@ void Collector::Impl::round() {
     health.roundSeconds += secondsOf(Clock::now() - began);
     health.configValid = configurer_.valid();
     health.configLoaded = configurer_.loaded();
-}
-
-void Collector::Impl::discover() {
-    others_.clear();
-    try {
-        for (const Handoff& handoff : readHandoffs(kHandoffDirectory)) examine(handoff);
-        troubles_[kHandoffDirectory].is("");
-    } catch (const Failure& failure) {
-        troubles_[kHandoffDirectory].is(failure.what());
-    }
-}
-
-void Collector::Impl::examine(const Handoff& handoff) {
-    if (!handoff.problem.empty() && maybeHalfWritten(handoff)) return;
-    std::string server = serverName(handoff);
-    auto leave = [&](WatchState state, const std::string& why) {
-        others_[server].push_back(unwatched(handoff, state, why));
-        types_[server] = handoff.serverType;
-        troubles_[handoff.path].is(
-            fmt::format("{} ({}): {}", handoff.path, watchStateName(state), why));
-    };
-    if (!handoff.problem.empty()) return leave(WatchState::kUnreadable, handoff.problem);
-    SegmentStatus status = segmentStatus(handoff.shmid);
-    if (!status.exists) return leave(WatchState::kStale, "its segment is gone");
-    if (isWatched(handoff, status)) return;
-    if (std::string why = foreignSegment(handoff, status); !why.empty()) {
-        return leave(WatchState::kStale, why);
-    }
-    if (pid_t holder = claims_.claim(handoff.shmid); holder != 0) {
-        return leave(WatchState::kHeld,
-                     fmt::format("the collector with process id {} takes its counts", holder));
-    }
-    try {
-        attach(handoff, status);
-        types_[server] = handoff.serverType;
-        troubles_[handoff.path].is("");
-    } catch (const std::exception& error) {
-        claims_.release(handoff.shmid);
-        leave(WatchState::kUnreadable, error.what());
-    }
-}
-
-bool Collector::Impl::isWatched(const Handoff& handoff, const SegmentStatus& status) const {
-    RunKey key = {handoff.shmid, status.created, handoff.pid};
-    return std::any_of(watched_.begin(), watched_.end(),
-                       [&](const Watched& watched) { return watched.run.key() == key; });
-}
-
-void Collector::Impl::attach(const Handoff& handoff, const SegmentStatus& status) {
-    Watched& watched = watched_.emplace_back(handoff, status);
-    keepEverything_ = true;
-    try {
-        auto kept = store_->loadRun(watched.run.key());
-        if (kept) watched.run.resume(std::move(*kept));
-        logLine("server {} (process {}): taking its counts{}", watched.server, handoff.pid,
-                kept ? ", from where an earlier collector stopped" : "");
-    } catch (...) {
-        watched_.pop_back();
-        throw;
-    }
 }
 
 void Collector::Impl::takeFrom(Watched& watched) {
@@ -256,7 +146,7 @@ void Collector::Impl::takeFrom(Watched& watched) {
             std::max(state_.health.longestLockSeconds, secondsOf(cost.longestLock));
         if (changed) addCounts(tally, added, watched.run.names(), now);
     }
-    watched.changed = watched.changed || changed;
+    watched.unkept = watched.unkept || changed;
     learnNames(watched, NamesTaken::kAll);
 }
 
@@ -269,7 +159,7 @@ void Collector::Impl::learnNames(Watched& watched, NamesTaken taken) {
     takeNames(watched.run.names(), *copy.info, taken);
     if (taken == NamesTaken::kNew) return;
     watched.dealings.version = copy.info->version;
-    watched.changed = true;
+    watched.unkept = true;
     keepEverything_ = true;
     std::lock_guard lock(mutex_);
     markConfigured(state_.servers[watched.server], *copy.info);
@@ -298,14 +188,15 @@ void Collector::Impl::publishRuns() {
     auto add = [&](const std::string& name, const RunState& run) {
         ServerTally& server = state_.servers[name];
         server.name = name;
-        if (auto type = types_.find(name); type != types_.end()) server.type = type->second;
+        server.type = finder_->typeOf(name);
+        if (server.seen == 0) keepEverything_ = true;
         server.seen = now;
         server.runs.push_back(run);
     };
-    for (const Watched& watched : watched_) {
+    for (const Watched& watched : finder_->watched()) {
         if (!watched.ended) add(watched.server, watched.state);
     }
-    for (const auto& [name, runs] : others_) {
+    for (const auto& [name, runs] : finder_->others()) {
         for (const RunState& run : runs) add(name, run);
     }
 }
@@ -316,9 +207,9 @@ void Collector::Impl::keep() {
     constexpr std::time_t kEverything = 3600;  // seconds; what is still seen must not age
     std::time_t now = std::time(nullptr);
     bool all = keepEverything_ || now - keptEverything_ >= kEverything;
-    bool anyRun = std::any_of(watched_.begin(), watched_.end(), [](const Watched& watched) {
-        return watched.changed || watched.ended;
-    });
+    bool anyRun =
+        std::any_of(finder_->watched().begin(), finder_->watched().end(),
+                    [](const Watched& watched) { return watched.unkept || watched.ended; });
     if (!all && !anyRun && endedRuns_.empty()) return;
     bool kept = false;
     try {
@@ -342,10 +233,10 @@ void Collector::Impl::write(TotalsStore::Rows rows, std::time_t now) {
     store_->begin();
     if (rows == TotalsStore::Rows::kAll) store_->forgetOld(now);
     for (const auto& [name, server] : state_.servers) store_->keepServer(server, rows, now);
-    for (const Watched& watched : watched_) {
+    for (const Watched& watched : finder_->watched()) {
         if (watched.ended) {
             store_->forgetRun(watched.run.key());
-        } else if (watched.changed) {
+        } else if (watched.unkept) {
             store_->keepRun(watched.run.key(), watched.server, watched.run.taken());
         }
     }
@@ -354,7 +245,7 @@ void Collector::Impl::write(TotalsStore::Rows rows, std::time_t now) {
 }
 
 void Collector::Impl::noteKept() {
-    for (Watched& watched : watched_) watched.changed = false;
+    for (Watched& watched : finder_->watched()) watched.unkept = false;
     endedRuns_.clear();
     std::lock_guard lock(mutex_);
     for (auto& [name, server] : state_.servers) {
@@ -370,15 +261,16 @@ void Collector::Impl::noteKept() {
 
 // Lets go of runs that are over, once their last counts are kept.
 void Collector::Impl::dropEnded() {
-    for (auto watched = watched_.begin(); watched != watched_.end();) {
-        if (!watched->ended || watched->changed) {
+    std::list<Watched>& all = finder_->watched();
+    for (auto watched = all.begin(); watched != all.end();) {
+        if (!watched->ended || watched->unkept) {
             ++watched;
             continue;
         }
         logLine("server {} (process {}): it has ended; its counts are kept", watched->server,
                 watched->run.key().pid);
-        claims_.release(watched->run.key().shmid);
-        watched = watched_.erase(watched);
+        finder_->release(*watched);
+        watched = all.erase(watched);
     }
 }
 

@@ -64,7 +64,7 @@ bool WatchedRun::copyOne(std::int32_t record, ResultStruct& copy, TakingCost& co
         if (result != LockedCopy::kGone) return result == LockedCopy::kDone;
     }
     // A server without semaphores, or one that has removed them at its end.
-    return segment_.copyRecord(record, copy);
+    return segment_.copyRecordWithoutLock(record, copy);
 }
 
 bool WatchedRun::take(CountSet& added, TakingCost& cost) {

@@ -104,22 +104,30 @@ std::int32_t Segment::semaphoreOf(std::int32_t record) const {
     return loadWord(recordAt(record)->semaphoreId);
 }
 
-bool Segment::copyRecord(std::int32_t record, ResultStruct& copy) const {
+bool Segment::copySteady(std::int32_t record, std::int32_t semaphoreId, ResultStruct& copy) const {
     constexpr int kTries = 50;
     const ResultStruct* source = recordAt(record);
     ResultStruct again;
     copyWords(&again, source, sizeof again);
     for (int i = 0; i < kTries; ++i) {
         if (i > 0) std::this_thread::sleep_for(1ms);
-        bool quiet = !publicationUnderWay(again.semaphoreId);
+        bool quiet = !publicationUnderWay(semaphoreId);
         std::atomic_thread_fence(std::memory_order_acquire);
         copyWords(&copy, source, sizeof copy);
         std::atomic_thread_fence(std::memory_order_acquire);
-        quiet = quiet && !publicationUnderWay(copy.semaphoreId);
+        quiet = quiet && !publicationUnderWay(semaphoreId);
         copyWords(&again, source, sizeof again);
         if (quiet && std::memcmp(&copy, &again, sizeof copy) == 0) return true;
     }
     return false;
+}
+
+bool Segment::copyRecord(std::int32_t record, ResultStruct& copy) const {
+    return copySteady(record, semaphoreOf(record), copy);
+}
+
+bool Segment::copyRecordWithoutLock(std::int32_t record, ResultStruct& copy) const {
+    return copySteady(record, -1, copy);
 }
 
 void Segment::copyRecordNow(std::int32_t record, ResultStruct& copy) const {

@@ -70,6 +70,8 @@ class Segment {
     // One record as it stood between two publications. False when it never
     // stood still; the copy is then the last one made.
     bool copyRecord(std::int32_t record, ResultStruct& copy) const;
+    // The same of a record whose semaphore says nothing: one that stood still.
+    bool copyRecordWithoutLock(std::int32_t record, ResultStruct& copy) const;
     // The record as it stands, for a caller that holds its semaphore.
     void copyRecordNow(std::int32_t record, ResultStruct& copy) const;
 
@@ -79,6 +81,7 @@ class Segment {
 
   private:
     const ResultStruct* recordAt(std::int32_t record) const;
+    bool copySteady(std::int32_t record, std::int32_t semaphoreId, ResultStruct& copy) const;
 
     std::int32_t structures_;
     void* address_;

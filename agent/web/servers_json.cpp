@@ -119,19 +119,14 @@ bool addPoints(Json& json, const Points& points) {
         return point.requests > 0 || point.errors > 0 || point.answered > 0;
     });
     if (!any) return false;
-    std::vector<std::uint32_t> requests;
-    std::vector<std::uint32_t> errors;
-    Json means = Json::array();
     for (const HistoryPoint& point : points) {
-        requests.push_back(point.requests);
-        errors.push_back(point.errors);
+        json["requests"].push_back(point.requests);
+        json["errors"].push_back(point.errors);
         // In whole microseconds, which keeps the text short.
-        double mean = static_cast<double>(point.responseSeconds) / point.answered;
-        means.push_back(point.answered > 0 ? Json(std::round(mean * 1e6) / 1e6) : Json(nullptr));
+        json["response_seconds"].push_back(
+            std::round(static_cast<double>(point.responseSeconds) * 1e6) / 1e6);
+        json["answered"].push_back(point.answered);
     }
-    json["requests"] = std::move(requests);
-    json["errors"] = std::move(errors);
-    json["mean_response_seconds"] = std::move(means);
     return true;
 }
 

@@ -72,6 +72,34 @@ TEST(Counts, IncreaseKnowsWrapsAndClearedGroups) {
     }
 }
 
+TEST(Counts, AnyCounterMayHaveWrappedAfterALongTime) {
+    struct Case {
+        const char* what;
+        std::uint32_t requestsBefore, bytesBefore, requestsAfter, bytesAfter;
+        std::uint64_t requests, bytes;
+    };
+    const Case cases[] = {
+        {"requests wrapped", 4294967290U, 100, 4, 150, 10, 50},
+        {"more bytes than half their range", 10, 0, 15, 3000000000U, 5, 3000000000U},
+        {"bytes wrapped far", 10, 3000000000U, 15, 2000000000U, 5, 3294967296U},
+        {"cleared by another agent", 1000, 50000, 3, 60000, 3, 60000},
+    };
+    for (const Case& c : cases) {
+        ResultStruct before{};
+        ResultStruct after{};
+        before.total.requests = before.category[1][1].requests = c.requestsBefore;
+        before.total.bytesSent = before.category[1][1].bytesSent = c.bytesBefore;
+        after.total.requests = after.category[1][1].requests = c.requestsAfter;
+        after.total.bytesSent = after.category[1][1].bytesSent = c.bytesAfter;
+        CountSet added;
+        addIncrease(added, before, after, Gap::kAny);
+        EXPECT_EQ(added.total.requests, c.requests) << c.what;
+        EXPECT_EQ(added.total.bytesSent, c.bytes) << c.what;
+        EXPECT_EQ(added.category[1][1].requests, c.requests) << c.what;
+        EXPECT_EQ(added.category[1][1].bytesSent, c.bytes) << c.what;
+    }
+}
+
 TEST(Counts, ARecordIsCopiedBetweenTwoPublications) {
     FakeServer server;
     int semaphore = server.semaphores()[0];

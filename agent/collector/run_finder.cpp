@@ -1,0 +1,108 @@
+#include "collector/run_finder.h"
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+#include <ctime>
+
+#include "base/error.h"
+#include "base/text.h"
+#include "segment/server.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+// A server's addresses; a run that cannot be told by them goes by its file.
+std::string serverName(const Handoff& handoff) {
+    if (handoff.listen.empty()) return printable(baseName(handoff.path));
+    return printable(fmt::format("{}", fmt::join(handoff.listen, ",")));
+}
+
+bool maybeHalfWritten(const Handoff& handoff) {
+    constexpr std::time_t kWriting = 2;  // seconds
+    return std::time(nullptr) - handoff.written < kWriting;
+}
+
+}  // namespace
+
+Watched::Watched(const Handoff& handoff, const SegmentStatus& status)
+    : run(handoff, status), server(serverName(handoff)) {}
+
+RunFinder::RunFinder(TotalsStore& store) : store_(store), claims_(kClaimsFile) {}
+
+void RunFinder::look() {
+    others_.clear();
+    try {
+        for (const Handoff& handoff : readHandoffs(kHandoffDirectory)) examine(handoff);
+        troubles_[kHandoffDirectory].is("");
+    } catch (const Failure& failure) {
+        troubles_[kHandoffDirectory].is(failure.what());
+    }
+}
+
+std::string RunFinder::typeOf(const std::string& server) const {
+    auto found = types_.find(server);
+    return found == types_.end() ? "" : found->second;
+}
+
+void RunFinder::examine(const Handoff& handoff) {
+    if (!handoff.problem.empty()) {
+        if (!maybeHalfWritten(handoff)) leave(handoff, WatchState::kUnreadable, handoff.problem);
+        return;
+    }
+    SegmentStatus status = segmentStatus(handoff.shmid);
+    if (!status.exists) return leave(handoff, WatchState::kStale, "its segment is gone");
+    if (isWatched(handoff, status)) return;
+    if (std::string why = foreignSegment(handoff, status); !why.empty()) {
+        return leave(handoff, WatchState::kStale, why);
+    }
+    if (pid_t holder = claims_.claim(handoff.shmid); holder != 0) {
+        return leave(handoff, WatchState::kHeld,
+                     fmt::format("the collector with process id {} takes its counts", holder));
+    }
+    try {
+        attach(handoff, status);
+        troubles_[handoff.path].is("");
+    } catch (const std::exception& error) {
+        claims_.release(handoff.shmid);
+        leave(handoff, WatchState::kUnreadable, error.what());
+    }
+}
+
+void RunFinder::attach(const Handoff& handoff, const SegmentStatus& status) {
+    Watched& watched = watched_.emplace_back(handoff, status);
+    try {
+        auto kept = store_.loadRun(watched.run.key());
+        if (kept) watched.run.resume(std::move(*kept));
+        types_[watched.server] = handoff.serverType;
+        logLine("server {} (process {}): taking its counts{}", watched.server, handoff.pid,
+                kept ? ", from where an earlier collector stopped" : "");
+    } catch (...) {
+        watched_.pop_back();
+        throw;
+    }
+}
+
+void RunFinder::leave(const Handoff& handoff, WatchState state, const std::string& why) {
+    RunState run;
+    run.state = state;
+    run.why = why;
+    run.shmid = handoff.shmid;
+    run.pid = handoff.pid;
+    run.records = handoff.structures;
+    std::string server = serverName(handoff);
+    others_[server].push_back(run);
+    types_[server] = handoff.serverType;
+    troubles_[handoff.path].is(
+        fmt::format("{} ({}): {}", handoff.path, watchStateName(state), why));
+}
+
+bool RunFinder::isWatched(const Handoff& handoff, const SegmentStatus& status) const {
+    RunKey key = {handoff.shmid, status.created, handoff.pid};
+    return std::any_of(watched_.begin(), watched_.end(),
+                       [&](const Watched& watched) { return watched.run.key() == key; });
+}
+
+}  // namespace tolvane::agent

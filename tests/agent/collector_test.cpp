@@ -1,0 +1,363 @@
+// The collector beside servers that count, restart, end and are taken from by
+// others, and beside other collectors.
+#include "collector/collector.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+
+#include "base/error.h"
+#include "fake_server.h"
+#include "support/process.h"
+#include "support/sandbox.h"
+
+namespace tolvane::agent::test {
+namespace {
+
+constexpr char kState[] = "/opt/state";
+constexpr char kConfig[] = "/opt/sites.toml";
+
+void change(int semaphore, short units) {
+    sembuf operation = {0, units, SEM_UNDO};
+    semop(semaphore, &operation, 1);
+}
+
+// One publication: `requests` with 1000 bytes each, for site 0 and category 0.
+void publish(const FakeServer& server, int record, std::uint32_t requests) {
+    int semaphore = server.semaphores()[static_cast<std::size_t>(record)];
+    server.edit([&](ConfigInfo&, ResultStruct* records) {
+        change(semaphore, -1);
+        ResultStruct& r = records[record];
+        for (CounterBlock* block : {&r.total, &r.site[0]}) {
+            block->requests += requests;
+            block->bytesSent += requests * 1000;
+        }
+        r.category[0][0].requests += requests;
+        r.category[0][0].responseTimeSum = r.category[0][0].responseTimeSum + 0.25 * requests;
+        r.totalDirty = r.sitesDirty = r.categoriesDirty = 1;
+        change(semaphore, 1);
+    });
+}
+
+// As the shim ends a server: the mark, then the removal.
+void endServer(const FakeServer& server) {
+    for (int semaphore : server.semaphores()) semctl(semaphore, 0, IPC_RMID);
+    server.edit([](ConfigInfo& config, ResultStruct*) { config.version = kVersionRemoved; });
+    shmctl(server.shmid(), IPC_RMID, nullptr);
+    unlink(server.handoff().c_str());
+}
+
+void writeSites(const std::string& first, const std::string& second = "") {
+    std::string text = "interval = 7\n[[site]]\nname = \"" + first +
+                       "\"\n[[site.category]]\nlabel = \"all\"\nurls = [\"*\"]\n";
+    if (!second.empty()) text += "[[site]]\nname = \"" + second + "\"\n";
+    tolvane::test::writeFile(kConfig, text);
+}
+
+CollectorOptions options(const char* config = "") {
+    return {config, kState, 1};
+}
+
+// The rows as "requests/bytes" by name, the server's own under "".
+using Rows = std::map<std::string, std::string>;
+Rows rowsOf(const Collector& collector, const std::string& server = "*:8080") {
+    Rows rows;
+    collector.read([&](const CollectorState& state) {
+        auto found = state.servers.find(server);
+        if (found == state.servers.end()) return;
+        auto text = [](std::uint64_t requests, std::uint64_t bytes) {
+            return std::to_string(requests) + "/" + std::to_string(bytes);
+        };
+        const ServerTally& tally = found->second;
+        rows[""] = text(tally.total.requests, tally.total.bytesSent);
+        for (const SiteTally& site : tally.sites) {
+            rows[site.name] = text(site.counts.requests, site.counts.bytesSent);
+            for (const CategoryTally& category : site.categories) {
+                rows[site.name + " " + category.label] =
+                    text(category.counts.requests,
+                         static_cast<std::uint64_t>(category.counts.responseTimeSum * 100));
+            }
+        }
+    });
+    return rows;
+}
+
+WatchState stateOf(const Collector& collector) {
+    WatchState state = WatchState::kUnreadable;
+    collector.read([&](const CollectorState& all) {
+        const auto& runs = all.servers.at("*:8080").runs;
+        ASSERT_EQ(runs.size(), 1U);
+        state = runs[0].state;
+    });
+    return state;
+}
+
+TEST(Collector, KeepsLongTotalsByNameOverRestartsOfTheServer) {
+    writeSites("a.test", "b.test");
+    Collector collector(options(kConfig));
+    {
+        FakeServer server(3);
+        collector.round();
+        publish(server, 0, 5);
+        publish(server, 2, 2);
+        // All but the totals' last 40 requests fit into 32 bits.
+        server.edit([](ConfigInfo&, ResultStruct* r) { r[1].total.bytesSent = 4294967290U; });
+        collector.round();
+        server.edit([](ConfigInfo&, ResultStruct* r) { r[1].total.bytesSent += 40; });
+        publish(server, 2, 1);
+        endServer(server);
+        collector.round();
+    }
+    collector.round();
+    EXPECT_EQ(rowsOf(collector), (Rows{{"", "8/4294975330"},
+                                       {"a.test", "8/8000"},
+                                       {"a.test all", "8/200"},
+                                       {"b.test", "0/0"}}));
+    FakeServer again(1);
+    // Half of it is there before the first look.
+    publish(again, 0, 3);
+    collector.round();
+    publish(again, 0, 4);
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""], "15/4294982330");
+    EXPECT_EQ(rowsOf(collector)["a.test"], "12/12000") << "three came before any name was given";
+}
+
+TEST(Collector, LosesAndDoublesNothingWhenItIsKilledAtAnyMoment) {
+    FakeServer server(4);
+    writeSites("a.test");
+    std::uint32_t published = 0;
+    srand(7);
+    for (int life = 0; life < 25; ++life) {
+        pid_t pid = fork();
+        if (pid == 0) {
+            Collector collector(options(kConfig));
+            for (;;) collector.round();
+        }
+        for (int i = 0; i < 100; ++i) {
+            publish(server, i % 4, 3);
+            published += 3;
+            usleep(static_cast<useconds_t>(rand() % 500));
+        }
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+        publish(server, life % 4, 1);
+        published += 1;
+    }
+    Collector collector(options(kConfig));
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""],
+              std::to_string(published) + "/" + std::to_string(std::uint64_t{published} * 1000));
+    EXPECT_EQ(semctl(server.semaphores()[0], 0, GETVAL), 1);
+}
+
+TEST(Collector, TakesUpToTheLastPublicationOfAServerThatEnds) {
+    FakeServer server(1);
+    auto* worker = shmat(server.shmid(), nullptr, 0);
+    Collector collector(options());
+    collector.round();
+    publish(server, 0, 1);
+    auto* records = reinterpret_cast<ResultStruct*>(static_cast<ConfigInfo*>(worker) + 1);
+    endServer(server);
+    collector.round();
+    EXPECT_EQ(stateOf(collector), WatchState::kEnding);
+    records[0].total.requests += 10;
+    shmdt(worker);
+    server.kill();
+    EXPECT_TRUE(segmentExists(server.shmid())) << "the collector holds it until it has the counts";
+    collector.round();
+    EXPECT_FALSE(segmentExists(server.shmid()));
+    EXPECT_EQ(rowsOf(collector)[""], "11/1000");
+}
+
+TEST(Collector, IsAloneWithItsServerAndItsDirectory) {
+    FakeServer server(1);
+    publish(server, 0, 5);
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t first = fork();
+    if (first == 0) {
+        Collector collector(options());
+        collector.round();
+        if (write(ready[1], "x", 1) != 1) _exit(1);
+        for (;;) pause();
+    }
+    char byte;
+    ASSERT_EQ(read(ready[0], &byte, 1), 1);
+    try {
+        Collector second(options());
+        FAIL() << "two collectors in one directory";
+    } catch (const Failure& failure) {
+        EXPECT_NE(std::string(failure.what()).find(std::to_string(first)), std::string::npos);
+    }
+    Collector other({"", "/opt/elsewhere", 1});
+    other.round();
+    EXPECT_EQ(stateOf(other), WatchState::kHeld);
+    EXPECT_EQ(rowsOf(other)[""], "0/0");
+    kill(first, SIGKILL);
+    waitpid(first, nullptr, 0);
+    other.round();
+    other.round();
+    EXPECT_EQ(stateOf(other), WatchState::kLive);
+    EXPECT_EQ(rowsOf(other)[""], "5/5000");
+}
+
+TEST(Collector, LeavesARecordWhoseLockIsHeldForTheNextTime) {
+    FakeServer server(2);
+    Collector collector(options());
+    collector.round();
+    publish(server, 0, 1);
+    publish(server, 1, 1);
+    int semaphore = server.semaphores()[1];
+    change(semaphore, -1);
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""], "1/1000");
+    change(semaphore, 1);
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""], "2/2000");
+    // Its record may name somebody else's semaphore: that one is never touched.
+    int others = semget(IPC_PRIVATE, 2, IPC_CREAT | 0777);
+    FakeServer hostile(1, "*:81");
+    hostile.edit([&](ConfigInfo&, ResultStruct* r) {
+        r[0].semaphoreId = others;
+        r[0].total.requests = 9;
+        r[0].totalDirty = 1;
+    });
+    collector.round();
+    EXPECT_EQ(rowsOf(collector, "*:81")[""], "9/0");
+    EXPECT_EQ(semctl(others, 0, GETPID), 0);
+}
+
+TEST(Collector, GivesEveryServerTheFileAndAgainWhenItChanges) {
+    writeSites("a.test");
+    FakeServer server(1);
+    Collector collector(options(kConfig));
+    auto seen = [&] {
+        std::string text;
+        server.edit([&](ConfigInfo& config, ResultStruct*) {
+            text = std::to_string(config.version) + ":";
+            for (int s = 0; s < config.numSites; ++s) {
+                text += " " + std::string(config.siteName[s]) + "(" +
+                        std::to_string(config.numCategories[s]) + ")";
+            }
+        });
+        return text;
+    };
+    collector.round();
+    EXPECT_EQ(seen(), "1: a.test(1)");
+    publish(server, 0, 4);
+    collector.round();
+    EXPECT_EQ(seen(), "1: a.test(1)");
+
+    // Another agent's configuration stands until the file changes.
+    server.edit([](ConfigInfo& config, ResultStruct*) { config.version = 5; });
+    collector.round();
+    EXPECT_EQ(seen(), "5: a.test(1)");
+
+    tolvane::test::writeFile(kConfig, "[[site]]\nname = 7\n");
+    for (int i = 0; i < 3; ++i) collector.round();
+    EXPECT_EQ(seen(), "5: a.test(1)");
+    collector.read([](const CollectorState& state) { EXPECT_FALSE(state.health.configValid); });
+
+    // A site in front of the others moves nothing, and a removed one leaves a gap.
+    writeSites("new.test", "a.test");
+    for (int i = 0; i < 3; ++i) collector.round();
+    EXPECT_EQ(seen(), "6: a.test(0) new.test(1)");
+    publish(server, 0, 1);
+    writeSites("b.test", "new.test");
+    for (int i = 0; i < 3; ++i) collector.round();
+    EXPECT_EQ(seen(), "7: (0) new.test(0) b.test(1)");
+    // A process that has not taken the new one yet.
+    publish(server, 0, 1);
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)["a.test"], "6/6000");
+    collector.read([](const CollectorState& state) {
+        for (const SiteTally& site : state.servers.at("*:8080").sites) {
+            EXPECT_EQ(site.configured, site.name != "a.test") << site.name;
+        }
+        EXPECT_EQ(state.health.configWritten, 3U);
+    });
+}
+
+TEST(Collector, GoesOnCountingWhileItsTotalsCannotBeKept) {
+    FakeServer server(1);
+    {
+        Collector collector(options());
+        collector.round();
+        signal(SIGXFSZ, SIG_IGN);
+        rlimit none = {1, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &none);
+        publish(server, 0, 2);
+        collector.round();
+        collector.read([](const CollectorState& state) {
+            EXPECT_FALSE(state.health.storeWorks);
+            EXPECT_EQ(state.health.storeFailures, 1U);
+        });
+        EXPECT_EQ(rowsOf(collector)[""], "2/2000");
+        rlimit all = {RLIM_INFINITY, RLIM_INFINITY};
+        setrlimit(RLIMIT_FSIZE, &all);
+        collector.round();
+        collector.read([](const CollectorState& state) { EXPECT_TRUE(state.health.storeWorks); });
+    }
+    {
+        Collector collector(options());
+        EXPECT_EQ(rowsOf(collector)[""], "2/2000");
+    }
+    std::fstream file(std::string(kState) + "/totals.db");
+    file.seekp(100);
+    file << std::string(3000, 'x');
+    file.close();
+    Collector collector(options());
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""], "2/2000") << "the segment still has them";
+    EXPECT_EQ(tolvane::test::filesIn(kState).size(), 4U) << "the damaged file is put aside";
+}
+
+TEST(Collector, CountsNothingThatAnotherAgentTookBeforeIt) {
+    FakeServer server(1);
+    publish(server, 0, 5);
+    server.edit([](ConfigInfo&, ResultStruct* r) { r[0].totalDirty = 0; });
+    Collector collector(options());
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""], "0/0");
+    // An exiting worker adds to what stands there; others start from 0.
+    publish(server, 0, 2);
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""], "2/2000");
+    server.edit([](ConfigInfo&, ResultStruct* r) { r[0].total = {}; });
+    publish(server, 0, 1);
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""], "3/3000");
+}
+
+TEST(History, HoldsTheLastQuarterOfAnHour) {
+    History history;
+    EXPECT_TRUE(history.points(1000).empty());
+    history.add(1000, {3, 1, 0.5F, 2});
+    history.add(1009, {1, 0, 0.5F, 1});
+    history.add(1025, {7, 0, 0, 0});
+    auto points = history.points(1040);
+    ASSERT_EQ(points.size(), 90U);
+    EXPECT_EQ(points[85].requests, 4U);
+    EXPECT_EQ(points[85].answered, 3U);
+    EXPECT_EQ(points[86].requests, 0U);
+    EXPECT_EQ(points[87].requests, 7U);
+    EXPECT_EQ(points[89].requests, 0U);
+    // A whole turn later the old points are gone, not shown again.
+    history.add(1025 + 900, {1, 0, 0, 0});
+    points = history.points(1025 + 900);
+    EXPECT_EQ(points[89].requests, 1U);
+    for (std::size_t i = 0; i < 89; ++i) EXPECT_EQ(points[i].requests, 0U) << i;
+    EXPECT_TRUE(history.points(1025 + 1800).empty());
+}
+
+}  // namespace
+}  // namespace tolvane::agent::test
