@@ -42,6 +42,7 @@ constexpr std::size_t kRecordWords = sizeof(ResultStruct) / sizeof(std::uint32_t
 
 std::vector<PlacedWord> packRecords(const std::vector<ResultStruct>& records) {
     std::vector<PlacedWord> packed;
+    packed.reserve(records.size() * kRecordWords);
     std::uint32_t words[kRecordWords];
     std::uint32_t place = 0;
     for (const ResultStruct& record : records) {

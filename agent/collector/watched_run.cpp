@@ -83,6 +83,7 @@ bool WatchedRun::take(CountSet& added, TakingCost& cost) {
         before = now;
         changed = true;
     }
+    dropLockNotes();
     return changed;
 }
 

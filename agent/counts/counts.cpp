@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace tolvane::agent {
 
@@ -98,6 +99,12 @@ CategoryCounters difference(const CategoryCounters& before, const CategoryCounte
     return result;
 }
 
+// Most of a record does not change from one look to the next.
+template <typename Block>
+bool differ(const Block& a, const Block& b) {
+    return std::memcmp(&a, &b, sizeof a) != 0;
+}
+
 bool sitesCleared(const Judge& judge, const ResultStruct& before, const ResultStruct& after) {
     for (int s = 0; s < kMaxSites; ++s) {
         if (judge.sank(before.site[s], after.site[s])) return true;
@@ -107,6 +114,7 @@ bool sitesCleared(const Judge& judge, const ResultStruct& before, const ResultSt
 
 bool categoriesCleared(const Judge& judge, const ResultStruct& before, const ResultStruct& after) {
     for (int s = 0; s < kMaxSites; ++s) {
+        if (!differ(before.category[s], after.category[s])) continue;
         for (int c = 0; c < kMaxCategories; ++c) {
             if (judge.sank(before.category[s][c], after.category[s][c])) return true;
         }
@@ -114,21 +122,21 @@ bool categoriesCleared(const Judge& judge, const ResultStruct& before, const Res
     return false;
 }
 
-ResultStruct recordIncrease(const ResultStruct& before, const ResultStruct& after, Gap gap) {
-    ResultStruct result{};
-    static constexpr ResultStruct kNothing{};
-    Judge judge(gap);
-    const ResultStruct& total = judge.sank(before.total, after.total) ? kNothing : before;
-    const ResultStruct& sites = sitesCleared(judge, before, after) ? kNothing : before;
-    const ResultStruct& categories = categoriesCleared(judge, before, after) ? kNothing : before;
-    result.total = difference(total.total, after.total);
+void addSites(CountSet& sum, const ResultStruct& before, const ResultStruct& after) {
     for (int s = 0; s < kMaxSites; ++s) {
-        result.site[s] = difference(sites.site[s], after.site[s]);
+        if (!differ(before.site[s], after.site[s])) continue;
+        add(sum.site[s], difference(before.site[s], after.site[s]));
+    }
+}
+
+void addCategories(CountSet& sum, const ResultStruct& before, const ResultStruct& after) {
+    for (int s = 0; s < kMaxSites; ++s) {
+        if (!differ(before.category[s], after.category[s])) continue;
         for (int c = 0; c < kMaxCategories; ++c) {
-            result.category[s][c] = difference(categories.category[s][c], after.category[s][c]);
+            const CategoryCounters& earlier = before.category[s][c];
+            add(sum.category[s][c], difference(earlier, after.category[s][c]));
         }
     }
-    return result;
 }
 
 }  // namespace
@@ -165,7 +173,12 @@ CountSet countsOf(const std::vector<ResultStruct>& records) {
 }
 
 void addIncrease(CountSet& sum, const ResultStruct& before, const ResultStruct& after, Gap gap) {
-    add(sum, recordIncrease(before, after, gap));
+    static constexpr ResultStruct kNothing{};
+    Judge judge(gap);
+    bool totalCleared = judge.sank(before.total, after.total);
+    add(sum.total, difference(totalCleared ? kNothing.total : before.total, after.total));
+    addSites(sum, sitesCleared(judge, before, after) ? kNothing : before, after);
+    addCategories(sum, categoriesCleared(judge, before, after) ? kNothing : before, after);
 }
 
 void addIncrease(CountSet& sum, const std::vector<ResultStruct>& before,

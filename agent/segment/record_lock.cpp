@@ -1,5 +1,6 @@
 #include "segment/record_lock.h"
 
+#include <sched.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 
@@ -54,6 +55,10 @@ LockedCopy copyUnderLock(const Segment& segment, std::int32_t record, std::int32
     change(semaphoreId, 1, patience);
     held = Clock::now() - taken;
     return LockedCopy::kDone;
+}
+
+void dropLockNotes() {
+    ::unshare(CLONE_SYSVSEM);
 }
 
 }  // namespace tolvane::agent

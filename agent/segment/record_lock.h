@@ -26,4 +26,9 @@ LockedCopy copyUnderLock(const Segment& segment, std::int32_t record, std::int32
                          std::chrono::microseconds patience, ResultStruct& copy,
                          std::chrono::nanoseconds& held);
 
+// The system keeps a note of every semaphore that was taken and looks through
+// all of them at each taking. With many servers that costs more than all else;
+// no lock may be held when the notes are dropped.
+void dropLockNotes();
+
 }  // namespace tolvane::agent

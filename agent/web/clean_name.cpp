@@ -1,5 +1,6 @@
 #include "web/clean_name.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "base/text.h"
@@ -16,18 +17,14 @@ std::string validUtf8(const std::string& text) {
     return Json::parse(quoted).get<std::string>();
 }
 
-bool isAscii(std::string_view text) {
-    for (char c : text) {
-        if (static_cast<unsigned char>(c) >= 0x80) return false;
-    }
-    return true;
+bool isPlain(std::string_view text) {
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7F; });
 }
 
 }  // namespace
 
 std::string cleanName(std::string_view name) {
-    std::string text = printable(name);
-    return isAscii(text) ? text : validUtf8(text);
+    return isPlain(name) ? std::string(name) : validUtf8(printable(name));
 }
 
 std::string CleanNames::add(std::string_view name) {

@@ -55,6 +55,15 @@ MHD_Result addArgument(void* query, MHD_ValueKind, const char* key, std::size_t 
     return MHD_YES;
 }
 
+bool announcesBody(MHD_Connection* connection) {
+    for (const char* header : {MHD_HTTP_HEADER_CONTENT_LENGTH, MHD_HTTP_HEADER_TRANSFER_ENCODING}) {
+        if (::MHD_lookup_connection_value(connection, MHD_HEADER_KIND, header) != nullptr) {
+            return true;
+        }
+    }
+    return false;
+}
+
 HttpResponse plainText(int status, std::string text) {
     return {status, "text/plain; charset=utf-8", std::move(text) + "\n", {}};
 }
@@ -118,8 +127,13 @@ HttpServer::Impl::Impl(const ListenAddress& address, HttpHandler handler)
 
 MHD_Result HttpServer::Impl::onRequest(void* self, MHD_Connection* connection, const char* url,
                                        const char* method, const char*, const char*, std::size_t*,
-                                       void**) {
+                                       void** requestState) {
     auto& server = *static_cast<Impl*>(self);
+    // First it is called after the headers: a response given then ends the
+    // connection, which is as it should be when a body would follow.
+    bool isFirst = *requestState == nullptr;
+    *requestState = self;
+    if (isFirst && !announcesBody(connection)) return MHD_YES;
     try {
         return server.send(connection, server.respond(connection, url, method));
     } catch (const std::exception&) {

@@ -201,17 +201,33 @@ constexpr Family<CollectorRow> kCollectorFamilies[] = {
 
 // ---- The text
 
-std::string label(const char* name, std::string_view value) {
-    std::string text = fmt::format("{}=\"", name);
+// Labels of one series, joined to those before.
+std::string withLabel(std::string labels, std::string_view name, std::string_view value) {
+    if (!labels.empty()) labels += ',';
+    labels += name;
+    labels += "=\"";
     for (char c : value) {
-        if (c == '"' || c == '\\') text += '\\';
-        text += c;
+        if (c == '"' || c == '\\') labels += '\\';
+        labels += c;
     }
-    return text + '"';
+    labels += '"';
+    return labels;
+}
+
+// What so many samples for each of the rows take at most. A text that grows
+// beyond its memory is copied, and fresh memory is what it costs most.
+template <typename Row>
+std::size_t spaceFor(std::size_t samples, const std::vector<Row>& rows) {
+    constexpr std::size_t kNameAndNumber = 70;
+    std::size_t space = 0;
+    for (const Row& row : rows) space += samples * (row.labels.size() + kNameAndNumber);
+    return space;
 }
 
 class Exposition {
   public:
+    explicit Exposition(std::size_t space) { text_.reserve(space); }
+
     template <typename Row, std::size_t n>
     void add(const Family<Row> (&families)[n], const std::vector<Row>& rows) {
         for (const Family<Row>& family : families) {
@@ -297,12 +313,11 @@ void addSites(Rows& rows, const ServerTally& tally, const std::string& serverLab
     CleanNames sites;
     for (const SiteTally& site : tally.sites) {
         if (!site.configured) continue;
-        std::string siteLabels = serverLabel + "," + label("site", sites.add(site.name));
+        std::string siteLabels = withLabel(serverLabel, "site", sites.add(site.name));
         CleanNames categories;
         for (const CategoryTally& category : site.categories) {
             if (!category.configured) continue;
-            std::string labels =
-                siteLabels + "," + label("category", categories.add(category.label));
+            std::string labels = withLabel(siteLabels, "category", categories.add(category.label));
             rows.categories.push_back({std::move(labels), category.counts, category.answered});
         }
         rows.sites.push_back({std::move(siteLabels), site.counts});
@@ -313,8 +328,8 @@ Rows makeRows(const CollectorState& state) {
     Rows rows;
     CleanNames servers;
     for (const auto& [key, tally] : state.servers) {
-        std::string serverLabel = label("server", servers.add(tally.name));
-        std::string typeLabels = serverLabel + "," + label("type", cleanName(tally.type));
+        std::string serverLabel = withLabel("", "server", servers.add(tally.name));
+        std::string typeLabels = withLabel(serverLabel, "type", cleanName(tally.type));
         addSites(rows, tally, serverLabel);
         rows.serverTypes.push_back({std::move(typeLabels), tally, tally.total});
         rows.servers.push_back({std::move(serverLabel), tally, tally.total});
@@ -331,7 +346,7 @@ std::vector<StateRow> runsByState(const CollectorState& state) {
                 std::count_if(tally.runs.begin(), tally.runs.end(),
                               [&](const RunState& run) { return run.state == wanted; }));
         }
-        rows.push_back({label("state", watchStateName(wanted)), runs});
+        rows.push_back({withLabel("", "state", watchStateName(wanted)), runs});
     }
     return rows;
 }
@@ -341,8 +356,12 @@ std::vector<StateRow> runsByState(const CollectorState& state) {
 std::string metricsText(const CollectorState& state, const ProcessFacts& process,
                         const std::string& version) {
     Rows rows = makeRows(state);
-    Exposition exposition;
-    exposition.add(kBuildInfo, {CollectorRow{label("version", version), state.health, process}});
+    constexpr std::size_t kHelp = 16U << 10;
+    Exposition exposition(kHelp + spaceFor(15, rows.servers) +
+                          spaceFor(std::size(kTrafficFamilies), rows.sites) +
+                          spaceFor(std::size(kCategoryFamilies) + 1, rows.categories));
+    exposition.add(kBuildInfo,
+                   {CollectorRow{withLabel("", "version", version), state.health, process}});
     exposition.add(kCollectorFamilies, {CollectorRow{"", state.health, process}});
     exposition.add(kStateFamilies, runsByState(state));
     exposition.add(kServerInfo, rows.serverTypes);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "web/history_json.h"
 #include "web/metrics.h"
 #include "web/page_files.h"
 #include "web/process_facts.h"

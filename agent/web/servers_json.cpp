@@ -1,9 +1,7 @@
 #include "web/servers_json.h"
 
 #include <algorithm>
-#include <cmath>
 #include <nlohmann/json.hpp>
-#include <vector>
 
 #include "web/clean_name.h"
 
@@ -12,11 +10,6 @@ namespace tolvane::agent {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-// Names are clean, but a configuration file's path may hold any byte as well.
-std::string textOf(const Json& json) {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
 
 Json orNull(std::time_t time) {
     return time > 0 ? Json(time) : Json(nullptr);
@@ -111,94 +104,20 @@ Json serverToJson(const ServerTally& server, std::string name) {
     return json;
 }
 
-using Points = std::vector<HistoryPoint>;
-
-// Whether there is anything to say.
-bool addPoints(Json& json, const Points& points) {
-    bool any = std::any_of(points.begin(), points.end(), [](const HistoryPoint& point) {
-        return point.requests > 0 || point.errors > 0 || point.answered > 0;
-    });
-    if (!any) return false;
-    for (const HistoryPoint& point : points) {
-        json["requests"].push_back(point.requests);
-        json["errors"].push_back(point.errors);
-        // In whole microseconds, which keeps the text short.
-        json["response_seconds"].push_back(
-            std::round(static_cast<double>(point.responseSeconds) * 1e6) / 1e6);
-        json["answered"].push_back(point.answered);
-    }
-    return true;
-}
-
-// The step that `now` lies in is still growing; its count would look like a fall.
-Points completePoints(const History& history, std::time_t now) {
-    Points points = history.points(now);
-    if (!points.empty()) points.pop_back();
-    return points;
-}
-
-Json siteHistory(const SiteTally& site, const std::string& name, std::time_t now) {
-    Json json = {{"name", name}};
-    bool any = addPoints(json, completePoints(site.history, now));
-    CleanNames labels;
-    Json categories = Json::array();
-    for (const CategoryTally& category : site.categories) {
-        Json entry = {{"label", labels.add(category.label)}};
-        if (addPoints(entry, completePoints(category.history, now))) {
-            categories.push_back(std::move(entry));
-        }
-    }
-    if (!any && categories.empty()) return nullptr;
-    json["categories"] = std::move(categories);
-    return json;
-}
-
-Json serverHistory(const ServerTally& server, const std::string& name, std::time_t now) {
-    Json json = {{"name", name}, {"total", Json::object()}};
-    bool any = addPoints(json["total"], completePoints(server.history, now));
-    CleanNames names;
-    Json sites = Json::array();
-    for (const SiteTally& site : server.sites) {
-        Json entry = siteHistory(site, names.add(site.name), now);
-        if (!entry.is_null()) sites.push_back(std::move(entry));
-    }
-    if (!any && sites.empty()) return nullptr;
-    json["sites"] = std::move(sites);
-    return json;
-}
-
-// What `toJson` makes of every server that is wanted, but for what it makes null.
-template <typename ToJson>
-Json eachServer(const CollectorState& state, const std::optional<std::string>& wanted,
-                const ToJson& toJson) {
-    Json servers = Json::array();
-    CleanNames names;
-    for (const auto& [key, server] : state.servers) {
-        std::string name = names.add(server.name);
-        if (wanted && *wanted != name) continue;
-        Json json = toJson(server, name);
-        if (!json.is_null()) servers.push_back(std::move(json));
-    }
-    return servers;
-}
-
 }  // namespace
 
 std::string serversJson(const CollectorState& state, const std::string& version, std::time_t now,
                         const std::optional<std::string>& server) {
     Json json = {{"version", version}, {"time", now}, {"collector", healthToJson(state.health)}};
-    json["servers"] = eachServer(state, server, serverToJson);
-    return textOf(json);
-}
-
-std::string historyJson(const CollectorState& state, std::time_t now,
-                        const std::optional<std::string>& server) {
-    Json json = {{"step", kHistoryStep}, {"end", now - now % kHistoryStep}};
-    json["servers"] =
-        eachServer(state, server, [&](const ServerTally& tally, const std::string& name) {
-            return serverHistory(tally, name, now);
-        });
-    return textOf(json);
+    json["servers"] = Json::array();
+    CleanNames names;
+    for (const auto& [key, tally] : state.servers) {
+        std::string name = names.add(tally.name);
+        if (server && *server != name) continue;
+        json["servers"].push_back(serverToJson(tally, std::move(name)));
+    }
+    // Names are clean, but a configuration file's path may hold any byte as well.
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 }  // namespace tolvane::agent

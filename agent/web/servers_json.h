@@ -1,4 +1,4 @@
-// The state for programs, the page among them.
+// The totals for programs, the page among them.
 #pragma once
 
 #include <ctime>
@@ -9,14 +9,9 @@
 
 namespace tolvane::agent {
 
-// Both speak of one server only when its name is given. What is configured no
-// longer is among the sites and categories too, and says so.
+// Of one server only when its name is given. What is configured no longer is
+// among the sites and categories too, and says so.
 std::string serversJson(const CollectorState& state, const std::string& version, std::time_t now,
-                        const std::optional<std::string>& server = {});
-
-// The steps that are complete, the oldest first; "end" is when the last of them
-// ended. Rows without any count are left out.
-std::string historyJson(const CollectorState& state, std::time_t now,
                         const std::optional<std::string>& server = {});
 
 }  // namespace tolvane::agent

@@ -50,7 +50,8 @@ class Section {
     this.runs = this.details.appendChild(element('ul', 'runs'));
     this.table = new Table(`Sites and categories of ${server.name}`, sortBy);
     this.details.append(this.table.table);
-    this.details.addEventListener('toggle', () => this.details.open && readHistory());
+    // Comes for those that are open from the start, too.
+    this.details.addEventListener('toggle', () => this.details.open && readHistory(server.name));
   }
 
   update(server) {
@@ -129,15 +130,18 @@ function sortBy(id) {
   show();
 }
 
-async function readHistory() {
+async function readHistory(...names) {
   try {
-    for (const [name, section] of sections) {
-      if (section.details.open) await model.readHistory(name);
-    }
+    for (const name of names) await model.readHistory(name);
   } catch {
     return;  // the next reading of the counts tells
   }
   show();
+}
+
+function readHistories() {
+  const open = [...sections].filter(([, section]) => section.details.open);
+  readHistory(...open.map(([name]) => name));
 }
 
 async function readServers() {
@@ -162,6 +166,5 @@ byId('categories').addEventListener('change', (event) => {
   view.categories = event.target.checked;
   show();
 });
-await readServers();
-await readHistory();
-setInterval(readHistory, kHistoryEvery);
+readServers();
+setInterval(readHistories, kHistoryEvery);

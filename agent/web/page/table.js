@@ -10,6 +10,8 @@ const ratio = (part, whole) => whole > 0 ? part / whole : null;
 const highest = (values) => values.reduce((most, value) => Math.max(most, value), 0);
 const minutes = (recent) => Math.round(recent.points.requests.length * recent.step / 60);
 
+const kNoLine = [[], 0, 'Nothing in the last 15 minutes'];
+
 function requestLine(recent) {
   const values = recent.points.requests;
   const most = highest(values);
@@ -131,7 +133,7 @@ class Row {
       const missing = value === null && column.exact;
       setText(text, missing ? '' : format.orNothing(column.text)(value));
       if (value !== null && column.exact) cell.title = column.exact(value);
-      if (spark) spark.draw(...(recent ? column.line(recent) : [[], 0, 'Nothing in the last 15 minutes']));
+      if (spark) spark.draw(...(recent ? column.line(recent) : kNoLine));
       if (column.id === 'errors') cell.classList.toggle('many', value >= kManyErrors);
     });
   }
@@ -197,7 +199,7 @@ export class Table {
   update(model, view) {
     kColumns.forEach(({id}, i) => {
       const order = view.ascending ? 'ascending' : 'descending';
-      this.headings[i].ariaSort = id === view.sortBy ? order : 'none';
+      this.headings[i].setAttribute('aria-sort', id === view.sortBy ? order : 'none');
     });
     const shown = arranged(model.groups, view, model);
     const before = this.rows;
