@@ -61,6 +61,9 @@ int serveCommand(const ServeOptions& options) {
     ListenAddress address = parseListenAddress(options.listen);
     Signals signals;
     Collector collector({options.configFile, options.stateDirectory, options.interval});
+    // The first scrape is to find what the kept totals and the segments say
+    // together, not less than an earlier collector has shown.
+    collector.round();
     Pages pages([&](const auto& reader) { collector.read(reader); }, options.version);
     HttpServer server(address, [&](const HttpRequest& request) {
         return pages.answer(request, std::time(nullptr));
@@ -68,7 +71,6 @@ int serveCommand(const ServeOptions& options) {
     address.port = server.port();
     logLine("serving on http://{}/, taking counts every {} s, keeping them in {}",
             toString(address), options.interval, options.stateDirectory);
-    collector.round();
     tellServiceManager("READY=1");
     auto interval = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(options.interval));

@@ -155,6 +155,14 @@ void Reader::readInterval(const toml::node& node) {
     }
 }
 
+// A name without a port stands for the default ports of both kinds of
+// connections.
+std::vector<std::string> addressesOf(const std::string& name) {
+    std::size_t end = name[0] == '[' ? name.find(']') : 0;
+    if (name.find(':', end) != std::string::npos) return {name};
+    return {name + ":80", name + ":443"};
+}
+
 void Reader::readName(const toml::node& node, std::string_view key,
                       std::vector<std::string>& into) {
     auto name = text(node, key, "\"shop.example\"");
@@ -165,8 +173,9 @@ void Reader::readName(const toml::node& node, std::string_view key,
         complain(node.source(), fmt::format("{} \"{}\": {}", key, printable(*name), error.what()));
         return;
     }
-    auto [earlier, added] = lineOfName_.emplace(lower(*name), node.source().begin.line);
-    if (!added) {
+    for (const std::string& address : addressesOf(lower(*name))) {
+        auto [earlier, added] = lineOfName_.emplace(address, node.source().begin.line);
+        if (added) continue;
         complain(node.source(),
                  fmt::format("\"{}\" stands in line {} already, and a request counts "
                              "for the first site only; remove one of them",

@@ -67,15 +67,19 @@ Report buildReport(const ConfigInfo& config, const CountSet& counts, const Count
         trafficRow(Level::kTotal, "all traffic", counts.total, added.total, seconds));
     CategoryCounts everywhere;
     for (int s = 0; s < config.numSites; ++s) {
+        // A gap that a removed site has left; a category leaves one below.
+        if (config.siteName[s][0] == '\0') continue;
         std::size_t siteRow = report.rows.size();
         report.rows.push_back(trafficRow(Level::kSite, printable(config.siteName[s]),
                                          counts.site[s], added.site[s], seconds));
         CategoryCounts ofSite;
         for (int c = 0; c < config.numCategories[s]; ++c) {
+            const CategoryConfig& configured = config.categories[s][c];
+            if (configured.numSections == 0 && configured.label[0] == '\0') continue;
             const CategoryCounts& category = counts.category[s][c];
-            report.rows.push_back(
-                trafficRow(Level::kCategory, printable(config.categories[s][c].label),
-                           asTraffic(category), asTraffic(added.category[s][c]), seconds));
+            report.rows.push_back(trafficRow(Level::kCategory, printable(configured.label),
+                                             asTraffic(category), asTraffic(added.category[s][c]),
+                                             seconds));
             report.rows.back().meanResponse = meanResponse(category);
             addTo(ofSite, category);
         }

@@ -5,12 +5,11 @@ set(root "${CPACK_TEMPORARY_DIRECTORY}")
 set(doc "${root}/usr/share/doc/tolvane")
 set(read OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 
-file(INSTALL "${debian}/../systemd/tolvane-collector.default" DESTINATION "${root}/etc/default"
-  RENAME tolvane-collector)
-file(INSTALL "${debian}/copyright" DESTINATION "${doc}")
-file(INSTALL "${debian}/changelog" DESTINATION "${doc}" RENAME changelog.Debian)
-file(INSTALL "${debian}/lintian-overrides" DESTINATION "${root}/usr/share/lintian/overrides"
-  RENAME tolvane)
+# By copying: file(INSTALL) would put the root in front a second time.
+configure_file("${debian}/../systemd/tolvane-collector.default" "${root}/etc/default/tolvane-collector" COPYONLY)
+configure_file("${debian}/copyright" "${doc}/copyright" COPYONLY)
+configure_file("${debian}/changelog" "${doc}/changelog.Debian" COPYONLY)
+configure_file("${debian}/lintian-overrides" "${root}/usr/share/lintian/overrides/tolvane" COPYONLY)
 
 file(GLOB pages "${root}/usr/share/man/man*/*")
 execute_process(COMMAND gzip -9nf ${pages} "${doc}/changelog.Debian" COMMAND_ERROR_IS_FATAL ANY)

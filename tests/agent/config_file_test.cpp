@@ -43,6 +43,7 @@ TEST(ConfigFile, NamesThePlaceOfEachFault) {
         {"[[site]]\nname = \"*.a\"\n", {"2:8: name \"*.a\": host names have no wildcards"}},
         {site + "hosts = \"b\"\n", {"3:9: hosts is a text; write a list"}},
         {site + "hosts = [\"b\", \"A\"]\n", {"3:15: \"A\" stands in line 2 already"}},
+        {site + "hosts = [\"a:8080\", \"a:80\"]\n", {"3:20: \"a:80\" stands in line 2 already"}},
         {site + "hosts = [\"b\",\n  \"c:x\"]\n", {"4:3: host \"c:x\": 'x' is not a port"}},
         {site + "hosts = [" + repeat(7, "\"h#\",") + "]\n", {"3:40: this is number 7 of 7"}},
         {site + "categories = []\n", {"3:1: unknown key 'categories' in a site; known here"}},

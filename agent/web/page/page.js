@@ -3,7 +3,7 @@
 
 import * as format from './format.js';
 import {Model} from './model.js';
-import {Table} from './table.js';
+import {element, Table} from './table.js';
 
 const kFewServers = 3;  // so many are all open at first; of more, the first one
 const kHistoryEvery = 10000;  // milliseconds
@@ -14,13 +14,6 @@ const view = {sortBy: 'requests', ascending: false, categories: true, filter: ''
 const sections = new Map();
 let failedSince = null;
 let lastAnswer = null;
-
-function element(tag, className = '', text = '') {
-  const made = document.createElement(tag);
-  if (className) made.className = className;
-  made.textContent = text;
-  return made;
-}
 
 function runText(run) {
   const parts = [run.why];
@@ -36,7 +29,9 @@ function stateOf(server) {
   return states.find((state) => server.runs.some((run) => run.state === state)) ?? 'stopped';
 }
 
-const whyOf = (server) => server.runs[0]?.why ?? 'not running; its totals are kept';
+function whyOf(server, state) {
+  return server.runs.find((run) => run.state === state)?.why ?? 'not running; its totals are kept';
+}
 
 class Section {
   constructor(server, open) {
@@ -60,12 +55,12 @@ class Section {
     this.badge.textContent = state;
     const data = model.servers.get(server.name);
     const rate = data.rate(data.groups.total, 'requests');
-    this.why.textContent = state === 'live' ? '' : whyOf(server);
+    this.why.textContent = state === 'live' ? '' : whyOf(server, state);
     this.figures.textContent = state === 'live'
       ? `${format.orNothing(format.rate)(rate)} requests/s` : '';
     if (!this.details.open) return;
     this.runs.replaceChildren(...server.runs.map((run) => element('li', run.state, runText(run))));
-    if (server.runs.length === 0) this.runs.append(element('li', '', whyOf(server)));
+    if (server.runs.length === 0) this.runs.append(element('li', '', whyOf(server, state)));
     this.table.update(data, view);
   }
 }

@@ -85,7 +85,7 @@ const kColumns = [
    ...counted('bytes_received', format.bytes)},
 ];
 
-function element(tag, className = '', text = '') {
+export function element(tag, className = '', text = '') {
   const made = document.createElement(tag);
   if (className) made.className = className;
   made.textContent = text;

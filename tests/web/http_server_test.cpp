@@ -1,0 +1,214 @@
+// The server on a real socket, with clients that are not always kind.
+#include "web/http_server.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+
+#include "base/error.h"
+#include "support/http_client.h"
+#include "support/process.h"
+
+namespace tolvane::agent {
+namespace {
+
+using test::connectTo;
+using test::sendAll;
+
+class Client {
+  public:
+    explicit Client(std::uint16_t port, const std::string& text = "") : fd_(connectTo(port)) {
+        sendAll(fd_, text);
+    }
+    ~Client() { ::close(fd_); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    void send(const std::string& text) const { sendAll(fd_, text); }
+    // All that comes until the server ends the connection.
+    std::string rest() const {
+        std::string text;
+        char buffer[65536];
+        for (ssize_t n; (n = ::recv(fd_, buffer, sizeof buffer, 0)) > 0;) {
+            text.append(buffer, static_cast<std::size_t>(n));
+        }
+        return text;
+    }
+
+  private:
+    int fd_;
+};
+
+std::string request(const std::string& method, const std::string& target,
+                    const std::string& more = "") {
+    return method + " " + target + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n" + more + "\r\n";
+}
+
+HttpResponse echo(const HttpRequest& asked) {
+    if (asked.path == "/throw") throw std::runtime_error("thrown");
+    if (asked.path == "/large") return {200, "text/plain", std::string(40U << 20, 'x'), {}};
+    HttpResponse response{200, "text/plain", asked.method + " " + asked.path, {{"X-More", "yes"}}};
+    for (const auto& [name, value] : asked.query) response.body += "|" + name + "=" + value;
+    return response;
+}
+
+struct HttpServerTest : testing::Test {
+    HttpServer server{parseListenAddress("127.0.0.1:0"), echo};
+
+    std::string answerTo(const std::string& text) const {
+        return Client(server.port(), text).rest();
+    }
+};
+
+TEST_F(HttpServerTest, AnswersEveryRequest) {
+    struct Case {
+        std::string text;
+        std::string start;
+        std::string part;
+        std::string end;
+    };
+    const Case cases[] = {
+        {request("GET", "/a%20b?server=%2A%3A80&x"), "HTTP/1.1 200 ", "X-More: yes",
+         "\r\n\r\nGET /a b|server=*:80|x="},
+        {request("HEAD", "/1234"), "HTTP/1.1 200 ", "Content-Length: 10", "\r\n\r\n"},
+        {request("GET", "/"), "HTTP/1.1 200 ", "Content-Security-Policy: default-src 'self';",
+         "GET /"},
+        {request("GET", "/"), "HTTP/1.1 200 ", "X-Content-Type-Options: nosniff", ""},
+        {request("POST", "/", "Content-Length: 5\r\n") + "hello", "HTTP/1.1 405 ",
+         "Allow: GET, HEAD", "\n"},
+        {request("POST", "/", "Content-Length: 99999999999\r\n"), "HTTP/1.1 405 ", "", "\n"},
+        {request("GET", "/", "Transfer-Encoding: chunked\r\n"), "HTTP/1.1 200 ", "", "GET /"},
+        {request("BREW", "/"), "HTTP/1.1 405 ", "Allow: GET, HEAD", "\n"},
+        {request("GET", "/throw"), "HTTP/1.1 500 ", "", "thrown\n"},
+        {request("GET", "/", "X: " + std::string(60000, 'x') + "\r\n"), "HTTP/1.1 431 ", "", ""},
+        {request("GET", "/" + std::string(60000, 'x')), "HTTP/1.1 414 ", "", ""},
+        {"GET / HTTP/1.1\r\nConnection: close\r\n\r\n", "HTTP/1.1 400 ", "", ""},
+    };
+    for (const Case& c : cases) {
+        std::string answer = answerTo(c.text);
+        std::string what = c.text.substr(0, 60) + " -> " + answer;
+        EXPECT_EQ(answer.substr(0, c.start.size()), c.start) << what;
+        EXPECT_NE(answer.find(c.part), std::string::npos) << what;
+        EXPECT_TRUE(answer.ends_with(c.end)) << what;
+    }
+}
+
+TEST_F(HttpServerTest, SurvivesWhatIsNoRequest) {
+    for (const std::string& garbage :
+         {std::string("\x16\x03\x01\x02\x00\x01\x00\x01", 8), std::string("\r\n\r\n\r\n"),
+          std::string(100000, '\0'), std::string("GET\r\n\r\n"),
+          std::string("GET / HTTP/9.9\r\n\r\n")}) {
+        Client client(server.port());
+        // It may end the connection before it has read everything.
+        try {
+            client.send(garbage);
+        } catch (const std::runtime_error&) {
+        }
+        EXPECT_NE(answerTo(request("GET", "/")).find("200 OK"), std::string::npos);
+    }
+}
+
+TEST_F(HttpServerTest, OneConnectionServesManyRequests) {
+    Client client(server.port());
+    for (int i = 0; i < 5; ++i) client.send("HEAD /first HTTP/1.1\r\nHost: x\r\n\r\n");
+    client.send(request("GET", "/last"));
+    std::string answers = client.rest();
+    EXPECT_TRUE(answers.ends_with("GET /last"));
+    std::size_t responses = 0;
+    for (std::size_t at = 0; (at = answers.find("200 OK", at)) != std::string::npos; ++at) {
+        ++responses;
+    }
+    EXPECT_EQ(responses, 6U);
+}
+
+TEST_F(HttpServerTest, SlowClientsHoldUpNobody) {
+    std::vector<std::unique_ptr<Client>> slow;
+    for (int i = 0; i < 40; ++i) {
+        slow.push_back(std::make_unique<Client>(server.port(), "GET /slow HTTP/1.1\r\nHo"));
+    }
+    auto before = std::chrono::steady_clock::now();
+    EXPECT_NE(answerTo(request("GET", "/quick")).find("GET /quick"), std::string::npos);
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
+    slow.front()->send("st: x\r\nConnection: close\r\n\r\n");
+    EXPECT_TRUE(slow.front()->rest().ends_with("GET /slow"));
+}
+
+TEST_F(HttpServerTest, ResponsesThatNobodyReadsAreLimited) {
+    auto statusOfLarge = [&] { return answerTo(request("GET", "/large")).substr(9, 3); };
+    {
+        Client lazy(server.port(), request("GET", "/large"));
+        EXPECT_TRUE(
+            test::eventually(std::chrono::seconds(10), [&] { return statusOfLarge() == "503"; }));
+    }
+    EXPECT_TRUE(
+        test::eventually(std::chrono::seconds(10), [&] { return statusOfLarge() == "200"; }));
+}
+
+TEST_F(HttpServerTest, SaysWhyItCannotListen) {
+    ListenAddress taken{"127.0.0.1", server.port()};
+    struct Case {
+        ListenAddress address;
+        const char* why;
+    };
+    for (const auto& [address, why] :
+         {Case{taken, "Address already in use"},
+          Case{{"192.0.2.1", 9931}, "Cannot assign requested address"}}) {
+        try {
+            HttpServer second(address, echo);
+            ADD_FAILURE() << "listens on " << toString(address);
+        } catch (const Failure& failure) {
+            EXPECT_EQ(failure.what(), "cannot listen on " + toString(address) + ": " + why);
+            EXPECT_EQ(failure.code(), kExitFailed);
+        }
+    }
+}
+
+TEST(ListenAddress, TakesItsForms) {
+    const std::pair<const char*, const char*> good[] = {
+        {"127.0.0.1:9931", "127.0.0.1:9931"},
+        {"9000", "127.0.0.1:9000"},
+        {"[::1]:1", "[::1]:1"},
+        {":9931", "*:9931"},
+        {"*:65535", "*:65535"},
+        {"0.0.0.0:0", "0.0.0.0:0"},
+    };
+    for (const auto& [text, meaning] : good) {
+        EXPECT_EQ(toString(parseListenAddress(text)), meaning);
+    }
+    const std::pair<const char*, const char*> bad[] = {
+        {"", "the port is missing"},
+        {"127.0.0.1", "the port is missing"},
+        {"[::1]", "the port is missing"},
+        {"::1:9931", "an IPv6 address stands in brackets"},
+        {"localhost:9931", "'localhost' is no numeric address"},
+        {"127.0.0.1:", "'' is no port"},
+        {"127.0.0.1:65536", "'65536' is no port"},
+        {"65536", "'65536' is no port"},
+        {"127.0.0.1:+1", "'+1' is no port"},
+        {"[127.0.0.1]:1", "'[127.0.0.1]' is no numeric address"},
+        {"127.1:1", "'127.1' is no numeric address"},
+        {"\x1b[2J:1", "'?[2J' is no numeric address"},
+    };
+    for (const auto& [text, complaint] : bad) {
+        try {
+            parseListenAddress(text);
+            ADD_FAILURE() << text << " is taken";
+        } catch (const Failure& failure) {
+            std::string_view what = failure.what();
+            EXPECT_NE(what.find(complaint), std::string::npos) << what;
+            EXPECT_NE(what.find("'[::1]:9931'"), std::string::npos) << "no example in: " << what;
+            EXPECT_EQ(failure.code(), kExitBadInput);
+        }
+    }
+}
+
+TEST(ListenAddress, AllAddressesAreOfBothFamilies) {
+    HttpServer server(parseListenAddress("*:0"), echo);
+    EXPECT_NE(Client(server.port(), request("GET", "/")).rest().find("200 OK"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tolvane::agent

@@ -1,0 +1,163 @@
+// The text for Prometheus: exact, valid, and every series once.
+#include "web/metrics.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <limits>
+#include <set>
+#include <sstream>
+
+#include "base/text.h"
+#include "web/invented_state.h"
+
+namespace tolvane::agent {
+namespace {
+
+constexpr std::time_t kNow = 1700000000;
+
+std::string textOf(const CollectorState& state) {
+    return metricsText(state, {1.5, 4096, 7, 1.6e9}, "1.2.3");
+}
+
+// A server that counts, with one site and one category of those names.
+CollectorState named(const std::string& server, const std::string& site, const std::string& label) {
+    CollectorState state = test::inventedState("shop", kNow);
+    auto node = state.servers.extract(state.servers.begin());
+    node.key() = node.mapped().name = server;
+    node.mapped().sites.resize(1);
+    node.mapped().sites[0].name = site;
+    node.mapped().sites[0].categories.resize(1);
+    node.mapped().sites[0].categories[0].label = label;
+    state.servers.insert(std::move(node));
+    return state;
+}
+
+TEST(Metrics, SayWhatWasCounted) {
+    CollectorState state = named("*:80", "shop.example", "cart");
+    ServerTally& server = state.servers.begin()->second;
+    server.total.requests = std::numeric_limits<std::uint64_t>::max();
+    server.runs.push_back({WatchState::kStale, "", 1, 2, 3, kNow, 1, 1, 0});
+    CategoryTally& category = server.sites[0].categories[0];
+    category.counts = {10, 2000, 3, 1, 0.1};
+    category.answered = 6;
+    std::string text = textOf(state);
+    for (const char* line : {
+             "# TYPE tolvane_requests_total counter",
+             "tolvane_requests_total{server=\"*:80\"} 18446744073709551615",
+             "tolvane_site_received_bytes_total{server=\"*:80\",site=\"shop.example\"} 506172470",
+             "# TYPE tolvane_category_response_seconds summary",
+             "tolvane_category_response_seconds_sum{server=\"*:80\",site=\"shop.example\","
+             "category=\"cart\"} 0.1",
+             "tolvane_category_response_seconds_count{server=\"*:80\",site=\"shop.example\","
+             "category=\"cart\"} 6",
+             "tolvane_server_up{server=\"*:80\"} 1",
+             "tolvane_server_info{server=\"*:80\",type=\"APACHE\"} 1",
+             "tolvane_server_start_time_seconds{server=\"*:80\"} 1700000000",
+             "tolvane_collector_servers{state=\"live\"} 1",
+             "tolvane_collector_servers{state=\"stale\"} 1",
+             "tolvane_collector_servers{state=\"unreadable\"} 0",
+             "tolvane_collector_round_seconds_count 100",
+             "tolvane_build_info{version=\"1.2.3\"} 1",
+             "process_cpu_seconds_total 1.5",
+         }) {
+        EXPECT_NE(text.find(std::string(line) + "\n"), std::string::npos) << line;
+    }
+    EXPECT_EQ(text.find("config_valid"), std::string::npos) << "without a configuration file";
+    state.health.configFile = "sites.toml";
+    server.sites[0].categories[0].configured = false;
+    text = textOf(state);
+    EXPECT_NE(text.find("\ntolvane_collector_config_valid 1\n"), std::string::npos);
+    EXPECT_EQ(text.find("tolvane_category"), std::string::npos) << "none is configured";
+}
+
+TEST(Metrics, NamesAreEscapedAndValid) {
+    struct Case {
+        std::string name;
+        std::string shown;
+    };
+    const Case cases[] = {
+        {"a\"b\\c", "a\\\"b\\\\c"},
+        {"two\nlines\t", "two?lines?"},
+        {"caf\xc3\xa9 \xff", "caf\xc3\xa9 ?"},
+        {"overlong \xe0\x80\x80", "overlong \xef\xbf\xbd"},
+        {"surrogate \xed\xa0\x80", "surrogate \xef\xbf\xbd"},
+        {"}{} 1", "}{} 1"},
+        {"", ""},
+    };
+    for (const Case& c : cases) {
+        std::string text = textOf(named(c.name, c.name, c.name));
+        std::string start = "\ntolvane_category_requests_total{server=\"" + c.shown;
+        EXPECT_NE(text.find(start), std::string::npos) << c.name;
+    }
+}
+
+// Runs promtool on the text; what it has to say, and its exit status.
+std::string promtoolOn(const std::string& text) {
+    std::string path = testing::TempDir() + "metrics." + std::to_string(::getpid());
+    replaceFile(path, text);
+    FILE* pipe = ::popen(("promtool check metrics <" + path + " 2>&1").c_str(), "r");
+    std::string said;
+    for (int c; (c = std::fgetc(pipe)) != EOF;) said += static_cast<char>(c);
+    int status = ::pclose(pipe);
+    std::remove(path.c_str());
+    return WEXITSTATUS(status) == 127 ? "not installed" : said + std::to_string(status);
+}
+
+// Names that become the same when they are cleaned.
+CollectorState twins() {
+    CollectorState state = named("*:80", "shop.example", "cart");
+    for (const char* server : {"*:\x01", "*:\x02"}) {
+        CollectorState one = named(server, "shop.example", "cart");
+        state.servers.merge(one.servers);
+        std::vector<SiteTally>& sites = state.servers[server].sites;
+        for (const char* name : {"\xe0\x80\x80", "\xed\xa0\x80"}) {
+            SiteTally site;
+            site.name = name;
+            site.configured = true;
+            for (const char* label : {"\x01", "\x02"}) {
+                site.categories.emplace_back().label = label;
+                site.categories.back().configured = true;
+            }
+            sites.push_back(std::move(site));
+        }
+    }
+    return state;
+}
+
+TEST(Metrics, EverySeriesComesOnceAndInItsFamily) {
+    for (const CollectorState& state : {twins(), test::inventedState("states", kNow)}) {
+        std::set<std::string> series;
+        std::set<std::string> families;
+        std::string family;
+        std::istringstream lines(textOf(state));
+        for (std::string line; std::getline(lines, line);) {
+            if (line.starts_with("# HELP ")) {
+                family = splitWords(line)[2];
+                EXPECT_TRUE(families.insert(family).second) << line;
+            } else if (line[0] != '#') {
+                EXPECT_TRUE(series.insert(line.substr(0, line.rfind(' '))).second) << line;
+                EXPECT_TRUE(line.starts_with(family)) << line << " in " << family;
+            }
+        }
+        EXPECT_GT(series.size(), 100U);
+    }
+}
+
+TEST(Metrics, PromtoolHasNoComplaint) {
+    CollectorState odd = named("\xff\"", "\\", "\xe0\x80\x80\n");
+    odd.health.configFile = "x";
+    odd.servers.begin()->second.sites[0].categories[0].counts.responseTimeSum =
+        std::numeric_limits<double>::quiet_NaN();
+    for (const CollectorState& state :
+         {std::move(odd), twins(), test::inventedState("empty", kNow), test::fullState(2, kNow)}) {
+        std::string said = promtoolOn(textOf(state));
+        if (said == "not installed") GTEST_SKIP() << "promtool is not installed";
+        EXPECT_EQ(said, "0");
+    }
+    EXPECT_NE(promtoolOn("bad{\n"), "0");
+}
+
+}  // namespace
+}  // namespace tolvane::agent
