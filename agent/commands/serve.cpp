@@ -1,8 +1,14 @@
 #include <fmt/format.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/inotify.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 
 #include "base/error.h"
@@ -10,6 +16,7 @@
 #include "collector/collector.h"
 #include "collector/log.h"
 #include "commands/commands.h"
+#include "tolvane/segment_format.h"
 #include "web/http_server.h"
 #include "web/pages.h"
 
@@ -19,39 +26,66 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// The signals that steer the collector, taken one at a time between two rounds.
-class Signals {
+enum class Wakeup { kTime, kEnd, kReload, kNewServer };
+
+// What the collector waits for between two rounds.
+class Wakeups {
   public:
-    // Before the first thread is made, so that none of them gets one.
-    Signals() {
-        ::sigemptyset(&set_);
-        for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaddset(&set_, signal);
-        ::pthread_sigmask(SIG_BLOCK, &set_, nullptr);
+    // Before the first thread is made, so that none of them gets a signal.
+    Wakeups() {
+        sigset_t set;
+        ::sigemptyset(&set);
+        for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::sigaddset(&set, signal);
+        ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        signals_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+        handoffs_ = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+        if (signals_ < 0) fail(kExitFailed, "signalfd: {}", std::strerror(errno));
+    }
+    ~Wakeups() {
+        ::close(signals_);
+        ::close(handoffs_);
+    }
+    Wakeups(const Wakeups&) = delete;
+    Wakeups& operator=(const Wakeups&) = delete;
+
+    // From now on a handoff file wakes us: a threaded worker looks for its
+    // configuration when it starts, and then not for a minute. Where watching is
+    // not possible, the next round finds the server.
+    void watchHandoffs() {
+        ::inotify_add_watch(handoffs_, kHandoffDirectory, IN_CLOSE_WRITE | IN_MOVED_TO);
     }
 
-    // The next one; 0 when there was none in that time.
-    int wait(std::chrono::nanoseconds limit) const {
-        limit = std::max(limit, std::chrono::nanoseconds(0));
-        timespec time = {static_cast<std::time_t>(limit.count() / 1000000000),
-                         static_cast<long>(limit.count() % 1000000000)};
-        return std::max(::sigtimedwait(&set_, nullptr, &time), 0);
+    Wakeup wait(Clock::duration limit) {
+        auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(limit).count();
+        pollfd sources[] = {{signals_, POLLIN, 0}, {handoffs_, POLLIN, 0}};
+        ::poll(sources, 2, static_cast<int>(std::max<long>(milliseconds, 0)));
+        signalfd_siginfo signal{};
+        if (::read(signals_, &signal, sizeof signal) == sizeof signal) {
+            return signal.ssi_signo == SIGHUP ? Wakeup::kReload : Wakeup::kEnd;
+        }
+        char events[4096];
+        bool any = false;
+        while (handoffs_ >= 0 && ::read(handoffs_, events, sizeof events) > 0) any = true;
+        return any ? Wakeup::kNewServer : Wakeup::kTime;
     }
 
   private:
-    sigset_t set_;
+    int signals_;
+    int handoffs_;
 };
 
 // Waits for the time of the next round. False: it is time to end.
-bool waitUntil(Clock::time_point next, const Signals& signals, Collector& collector) {
+bool waitUntil(Clock::time_point next, Wakeups& wakeups, Collector& collector) {
     // The manager hears of us more often than an unusually long interval would
     // let it.
-    constexpr std::chrono::nanoseconds kSlice = std::chrono::seconds(10);
+    constexpr Clock::duration kSlice = std::chrono::seconds(10);
     for (;;) {
-        int signal = signals.wait(std::min<std::chrono::nanoseconds>(next - Clock::now(), kSlice));
-        if (signal == SIGINT || signal == SIGTERM) return false;
-        if (signal == SIGHUP) collector.reload();
+        Wakeup wakeup = wakeups.wait(std::min(next - Clock::now(), kSlice));
         tellServiceManager("WATCHDOG=1");
-        if (signal == 0 && Clock::now() >= next) return true;
+        if (wakeup == Wakeup::kEnd) return false;
+        if (wakeup == Wakeup::kReload) collector.reload();
+        if (wakeup == Wakeup::kNewServer) return true;
+        if (Clock::now() >= next) return true;
     }
 }
 
@@ -59,8 +93,9 @@ bool waitUntil(Clock::time_point next, const Signals& signals, Collector& collec
 
 int serveCommand(const ServeOptions& options) {
     ListenAddress address = parseListenAddress(options.listen);
-    Signals signals;
+    Wakeups wakeups;
     Collector collector({options.configFile, options.stateDirectory, options.interval});
+    wakeups.watchHandoffs();
     // The first scrape is to find what the kept totals and the segments say
     // together, not less than an earlier collector has shown.
     collector.round();
@@ -76,9 +111,10 @@ int serveCommand(const ServeOptions& options) {
         std::chrono::duration<double>(options.interval));
     // At fixed times, so that a long round does not move all later ones.
     auto next = Clock::now() + interval;
-    while (waitUntil(next, signals, collector)) {
+    while (waitUntil(next, wakeups, collector)) {
         collector.round();
-        next = std::max(next + interval, Clock::now());
+        // A round that a new server brought about comes on top of the others.
+        if (Clock::now() >= next) next = std::max(next + interval, Clock::now());
     }
     tellServiceManager("STOPPING=1");
     collector.round();

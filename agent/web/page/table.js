@@ -97,10 +97,18 @@ function setText(node, text) {
   if (node.textContent !== text) node.textContent = text;
 }
 
+// A name with places where it may be broken.
+function breakable(name) {
+  const line = element('span');
+  for (const part of name.split(/(?<=[./_])/)) line.append(part, document.createElement('wbr'));
+  return line;
+}
+
 class Row {
-  constructor(level) {
-    this.tr = element('tr', level);
+  constructor(row) {
+    this.tr = element('tr', row.level);
     this.cells = kColumns.map((column) => this.makeCell(column));
+    this.cells[0].cell.prepend(breakable(row.name));
   }
 
   makeCell(column) {
@@ -109,8 +117,7 @@ class Row {
     if (column.id === 'name') cell.scope = 'row';
     this.tr.append(cell);
     if (column.id === 'name') {
-      return {cell, text: cell.appendChild(element('span')),
-              below: cell.appendChild(element('small'))};
+      return {cell, below: cell.appendChild(element('small'))};
     }
     if (!column.spark) return {cell, text: cell};
     const figure = cell.appendChild(element('div', 'figure'));
@@ -124,7 +131,6 @@ class Row {
     kColumns.forEach((column, i) => {
       const {cell, text, below, spark} = this.cells[i];
       if (column.id === 'name') {
-        setText(text, row.name);
         setText(below, `${format.shortCount(row.counts.requests)} req, ` +
           format.bytes(row.counts.bytes_sent));
         return;
@@ -205,7 +211,7 @@ export class Table {
     const before = this.rows;
     this.rows = new Map();
     for (const row of shown) {
-      const line = before.get(row.key) ?? new Row(row.level);
+      const line = before.get(row.key) ?? new Row(row);
       line.update(row, model);
       this.rows.set(row.key, line);
     }
