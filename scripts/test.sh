@@ -4,15 +4,21 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
-install_missing "${build_packages[@]}" "${tool_packages[@]}" googletest apache2-bin procps
+install_missing "${build_packages[@]}" "${tool_packages[@]}" googletest apache2-bin procps \
+  prometheus python3 chromium chromium-driver dpkg-dev lintian mandoc systemd
 
-# build PRESET [OPTION...]
+# build PRESET [-DVARIABLE=VALUE...] [--target TARGET]
 build() {
-  cmake --preset "$@" >/dev/null
-  cmake --build --preset "$1"
+  local preset=$1 configure=() build=()
+  shift
+  for argument in "$@"; do
+    if [[ $argument == -D* ]]; then configure+=("$argument"); else build+=("$argument"); fi
+  done
+  cmake --preset "$preset" "${configure[@]}" >/dev/null
+  cmake --build --preset "$preset" "${build[@]}"
 }
 
-build release
+build release --target tolvane
 build release32
 scripts/check_library.sh build/release/lib/libtolvane.so ELF64
 scripts/check_library.sh build/release32/lib/libtolvane.so ELF32

@@ -47,6 +47,9 @@ lrwxrwxrwx root/root /usr/lib/tolvane/lib64 ->lib/x86_64-linux-gnu
 -rw-r--r-- root/root /usr/share/man/man1/tolvane.1.gz
 -rw-r--r-- root/root /usr/share/man/man5/tolvane-sites.5.gz
 -rw-r--r-- root/root /usr/share/man/man7/libtolvane.7.gz
+-rw-r--r-- root/root /usr/share/tolvane/monitoring/grafana-dashboard.json
+-rw-r--r-- root/root /usr/share/tolvane/monitoring/tolvane.alerts.yml
+-rw-r--r-- root/root /usr/share/tolvane/monitoring/tolvane.rules.yml
 LIST
 check "libraries fit for both word sizes" eval '
   "$source/scripts/check_library.sh" "$work"/content/usr/lib/tolvane/lib64/libtolvane.so ELF64 &&

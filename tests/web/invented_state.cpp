@@ -1,7 +1,7 @@
 #include "web/invented_state.h"
 
+#include <algorithm>
 #include <cmath>
-#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -11,59 +11,36 @@ using namespace tolvane::agent;
 
 namespace {
 
-// Traffic that rises and falls, some of it in error, around so many requests
-// per step.
-void invent(History& history, double requests, int seed, std::time_t now) {
-    for (int step = kHistoryPoints; step > 0; --step) {
-        double wave =
-            1 + 0.4 * std::sin((step + seed * 7) / 9.0) + 0.1 * std::sin((step * 13 + seed) * 1.7);
+// Traffic that rises and falls, with an error now and then.
+History invent(std::uint64_t requests, int seed, std::time_t now) {
+    History history;
+    for (int step = kHistoryPoints; requests > 0 && step > 0; --step) {
+        double wave = 1 + 0.4 * std::sin((step + seed * 7) / 9.0) + 0.1 * std::sin(step * 22);
         HistoryPoint point;
-        point.requests = static_cast<std::uint32_t>(requests * wave);
-        if ((step * 31 + seed * 17) % 23 < 2) point.errors = point.requests / 20 + 1;
-        if (point.errors > point.requests) point.errors = point.requests;
+        point.requests = static_cast<std::uint32_t>(static_cast<double>(requests) / 5000 * wave);
+        if ((step + seed) % 23 < 2) point.errors = std::min(point.requests, 5U);
         point.answered = point.requests - point.errors;
-        point.responseSeconds =
-            static_cast<float>(point.answered * 0.008 * (1 + seed % 5) * (2 - wave * 0.6));
+        point.responseSeconds = static_cast<float>(point.answered * 0.008 * (2 - wave * 0.6));
         history.add(now - step * kHistoryStep, point);
     }
+    return history;
 }
 
-CategoryTally category(const std::string& label, std::uint64_t requests, int seed,
-                       std::time_t now) {
-    CategoryTally tally;
-    tally.label = label;
-    tally.configured = true;
-    tally.counts = {requests, requests * 5120, requests / 100, requests / 1000, 0};
-    tally.answered = requests - requests / 100 - requests / 1000;
-    tally.counts.responseTimeSum = static_cast<double>(tally.answered) * 0.008 * (1 + seed % 5);
-    if (requests > 0) invent(tally.history, static_cast<double>(requests) / 5000, seed, now);
-    return tally;
+TrafficCounts traffic(std::uint64_t n) {
+    std::uint64_t errors = n / 100;
+    std::uint64_t client = n / 125;
+    return {n / 3, n, n * 5120, n * 410, errors, n / 1000, n / 20, client, errors - client};
 }
 
-TrafficCounts traffic(std::uint64_t requests) {
-    TrafficCounts counts;
-    counts.connections = requests / 3;
-    counts.requests = requests;
-    counts.bytesSent = requests * 5120;
-    counts.bytesReceived = requests * 410;
-    counts.errors = requests / 100;
-    counts.clientErrors = requests / 125;
-    counts.serverErrors = requests / 100 - requests / 125;
-    counts.redirects = requests / 20;
-    counts.dropped = requests / 1000;
-    return counts;
-}
-
-SiteTally site(const std::string& name, const std::vector<std::string>& labels,
-               std::uint64_t requests, int seed, std::time_t now) {
-    SiteTally tally;
-    tally.name = name;
-    tally.configured = true;
-    tally.counts = traffic(requests);
-    if (requests > 0) invent(tally.history, static_cast<double>(requests) / 5000, seed, now);
-    for (std::size_t i = 0; i < labels.size(); ++i) {
-        tally.categories.push_back(
-            category(labels[i], requests / (i + 2), seed + static_cast<int>(i), now));
+SiteTally site(const std::string& name, const std::vector<std::string>& labels, std::uint64_t n,
+               int seed, std::time_t now) {
+    SiteTally tally{name, traffic(n), {}, invent(n, seed, now), true};
+    for (const std::string& label : labels) {
+        n = n * 2 / 3;
+        std::uint64_t answered = n - n / 100 - n / 1000;
+        CategoryCounts counts{n, n * 5120, n / 100, n / 1000,
+                              static_cast<double>(answered) * 0.016};
+        tally.categories.push_back({label, counts, answered, invent(n, ++seed, now), true});
     }
     return tally;
 }
@@ -75,9 +52,9 @@ ServerTally server(const std::string& name, std::vector<SiteTally> sites, std::u
     tally.type = "APACHE";
     tally.total = traffic(requests);
     tally.sites = std::move(sites);
-    if (requests > 0) invent(tally.history, static_cast<double>(requests) / 5000, 3, now);
-    tally.runs.push_back(
-        {WatchState::kLive, "12 processes attached", 98305, 811, 812, now - 90000, 16, 3, 12});
+    tally.history = invent(requests, 3, now);
+    tally.runs = {
+        {WatchState::kLive, "12 processes attached", 98305, 811, 812, now - 90000, 16, 3, 12}};
     tally.takings = 100;
     tally.lastTaking = now;
     return tally;
@@ -122,13 +99,13 @@ void addStates(CollectorState& state, std::time_t now) {
 
 CollectorState fullState(int servers, std::time_t now) {
     CollectorState state;
+    std::vector<std::string> labels;
+    for (int c = 0; c < kMaxCategories; ++c) {
+        labels.push_back("category-" + std::to_string(c) + "/of/the/site");
+    }
     for (int i = 0; i < servers; ++i) {
         std::vector<SiteTally> sites;
         for (int s = 0; s < kMaxSites; ++s) {
-            std::vector<std::string> labels;
-            for (int c = 0; c < kMaxCategories; ++c) {
-                labels.push_back("category-" + std::to_string(c) + "/of/the/site");
-            }
             sites.push_back(site("www." + std::to_string(s) + ".shop.example.com", labels,
                                  1234567U * static_cast<unsigned>(s + 1), s * 3 + i, now));
         }
@@ -138,20 +115,13 @@ CollectorState fullState(int servers, std::time_t now) {
     state.health.interval = 1;
     state.health.rounds = 100;
     state.health.lastRound = now;
-    state.health.roundSeconds = 1.25;
-    state.health.lockSeconds = 0.1;
     return state;
 }
 
 CollectorState inventedState(const std::string& scenario, std::time_t now) {
     CollectorState state = fullState(scenario == "many" ? 4 : 0, now);
-    if (scenario == "shop") {
-        addShop(state, now);
-    } else if (scenario == "states") {
-        addStates(state, now);
-    } else if (scenario != "empty" && scenario != "many") {
-        throw std::invalid_argument("no scenario " + scenario);
-    }
+    if (scenario == "shop") addShop(state, now);
+    if (scenario == "states") addStates(state, now);
     return state;
 }
 

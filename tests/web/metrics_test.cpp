@@ -73,23 +73,17 @@ TEST(Metrics, SayWhatWasCounted) {
 }
 
 TEST(Metrics, NamesAreEscapedAndValid) {
-    struct Case {
-        std::string name;
-        std::string shown;
-    };
-    const Case cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"a\"b\\c", "a\\\"b\\\\c"},
-        {"two\nlines\t", "two?lines?"},
-        {"caf\xc3\xa9 \xff", "caf\xc3\xa9 ?"},
+        {"two\nlines caf\xc3\xa9 \xff", "two?lines caf\xc3\xa9 ?"},
         {"overlong \xe0\x80\x80", "overlong \xef\xbf\xbd"},
         {"surrogate \xed\xa0\x80", "surrogate \xef\xbf\xbd"},
         {"}{} 1", "}{} 1"},
         {"", ""},
     };
-    for (const Case& c : cases) {
-        std::string text = textOf(named(c.name, c.name, c.name));
-        std::string start = "\ntolvane_category_requests_total{server=\"" + c.shown;
-        EXPECT_NE(text.find(start), std::string::npos) << c.name;
+    for (const auto& [name, shown] : cases) {
+        std::string start = "\ntolvane_category_requests_total{server=\"" + shown + "\"";
+        EXPECT_NE(textOf(named(name, name, name)).find(start), std::string::npos) << name;
     }
 }
 
@@ -107,42 +101,34 @@ std::string promtoolOn(const std::string& text) {
 
 // Names that become the same when they are cleaned.
 CollectorState twins() {
-    CollectorState state = named("*:80", "shop.example", "cart");
-    for (const char* server : {"*:\x01", "*:\x02"}) {
-        CollectorState one = named(server, "shop.example", "cart");
-        state.servers.merge(one.servers);
-        std::vector<SiteTally>& sites = state.servers[server].sites;
-        for (const char* name : {"\xe0\x80\x80", "\xed\xa0\x80"}) {
-            SiteTally site;
-            site.name = name;
-            site.configured = true;
-            for (const char* label : {"\x01", "\x02"}) {
-                site.categories.emplace_back().label = label;
-                site.categories.back().configured = true;
-            }
-            sites.push_back(std::move(site));
+    CollectorState state = named("*:\x01", "shop.example", "cart");
+    state.servers.merge(named("*:\x02", "shop.example", "cart").servers);
+    std::vector<SiteTally>& sites = state.servers["*:\x01"].sites;
+    for (const char* name : {"\xe0\x80\x80", "\xed\xa0\x80"}) {
+        SiteTally& site = sites.emplace_back();
+        site.name = name;
+        site.configured = true;
+        for (const char* label : {"\x01", "\x02"}) {
+            site.categories.push_back({label, {}, 0, {}, true});
         }
     }
     return state;
 }
 
 TEST(Metrics, EverySeriesComesOnceAndInItsFamily) {
-    for (const CollectorState& state : {twins(), test::inventedState("states", kNow)}) {
-        std::set<std::string> series;
-        std::set<std::string> families;
-        std::string family;
-        std::istringstream lines(textOf(state));
-        for (std::string line; std::getline(lines, line);) {
-            if (line.starts_with("# HELP ")) {
-                family = splitWords(line)[2];
-                EXPECT_TRUE(families.insert(family).second) << line;
-            } else if (line[0] != '#') {
-                EXPECT_TRUE(series.insert(line.substr(0, line.rfind(' '))).second) << line;
-                EXPECT_TRUE(line.starts_with(family)) << line << " in " << family;
-            }
+    std::set<std::string> known;
+    std::string family;
+    std::istringstream lines(textOf(twins()));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("# HELP ")) {
+            family = splitWords(line)[2];
+        } else if (line[0] != '#') {
+            EXPECT_TRUE(line.starts_with(family)) << line << " in " << family;
         }
-        EXPECT_GT(series.size(), 100U);
+        std::string key = line.substr(0, line.rfind(' '));
+        EXPECT_TRUE(line[0] == '#' || known.insert(key).second) << line;
     }
+    EXPECT_GT(known.size(), 100U);
 }
 
 TEST(Metrics, PromtoolHasNoComplaint) {

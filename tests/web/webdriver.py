@@ -1,6 +1,5 @@
 """A headless Chromium, driven through chromedriver's WebDriver protocol."""
 
-import base64
 import json
 import re
 import shutil
@@ -98,10 +97,6 @@ class Browser:
     def complaints(self):
         """What the page wrote to the browser's console."""
         return [entry["message"] for entry in self._send("POST", "/se/log", {"type": "browser"})]
-
-    def screenshot(self, path):
-        with open(path, "wb") as file:
-            file.write(base64.b64decode(self._send("GET", "/screenshot")))
 
     def wait(self, script, *arguments, seconds=15):
         """Until the script returns something true, which is returned."""
