@@ -161,9 +161,14 @@ std::size_t sequenceLength(std::string_view text) {
     for (std::size_t i = 1; i < length; ++i) {
         if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) return 0;
     }
+    auto second = static_cast<unsigned char>(text[1]);
+    // Longer forms of what has a shorter one, surrogates, and what lies beyond
+    // the last character.
+    bool overlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
+    bool none = (first == 0xED && second >= 0xA0) || (first == 0xF4 && second >= 0x90);
     // U+0080 to U+009F are control characters that some terminals obey.
-    if (first == 0xC2 && static_cast<unsigned char>(text[1]) < 0xA0) return 0;
-    return length;
+    bool control = first == 0xC2 && second < 0xA0;
+    return overlong || none || control ? 0 : length;
 }
 
 // Of a sequence that sequenceLength accepts.

@@ -14,9 +14,8 @@ namespace tolvane::agent {
 
 namespace {
 
-// Written without a document in between, which would take a hundred times the
-// memory of the text and hold up the collector.
-
+// Written without a document in between, which would take several times as long
+// while the collector waits.
 std::string quoted(const std::string& name) {
     return nlohmann::json(name).dump();
 }

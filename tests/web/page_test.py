@@ -79,7 +79,7 @@ class Page(unittest.TestCase):
         self.assertEqual(rows["shop.example"] | {"rate": "", "sent_rate": ""}, {
             "level": "site", "name": "shop.example", "rate": "", "sent_rate": "",
             "errors": rows["shop.example"]["errors"], "mean": rows["shop.example"]["mean"],
-            "requests": "1,234,567", "share": "1.0 %", "response": "22.2 ms", "client": "9,876",
+            "requests": "1,234,567", "share": "1.0 %", "response": "16.0 ms", "client": "9,876",
             "server": "2,469", "redirects": "61,728", "dropped": "1,234",
             "connections": "411,522", "sent": "6.3 GB", "received": "506 MB"})
         self.assertRegex(rows["shop.example"]["errors"], r"^0\.[1-9] %$")
