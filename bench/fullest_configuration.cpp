@@ -1,5 +1,6 @@
 #include "fullest_configuration.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -23,9 +24,24 @@ void fillSection(UrlSection& section, int s, int c, int k) {
     }
 }
 
-}  // namespace
+constexpr const char* kAreas[kMaxCategories] = {
+    "catalogue", "cart", "checkout", "account", "search", "api",   "images", "static",
+    "news",      "help", "download", "admin",   "forum",  "video", "feed"};
 
-void fullestConfiguration(ConfigInfo& config) {
+// The pattern in the usual form, in which an asterisk stands for any text.
+void addPattern(CategoryConfig& category, const std::string& pattern) {
+    UrlSection& section = category.sections[category.numSections++];
+    section.leadingWildcard = pattern.front() == '*';
+    section.trailingWildcard = pattern.back() == '*';
+    std::size_t at = 0;
+    while (at < pattern.size()) {
+        const std::size_t end = std::min(pattern.find('*', at), pattern.size());
+        if (end > at) addPiece(section, pattern.substr(at, end - at).c_str());
+        at = end + 1;
+    }
+}
+
+void fillNames(ConfigInfo& config) {
     config.numSites = kMaxSites;
     for (int s = 0; s < kMaxSites; ++s) {
         std::snprintf(config.siteName[s], kNameSize, "site%d.example.com", s);
@@ -33,6 +49,14 @@ void fullestConfiguration(ConfigInfo& config) {
         for (int h = 0; h < kMaxExtraHosts; ++h) {
             std::snprintf(config.hostName[s][h], kNameSize, "host%d.of-site%d.example.com", h, s);
         }
+    }
+}
+
+}  // namespace
+
+void fullestConfiguration(ConfigInfo& config) {
+    fillNames(config);
+    for (int s = 0; s < kMaxSites; ++s) {
         config.numCategories[s] = kMaxCategories;
         for (int c = 0; c < kMaxCategories; ++c) {
             config.categories[s][c].numSections = kMaxSections;
@@ -41,6 +65,39 @@ void fullestConfiguration(ConfigInfo& config) {
             }
         }
     }
+}
+
+void usualConfiguration(ConfigInfo& config) {
+    fillNames(config);
+    for (int s = 0; s < kMaxSites; ++s) {
+        config.numCategories[s] = kMaxCategories;
+        for (int c = 0; c < kMaxCategories; ++c) {
+            const std::string area = kAreas[c];
+            for (const std::string& pattern :
+                 {"/" + area, "/" + area + "/*", "*/" + area + ".html", "*." + area + "*",
+                  "/*/" + area + "/*.html", "*?*" + area + "=*&page=*"}) {
+                addPattern(config.categories[s][c], pattern);
+            }
+        }
+    }
+}
+
+std::string repeated(const std::string& text, std::size_t length) {
+    std::string result;
+    while (result.size() < length) result += text;
+    result.resize(length);
+    return result;
+}
+
+std::string hostileUrl(std::size_t length) {
+    std::string url = "/";
+    for (int c = 0; c < kMaxCategories; ++c) {
+        for (int k = 0; k < kMaxSections; ++k) {
+            url += {'9', static_cast<char>('a' + c), static_cast<char>('a' + k)};
+        }
+    }
+    for (int p = kMaxPieces - 1; p >= 0; --p) url += "/part" + std::to_string(p) + "-9";
+    return url + repeated("/part2-9", length - url.size());
 }
 
 void smallConfiguration(ConfigInfo& config) {

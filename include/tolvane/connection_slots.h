@@ -15,6 +15,9 @@
 #include "tolvane/segment_format.h"
 #include "tolvane/shim_tables.h"
 
+// The library reaches tables of its own without a detour.
+#pragma GCC visibility push(hidden)
+
 namespace tolvane {
 
 // The request in progress on one connection.
@@ -133,3 +136,5 @@ class SlotWork {
 };
 
 }  // namespace tolvane
+
+#pragma GCC visibility pop

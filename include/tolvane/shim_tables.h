@@ -11,6 +11,9 @@
 
 #include "tolvane/segment_format.h"
 
+// The library reaches tables of its own without a detour.
+#pragma GCC visibility push(hidden)
+
 namespace tolvane {
 
 // ---------------------------------------------------------------- the server
@@ -120,3 +123,5 @@ extern std::atomic<int> parentPid;  // the server's parent, kUnknownPid until le
 extern std::uint8_t processGeneration;
 
 }  // namespace tolvane
+
+#pragma GCC visibility pop

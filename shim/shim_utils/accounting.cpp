@@ -79,7 +79,7 @@ void addSentBytes(Slot slot, std::uint32_t n) {
 
 // The first data of a response: takes the time and, when the text begins with
 // a status line, counts the response.
-void startResponse(Connection connection, Bytes text) {
+void startResponse(const Connection& connection, Bytes text) {
     connection.descriptor.seenHttpResponseHdr.store(1, kRelaxed);
     if (!connection.plain() || text.data == nullptr || text.length == 0) return;
     connection.descriptor.owner.store(processGeneration, kRelaxed);
@@ -111,7 +111,7 @@ double responseTime(const RequestInfo& request) {
     return diffTime(request.startSec, request.startUsec, seconds, microseconds);
 }
 
-int startRequest(Connection connection, Bytes host, Bytes url, ConnectionKind kind) {
+int startRequest(const Connection& connection, Bytes host, Bytes url, ConnectionKind kind) {
     Slot slot = connection.slot;
     RequestInfo& request = slot.state.requestInfo;
     SlotWork work(slot.state);  // keeps the configuration from being replaced under us
@@ -136,7 +136,7 @@ int startRequest(Connection connection, Bytes host, Bytes url, ConnectionKind ki
     return s;
 }
 
-void countReceived(Connection connection, ssize_t n, Bytes text) {
+void countReceived(const Connection& connection, ssize_t n, Bytes text) {
     Slot slot = connection.slot;
     auto bytes = static_cast<std::uint32_t>(n);
     if (!connection.plain()) {
@@ -165,7 +165,7 @@ void countReceived(Connection connection, ssize_t n, Bytes text) {
     markDirty(slot.state);
 }
 
-void countSent(Connection connection, ssize_t n, Bytes text) {
+void countSent(const Connection& connection, ssize_t n, Bytes text) {
     DescriptorState& descriptor = connection.descriptor;
     bool begins = descriptor.seenHttpResponseHdr.load(kRelaxed) == 0;
     if (begins) {
@@ -233,7 +233,7 @@ void countClosed(int fd) {
     descriptor->typeOfSocket.store(kUntracked, kRelaxed);
 }
 
-void countReported(Connection connection, Bytes host, Bytes url) {
+void countReported(const Connection& connection, Bytes host, Bytes url) {
     DescriptorState& descriptor = connection.descriptor;
     Slot slot = connection.slot;
     descriptor.seenHttpResponseHdr.store(0, kRelaxed);

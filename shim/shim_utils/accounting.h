@@ -12,7 +12,8 @@
 
 namespace tolvane {
 
-// One tracked connection: its descriptor's flags and its slot.
+// One tracked connection: its descriptor's flags and its slot. Handed on by
+// reference: a copy of what has just been put together waits until it is written.
 struct Connection {
     DescriptorState& descriptor;
     Slot slot;
@@ -22,19 +23,19 @@ struct Connection {
 
 // Request start: matches the request to a site and categories and counts it there.
 // Returns the site's index, -1: none. The caller counts it in the totals.
-int startRequest(Connection connection, Bytes host, Bytes url, ConnectionKind kind);
+int startRequest(const Connection& connection, Bytes host, Bytes url, ConnectionKind kind);
 
 // A request on an SSL connection, as a caller outside the shim reports it: the
 // bytes received since the last one are credited to its site.
-void countReported(Connection connection, Bytes host, Bytes url);
+void countReported(const Connection& connection, Bytes host, Bytes url);
 
 // Received bytes: `n` > 0 bytes were read. `text` is what may be looked at of
 // them, null when nothing may.
-void countReceived(Connection connection, ssize_t n, Bytes text);
+void countReceived(const Connection& connection, ssize_t n, Bytes text);
 
 // Sent bytes: a write returned `n`, an error included. `text` is what may be
 // looked at of what was written, null when nothing may.
-void countSent(Connection connection, ssize_t n, Bytes text);
+void countSent(const Connection& connection, ssize_t n, Bytes text);
 
 // Response: counts the status and ends the request. `seconds` is the response
 // time, used only when the request matched a category.

@@ -63,13 +63,6 @@ void boundSite(ConfigInfo& config, int s, Report& report) {
     }
 }
 
-PreparedName prepareName(const char* name) {
-    std::size_t length = std::strlen(name);
-    std::size_t colon = positionOf(':', name, length);
-    return {nameHash(name, colon), static_cast<std::uint8_t>(length),
-            static_cast<std::uint8_t>(colon)};
-}
-
 }  // namespace
 
 void boundConfiguration(ConfigInfo& config, Text<512>& text) {
@@ -79,25 +72,8 @@ void boundConfiguration(ConfigInfo& config, Text<512>& text) {
 }
 
 void prepareConfiguration(Configuration& config) {
-    for (int s = 0; s < config.info.numSites; ++s) {
-        config.siteNames[s] = prepareName(config.info.siteName[s]);
-        for (int h = 0; h < config.info.numHosts[s]; ++h) {
-            config.hostNames[s][h] = prepareName(config.info.hostName[s][h]);
-        }
-        for (int c = 0; c < config.info.numCategories[s]; ++c) {
-            const CategoryConfig& category = config.info.categories[s][c];
-            for (int k = 0; k < category.numSections; ++k) {
-                const UrlSection& section = category.sections[k];
-                PairSet pairs = {};
-                for (int p = 0; p < section.numPieces; ++p) {
-                    std::size_t length = std::strlen(section.piece[p]);
-                    pairs.add(section.piece[p], length);
-                    config.pieceTextLength[s][c][k][p] = static_cast<std::uint8_t>(length);
-                }
-                config.sectionPairs[s][c][k] = pairs;
-            }
-        }
-    }
+    prepareNames(config.names, config.info);
+    buildPatternIndex(config.patterns, config.info);
 }
 
 }  // namespace tolvane

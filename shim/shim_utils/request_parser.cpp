@@ -10,8 +10,23 @@ const char* skipSpace(const char* p, const char* end) {
     return p;
 }
 
+// Skips what is neither a blank nor one of the control characters below it.
+const char* skipVisible(const char* p, const char* end) {
+    // Several bytes at a time. Borrows only run upwards, so no byte that ends it
+    // is missed; which one it is the second loop finds out.
+    using Word = std::size_t;
+    constexpr Word kEach = ~Word{0} / 255;
+    for (Word word; static_cast<std::size_t>(end - p) >= sizeof word; p += sizeof word) {
+        std::memcpy(&word, p, sizeof word);
+        if (((word - kEach * (' ' + 1)) & ~word & kEach * 0x80) != 0) break;
+    }
+    while (p != end && static_cast<unsigned char>(*p) > ' ') ++p;
+    return p;
+}
+
 const char* skipWord(const char* p, const char* end) {
-    while (p != end && !isSpace(*p)) ++p;
+    p = skipVisible(p, end);
+    while (p != end && !isSpace(*p)) p = skipVisible(p + 1, end);
     return p;
 }
 
@@ -66,8 +81,10 @@ int methodLength(const char* p, const char* end) {
     }
 }
 
-bool endsHostValue(char c) {
-    return isSpace(c) || static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+// The Host value that begins at `p`: it ends at a blank or control character.
+Bytes hostValue(const char* p, const char* end) {
+    auto length = static_cast<std::size_t>(skipVisible(p, end) - p);
+    return {p, positionOf('\x7f', p, length)};
 }
 
 constexpr char kHost[] = "Host:";
@@ -91,9 +108,7 @@ RequestFields parseHttpHeader(Bytes received) {
     forEachHeader(lineEnd(urlEnd, end), end, [&](const char* line) {
         if (!startsWith(line, end, kHost, sizeof kHost - 1)) return line;
         const char* value = skipSpace(line + sizeof kHost - 1, end);
-        const char* valueEnd = value;
-        while (valueEnd != end && !endsHostValue(*valueEnd)) ++valueEnd;
-        if (value != end) fields.host = {value, static_cast<std::size_t>(valueEnd - value)};
+        if (value != end) fields.host = hostValue(value, end);
         return static_cast<const char*>(nullptr);
     });
     return fields;

@@ -8,6 +8,7 @@ namespace {
 // Compares like the C library's bounded comparison without case: a NUL in
 // both texts ends it early.
 bool equalLetters(const char* a, const char* b, std::size_t length) {
+    if (std::memcmp(a, b, length) == 0) return true;
     for (std::size_t i = 0; i < length; ++i) {
         if (lowerCase(a[i]) != lowerCase(b[i])) return false;
         if (a[i] == '\0') return true;
@@ -19,7 +20,7 @@ Bytes defaultPort(ConnectionKind kind) {
     return kind == kPlainRequest ? Bytes{":80", 3} : Bytes{":443", 4};
 }
 
-// A Host value taken apart once for all names that it is compared with.
+// A Host value, taken apart once for all names that it is compared with.
 struct HostValue {
     Bytes text;
     std::size_t colon;  // position of its first colon, its length when it has none
@@ -27,13 +28,8 @@ struct HostValue {
     Bytes standardPort;
 };
 
-HostValue takeApart(Bytes host, ConnectionKind kind) {
-    std::size_t colon = positionOf(':', host.data, host.length);
-    return {host, colon, nameHash(host.data, colon), defaultPort(kind)};
-}
-
 // A host without a port means the default one.
-bool matchWithoutPort(const HostValue& host, const char* name, PreparedName prepared) {
+bool matchWithoutPort(const HostValue& host, const char* name, const SiteNames::Name& prepared) {
     Bytes port = host.standardPort;
     std::size_t length = host.text.length;
     return prepared.length == length + port.length &&
@@ -42,7 +38,7 @@ bool matchWithoutPort(const HostValue& host, const char* name, PreparedName prep
 }
 
 // The host's port part need only be a beginning of the name's.
-bool matchWithPort(const HostValue& host, const char* name, PreparedName prepared) {
+bool matchWithPort(const HostValue& host, const char* name, const SiteNames::Name& prepared) {
     std::size_t colon = host.colon;
     if (prepared.colon != colon || !equalLetters(host.text.data, name, colon)) return false;
     bool own = prepared.colon < prepared.length;
@@ -52,8 +48,8 @@ bool matchWithPort(const HostValue& host, const char* name, PreparedName prepare
 }
 
 // Whether the Host value and the configured name mean the same site.
-bool doesHostSiteMatch(const HostValue& host, const char* name, PreparedName prepared) {
-    if (prepared.hash != host.hash || prepared.length == 0) return false;
+bool doesHostSiteMatch(const HostValue& host, const char* name, const SiteNames::Name& prepared) {
+    if (prepared.hash != host.hash) return false;
     Bytes text = host.text;
     if (prepared.length == text.length && equalLetters(text.data, name, text.length)) return true;
     return host.colon == text.length ? matchWithoutPort(host, name, prepared)
@@ -64,12 +60,14 @@ bool doesHostSiteMatch(const HostValue& host, const char* name, PreparedName pre
 
 int getMatchWebSite(const Configuration& config, Bytes text, ConnectionKind kind) {
     if (text.data == nullptr || text.length == 0) return -1;
-    HostValue host = takeApart(text, kind);
-    const ConfigInfo& info = config.info;
-    for (int s = 0; s < info.numSites; ++s) {
-        if (doesHostSiteMatch(host, info.siteName[s], config.siteNames[s])) return s;
-        for (int h = 0; h < info.numHosts[s]; ++h) {
-            if (doesHostSiteMatch(host, info.hostName[s][h], config.hostNames[s][h])) return s;
+    std::size_t colon = positionOf(':', text.data, text.length);
+    if (colon >= kNameSize) return -1;  // longer than any name
+    HostValue host = {text, colon, nameHash(text.data, colon), defaultPort(kind)};
+    const SiteNames& names = config.names;
+    for (int n = names.first[SiteNames::bucket(host.hash)] - 1; n >= 0;
+         n = names.names[n].next - 1) {
+        if (doesHostSiteMatch(host, nameText(config.info, n), names.names[n])) {
+            return n / SiteNames::kNamesPerSite;
         }
     }
     return -1;

@@ -11,9 +11,4 @@ namespace tolvane {
 // ascending order. The site exists.
 void matchCategory(const Configuration& config, Bytes url, RequestInfo& request);
 
-// Whether `url` matches the pattern. `textLength` holds the string length of
-// each piece; `section.pieceLength` is what the agent says it is, and what
-// decides where a piece ends.
-bool matchSection(Bytes url, const UrlSection& section, const std::uint8_t* textLength);
-
 }  // namespace tolvane

@@ -46,14 +46,17 @@ TEST(SiteMatch, TakesTheFirstSiteWithSuchAName) {
     EXPECT_EQ(getMatchWebSite(*config, {}, kPlainRequest), -1);
 
     config->info.numHosts[2] = 2;  // names beyond the count are not there
+    prepareConfiguration(*config);
     EXPECT_EQ(siteOf(*config, "d.test"), 3);
     config->info.numSites = 0;
+    prepareConfiguration(*config);
     EXPECT_EQ(siteOf(*config, "a.test"), -1);
 }
 
-std::vector<int> categoriesOf(const Configuration& config, std::string_view url) {
+std::vector<int> categoriesOf(const Configuration& config, std::string_view url, int site = 0) {
     const GuardedText text(url);
     RequestInfo request = {};
+    request.siteIndex = site;
     request.numMatched = 7;
     matchCategory(config, text.bytes(), request);
     return {request.matched, request.matched + request.numMatched};
@@ -147,46 +150,93 @@ TEST(SiteMatch, AgreesWithThePlainMatcher) {
     EXPECT_LT(matches, 18'000);
 }
 
-UrlSection randomSection(Dice& dice) {
+UrlSection randomSection(Dice& dice, std::string_view letters) {
     UrlSection section = {};
     section.numPieces = dice.below(8) == 0 ? dice.below(kMaxPieces + 1) : 1 + dice.below(2);
     section.leadingWildcard = dice.below(2) ? dice.below(3) - 1 : 0;
     section.trailingWildcard = dice.below(2);
+    const int oddities = dice.below(2) ? 4 : 1000;
     for (int i = 0; i < section.numPieces; ++i) {
-        const std::string piece = dice.text("abB", dice.below(4) == 0 ? 0 : 1, 3);
+        const std::string piece = dice.text(letters, dice.below(oddities) == 0 ? 0 : 1, 3);
         std::memcpy(section.piece[i], piece.data(), piece.size());
         section.pieceLength[i] =
-            dice.below(4) == 0 ? dice.below(5) : static_cast<int>(piece.size());
+            dice.below(oddities) == 0 ? dice.below(5) : static_cast<int>(piece.size());
     }
     return section;
 }
 
+std::vector<int> plainCategories(const ConfigInfo& config, const std::string& url, int site) {
+    std::vector<int> categories;
+    for (int c = 0; c < config.numCategories[site]; ++c) {
+        const CategoryConfig& category = config.categories[site][c];
+        bool matched = false;
+        for (int k = 0; k < category.numSections && !matched; ++k) {
+            matched = plainSectionMatch(url, category.sections[k]);
+        }
+        if (matched) categories.push_back(c);
+    }
+    return categories;
+}
+
 TEST(UrlCategories, AgreesWithThePlainMatcher) {
     Dice dice;
-    auto config = prepared({{"a.test", std::vector<std::string>(kMaxCategories, "x")}});
+    const Site site = {"a.test", std::vector<std::string>(kMaxCategories, "x")};
+    auto config = prepared({site, site});
     std::size_t matches = 0;
     for (int i = 0; i < 3000; ++i) {
-        for (CategoryConfig& category : config->info.categories[0]) {
-            category.numSections = 1 + dice.below(8) / 7;
-            for (int k = 0; k < category.numSections; ++k)
-                category.sections[k] = randomSection(dice);
+        const std::string_view letters = i % 4 == 0 ? "abcdefghijkl" : "abB";
+        for (auto* categories : {config->info.categories[0], config->info.categories[1]}) {
+            for (int c = 0; c < kMaxCategories; ++c) {
+                categories[c].numSections = 1 + dice.below(8) / 7;
+                for (int k = 0; k < categories[c].numSections; ++k)
+                    categories[c].sections[k] = randomSection(dice, letters);
+            }
         }
         prepareConfiguration(*config);
-        const std::string url = dice.text("abB", 1, 8);
-        std::vector<int> expected;
-        for (int c = 0; c < kMaxCategories; ++c) {
-            const CategoryConfig& category = config->info.categories[0][c];
-            bool matched = false;
-            for (int k = 0; k < category.numSections && !matched; ++k) {
-                matched = plainSectionMatch(url, category.sections[k]);
-            }
-            if (matched) expected.push_back(c);
+        const std::string url = dice.text(letters, 1, i % 2 == 0 ? 8 : 30);
+        for (int s : {0, 1}) {
+            const std::vector<int> expected = plainCategories(config->info, url, s);
+            matches += expected.size();
+            ASSERT_EQ(categoriesOf(*config, url, s), expected) << url << ", configuration " << i;
         }
-        matches += expected.size();
-        ASSERT_EQ(categoriesOf(*config, url), expected) << url << ", configuration " << i;
     }
-    EXPECT_GT(matches, 5000U);
-    EXPECT_LT(matches, 40'000U);
+    EXPECT_GT(matches, 10'000U);
+    EXPECT_LT(matches, 80'000U);
+}
+
+// More patterns than the index holds are matched all the same, those beyond it
+// one by one.
+TEST(UrlCategories, MatchesTheLargestConfiguration) {
+    Dice dice;
+    auto config = prepared({});
+    ConfigInfo& info = config->info;
+    info.numSites = kMaxSites;
+    for (int s = 0; s < kMaxSites; ++s) {
+        info.numCategories[s] = kMaxCategories;
+        for (CategoryConfig& category : info.categories[s]) {
+            category.numSections = kMaxSections;
+            for (UrlSection& section : category.sections) {
+                std::string text;
+                for (int p = 0; p < kMaxPieces; ++p)
+                    text += dice.text("abcdefghijklmno", 7, 9) + "*";
+                section = pattern("*" + text);
+            }
+        }
+    }
+    prepareConfiguration(*config);
+    EXPECT_EQ(config->patterns.sites[kMaxSites - 1].root, 0);
+    EXPECT_GE(config->patterns.numRows, PatternIndex::kRows - kMaxSites);
+    EXPECT_LE(config->patterns.numRows, PatternIndex::kRows);
+    for (int s = 0; s < kMaxSites; ++s) {
+        for (int c = 0; c < kMaxCategories; ++c) {
+            const UrlSection& section = info.categories[s][c].sections[c % kMaxSections];
+            std::string url = "/";
+            for (const char* piece : section.piece) url += piece[0] + std::string(piece) + "-";
+            EXPECT_EQ(categoriesOf(*config, url, s), (std::vector<int>{c})) << url;
+            url.resize(url.size() - 2);
+            EXPECT_EQ(categoriesOf(*config, url, s), (std::vector<int>{})) << url;
+        }
+    }
 }
 
 }  // namespace

@@ -32,6 +32,9 @@ const Request kRequests[] = {
     {"CONNECT a.test:443 HTTP/1.1\r\nHost: b\r\n\r\n", "CONNECT", "b"},
     {"get /a HTTP/1.1\r\n", "get"},
     {"GET/a", "/a"},
+    // Only white space ends the URL.
+    {"GET /a\x01\x1f!\x7f\x80\xff 0123456789 HTTP/1.1\r\n", "/a\x01\x1f!\x7f\x80\xff"},
+    {"GET /0123456789abc\x02\x03/0123456789\vHTTP/1.1\r\n", "/0123456789abc\x02\x03/0123456789"},
     {"PU", "(none)"},
     {"OPTI", "(none)"},
     {"GET \r\n\r\n", "(none)"},
