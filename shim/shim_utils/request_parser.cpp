@@ -1,10 +1,5 @@
 #include "request_parser.h"
 
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
-
-#include <bit>
 #include <cstring>
 
 namespace tolvane {
@@ -35,23 +30,9 @@ const char* skipWord(const char* p, const char* end) {
     return p;
 }
 
-// The next line feed, or `end`. Lines are short: a call for each one would cost
-// more than the search.
+// The next line feed, or `end`.
 const char* lineEnd(const char* p, const char* end) {
-#ifdef __SSE2__
-    const __m128i lineFeeds = _mm_set1_epi8('\n');
-    for (; end - p >= 16; p += 16) {
-        __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-        auto found = static_cast<unsigned>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, lineFeeds)));
-        if (found != 0) return p + std::countr_zero(found);
-    }
-    while (p != end && *p != '\n') ++p;
-    return p;
-#else
-    const void* found =
-        p == end ? nullptr : std::memchr(p, '\n', static_cast<std::size_t>(end - p));
-    return found != nullptr ? static_cast<const char*>(found) : end;
-#endif
+    return p + positionOf('\n', p, static_cast<std::size_t>(end - p));
 }
 
 // Whether the header block ends at the line feed `p`: an empty line or a NUL follows.
