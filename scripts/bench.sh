@@ -3,14 +3,14 @@
 #
 # Installs what is missing on a Debian 12, builds, measures, prints the table and
 # leaves it in build/bench-table.txt. Sections: per-call, parsing, apache,
-# connections, publication; all of them take about a quarter of an hour, --quick
+# connections, publication, collector; all of them take about a quarter of an hour, --quick
 # a few minutes, which is enough to see that everything works and too little for
 # figures. docs/performance.md says what the rows mean. Leaves the machine as it
 # was, but for installed packages and build/. Needs root or sudo, and two cores.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 length=long
-all_sections=(per-call parsing apache connections publication)
+all_sections=(per-call parsing apache connections publication collector)
 sections=("${all_sections[@]}")
 arguments=("$@")
 usage() {

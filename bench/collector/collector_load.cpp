@@ -3,9 +3,8 @@
 //
 //   collector_load PROGRAM SEGMENTS RECORDS SECONDS SITES CATEGORIES
 //
-// Prints one line: processor time as a share of one core, resident memory, and
-// the slowest of ten scrapes. To be run in namespaces of its own
-// (bench/collector.sh).
+// Prints figures: processor time as a share of one core, memory of its own, and
+// what ten scrapes take. To be run in namespaces of its own.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -168,12 +167,15 @@ void measure(const char* program, int segments, int seconds, const Shape& shape)
     double elapsed = std::chrono::duration<double>(Clock::now() - began).count();
     double spent = processorSeconds(collector) - before;
     require(waitpid(collector, nullptr, WNOHANG) == 0 && bytes > 0, "the collector ended");
-    printf(
-        "%d segments of %d records, %d sites of %d categories: %.2f %% of a core taking counts, "
-        "%.1f ms of processor a scrape, slowest scrape %.1f ms for %zu kB, %.1f MB of memory\n",
-        segments, shape.records, shape.sites, shape.categories, 100 * (spent - scraping) / elapsed,
-        100 * scraping, slowest, bytes / 1000,
-        static_cast<double>(residentKilobytes(collector)) / 1024);
+    auto figure = [&](const char* unit, double value) {
+        printf("@Collector, %d servers of %d records|%d sites of %d categories|%s|%.2f|%.2f|%.2f\n",
+               segments, shape.records, shape.sites, shape.categories, unit, value, value, value);
+    };
+    figure("taking, % of a core", 100 * (spent - scraping) / elapsed);
+    figure("a scrape, CPU ms", 100 * scraping);
+    figure("slowest scrape, ms", slowest);
+    figure("kB a scrape", static_cast<double>(bytes) / 1000);
+    figure("MB of memory", static_cast<double>(residentKilobytes(collector)) / 1024);
     kill(collector, SIGTERM);
     waitpid(collector, nullptr, 0);
 }

@@ -9,9 +9,9 @@ work=$1
 length=$2
 shift 2
 if [ "$length" = quick ]; then
-  builds=(build/bench) starts=1 rounds=5 workers=(10) milliseconds=50
+  builds=(build/bench) seconds=5 starts=1 rounds=5 workers=(10) milliseconds=50
 else
-  builds=(build/bench build/bench32) starts=4 rounds=90 workers=(1 10 50 200) milliseconds=200
+  builds=(build/bench build/bench32) seconds=20 starts=4 rounds=90 workers=(1 10 50 200) milliseconds=200
 fi
 
 mount --make-rprivate /
@@ -68,6 +68,11 @@ for section in "$@"; do
         measure_publication "$count" 10 $milliseconds
         publication_figures "$count"
       done
+      ;;
+    collector)
+      say "Collector"
+      build/bench/bin/collector_load "$work/bin/tolvane" 50 16 $seconds 2 3
+      build/bench/bin/collector_load "$work/bin/tolvane" 50 16 $seconds 10 15
       ;;
   esac
 done
