@@ -40,8 +40,9 @@ pid_t Claims::claim(std::int32_t number) const {
     struct flock lock = byteOf(number, F_WRLCK);
     if (::fcntl(fd_, F_SETLK, &lock) == 0) return 0;
     lock = byteOf(number, F_WRLCK);
-    if (::fcntl(fd_, F_GETLK, &lock) != 0 || lock.l_pid <= 0) return -1;
-    return lock.l_type == F_UNLCK ? claim(number) : lock.l_pid;
+    // Who has let go meanwhile is not told any more.
+    bool held = ::fcntl(fd_, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK && lock.l_pid > 0;
+    return held ? lock.l_pid : -1;
 }
 
 void Claims::release(std::int32_t number) const {

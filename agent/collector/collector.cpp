@@ -51,11 +51,13 @@ class Collector::Impl {
     void learnNames(Watched& watched, NamesTaken taken);
     void configure(Watched& watched);
     void publishRuns();
-    void keep();
-    void write(TotalsStore::Rows rows, std::time_t now);
+    bool keep();
+    void forgetOld(std::time_t now);
+    void write(TotalsStore::Rows rows);
     void noteKept();
     void dropEnded();
 
+    const Clock::time_point began_ = Clock::now();
     std::string stateDirectory_;
     std::optional<Claims> directoryClaim_;
     std::optional<TotalsStore> store_;
@@ -76,7 +78,6 @@ Collector::Impl::Impl(const CollectorOptions& options)
       configurer_(options.configFile) {
     claimDirectory(stateDirectory_);
     store_.emplace(stateDirectory_);
-    store_->forgetOld(std::time(nullptr));
     store_->load(state_);
     finder_.emplace(*store_);
     state_.health.started = std::time(nullptr);
@@ -99,8 +100,8 @@ void Collector::Impl::forgetEndedRuns() {
         if (status.exists && status.created == key.created) continue;
         endedRuns_.push_back(key);
         logLine(
-            "process {}'s server has ended while no collector ran; what it counted after the "
-            "last taking is lost",
+            "process {}'s server has ended since its counts were kept last; what it counted after "
+            "that is lost",
             key.pid);
     }
 }
@@ -114,8 +115,7 @@ void Collector::Impl::round() {
         if (watched.state.state == WatchState::kLive) configure(watched);
     }
     publishRuns();
-    keep();
-    dropEnded();
+    if (keep()) dropEnded();
     std::lock_guard lock(mutex_);
     CollectorHealth& health = state_.health;
     ++health.rounds;
@@ -132,6 +132,7 @@ void Collector::Impl::takeFrom(Watched& watched) {
     // nobody was attached any more is then part of it.
     watched.state = watched.run.look(watched.ended);
     learnNames(watched, NamesTaken::kNew);
+    InHistory inHistory = watched.run.tookBefore() ? InHistory::kYes : InHistory::kNo;
     bool changed = watched.run.take(added, cost);
     std::time_t now = std::time(nullptr);
     {
@@ -144,7 +145,7 @@ void Collector::Impl::takeFrom(Watched& watched) {
         state_.health.lockSeconds += secondsOf(cost.locked);
         state_.health.longestLockSeconds =
             std::max(state_.health.longestLockSeconds, secondsOf(cost.longestLock));
-        if (changed) addCounts(tally, added, watched.run.names(), now);
+        if (changed) addCounts(tally, added, watched.run.names(), now, inHistory);
     }
     watched.unkept = watched.unkept || changed;
     learnNames(watched, NamesTaken::kAll);
@@ -153,7 +154,10 @@ void Collector::Impl::takeFrom(Watched& watched) {
 // When another configuration stands in the segment: which names its indices have.
 void Collector::Impl::learnNames(Watched& watched, NamesTaken taken) {
     std::int32_t version = watched.run.segment().version();
-    if (version <= 0 || version == watched.dealings.version) return;
+    if (version == watched.dealings.version) return;
+    // At its end the segment still has the configuration that the server worked
+    // with; before its first one, and while one is written, it has none.
+    if (version <= 0 && version != kVersionRemoved) return;
     ConfigCopy copy = copyConfiguration(watched.run.segment());
     if (!copy.steady) return;
     takeNames(watched.run.names(), *copy.info, taken);
@@ -162,7 +166,8 @@ void Collector::Impl::learnNames(Watched& watched, NamesTaken taken) {
     watched.unkept = true;
     keepEverything_ = true;
     std::lock_guard lock(mutex_);
-    markConfigured(state_.servers[watched.server], *copy.info);
+    if (version == kVersionRemoved) return;
+    markConfigured(state_.servers[watched.server], *copy.info, std::time(nullptr));
 }
 
 void Collector::Impl::configure(Watched& watched) {
@@ -185,6 +190,11 @@ void Collector::Impl::publishRuns() {
     std::lock_guard lock(mutex_);
     std::time_t now = std::time(nullptr);
     for (auto& [name, server] : state_.servers) server.runs.clear();
+    // Files from which nothing was ever taken leave nothing behind.
+    std::erase_if(state_.servers, [](const auto& entry) {
+        return entry.second.lastTaking == 0 && entry.second.total.connections == 0 &&
+               entry.second.sites.empty();
+    });
     auto add = [&](const std::string& name, const RunState& run) {
         ServerTally& server = state_.servers[name];
         server.name = name;
@@ -202,18 +212,20 @@ void Collector::Impl::publishRuns() {
 }
 
 // Writes down what this round has changed, in one transaction. The state's only
-// writer is this thread, so that it may be read here without the mutex.
-void Collector::Impl::keep() {
+// writer is this thread, so that it may be read here without the mutex. Returns
+// whether nothing is left to be written down.
+bool Collector::Impl::keep() {
     constexpr std::time_t kEverything = 3600;  // seconds; what is still seen must not age
     std::time_t now = std::time(nullptr);
     bool all = keepEverything_ || now - keptEverything_ >= kEverything;
     bool anyRun =
         std::any_of(finder_->watched().begin(), finder_->watched().end(),
                     [](const Watched& watched) { return watched.unkept || watched.ended; });
-    if (!all && !anyRun && endedRuns_.empty()) return;
+    if (!all && !anyRun && endedRuns_.empty()) return true;
     bool kept = false;
     try {
-        write(all ? TotalsStore::Rows::kAll : TotalsStore::Rows::kUnkept, now);
+        if (all) forgetOld(now);
+        write(all ? TotalsStore::Rows::kAll : TotalsStore::Rows::kUnkept);
         kept = true;
         noteKept();
         if (all) keptEverything_ = now;
@@ -227,12 +239,23 @@ void Collector::Impl::keep() {
     std::lock_guard lock(mutex_);
     state_.health.storeWorks = kept;
     state_.health.storeFailures += kept ? 0 : 1;
+    return kept;
 }
 
-void Collector::Impl::write(TotalsStore::Rows rows, std::time_t now) {
+// What was not seen for long. The clock is not asked in the first hour, in which
+// a machine may still find out what time it is.
+void Collector::Impl::forgetOld(std::time_t now) {
+    if (Clock::now() - began_ < std::chrono::hours(1)) return;
+    std::time_t oldest = now - kKeptFor;
+    std::lock_guard lock(mutex_);
+    std::erase_if(state_.servers, [&](const auto& entry) { return entry.second.seen < oldest; });
+    for (auto& [name, server] : state_.servers) forgetRows(server, oldest);
+}
+
+void Collector::Impl::write(TotalsStore::Rows rows) {
     store_->begin();
-    if (rows == TotalsStore::Rows::kAll) store_->forgetOld(now);
-    for (const auto& [name, server] : state_.servers) store_->keepServer(server, rows, now);
+    if (rows == TotalsStore::Rows::kAll) store_->forgetServers();
+    for (const auto& [name, server] : state_.servers) store_->keepServer(server, rows);
     for (const Watched& watched : finder_->watched()) {
         if (watched.ended) {
             store_->forgetRun(watched.run.key());
@@ -255,15 +278,13 @@ void Collector::Impl::noteKept() {
             for (CategoryTally& category : site.categories) category.unkept = false;
         }
     }
-    std::time_t oldest = std::time(nullptr) - kKeptFor;
-    std::erase_if(state_.servers, [&](const auto& entry) { return entry.second.seen < oldest; });
 }
 
 // Lets go of runs that are over, once their last counts are kept.
 void Collector::Impl::dropEnded() {
     std::list<Watched>& all = finder_->watched();
     for (auto watched = all.begin(); watched != all.end();) {
-        if (!watched->ended || watched->unkept) {
+        if (!watched->ended) {
             ++watched;
             continue;
         }

@@ -40,10 +40,12 @@ Configurer::FileMark Configurer::mark() const {
 
 void Configurer::look() {
     if (path_.empty()) return;
-    FileMark now = mark();
-    bool settled = now == seen_;
-    seen_ = now;
-    if (settled && now != taken_) load();
+    constexpr auto kSettled = 1s;
+    FileMark current = mark();
+    auto now = std::chrono::steady_clock::now();
+    if (current != seen_) seenSince_ = now;
+    seen_ = current;
+    if (current != taken_ && now - seenSince_ >= kSettled) load();
 }
 
 void Configurer::lookNow() {
@@ -54,7 +56,7 @@ void Configurer::lookNow() {
 
 void Configurer::load() {
     taken_ = seen_;
-    LoadedConfig config = loadConfig(path_, WithoutSites::kRefused);
+    LoadedConfig config = loadConfig(path_, WithoutSites::kRefused, PipeWriter::kIgnored);
     valid_ = config.complaints.empty();
     if (!valid_) {
         for (const std::string& complaint : config.complaints) logLine("{}", complaint);
@@ -82,7 +84,10 @@ bool Configurer::othersAreWriting(WatchedRun& run, ConfigDealings& dealings) con
     if (dealings.othersMarkSince == std::chrono::steady_clock::time_point{}) {
         dealings.othersMarkSince = now;
     }
-    return now - dealings.othersMarkSince < kPatience;
+    if (now - dealings.othersMarkSince < kPatience) return true;
+    logLine("{}: another agent began a configuration (version {}) and did not finish it",
+            run.handoff().path, version);
+    return false;
 }
 
 Configurer::Outcome Configurer::give(WatchedRun& run, ConfigDealings& dealings,

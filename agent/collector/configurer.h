@@ -27,7 +27,7 @@ class Configurer {
     explicit Configurer(std::string path);
 
     // Looks whether the file has changed. A change is taken once the file has
-    // been left alone from one look to the next, since it may be half written.
+    // been left alone for a second, since it may be half written.
     void look();
     // Does not wait for that.
     void lookNow();
@@ -52,6 +52,7 @@ class Configurer {
 
     std::string path_;
     FileMark seen_;
+    std::chrono::steady_clock::time_point seenSince_{};
     FileMark taken_;
     bool valid_ = true;
     std::time_t loaded_ = 0;

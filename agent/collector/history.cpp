@@ -7,7 +7,7 @@ namespace tolvane::agent {
 namespace {
 
 std::int64_t stepOf(std::time_t now) {
-    return static_cast<std::int64_t>(now) / kHistoryStep;
+    return std::max<std::int64_t>(now, 0) / kHistoryStep;
 }
 
 std::size_t placeOf(std::int64_t step) {
@@ -18,11 +18,12 @@ std::size_t placeOf(std::int64_t step) {
 
 void History::add(std::time_t now, const HistoryPoint& counts) {
     std::int64_t step = stepOf(now);
-    if (!ring_) {
+    // A clock that was set back starts it anew: what was counted until then would
+    // lie in the future.
+    if (!ring_ || step < newest_ - 1) {
         ring_ = std::make_unique<HistoryPoint[]>(kHistoryPoints);
         newest_ = step;
     }
-    // A clock that was set back counts into the newest step.
     for (std::int64_t empty = std::max(newest_ + 1, step - kHistoryPoints + 1); empty <= step;
          ++empty) {
         ring_[placeOf(empty)] = {};

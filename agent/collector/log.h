@@ -13,7 +13,9 @@ namespace tolvane::agent {
 template <typename... Args>
 void logLine(fmt::format_string<Args...> format, Args&&... args) {
     std::string line = fmt::format(format, std::forward<Args>(args)...);
-    fmt::print(stderr, "{}\n", line);
+    line += '\n';
+    // Nobody to hear it is no reason to end.
+    std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
 // A condition that lasts is told when it begins and when its text changes.

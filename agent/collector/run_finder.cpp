@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <set>
 
 #include "base/error.h"
 #include "base/text.h"
@@ -22,7 +23,8 @@ std::string serverName(const Handoff& handoff) {
 
 bool maybeHalfWritten(const Handoff& handoff) {
     constexpr std::time_t kWriting = 2;  // seconds
-    return std::time(nullptr) - handoff.written < kWriting;
+    std::time_t age = std::time(nullptr) - handoff.written;
+    return age >= 0 && age < kWriting;
 }
 
 }  // namespace
@@ -35,7 +37,13 @@ RunFinder::RunFinder(TotalsStore& store) : store_(store), claims_(kClaimsFile) {
 void RunFinder::look() {
     others_.clear();
     try {
-        for (const Handoff& handoff : readHandoffs(kHandoffDirectory)) examine(handoff);
+        std::set<std::string> present = {kHandoffDirectory};
+        for (const Handoff& handoff : readHandoffs(kHandoffDirectory)) {
+            examine(handoff);
+            present.insert(handoff.path);
+        }
+        std::erase_if(troubles_,
+                      [&](const auto& trouble) { return !present.contains(trouble.first); });
         troubles_[kHandoffDirectory].is("");
     } catch (const Failure& failure) {
         troubles_[kHandoffDirectory].is(failure.what());
@@ -54,7 +62,11 @@ void RunFinder::examine(const Handoff& handoff) {
     }
     SegmentStatus status = segmentStatus(handoff.shmid);
     if (!status.exists) return leave(handoff, WatchState::kStale, "its segment is gone");
-    if (isWatched(handoff, status)) return;
+    if (const Watched* watched = watchedRun(handoff.shmid)) {
+        // While we are attached, the identifier is that segment's.
+        if (watched->run.key().pid == handoff.pid) return;
+        return leave(handoff, WatchState::kStale, "its segment is gone");
+    }
     if (std::string why = foreignSegment(handoff, status); !why.empty()) {
         return leave(handoff, WatchState::kStale, why);
     }
@@ -99,10 +111,11 @@ void RunFinder::leave(const Handoff& handoff, WatchState state, const std::strin
         fmt::format("{} ({}): {}", handoff.path, watchStateName(state), why));
 }
 
-bool RunFinder::isWatched(const Handoff& handoff, const SegmentStatus& status) const {
-    RunKey key = {handoff.shmid, status.created, handoff.pid};
-    return std::any_of(watched_.begin(), watched_.end(),
-                       [&](const Watched& watched) { return watched.run.key() == key; });
+const Watched* RunFinder::watchedRun(std::int32_t shmid) const {
+    auto found = std::find_if(watched_.begin(), watched_.end(), [&](const Watched& watched) {
+        return watched.run.key().shmid == shmid;
+    });
+    return found == watched_.end() ? nullptr : &*found;
 }
 
 }  // namespace tolvane::agent

@@ -46,7 +46,7 @@ class RunFinder {
     void examine(const Handoff& handoff);
     void attach(const Handoff& handoff, const SegmentStatus& status);
     void leave(const Handoff& handoff, WatchState state, const std::string& why);
-    bool isWatched(const Handoff& handoff, const SegmentStatus& status) const;
+    const Watched* watchedRun(std::int32_t shmid) const;
 
     TotalsStore& store_;
     Claims claims_;

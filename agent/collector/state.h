@@ -16,6 +16,10 @@
 
 namespace tolvane::agent {
 
+// Servers, sites and categories of which nothing was seen for so many seconds are
+// forgotten.
+inline constexpr std::time_t kKeptFor = 30L * 86400;
+
 struct CategoryTally {
     std::string label;
     CategoryCounts counts;
@@ -25,6 +29,7 @@ struct CategoryTally {
     std::uint64_t answered = 0;
     History history;
     bool configured = false;  // the server's latest configuration names it
+    std::time_t seen = 0;     // when it was configured or counted last
     bool unkept = true;       // differs from what is written down
 };
 
@@ -34,6 +39,7 @@ struct SiteTally {
     std::vector<CategoryTally> categories;
     History history;  // response times: those of the site's categories
     bool configured = false;
+    std::time_t seen = 0;
     bool unkept = true;
 };
 

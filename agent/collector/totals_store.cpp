@@ -27,7 +27,7 @@ CREATE TABLE total (
   bytes_sent INTEGER NOT NULL, bytes_received INTEGER NOT NULL, errors INTEGER NOT NULL,
   dropped INTEGER NOT NULL, redirects INTEGER NOT NULL, client_errors INTEGER NOT NULL,
   server_errors INTEGER NOT NULL, response_seconds REAL NOT NULL, answered INTEGER NOT NULL,
-  changed INTEGER NOT NULL, PRIMARY KEY (server, level, site, category)) WITHOUT ROWID;
+  seen INTEGER NOT NULL, PRIMARY KEY (server, level, site, category)) WITHOUT ROWID;
 CREATE TABLE run (
   shmid INTEGER NOT NULL, created INTEGER NOT NULL, pid INTEGER NOT NULL, server TEXT NOT NULL,
   names TEXT NOT NULL, records BLOB NOT NULL, PRIMARY KEY (shmid, created, pid)) WITHOUT ROWID;
@@ -195,8 +195,8 @@ void TotalsStore::open() {
         fail(kExitFailed, "{} was written by a newer version of this program", path_);
     }
     if (format == 0) {
-        execute(kTables);
-        execute(fmt::format("PRAGMA user_version = {}", kFormat).c_str());
+        execute(
+            fmt::format("BEGIN; {} PRAGMA user_version = {}; COMMIT", kTables, kFormat).c_str());
     }
     keepServer_ = std::make_unique<Statement>(*this, "REPLACE INTO server VALUES (?, ?, ?)");
     keepRow_ = std::make_unique<Statement>(
@@ -247,6 +247,7 @@ void TotalsStore::load(CollectorState& state) {
             site.name = rows.text(2);
             site.configured = rows.integer(4) != 0;
             site.counts = counts;
+            site.seen = rows.integer(16);
         } else {
             for (SiteTally& site : sites) {
                 if (site.name != rows.text(2)) continue;
@@ -256,6 +257,7 @@ void TotalsStore::load(CollectorState& state) {
                 category.counts = {counts.requests, counts.bytesSent, counts.errors, counts.dropped,
                                    rows.real(14)};
                 category.answered = rows.count(15);
+                category.seen = rows.integer(16);
             }
         }
     }
@@ -298,24 +300,25 @@ void TotalsStore::rollback() noexcept {
     sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
 }
 
-void TotalsStore::keepServer(const ServerTally& server, Rows rows, std::time_t now) {
+void TotalsStore::keepServer(const ServerTally& server, Rows rows) {
     bool all = rows == Rows::kAll;
     if (all) keepServer_->bind(server.name).bind(server.type).bind(std::int64_t{server.seen}).run();
-    if (all || server.unkept) keepRow(server, nullptr, nullptr, now);
+    if (all || server.unkept) keepRow(server, nullptr, nullptr);
     for (const SiteTally& site : server.sites) {
-        if (all || site.unkept) keepRow(server, &site, nullptr, now);
+        if (all || site.unkept) keepRow(server, &site, nullptr);
         for (const CategoryTally& category : site.categories) {
-            if (all || category.unkept) keepRow(server, &site, &category, now);
+            if (all || category.unkept) keepRow(server, &site, &category);
         }
     }
 }
 
 // Without a category the row is the site's, and without a site the server's.
 void TotalsStore::keepRow(const ServerTally& server, const SiteTally* site,
-                          const CategoryTally* category, std::time_t now) {
+                          const CategoryTally* category) {
     static const std::string kNone;
     TrafficCounts counts = site == nullptr ? server.total : site->counts;
     bool configured = site == nullptr || site->configured;
+    std::time_t seen = site == nullptr ? server.seen : site->seen;
     if (category != nullptr) {
         counts = {};
         counts.requests = category->counts.requests;
@@ -323,6 +326,7 @@ void TotalsStore::keepRow(const ServerTally& server, const SiteTally* site,
         counts.errors = category->counts.errors;
         counts.dropped = category->counts.dropped;
         configured = category->configured;
+        seen = category->seen;
     }
     keepRow_->bind(server.name)
         .bind(site == nullptr       ? 0
@@ -342,7 +346,7 @@ void TotalsStore::keepRow(const ServerTally& server, const SiteTally* site,
         .bind(counts.serverErrors)
         .bind(category == nullptr ? 0.0 : category->counts.responseTimeSum)
         .bind(category == nullptr ? 0 : category->answered)
-        .bind(std::int64_t{now})
+        .bind(std::int64_t{seen})
         .run();
 }
 
@@ -362,14 +366,8 @@ void TotalsStore::forgetRun(const RunKey& key) {
     forgetRun_->bind(key.shmid).bind(std::int64_t{key.created}).bind(key.pid).run();
 }
 
-void TotalsStore::forgetOld(std::time_t now) {
-    std::int64_t oldest = now - kKeptFor;
-    Statement rows(*this,
-                   "DELETE FROM total WHERE changed < ? AND (configured = 0 OR server IN "
-                   "(SELECT name FROM server WHERE seen < ?))");
-    rows.bind(oldest).bind(oldest).run();
-    Statement servers(*this, "DELETE FROM server WHERE seen < ?");
-    servers.bind(oldest).run();
+void TotalsStore::forgetServers() {
+    execute("DELETE FROM total; DELETE FROM server");
 }
 
 }  // namespace tolvane::agent

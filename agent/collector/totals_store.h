@@ -16,10 +16,6 @@ struct sqlite3_stmt;
 
 namespace tolvane::agent {
 
-// Servers, sites and categories of which nothing was seen for so long are
-// forgotten.
-inline constexpr std::time_t kKeptFor = 30L * 86400;
-
 class TotalsStore {
   public:
     // Opens the database in the directory, and makes one when there is none.
@@ -41,10 +37,11 @@ class TotalsStore {
 
     // Its rows that differ from what is written down, or all of them.
     enum class Rows { kUnkept, kAll };
-    void keepServer(const ServerTally& server, Rows rows, std::time_t now);
+    void keepServer(const ServerTally& server, Rows rows);
+    // All of them, before those that there are now are kept whole.
+    void forgetServers();
     void keepRun(const RunKey& key, const std::string& server, const TakenSoFar& taken);
     void forgetRun(const RunKey& key);
-    void forgetOld(std::time_t now);
 
   private:
     class Statement;
@@ -52,8 +49,7 @@ class TotalsStore {
     void open();
     void close();
     void execute(const char* sql);
-    void keepRow(const ServerTally& server, const SiteTally* site, const CategoryTally* category,
-                 std::time_t now);
+    void keepRow(const ServerTally& server, const SiteTally* site, const CategoryTally* category);
     [[noreturn]] void raise(const char* what) const;
 
     std::string path_;

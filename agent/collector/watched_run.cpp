@@ -27,6 +27,19 @@ ResultStruct takenBefore(const ResultStruct& record) {
     return before;
 }
 
+// The record with the counts that no name is known for put back to what they
+// were: they wait for their name.
+ResultStruct withNamed(const ResultStruct& before, const ResultStruct& now, const Names& names) {
+    ResultStruct named = now;
+    for (std::size_t s = 0; s < names.size(); ++s) {
+        if (names[s].name.empty()) named.site[s] = before.site[s];
+        for (std::size_t c = 0; c < kMaxCategories; ++c) {
+            if (names[s].labels[c].empty()) named.category[s][c] = before.category[s][c];
+        }
+    }
+    return named;
+}
+
 bool isGone(pid_t pid) {
     return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
 }
@@ -79,11 +92,13 @@ bool WatchedRun::take(CountSet& added, TakingCost& cost) {
         if (!seen_[static_cast<std::size_t>(i)]) before = takenBefore(now);
         seen_[static_cast<std::size_t>(i)] = true;
         if (std::memcmp(&before, &now, sizeof now) == 0) continue;
+        now = withNamed(before, now, taken_.names);
         addIncrease(added, before, now, Gap::kAny);
         before = now;
         changed = true;
     }
     dropLockNotes();
+    tookBefore_ = true;
     return changed;
 }
 

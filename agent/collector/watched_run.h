@@ -53,9 +53,12 @@ class WatchedRun {
     // Goes on where an earlier collector was.
     void resume(TakenSoFar taken);
 
-    // Adds what came on in every record since the last time. Returns whether
-    // there was any change.
+    // Adds what came on in every record since the last time, but for sites and
+    // categories without a name. Returns whether there was any change.
     bool take(CountSet& added, TakingCost& cost);
+
+    // This collector has taken from it before: what comes on now came on just now.
+    bool tookBefore() const { return tookBefore_; }
 
     // How the run is doing, by what the system says of the segment. `ended`: it
     // has been removed and nobody else is attached, so nothing can come on.
@@ -69,6 +72,7 @@ class WatchedRun {
     Segment segment_;
     std::vector<std::int32_t> semaphores_;  // -1: none that is the server's own
     TakenSoFar taken_;
+    bool tookBefore_ = false;
     std::vector<bool> seen_;  // per record: taken from at least once
 };
 

@@ -1,8 +1,10 @@
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include "base/error.h"
 #include "base/terminal.h"
 #include "base/text.h"
+#include "collector/claims.h"
 #include "commands/commands.h"
 #include "config/config_block.h"
 #include "config/config_load.h"
@@ -24,6 +26,18 @@ ConfigModel modelIn(const std::string& path, WithoutSites withoutSites) {
 // starts them from 0.
 void resetSiteCounts(Segment& segment) {
     for (std::int32_t i = 0; i < segment.structures(); ++i) segment.markSitesTaken(i);
+}
+
+// A collector keeps its totals by name and takes differences, in which counts
+// that start from 0 would be missing.
+void refuseResetOfKeptCounts(const Server& server) {
+    if (::access(kClaimsFile, F_OK) != 0) return;
+    if (pid_t holder = Claims(kClaimsFile).claim(server.handoff.shmid); holder != 0) {
+        fail(kExitBadInput,
+             "the collector with process id {} keeps totals of this server, by name: --reset is "
+             "not needed and would cost some of them; nothing was changed",
+             holder);
+    }
 }
 
 // Counts belong to the place of a site or category in the list. A name that
@@ -62,6 +76,7 @@ int configureCommand(const ConfigureOptions& options) {
     Server server = selectServer(findServers(), options.server);
     ConfigLock lock(server.handoff.path);
     Segment segment(server.handoff.shmid, server.handoff.structures, Segment::Access::kWrite);
+    if (options.reset) refuseResetOfKeptCounts(server);
     ConfigCopy before = copyConfiguration(segment);
     std::int32_t version = writeConfiguration(segment, *block);
     if (options.reset) resetSiteCounts(segment);

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <thread>
 
 #include "base/error.h"
 #include "base/service_manager.h"
@@ -25,6 +26,8 @@ namespace tolvane::agent {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+
+constexpr auto kBetweenNewServers = std::chrono::milliseconds(100);
 
 enum class Wakeup { kTime, kEnd, kReload, kNewServer };
 
@@ -65,6 +68,8 @@ class Wakeups {
         }
         char events[4096];
         bool any = false;
+        // Files that are written again and again do not keep us busy.
+        if ((sources[1].revents & POLLIN) != 0) std::this_thread::sleep_for(kBetweenNewServers);
         while (handoffs_ >= 0 && ::read(handoffs_, events, sizeof events) > 0) any = true;
         return any ? Wakeup::kNewServer : Wakeup::kTime;
     }
@@ -118,6 +123,9 @@ int serveCommand(const ServeOptions& options) {
     }
     tellServiceManager("STOPPING=1");
     collector.round();
+    bool kept = false;
+    collector.read([&](const CollectorState& state) { kept = state.health.storeWorks; });
+    if (!kept) fail(kExitFailed, "ended; what was taken since the last write is not kept");
     logLine("ended; the totals are kept");
     return kExitOk;
 }

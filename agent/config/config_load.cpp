@@ -9,9 +9,9 @@
 
 namespace tolvane::agent {
 
-LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites) {
+LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites, PipeWriter writer) {
     LoadedConfig loaded;
-    auto text = readFile(path, kMaxTextFile, PipeWriter::kAwaited);
+    auto text = readFile(path, kMaxTextFile, writer);
     if (!text) {
         loaded.complaints.push_back(fmt::format("{}: {}", path, std::strerror(errno)));
         return loaded;

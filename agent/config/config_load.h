@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "base/text.h"
 #include "config/config_file.h"
 
 namespace tolvane::agent {
@@ -19,7 +20,8 @@ struct LoadedConfig {
 
 // A file without sites is most likely not the one that was meant, and would end
 // the measurement of every site: it is refused unless that is accepted.
-LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites);
+LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites,
+                        PipeWriter writer = PipeWriter::kAwaited);
 
 // "2 sites, 3 host names, 1 category, 2 URL patterns, interval 60 s"
 std::string summaryOf(const ConfigModel& model);

@@ -126,7 +126,7 @@ std::int32_t writeConfiguration(Segment& segment, const ConfigInfo& block,
     ConfigInfo* shared = segment.config();
     std::atomic_ref<std::int32_t> version(shared->version);
     std::int32_t abandoned = awaitOthersMark(version, patience);
-    if (isOthersMark(abandoned)) {
+    if (isOthersMark(abandoned) && patience > 0s) {
         writeOut(
             fmt::format("Note: another agent began a configuration (version {}) and did not finish "
                         "it; it is replaced.\n",

@@ -35,7 +35,7 @@ class ConfigLock {
 
 // Returns the version under which the block is now valid. Takes over from
 // another agent whose mark has stood for `patience`, and says so on standard
-// output. Throws Failure when the server stops meanwhile, or another program
+// output unless that is 0. Throws Failure when the server stops meanwhile, or another program
 // writes without the lock.
 std::int32_t writeConfiguration(Segment& segment, const ConfigInfo& block,
                                 std::chrono::seconds patience = std::chrono::seconds(5));

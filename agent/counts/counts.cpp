@@ -36,12 +36,14 @@ void add(CountSet& sum, const ResultStruct& record) {
     }
 }
 
-// Judges whether a group was cleared between two copies. Bytes wrap, but do not
-// come in half their range within seconds; after a longer time they tell
-// nothing, and any other counter may have wrapped as well.
+// Judges whether a group was cleared between two copies. Any counter may have
+// wrapped, but only bytes come in half the range of one, and those not within
+// seconds. A group that stood taken and was then added to has been cleared when
+// any counter is lower; when none is, an exiting worker has added to it.
 class Judge {
   public:
-    explicit Judge(Gap gap) : gap_(gap) {}
+    Judge(Gap gap, std::int32_t dirtyBefore, std::int32_t dirtyAfter)
+        : gap_(gap), takenBefore_(dirtyBefore == 0 && dirtyAfter != 0) {}
 
     bool sank(const CounterBlock& before, const CounterBlock& after) const {
         return countSank(before.requests, after.requests) ||
@@ -66,13 +68,15 @@ class Judge {
     static constexpr std::uint32_t kHalfRange = 1U << 31;
 
     bool countSank(std::uint32_t before, std::uint32_t after) const {
-        return gap_ == Gap::kSeconds ? after < before : after - before >= kHalfRange;
+        return takenBefore_ ? after < before : after - before >= kHalfRange;
     }
     bool bytesSank(std::uint32_t before, std::uint32_t after) const {
+        if (takenBefore_) return after < before;
         return gap_ == Gap::kSeconds && after - before >= kHalfRange;
     }
 
     Gap gap_;
+    bool takenBefore_;
 };
 
 CounterBlock difference(const CounterBlock& before, const CounterBlock& after) {
@@ -174,11 +178,13 @@ CountSet countsOf(const std::vector<ResultStruct>& records) {
 
 void addIncrease(CountSet& sum, const ResultStruct& before, const ResultStruct& after, Gap gap) {
     static constexpr ResultStruct kNothing{};
-    Judge judge(gap);
-    bool totalCleared = judge.sank(before.total, after.total);
+    Judge ofTotal(gap, before.totalDirty, after.totalDirty);
+    Judge ofSites(gap, before.sitesDirty, after.sitesDirty);
+    Judge ofCategories(gap, before.categoriesDirty, after.categoriesDirty);
+    bool totalCleared = ofTotal.sank(before.total, after.total);
     add(sum.total, difference(totalCleared ? kNothing.total : before.total, after.total));
-    addSites(sum, sitesCleared(judge, before, after) ? kNothing : before, after);
-    addCategories(sum, categoriesCleared(judge, before, after) ? kNothing : before, after);
+    addSites(sum, sitesCleared(ofSites, before, after) ? kNothing : before, after);
+    addCategories(sum, categoriesCleared(ofCategories, before, after) ? kNothing : before, after);
 }
 
 void addIncrease(CountSet& sum, const std::vector<ResultStruct>& before,
