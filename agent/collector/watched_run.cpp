@@ -91,8 +91,10 @@ bool WatchedRun::take(CountSet& added, TakingCost& cost) {
         }
         if (!seen_[static_cast<std::size_t>(i)]) before = takenBefore(now);
         seen_[static_cast<std::size_t>(i)] = true;
-        if (std::memcmp(&before, &now, sizeof now) == 0) continue;
+        auto unchanged = [&] { return std::memcmp(&before, &now, sizeof now) == 0; };
+        if (unchanged()) continue;
         now = withNamed(before, now, taken_.names);
+        if (unchanged()) continue;
         addIncrease(added, before, now, Gap::kAny);
         before = now;
         changed = true;
