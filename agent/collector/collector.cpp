@@ -162,11 +162,14 @@ void Collector::Impl::learnNames(Watched& watched, NamesTaken taken) {
     if (!copy.steady) return;
     takeNames(watched.run.names(), *copy.info, taken);
     if (taken == NamesTaken::kNew) return;
+    bool known = watched.dealings.version != 0;
     watched.dealings.version = copy.info->version;
     watched.unkept = true;
     keepEverything_ = true;
     std::lock_guard lock(mutex_);
-    if (version == kVersionRemoved) return;
+    // It may never have had one, and the next run another.
+    bool none = copy.info->numSites == 0;
+    if (version == kVersionRemoved && (known || none)) return;
     markConfigured(state_.servers[watched.server], *copy.info, std::time(nullptr));
 }
 

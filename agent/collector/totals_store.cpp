@@ -19,16 +19,16 @@ constexpr int kFormat = 1;
 // `level` is 0 for a server's total, 1 for a site, 2 for a category; names below
 // the level are empty.
 constexpr char kTables[] = R"(
-CREATE TABLE server (name TEXT PRIMARY KEY, type TEXT NOT NULL, seen INTEGER NOT NULL)
+CREATE TABLE IF NOT EXISTS server (name TEXT PRIMARY KEY, type TEXT NOT NULL, seen INTEGER NOT NULL)
   WITHOUT ROWID;
-CREATE TABLE total (
+CREATE TABLE IF NOT EXISTS total (
   server TEXT NOT NULL, level INTEGER NOT NULL, site TEXT NOT NULL, category TEXT NOT NULL,
   configured INTEGER NOT NULL, connections INTEGER NOT NULL, requests INTEGER NOT NULL,
   bytes_sent INTEGER NOT NULL, bytes_received INTEGER NOT NULL, errors INTEGER NOT NULL,
   dropped INTEGER NOT NULL, redirects INTEGER NOT NULL, client_errors INTEGER NOT NULL,
   server_errors INTEGER NOT NULL, response_seconds REAL NOT NULL, answered INTEGER NOT NULL,
   seen INTEGER NOT NULL, PRIMARY KEY (server, level, site, category)) WITHOUT ROWID;
-CREATE TABLE run (
+CREATE TABLE IF NOT EXISTS run (
   shmid INTEGER NOT NULL, created INTEGER NOT NULL, pid INTEGER NOT NULL, server TEXT NOT NULL,
   names TEXT NOT NULL, records BLOB NOT NULL, PRIMARY KEY (shmid, created, pid)) WITHOUT ROWID;
 )";

@@ -390,6 +390,9 @@ TEST(Collector, TellsByItsNameWhatEndsBeforeItWasSeen) {
     collector.round();
     EXPECT_EQ(rowsOf(collector)[""], "5/5000");
     EXPECT_EQ(rowsOf(collector)["a.test"], "5/5000");
+    collector.read([](const CollectorState& state) {
+        EXPECT_TRUE(state.servers.at("*:8080").sites.at(0).configured);
+    });
 }
 
 TEST(History, HoldsTheLastQuarterOfAnHour) {
