@@ -17,7 +17,6 @@
 
 #include "base/error.h"
 #include "fake_server.h"
-#include "support/process.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent::test {
@@ -393,27 +392,6 @@ TEST(Collector, TellsByItsNameWhatEndsBeforeItWasSeen) {
     collector.read([](const CollectorState& state) {
         EXPECT_TRUE(state.servers.at("*:8080").sites.at(0).configured);
     });
-}
-
-TEST(History, HoldsTheLastQuarterOfAnHour) {
-    History history;
-    EXPECT_TRUE(history.points(1000).empty());
-    history.add(1000, {3, 1, 0.5F, 2});
-    history.add(1009, {1, 0, 0.5F, 1});
-    history.add(1025, {7, 0, 0, 0});
-    auto points = history.points(1040);
-    ASSERT_EQ(points.size(), 90U);
-    EXPECT_EQ(points[85].requests, 4U);
-    EXPECT_EQ(points[85].answered, 3U);
-    EXPECT_EQ(points[86].requests, 0U);
-    EXPECT_EQ(points[87].requests, 7U);
-    EXPECT_EQ(points[89].requests, 0U);
-    // A whole turn later the old points are gone, not shown again.
-    history.add(1025 + 900, {1, 0, 0, 0});
-    points = history.points(1025 + 900);
-    EXPECT_EQ(points[89].requests, 1U);
-    for (std::size_t i = 0; i < 89; ++i) EXPECT_EQ(points[i].requests, 0U) << i;
-    EXPECT_TRUE(history.points(1025 + 1800).empty());
 }
 
 }  // namespace
