@@ -5,6 +5,8 @@
 #include <sys/types.h>
 #include <sys/uio.h>
 
+#include <cstdio>
+
 #include "real_call.h"
 
 namespace tolvane {
@@ -17,6 +19,7 @@ extern RealCall<AcceptCall> real_accept;
 extern RealCall<Accept4Call> real_accept4;
 
 extern RealCall<int(int)> real_close;
+extern RealCall<int(FILE*)> real_fclose;
 extern RealCall<int(int, int)> real_dup2;
 extern RealCall<int(int, int, int)> real_dup3;
 extern RealCall<int(unsigned, unsigned, int)> real_close_range;
@@ -29,16 +32,24 @@ extern RealCall<ssize_t(int, void*, size_t, size_t, int)> real_recv_chk;
 extern RealCall<ssize_t(int, void*, size_t, int, sockaddr*, socklen_t*)> real_recvfrom;
 extern RealCall<ssize_t(int, void*, size_t, size_t, int, sockaddr*, socklen_t*)> real_recvfrom_chk;
 extern RealCall<ssize_t(int, const iovec*, int)> real_readv;
-extern RealCall<ssize_t(int, msghdr*, int)> real_recvmsg;
+using RecvmsgCall = ssize_t(int, msghdr*, int);
+extern RealCall<RecvmsgCall> real_recvmsg;
 
 extern RealCall<ssize_t(int, const void*, size_t)> real_write;
 extern RealCall<ssize_t(int, const void*, size_t, int)> real_send;
 extern RealCall<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_t)> real_sendto;
 extern RealCall<ssize_t(int, const iovec*, int)> real_writev;
-extern RealCall<ssize_t(int, const msghdr*, int)> real_sendmsg;
+using SendmsgCall = ssize_t(int, const msghdr*, int);
+extern RealCall<SendmsgCall> real_sendmsg;
 // The offset is handed on untouched, whatever its width.
 extern RealCall<ssize_t(int, int, void*, size_t)> real_sendfile;
 extern RealCall<ssize_t(int, int, void*, size_t)> real_sendfile64;
+
+#ifndef __LP64__
+// What a 32-bit program built for 64-bit times calls instead of the two above.
+extern RealCall<RecvmsgCall> real_recvmsg64;
+extern RealCall<SendmsgCall> real_sendmsg64;
+#endif
 
 // Looks all of them up. Done at start-up, so that a child forked by a server
 // with threads need not ask the dynamic linker, whose lock another thread may

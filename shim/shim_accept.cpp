@@ -7,6 +7,7 @@
 #include "shim_utils/errno_guard.h"
 #include "shim_utils/monitor_thread.h"
 #include "shim_utils/process_identity.h"
+#include "shim_utils/serving_thread.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/shim_tables.h"
 
@@ -33,6 +34,11 @@ void atFirstConnection() {
 int accepted(int listeningFd, int newFd) {
     if (newFd < 1 || tolvaneShimEnabled.load(std::memory_order_acquire) == 0) return newFd;
     ErrnoGuard guard;
+    if (localListenSocket.contains(listeningFd)) {
+        forgetDescriptor(newFd);
+        return newFd;
+    }
+    if (!mayServe()) return newFd;
     if (webServerType != kNetscape) discoverParent();
     SocketKind kind = classify(listeningFd);
     if (kind != kUntracked && webServerType != kNetscape &&

@@ -5,16 +5,20 @@
 #include <unistd.h>
 
 #include <climits>
+#include <cstdio>
 
 #include "real_calls.h"
 #include "shim_utils/accounting.h"
 #include "shim_utils/errno_guard.h"
+#include "shim_utils/process_identity.h"
+#include "shim_utils/serving_thread.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/shim_tables.h"
 
 namespace tolvane {
 
 constinit RealCall<int(int)> real_close{"close"};
+constinit RealCall<int(FILE*)> real_fclose{"fclose"};
 constinit RealCall<int(int, int)> real_dup2{"dup2"};
 constinit RealCall<int(int, int, int)> real_dup3{"dup3"};
 constinit RealCall<int(unsigned, unsigned, int)> real_close_range{"close_range"};
@@ -22,10 +26,29 @@ constinit RealCall<void(int)> real_closefrom{"closefrom"};
 
 namespace {
 
+// Whether the shim knows anything of `fd` that ends with it.
+bool isKnown(int fd) {
+    if (httpListenSocket.contains(fd) || sslHttpListenSocket.contains(fd)) return true;
+    if (localListenSocket.contains(fd)) return true;
+    const DescriptorState* state = descriptorState(fd);
+    return state != nullptr && (state->typeOfSocket.load(std::memory_order_relaxed) != kUntracked ||
+                                state->seenHttpConnection.load(std::memory_order_relaxed) != 0);
+}
+
 void closing(int fd) {
-    if (tolvaneShimEnabled.load(std::memory_order_acquire) != 1) return;
+    if (tolvaneShimEnabled.load(std::memory_order_acquire) != 1 || !isKnown(fd)) return;
     ErrnoGuard guard;
-    countClosed(fd);
+    if (!ownsMemory()) return;
+    for (ListenTable* table : {&httpListenSocket, &sslHttpListenSocket, &localListenSocket}) {
+        table->set(fd, false);
+    }
+    if (mayServe()) countClosed(fd);
+}
+
+void closingStream(FILE* stream) {
+    if (tolvaneShimEnabled.load(std::memory_order_relaxed) != 1 || stream == nullptr) return;
+    ErrnoGuard guard;
+    closing(fileno_unlocked(stream));
 }
 
 void closingRange(unsigned firstFd, unsigned lastFd) {
@@ -38,6 +61,16 @@ void closingRange(unsigned firstFd, unsigned lastFd) {
 // a thread that parts with its siblings' table.
 bool closesForAll(int flags) {
     return flags == 0 || (flags == CLOSE_RANGE_UNSHARE && webServerType == kApacheProcesses);
+}
+
+// Whether the call is going to close the range. Old kernels and some sandboxes
+// do not have it, which a range without descriptors tells.
+bool willClose(RealCall<int(unsigned, unsigned, int)>::Pointer call, unsigned firstFd,
+               unsigned lastFd, int flags) {
+    if (tolvaneShimEnabled.load(std::memory_order_relaxed) != 1) return false;
+    if (firstFd > lastFd || !closesForAll(flags)) return false;
+    ErrnoGuard guard;
+    return call(UINT_MAX, UINT_MAX, 0) == 0;
 }
 
 // A descriptor replaced by a duplicate stays in use, so here it can wait until
@@ -56,6 +89,13 @@ TOLVANE_EXPORT int close(int fd) {
     return call == nullptr ? -1 : call(fd);
 }
 
+TOLVANE_EXPORT int fclose(FILE* stream) {
+    auto call = tolvane::real_fclose.find();
+    if (call == nullptr) return EOF;
+    tolvane::closingStream(stream);
+    return call(stream);
+}
+
 TOLVANE_EXPORT int dup2(int oldFd, int newFd) noexcept {
     auto call = tolvane::real_dup2.find();
     return call == nullptr ? -1 : tolvane::replaced(oldFd, newFd, call(oldFd, newFd));
@@ -69,7 +109,7 @@ TOLVANE_EXPORT int dup3(int oldFd, int newFd, int flags) noexcept {
 TOLVANE_EXPORT int close_range(unsigned firstFd, unsigned lastFd, int flags) noexcept {
     auto call = tolvane::real_close_range.find();
     if (call == nullptr) return -1;
-    if (tolvane::closesForAll(flags)) tolvane::closingRange(firstFd, lastFd);
+    if (tolvane::willClose(call, firstFd, lastFd, flags)) tolvane::closingRange(firstFd, lastFd);
     return call(firstFd, lastFd, flags);
 }
 

@@ -4,11 +4,14 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <ctime>
 
 #include "real_calls.h"
 #include "shim_utils/errno_guard.h"
 #include "shim_utils/log.h"
+#include "shim_utils/port_table.h"
 #include "shim_utils/process_identity.h"
 #include "shim_utils/server_discovery.h"
 #include "shim_utils/shutdown.h"
@@ -26,11 +29,6 @@ namespace {
 bool first = true;                // discovery has not run yet
 bool tolvaneInitialized = false;  // start-up has not been tried yet
 
-struct LocalAddress {
-    int port;               // host byte order
-    std::uint32_t address;  // network byte order; 0: bound to all addresses
-};
-
 // An IPv6 address that is no IPv4 one matches nothing but a wildcard entry,
 // which is what this value equals.
 constexpr std::uint32_t kNoIpv4Address = kAnyAddress;
@@ -44,7 +42,7 @@ std::uint32_t ipv4Part(const in6_addr& address) {
 }
 
 // False for sockets of any family but the Internet's.
-bool readLocalAddress(const sockaddr_storage& local, LocalAddress& result) {
+bool readSocketAddress(const sockaddr_storage& local, SocketAddress& result) {
     if (local.ss_family == AF_INET) {
         const auto& ipv4 = reinterpret_cast<const sockaddr_in&>(local);
         result = {ntohs(ipv4.sin_port), ipv4.sin_addr.s_addr};
@@ -58,30 +56,35 @@ bool readLocalAddress(const sockaddr_storage& local, LocalAddress& result) {
     return false;
 }
 
-bool entryMatches(const PortTable& table, int i, const LocalAddress& socket) {
-    std::uint32_t address = table.ipAddress[i];
-    bool sameAddress = address == socket.address || address == kAnyAddress;
-    if (table.httpPort[i] == kAnyPort) return sameAddress;
-    return table.httpPort[i] == socket.port && (sameAddress || socket.address == 0);
+SocketKind kindOf(const SocketAddress& socket) {
+    if (tableMatches(sslPorts, socket)) return kSsl;
+    if (isSslWithoutEntry(socket)) return kUntracked;
+    return tableMatches(plainPorts, socket) ? kPlain : kUntracked;
 }
 
-bool tableMatches(const PortTable& table, const LocalAddress& socket) {
-    for (int i = 0; i < table.numHttpPort; ++i) {
-        if (entryMatches(table, i, socket)) return true;
-    }
-    return false;
+// What `fd` was before, when its number belonged to another socket, is replaced.
+void record(int fd, const SocketAddress& socket, SocketKind kind) {
+    sslHttpListenSocket.set(fd, kind == kSsl);
+    httpListenSocket.set(fd, kind == kPlain);
+    localListenSocket.set(fd, false);
+    if (kind == kUntracked || ListenTable::fits(fd)) return;
+    Text<160> message;
+    message.add("No room for another listening socket: descriptor ").add(fd);
+    message.add(", port ").add(socket.port).add(" is not measured");
+    printErrorMsg(message.text());
 }
 
-void record(ListenTable& table, int fd, const LocalAddress& socket) {
-    if (table.contains(fd)) return;  // a socket that listens again
-    if (table.count == kMaxAddresses) {
-        Text<160> message;
-        message.add("No room for another listening socket: descriptor ").add(fd);
-        message.add(", port ").add(socket.port).add(" is not measured");
-        printErrorMsg(message.text());
-        return;
-    }
-    table.descriptor[table.count++] = fd;
+void recordLocal(int fd) {
+    sslHttpListenSocket.set(fd, false);
+    httpListenSocket.set(fd, false);
+    localListenSocket.set(fd, true);
+}
+
+void discoverOnce() {
+    if (!first) return;
+    first = false;
+    getWebServerInfo();
+    tolvaneShimEnabled.store(0, std::memory_order_relaxed);
 }
 
 void startOnce() {
@@ -95,21 +98,64 @@ void startOnce() {
     if (webServerType != kNetscape) parentPid.store(kUnknownPid, std::memory_order_relaxed);
 }
 
+// Lets a thread at a time through discovery and start-up. A lock of the C
+// library would stay locked in a child that another thread forks meanwhile.
+class ListenTurn {
+  public:
+    ListenTurn() {
+        constexpr timespec kPause = {0, 1'000'000};
+        constexpr int kTries = 10'000;
+        const int self = getpid();
+        for (int i = 0; i < kTries; ++i) {
+            int holder = 0;
+            if (holder_.compare_exchange_strong(holder, self, std::memory_order_acquire)) {
+                taken_ = true;
+                return;
+            }
+            if (holder != self && abandon(holder, self)) return;
+            nanosleep(&kPause, nullptr);
+        }
+    }
+    ~ListenTurn() {
+        if (taken_) holder_.store(0, std::memory_order_release);
+    }
+    ListenTurn(const ListenTurn&) = delete;
+    ListenTurn& operator=(const ListenTurn&) = delete;
+
+    bool taken() const { return taken_; }
+
+  private:
+    // In a child forked in the middle of the parent's turn, what that turn left
+    // half done is not used: the child stays unobserved.
+    bool abandon(int holder, int self) {
+        if (!holder_.compare_exchange_strong(holder, self, std::memory_order_acquire)) return false;
+        first = false;
+        tolvaneInitialized = true;
+        tolvaneShimEnabled.store(0, std::memory_order_relaxed);
+        taken_ = true;
+        return true;
+    }
+
+    static inline std::atomic<int> holder_{0};  // process whose turn it is; 0: free
+    bool taken_ = false;
+};
+
 void examine(int fd) {
     sockaddr_storage local = {};
     socklen_t length = sizeof local;
+    if (!ownsMemory()) return;
     if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) return;
-    if (first) {
-        first = false;
-        getWebServerInfo();
-        tolvaneShimEnabled.store(0, std::memory_order_relaxed);
+    ListenTurn turn;
+    if (!turn.taken()) return;
+    discoverOnce();
+    SocketAddress socket;
+    if (!readSocketAddress(local, socket)) {
+        recordLocal(fd);
+        return;
     }
-    LocalAddress socket;
-    if (!readLocalAddress(local, socket)) return;
-    bool ssl = tableMatches(sslPorts, socket);
-    if (!ssl && !tableMatches(plainPorts, socket)) return;
-    record(ssl ? sslHttpListenSocket : httpListenSocket, fd, socket);
-    startOnce();
+    SocketKind kind = kindOf(socket);
+    record(fd, socket, kind);
+    if (kind != kUntracked) startOnce();
 }
 
 }  // namespace

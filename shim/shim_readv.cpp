@@ -11,7 +11,22 @@ namespace tolvane {
 
 constinit RealCall<ssize_t(int, const iovec*, int)> real_readv{
     "readv", "READV  system call  FAILED ... oops !!"};
-constinit RealCall<ssize_t(int, msghdr*, int)> real_recvmsg{"recvmsg"};
+constinit RealCall<RecvmsgCall> real_recvmsg{"recvmsg"};
+#ifndef __LP64__
+constinit RealCall<RecvmsgCall> real_recvmsg64{"__recvmsg64"};
+#endif
+
+namespace {
+
+ssize_t receiveMessage(RecvmsgCall* call, int fd, msghdr* message, int flags) {
+    if (call == nullptr) return -1;
+    ssize_t n = call(fd, message, flags);
+    if (n < 1) return n;
+    return receivedWithFlags(fd, n, transferredText(message->msg_iov, message->msg_iovlen, n),
+                             flags);
+}
+
+}  // namespace
 
 }  // namespace tolvane
 
@@ -26,10 +41,11 @@ TOLVANE_EXPORT ssize_t readv(int fd, const iovec* vector, int entries) {
 }
 
 TOLVANE_EXPORT ssize_t recvmsg(int fd, msghdr* message, int flags) {
-    auto call = real_recvmsg.find();
-    if (call == nullptr) return -1;
-    ssize_t n = call(fd, message, flags);
-    if (n < 1) return n;
-    return receivedWithFlags(fd, n, transferredText(message->msg_iov, message->msg_iovlen, n),
-                             flags);
+    return receiveMessage(real_recvmsg.find(), fd, message, flags);
 }
+
+#ifndef __LP64__
+TOLVANE_EXPORT ssize_t __recvmsg64(int fd, msghdr* message, int flags) {
+    return receiveMessage(real_recvmsg64.find(), fd, message, flags);
+}
+#endif

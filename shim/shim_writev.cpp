@@ -11,7 +11,21 @@ namespace tolvane {
 
 constinit RealCall<ssize_t(int, const iovec*, int)> real_writev{
     "writev", "WRITEV  system call  FAILED ... oops !!"};
-constinit RealCall<ssize_t(int, const msghdr*, int)> real_sendmsg{"sendmsg"};
+constinit RealCall<SendmsgCall> real_sendmsg{"sendmsg"};
+#ifndef __LP64__
+constinit RealCall<SendmsgCall> real_sendmsg64{"__sendmsg64"};
+#endif
+
+namespace {
+
+ssize_t sendMessage(SendmsgCall* call, int fd, const msghdr* message, int flags) {
+    if (call == nullptr) return -1;
+    ssize_t n = call(fd, message, flags);
+    if (n < 1) return sent(fd, n, {});
+    return sent(fd, n, transferredText(message->msg_iov, message->msg_iovlen, n));
+}
+
+}  // namespace
 
 }  // namespace tolvane
 
@@ -26,9 +40,11 @@ TOLVANE_EXPORT ssize_t writev(int fd, const iovec* vector, int entries) {
 }
 
 TOLVANE_EXPORT ssize_t sendmsg(int fd, const msghdr* message, int flags) {
-    auto call = real_sendmsg.find();
-    if (call == nullptr) return -1;
-    ssize_t n = call(fd, message, flags);
-    if (n < 1) return sent(fd, n, {});
-    return sent(fd, n, transferredText(message->msg_iov, message->msg_iovlen, n));
+    return sendMessage(real_sendmsg.find(), fd, message, flags);
 }
+
+#ifndef __LP64__
+TOLVANE_EXPORT ssize_t __sendmsg64(int fd, const msghdr* message, int flags) {
+    return sendMessage(real_sendmsg64.find(), fd, message, flags);
+}
+#endif

@@ -51,21 +51,42 @@ struct PortTable {
 extern PortTable plainPorts;
 extern PortTable sslPorts;
 
-// The server's own listening sockets, as listen recognised them. Entries are
-// appended and never removed.
-struct ListenTable {
-    int count;
-    int descriptor[kMaxAddresses];
+// No process opens more descriptors than this, and a table of this many entries
+// fits a 32-bit address space without crowding it.
+inline constexpr int kLargestTable = 1 << 22;
 
-    bool contains(int fd) const {
-        for (int i = 0; i < count; ++i) {
-            if (descriptor[i] == fd) return true;
-        }
-        return false;
+// A set of listening sockets, by descriptor. listen adds and removes, and so
+// does whatever closes the descriptor; accept looks up. A server may do all of
+// that in several threads. Pages that no descriptor falls in cost no memory.
+class ListenTable {
+  public:
+    static bool fits(int fd) {
+        return static_cast<unsigned>(fd) < static_cast<unsigned>(kLargestTable);
     }
+    bool contains(int fd) const {
+        return fits(fd) && (word(fd).load(std::memory_order_relaxed) & bit(fd)) != 0;
+    }
+    // Makes the set contain `fd` or not.
+    void set(int fd, bool contained) {
+        if (contained == contains(fd) || !fits(fd)) return;
+        if (contained) {
+            word(fd).fetch_or(bit(fd), std::memory_order_relaxed);
+        } else {
+            word(fd).fetch_and(~bit(fd), std::memory_order_relaxed);
+        }
+    }
+
+  private:
+    using Word = std::atomic<std::uint32_t>;
+    const Word& word(int fd) const { return words_[fd / 32]; }
+    Word& word(int fd) { return words_[fd / 32]; }
+    static std::uint32_t bit(int fd) { return std::uint32_t{1} << fd % 32; }
+
+    Word words_[kLargestTable / 32];
 };
-extern ListenTable httpListenSocket;
-extern ListenTable sslHttpListenSocket;
+extern ListenTable httpListenSocket;     // connections are plain
+extern ListenTable sslHttpListenSocket;  // connections are SSL
+extern ListenTable localListenSocket;    // of another family than the Internet's: no clients
 
 // ------------------------------------------------------------- descriptors
 
@@ -91,10 +112,6 @@ struct DescriptorState {
 };
 static_assert(sizeof(DescriptorState) == 12);
 
-// No process opens more than this, and a table of this many entries fits a
-// 32-bit address space without crowding it.
-inline constexpr int kLargestTable = 1 << 22;
-
 extern int maxSockets;                // the hard limit of descriptors; most slots there can be
 extern int tableSize;                 // entries of `descriptors`
 extern DescriptorState* descriptors;  // indexed by descriptor
@@ -116,7 +133,12 @@ extern int shmid;
 extern ConfigInfo* shmConfig;  // the attached segment
 extern ResultStruct* shmPtr;   // its record 0
 
-extern int listenPid;               // process that ran the start-up
+extern int listenPid;  // process that ran the start-up
+
+// The process that this memory belongs to, 0 before start-up: written there and
+// in every forked child. A vforked child has another id: it runs in its parent's
+// memory, where what it does with its own descriptors must leave no trace.
+extern std::atomic<int> memoryPid;
 extern std::atomic<int> parentPid;  // the server's parent, kUnknownPid until learned
 
 // Raised in every forked child: tells inherited connections from own ones.

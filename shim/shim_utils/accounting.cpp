@@ -212,11 +212,18 @@ void countAccepted(int fd, SocketKind kind) {
     markDirty(slot.state);
 }
 
+void forgetDescriptor(int fd) {
+    DescriptorState* descriptor = descriptorState(fd);
+    if (descriptor == nullptr) return;
+    descriptor->typeOfSocket.store(kUntracked, kRelaxed);
+    descriptor->seenHttpConnection.store(0, kRelaxed);
+}
+
 void countClosed(int fd) {
     DescriptorState* descriptor = descriptorState(fd);
     if (descriptor == nullptr) return;
-    if (descriptor->typeOfSocket.load(kRelaxed) == kUntracked) return;
     descriptor->seenHttpConnection.store(0, kRelaxed);
+    if (descriptor->typeOfSocket.load(kRelaxed) == kUntracked) return;
     // A connection that this process inherited and never served is closed by
     // whoever serves it; here only its descriptor goes.
     bool ours = descriptor->owner.load(kRelaxed) == processGeneration;

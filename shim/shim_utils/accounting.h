@@ -53,6 +53,10 @@ double diffTime(std::int32_t startSec, std::int32_t startUsec, std::int32_t endS
 // A connection of `kind` was accepted as `fd`.
 void countAccepted(int fd, SocketKind kind);
 
+// `fd` became something that is not counted: whatever is known of an earlier
+// connection of that number ends without being counted.
+void forgetDescriptor(int fd);
+
 // Descriptor `fd` is about to be closed. Nothing happens unless it is a tracked
 // connection.
 void countClosed(int fd);

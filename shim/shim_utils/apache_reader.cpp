@@ -106,7 +106,7 @@ void readListen(const Directive& directive, ApacheReader& reader) {
     int length = colon != nullptr ? static_cast<int>(colon - text) : 1;
     int port = numberValue(colon != nullptr ? colon + 1 : text);
     if (colon == nullptr) text = "*";
-    appendAddress(plainPorts, port, addressValue(text, length), text, length, "listening");
+    appendAddress(plainAddresses, port, addressValue(text, length), text, length);
     reader.listenSeen = true;
 }
 
@@ -148,36 +148,8 @@ void addPortEntry(const ApacheReader& reader) {
     if (reader.listenSeen || reader.port <= 0) return;
     bool bound = reader.bindAddress != 0 && reader.bindAddress != kAnyAddress;
     const char* text = bound ? reader.bindText : "*";
-    appendAddress(plainPorts, reader.port, bound ? reader.bindAddress : kAnyAddress, text,
-                  static_cast<int>(std::strlen(text)), "listening");
-}
-
-void removeEntry(PortTable& table, int entry) {
-    int n = --table.numHttpPort;
-    for (int i = entry; i < n; ++i) {
-        table.httpPort[i] = table.httpPort[i + 1];
-        table.ipAddress[i] = table.ipAddress[i + 1];
-        std::memcpy(table.ipAddressName[i], table.ipAddressName[i + 1], kAddressNameSize);
-    }
-}
-
-bool sameEntry(const PortTable& a, int i, const PortTable& b, int j) {
-    return a.httpPort[i] == b.httpPort[j] && a.ipAddress[i] == b.ipAddress[j];
-}
-
-// Removes the entries of `table` from `first` on that equal entry i of `other`.
-void removeEqualEntries(PortTable& table, int first, const PortTable& other, int i) {
-    for (int j = first; j < table.numHttpPort;) {
-        if (sameEntry(other, i, table, j)) {
-            removeEntry(table, j);
-        } else {
-            ++j;
-        }
-    }
-}
-
-void removeDuplicates(PortTable& table) {
-    for (int i = 0; i < table.numHttpPort; ++i) removeEqualEntries(table, i + 1, table, i);
+    appendAddress(plainAddresses, reader.port, bound ? reader.bindAddress : kAnyAddress, text,
+                  static_cast<int>(std::strlen(text)));
 }
 
 }  // namespace
@@ -201,10 +173,7 @@ void getApacheConfigInfo() {
     std::fclose(file);
 
     addPortEntry(reader);
-    removeDuplicates(plainPorts);
-    removeDuplicates(sslPorts);
-    // What SSL virtual hosts serve counts as SSL only.
-    for (int i = 0; i < sslPorts.numHttpPort; ++i) removeEqualEntries(plainPorts, 0, sslPorts, i);
+    fillPortTables();
 }
 
 }  // namespace tolvane

@@ -1,4 +1,5 @@
-// Filling the tables of addresses on which the server listens.
+// The addresses on which the server's configuration makes it listen: collecting
+// them, filling the port tables from them, and looking a socket up.
 #pragma once
 
 #include <cstdint>
@@ -7,14 +8,45 @@
 
 namespace tolvane {
 
+// The address that a socket is bound to.
+struct SocketAddress {
+    int port;               // host byte order
+    std::uint32_t address;  // network byte order; 0: all addresses
+};
+
+// The distinct addresses of one kind in the order of the configuration, before
+// the first ten of them become a PortTable.
+struct AddressList {
+    static constexpr int kCapacity = 1024;
+
+    int count;
+    int port[kCapacity];
+    std::uint32_t address[kCapacity];
+    char name[kCapacity][kAddressNameSize];
+};
+extern AddressList plainAddresses;
+extern AddressList sslAddresses;
+
 // The IPv4 address of the first `length` characters of `text`, in network byte
-// order; kAnyAddress when they are none.
+// order; kAnyAddress when they are not an address.
 std::uint32_t addressValue(const char* text, int length);
 
-// Appends (port, address, the first `length` characters of `text` as name).
-// A table that is full stays as it is, with a log line that names the entry;
-// `kind` is that line's word for the table.
-void appendAddress(PortTable& table, int port, std::uint32_t address, const char* text, int length,
-                   const char* kind);
+// Appends (port, address, the first `length` characters of `text` as name)
+// unless `list` holds an equal port and address. A list that is full stays as
+// it is, with a log line that names the entry.
+void appendAddress(AddressList& list, int port, std::uint32_t address, const char* text,
+                   int length);
+
+// Fills plainPorts and sslPorts with the first ten entries of each list. An
+// address in both lists counts as SSL only. An address without a table entry
+// gets a log line that says what happens to it.
+void fillPortTables();
+
+// Whether a socket bound to `socket` is one of those in `table`.
+bool tableMatches(const PortTable& table, const SocketAddress& socket);
+
+// Whether `socket` is bound to an SSL address that found no room in sslPorts:
+// it is not measured, whatever plainPorts says.
+bool isSslWithoutEntry(const SocketAddress& socket);
 
 }  // namespace tolvane

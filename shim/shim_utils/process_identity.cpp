@@ -14,6 +14,7 @@
 #include "own_files.h"
 #include "publication.h"
 #include "semaphores.h"
+#include "serving_thread.h"
 #include "shutdown.h"
 #include "tolvane/connection_slots.h"
 #include "tolvane/shim_tables.h"
@@ -24,6 +25,7 @@ char pidFile[kPathSize];
 int listenPid = kUnknownPid;
 std::atomic<int> parentPid{kUnknownPid};
 std::uint8_t processGeneration = 0;
+std::atomic<int> memoryPid{0};
 std::atomic<bool> servesConnections{false};
 
 namespace {
@@ -37,6 +39,8 @@ bool childGoesOnMeasuring() {
 
 void inForkedChild() {
     ++processGeneration;
+    memoryPid.store(getpid(), std::memory_order_relaxed);
+    freeServingThread();
     freeSlotLockAfterFork();
     if (childGoesOnMeasuring()) {
         clearSlotsAfterFork();
@@ -49,7 +53,13 @@ void inForkedChild() {
 }  // namespace
 
 bool watchForks() {
+    memoryPid.store(getpid(), std::memory_order_relaxed);
     return pthread_atfork(nullptr, nullptr, inForkedChild) == 0;
+}
+
+bool ownsMemory() {
+    int owner = memoryPid.load(std::memory_order_relaxed);
+    return owner == 0 || owner == getpid();
 }
 
 // Runs inside accept, hence the bare calls: no stream, no allocation.

@@ -21,6 +21,10 @@ void unlockSemaphores();
 // Makes forked children start with empty counters. False when memory is short.
 bool watchForks();
 
+// Whether this memory is the calling process's own, and not that of a parent
+// that waits for its vforked child. A system call; true before start-up.
+bool ownsMemory();
+
 // Whether this process has accepted its first HTTP connection.
 extern std::atomic<bool> servesConnections;
 

@@ -4,6 +4,7 @@
 
 #include "accounting.h"
 #include "errno_guard.h"
+#include "serving_thread.h"
 #include "tolvane/entry_points.h"
 
 using namespace tolvane;
@@ -20,19 +21,23 @@ Bytes reportedText(const char* text, int length) {
     return {text, length < 0 ? std::strlen(text) : static_cast<std::size_t>(length)};
 }
 
+Bytes upToNul(Bytes text) {
+    return {text.data, positionOf('\0', text.data, text.length)};
+}
+
 }  // namespace
 
 void updateRequestResults(int slot, const char* host, int hostLength, const char* url,
                           int urlLength, int descriptor) {
     DescriptorState* state = descriptorState(descriptor);
-    if (!slotExists(slot) || state == nullptr) return;
+    if (!slotExists(slot) || state == nullptr || !mayServe()) return;
     ErrnoGuard guard;
-    countReported({*state, slotAt(slot)}, reportedText(host, hostLength),
+    countReported({*state, slotAt(slot)}, upToNul(reportedText(host, hostLength)),
                   reportedText(url, urlLength));
 }
 
 void updateResponseResults(int slot, int statusCode, int overrideCode) {
-    if (!slotExists(slot)) return;
+    if (!slotExists(slot) || !mayServe()) return;
     ErrnoGuard guard;
     Slot reported = slotAt(slot);
     const RequestInfo& request = reported.state.requestInfo;

@@ -17,10 +17,9 @@ namespace tolvane {
 
 int webServerType = kApacheProcesses;
 char rootDir[kRootSize];
-PortTable plainPorts;
-PortTable sslPorts;
 ListenTable httpListenSocket;
 ListenTable sslHttpListenSocket;
+ListenTable localListenSocket;
 
 namespace {
 
@@ -54,8 +53,9 @@ void readNetscapeFile(std::FILE* file) {
         printErrorMsg("Could not find port no for Netscape Server");
         return;
     }
-    appendAddress(ssl ? sslPorts : plainPorts, port, addressNumber, address,
-                  static_cast<int>(std::strlen(address)), "listening");
+    appendAddress(ssl ? sslAddresses : plainAddresses, port, addressNumber, address,
+                  static_cast<int>(std::strlen(address)));
+    fillPortTables();
 }
 
 void getNetscapeConfigInfo() {

@@ -41,8 +41,8 @@ bool closes(const Directive& directive, const char* bare, const char* whole) {
 
 void addSSLIpAddress(int port, const char* text) {
     bool wildcard = equalIgnoringCase(text, "_default_") || equalIgnoringCase(text, "*");
-    appendAddress(sslPorts, port, wildcard ? kAnyAddress : inet_addr(text), text,
-                  static_cast<int>(std::strlen(text)), "SSL");
+    appendAddress(sslAddresses, port, wildcard ? kAnyAddress : inet_addr(text), text,
+                  static_cast<int>(std::strlen(text)));
 }
 
 void getSSLWebSites(std::FILE* stream, char* line) {

@@ -14,7 +14,7 @@ void getSSLWebSites(std::FILE* stream, char* line);
 // sections nested in it included.
 void ignoreSSLdirectives(std::FILE* stream);
 
-// Appends one entry to the SSL port table; `port` may be kAnyPort.
+// Appends one SSL address; `port` may be kAnyPort.
 void addSSLIpAddress(int port, const char* text);
 
 }  // namespace tolvane

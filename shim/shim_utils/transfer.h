@@ -7,18 +7,21 @@
 
 #include "accounting.h"
 #include "publication.h"
+#include "serving_thread.h"
 #include "text.h"
 #include "tolvane/connection_slots.h"
 #include "tolvane/shim_tables.h"
 
 namespace tolvane {
 
-// The descriptor's state while it is a tracked connection, else null.
+// The descriptor's state while it is a tracked connection that this thread may
+// count on, else null.
 inline DescriptorState* trackedDescriptor(int fd) {
     if (tolvaneShimEnabled.load(std::memory_order_acquire) != 1) return nullptr;
     DescriptorState* state = descriptorState(fd);
     if (state == nullptr) return nullptr;
-    return state->typeOfSocket.load(std::memory_order_relaxed) != kUntracked ? state : nullptr;
+    if (state->typeOfSocket.load(std::memory_order_relaxed) == kUntracked) return nullptr;
+    return mayServe() ? state : nullptr;
 }
 
 // Of a transfer of `n` bytes, those that lie in a buffer of `size` bytes.

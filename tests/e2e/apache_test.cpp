@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <sstream>
 #include <thread>
 
@@ -43,20 +44,26 @@ const Module kModules[] = {
     {"event", 3, 75, kThreads},
 };
 
+std::string cgiModule(const Module& module) {
+    return module.name == std::string("prefork") ? "cgi" : "cgid";
+}
+
 std::string configuration(const Module& module) {
     std::ostringstream text;
     text << "ServerRoot " << kServerRoot << "\nPidFile logs/httpd.pid\nErrorLog logs/error_log\n"
          << "Listen 127.0.0.1:" << kPort << "\nListen 127.0.0.1:" << kSecondPort << "\n";
     const std::string mpm = std::string("mpm_") + module.name;
     for (const std::string& name : {mpm, std::string("authz_core"), std::string("alias"),
-                                    std::string("dir"), std::string("mime")}) {
+                                    std::string("dir"), std::string("mime"), cgiModule(module)}) {
         text << "LoadModule " << name << "_module /usr/lib/apache2/modules/mod_" << name << ".so\n";
     }
     if (geteuid() == 0) text << "User www-data\nGroup www-data\n";
     text << module.settings
          << "TypesConfig /dev/null\nEnableSendfile On\nKeepAliveTimeout 60\n"
             "MaxKeepAliveRequests 0\nServerName a.test\nDocumentRoot "
-         << kServerRoot << "/htdocs\n<VirtualHost *>\nServerName a.test\n"
+         << kServerRoot << "/htdocs\nScriptAlias /cgi " << kServerRoot << "/conf/script\n"
+         << (cgiModule(module) == "cgid" ? "ScriptSock /opt/server/logs/cgisock\n" : "")
+         << "<VirtualHost *>\nServerName a.test\n"
          << "Redirect 302 /moved http://a.test/small.html\n</VirtualHost>\n"
          << "<VirtualHost *>\nServerName b.test\nRedirect 503 /busy\n</VirtualHost>\n";
     return text.str();
@@ -90,6 +97,8 @@ class Apache : public testing::TestWithParam<Module> {
         const std::string root = kServerRoot;
         writeFile(root + "/conf/httpd.conf", configuration(GetParam()));
         writeFile(root + "/logs/.tolvane_info", std::string(GetParam().name) + "\n");
+        writeFile(root + "/conf/script", "#!/bin/sh\necho Status: 204\necho\n");
+        std::filesystem::permissions(root + "/conf/script", std::filesystem::perms::all);
         writeFile(root + "/htdocs/small.html", std::string(100, 's'));
         writeFile(root + "/htdocs/large.bin", std::string(300000, 'l'));
         return Process({"/usr/sbin/apache2", "-f", root + "/conf/httpd.conf", "-DFOREGROUND"},
@@ -114,6 +123,10 @@ class Apache : public testing::TestWithParam<Module> {
             expected +=
                 run(port, {.threads = 20, .connections = 100, .requests = 12, .mix = mix()});
         }
+        // Workers pass these on to a daemon of the server, or fork.
+        expected += run(
+            kPort,
+            {.threads = 2, .connections = 5, .requests = 2, .mix = {{get("a.test", "/cgi"), 0}}});
         expectSoon(segment, expected);
     }
 };
@@ -126,7 +139,8 @@ TEST_P(Apache, CountsEqualWhatTheClientsCounted) {
     ASSERT_EQ(segment.structures(), 2);
     segment.configure(kSites, 1);
     const auto started = [&] {
-        return static_cast<int>(server.children().size()) == GetParam().processes;
+        // Threaded servers have a daemon that runs scripts, besides their workers.
+        return static_cast<int>(server.children().size()) == GetParam().processes + threaded();
     };
     ASSERT_TRUE(eventually(std::chrono::seconds(10), started))
         << readFile("/opt/server/logs/error_log");

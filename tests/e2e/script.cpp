@@ -121,8 +121,9 @@ int ScriptServer::listen(int port, const std::string& address) {
     return static_cast<int>(reply.result);
 }
 
-Connection::Connection(Script& script, int listener, int port, const std::string& call)
-    : script_(script), client_(connectTo(port)) {
+Connection::Connection(Script& script, int listener, int port, const std::string& call,
+                       const std::string& address)
+    : script_(script), client_(connectTo(port, address)) {
     const Reply reply = script_(call + " " + std::to_string(listener));
     fd_ = static_cast<int>(reply.result);
     EXPECT_EQ(reply, good(fd_));

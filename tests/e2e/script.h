@@ -81,7 +81,8 @@ class ScriptServer {
 // A connection that one process of the server has accepted.
 class Connection {
   public:
-    Connection(Script& script, int listener, int port = kPort, const std::string& call = "accept");
+    Connection(Script& script, int listener, int port = kPort, const std::string& call = "accept",
+               const std::string& address = "127.0.0.1");
     ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;

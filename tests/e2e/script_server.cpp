@@ -11,30 +11,43 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <netinet/in.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <climits>
 #include <csignal>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <map>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 extern "C" {
 ssize_t __read_chk(int, void*, size_t, size_t);
 ssize_t __recv_chk(int, void*, size_t, size_t, int);
 ssize_t __recvfrom_chk(int, void*, size_t, size_t, int, void*, socklen_t*);
+#ifndef __LP64__
+ssize_t __recvmsg64(int, msghdr*, int);
+ssize_t __sendmsg64(int, const msghdr*, int);
+#endif
 ssize_t sendfile32(int, int, void*, size_t) __asm__("sendfile");
 ssize_t sendfile64(int, int, void*, size_t);
 
@@ -91,7 +104,8 @@ void talkTo(const std::string& path) {
     send(0, id.data(), id.size(), 0);
 }
 
-long listenOn(const Arguments& arguments) {
+// A socket bound to the port and address of the arguments; -1 when that fails.
+int boundSocket(const Arguments& arguments) {
     union {
         sockaddr any;
         sockaddr_in four;
@@ -115,8 +129,32 @@ long listenOn(const Arguments& arguments) {
     const int fd = socket(address.any.sa_family, SOCK_STREAM, 0);
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (bind(fd, &address.any, sizeof address.local) != 0) return -2;
+    return bind(fd, &address.any, sizeof address.local) == 0 ? fd : -1;
+}
+
+long listenOn(const Arguments& arguments) {
+    const int fd = boundSocket(arguments);
+    if (fd < 0) return -2;
     return listen(fd, 100) == 0 ? fd : -1;
+}
+
+// Listens on the port at that many addresses, in as many threads at the same moment.
+long listenTogether(const Arguments& arguments) {
+    std::atomic<int> waiting = number(arguments, 1);
+    std::atomic<long> lowest = INT_MAX;
+    std::vector<std::thread> threads;
+    for (int i = waiting; i > 0; --i) {
+        const int fd = boundSocket({arguments[0], "127.0.0." + std::to_string(i)});
+        threads.emplace_back([&waiting, &lowest, fd] {
+            --waiting;
+            while (waiting > 0) {
+            }
+            if (listen(fd, 100) != 0) lowest = -1;
+        });
+        lowest = fd;
+    }
+    for (std::thread& thread : threads) thread.join();
+    return lowest;
 }
 
 // `arguments`: the call, the descriptor and each buffer: its length for a
@@ -150,6 +188,10 @@ long transfer(const Arguments& arguments, bool receives) {
         {"readv", [&] { return readv(fd, vector.data(), count); }},
         {"recvfrom", [&] { return recvfrom(fd, first, size, 0, nullptr, nullptr); }},
         {"recvmsg", [&] { return recvmsg(fd, &message, 0); }},
+#ifndef __LP64__
+        {"__recvmsg64", [&] { return __recvmsg64(fd, &message, 0); }},
+        {"__sendmsg64", [&] { return __sendmsg64(fd, &message, 0); }},
+#endif
         {"__read_chk", [&] { return __read_chk(fd, first, size, size); }},
         {"__recv_chk", [&] { return __recv_chk(fd, first, size, size, 0); }},
         {"__recvfrom_chk",
@@ -189,6 +231,31 @@ long forkBriefly(const Arguments& arguments) {
     return child;
 }
 
+// A child in this process's memory that closes the descriptor and ends.
+long vforkBriefly(const Arguments& arguments) {
+    const int fd = number(arguments, 0);
+    const pid_t child = vfork();
+    if (child == 0) {
+        close(fd);
+        _exit(0);
+    }
+    waitpid(child, nullptr, 0);
+    return child;
+}
+
+// As on a system without the call.
+long denyCloseRange(const Arguments&) {
+    sock_filter program[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, SYS_close_range, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog filter = {4, program};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    return prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter);
+}
+
 // The entry points for SSL connections, found as an outside caller finds them.
 template <class Function>
 Function* exported(const char* name) {
@@ -225,6 +292,10 @@ const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
                             static_cast<unsigned>(number(a, 1)), number(a, 2));
      }},
     {"closefrom", [](auto& a) { return closefrom(number(a, 0)), 0; }},
+    {"fclose", [](auto& a) { return fclose(fdopen(number(a, 0), "r+")); }},
+    {"deny_close_range", denyCloseRange},
+    {"listen_together", listenTogether},
+    {"vfork_briefly", vforkBriefly},
     {"fork", forkAnother},
     {"fork_briefly", forkBriefly},
     {"report_request", reportRequest},

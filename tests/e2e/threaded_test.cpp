@@ -47,12 +47,13 @@ class Threaded : public testing::Test {
   protected:
     void SetUp() override { resetSandbox(); }
 
-    Process start(const std::string& kind, int threads, int forkers, int processes) {
+    Process start(const std::string& kind, int threads, int forkers, int processes,
+                  const std::string& module = "worker") {
         const std::string root = kServerRoot;
         const std::string port = std::to_string(kPort);
         writeFile(root + "/config/magnus.conf", "Port " + port + "\n");
         writeFile(root + "/conf/httpd.conf", "Listen " + port + "\n");
-        writeFile(root + "/logs/.tolvane_info", "worker\n");
+        writeFile(root + "/logs/.tolvane_info", module + "\n");
         return Process(
             {THREADED_SERVER, port, std::to_string(threads), std::to_string(forkers),
              std::to_string(processes)},
@@ -94,6 +95,25 @@ TEST_P(Netscape, CountsEqualWhatTheClientsCounted) {
             return threadsThatBlock(signal, server.pid()) == 1;
         })) << signal;
     }
+    expectCleanStop(server, segment);
+}
+
+// As a server with threads whose module nobody has named: its measurement ends,
+// and the server serves on.
+TEST_F(Threaded, ServerTakenForOneConnectionPerProcessServesOnUnobserved) {
+    Process server = start("apache", 50, 0, 2, "prefork");
+    writeFile(std::string(kServerRoot) + "/logs/httpd.pid", std::to_string(server.pid()));
+    Segment segment;
+    for (int i = 0; i < 3; ++i) {
+        segment.configure(sites_);
+        run(kPort, {.threads = 48, .connections = 20, .requests = 11, .mix = mix()});
+    }
+    int found = 0;
+    for (const auto& message : logMessages()) {
+        found += message.starts_with("This server has threads but was taken for one connection");
+    }
+    EXPECT_EQ(found, 2) << "once per process";
+    EXPECT_EQ(server.children().size(), 2u);
     expectCleanStop(server, segment);
 }
 

@@ -15,17 +15,17 @@ std::string get(const std::string& host, const std::string& url) {
     return "GET " + url + " HTTP/1.1\r\nHost: " + host + "\r\n\r\n";
 }
 
-int connectTo(int port) {
+int connectTo(int port, const std::string& host) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_addr.s_addr = inet_addr(host.c_str());
     // A server that hangs fails the test instead of hanging it too.
     const timeval patience{20, 0};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        throw std::runtime_error("cannot connect to port " + std::to_string(port));
+        throw std::runtime_error("cannot connect to " + host + ":" + std::to_string(port));
     }
     return fd;
 }

@@ -10,7 +10,7 @@
 namespace tolvane::test {
 
 std::string get(const std::string& host, const std::string& url);
-int connectTo(int port);
+int connectTo(int port, const std::string& address = "127.0.0.1");
 void sendAll(int fd, const std::string& text);
 
 // One request of a load, and where the configuration should put it.

@@ -109,6 +109,15 @@ TEST(AccountingBounds, IgnoresWhatIsOutsideTheTables) {
     expectCounted("");
 }
 
+TEST(Reporting, TakesAHostUpToItsNulAndNoClosedConnection) {
+    const MeasuredProcess process(kNetscape);
+    putIntoForce({{"a.test", {"/x"}}});
+    countAccepted(kFd, kUntracked);
+    countClosed(kFd);
+    updateRequestResults(GETINDEX(kNetscape, kFd), "a.test\0b.test", 13, "/x\0y", 4, kFd);
+    expectCounted("total: conn1 req1 open1 | 0: req1 | 0.0: req1 busy1");
+}
+
 TEST(ResponseTime, IsTheDifferenceOfTwoTimesOfDay) {
     const std::vector<std::string> logged = {"Response Time < 0"};
     LogTail log;

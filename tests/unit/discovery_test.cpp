@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "measured_process.h"
+#include "shim_utils/port_table.h"
 #include "shim_utils/server_discovery.h"
 #include "support/sandbox.h"
 
@@ -158,23 +159,52 @@ TEST(Discovery, ReadsTheAddressesOfAnApacheConfiguration) {
     }
 }
 
-// Ten addresses fit; one more is named in the log. A long name is cut.
+std::string lines(const std::string& before, int first, int last, const std::string& after) {
+    std::string text;
+    for (int i = first; i <= last; ++i) text += before + std::to_string(i) + after;
+    return text;
+}
+
+// Ten addresses fit, however often they are named; one more is named in the log,
+// with what happens to it. A long name is cut.
 TEST(Discovery, FillsATableToItsEnd) {
-    const std::string name = "x" + std::string(60, '0');
-    std::string conf = "Listen " + name + ":80\n";
-    std::string plain = name.substr(0, 49) + ":80";
-    for (const char* port : {"1", "2", "3", "4", "5", "6", "7", "8", "9"}) {
-        conf += std::string("Listen 10.0.0.1:") + port + "\n";
-        plain += std::string(" 10.0.0.1:") + port;
-    }
-    setFile(kRoot + "/conf/httpd.conf", (conf + "Listen 10.0.0.9:4711\n").c_str());
+    const std::string host = "x" + std::string(60, '0');
+    const std::string ten = lines("10.0.0.1:", 1, 10, " ");
+    const std::string plain = ten.substr(0, ten.size() - 1);
+    const std::string sslHost = "<VirtualHost *:443>\nSSLEngine on\n</VirtualHost>\n";
+    const std::string other =
+        "No room for another listening address: 10.0.0.9:4711 is not measured";
+    const struct {
+        std::string conf, plain, ssl, log;
+    } cases[] = {
+        {"Listen " + host + ":80\n" + lines("Listen 10.0.0.1:", 1, 9, "\n") +
+             "Listen 10.0.0.9:4711",
+         host.substr(0, 49) + ":80 " + plain.substr(0, plain.rfind(' ')), "", other},
+        {lines("Listen 10.0.0.1:", 1, 10, "\n") + "Listen 4\nListen 10.0.0.1:3", plain, "",
+         "No room for another listening address: *:4 is measured through another entry"},
+        {lines("Listen 80\n# ", 1, 20, "\n") + "Listen 81", "*:80 *:81", "", ""},
+        {lines(sslHost + "#", 1, 20, "\n") + "Listen 443\nListen 80", "*:80", "*:443", ""},
+        // Addresses that turn out to be SSL only take no entry of the plain table.
+        {lines("Listen 10.0.0.1:", 1, 12, "\n") +
+             lines("<VirtualHost 10.0.0.1:", 1, 11, ">\nSSLEngine on\n</VirtualHost>\n"),
+         "10.0.0.1:12", plain, "No room for another SSL address: 10.0.0.1:11 is not measured"},
+    };
     setServer("apache");
-    inChild([&plain] {
-        LogTail log;
-        getWebServerInfo();
-        EXPECT_EQ(describe(plainPorts), plain);
-        EXPECT_NE(log.next().back().find("10.0.0.9:4711"), std::string::npos);
-    });
+    setVariable("SSL_FACTOR", "");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.conf);
+        setFile(kRoot + "/conf/httpd.conf", c.conf.c_str());
+        inChild([&c] {
+            LogTail log;
+            getWebServerInfo();
+            EXPECT_EQ(describe(plainPorts), c.plain);
+            EXPECT_EQ(describe(sslPorts), c.ssl);
+            const std::string last = log.next().back();
+            EXPECT_EQ(last.starts_with("No room") ? last : "", c.log);
+            EXPECT_EQ(isSslWithoutEntry({11, inet_addr("10.0.0.1")}),
+                      c.log.find("SSL") != std::string::npos);
+        });
+    }
 }
 
 constexpr char kClients[] =
