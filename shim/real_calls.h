@@ -40,9 +40,4 @@ extern RealCall<ssize_t(int, const msghdr*, int)> real_sendmsg;
 extern RealCall<ssize_t(int, int, void*, size_t)> real_sendfile;
 extern RealCall<ssize_t(int, int, void*, size_t)> real_sendfile64;
 
-// Looks all of them up. Done at start-up, so that a child forked by a server
-// with threads need not ask the dynamic linker, whose lock another thread may
-// have held at the fork.
-void findRealCalls();
-
 }  // namespace tolvane
