@@ -47,6 +47,8 @@ std::vector<std::string> zones() {
 TEST(LocalTime, AgreesWithTheCLibrary) {
     constexpr long long kFrom = 0;  // 1970 to 2100, where time_t reaches that far
     constexpr long long kTo = sizeof(time_t) > 4 ? 4'102'444'800 : 2'147'000'000;
+    const char* const ownZone = std::getenv("TZ");
+    const std::string before = ownZone != nullptr ? ownZone : "";
     std::mt19937_64 random(1);
     std::uniform_int_distribution<long long> seconds(kFrom, kTo);
     for (const std::string& zone : zones()) {
@@ -68,6 +70,7 @@ TEST(LocalTime, AgreesWithTheCLibrary) {
                 << zone << " at " << when;
         }
     }
+    setenv("TZ", before.c_str(), 1);
 }
 
 TEST(LocalTime, RefusesWhatIsNoZone) {

@@ -25,6 +25,9 @@ namespace tolvane::test {
 namespace {
 namespace fs = std::filesystem;
 
+// A process keeps the time zone of its first line.
+[[maybe_unused]] const int zoneOfAllCases = setenv("TZ", "UTC-1", 1);
+
 mode_t logMode() {
     struct stat status = {};
     EXPECT_EQ(stat(kLogFile, &status), 0);
@@ -42,8 +45,6 @@ int logDescriptor() {
 }
 
 TEST(Log, WritesOneDatedLinePerMessage) {
-    setenv("TZ", "UTC-1", 1);
-    tzset();
     const std::size_t before = readFile(kLogFile).size();
     fakeTime = 1'088'859'909;
     printErrorMsg(" 100 %s %n%%");
