@@ -1,5 +1,6 @@
 // A call that the shim interposes: the next definition of the symbol in the
-// dynamic linker's order, found on first use.
+// dynamic linker's order. It is found when the library is loaded, or on first use
+// where that comes earlier.
 #pragma once
 
 #include <dlfcn.h>
@@ -24,24 +25,35 @@ class RealCall {
     // come here first at the same time find and store the same value.
     Pointer find() {
         Pointer call = pointer_.load(std::memory_order_relaxed);
-        return call != nullptr ? call : lookUp(missing_);
+        return call != nullptr ? call : findUnprepared();
     }
 
-    // Looks the call up ahead of its first use, silently.
+    // Looks the call up ahead of its first use, silently. A call that is missing
+    // now is missing for good, and is not asked for again.
     void prepare() {
-        if (pointer_.load(std::memory_order_relaxed) == nullptr) lookUp(nullptr);
+        if (pointer_.load(std::memory_order_relaxed) != nullptr) return;
+        missingAtLoad_.store(lookUp() == nullptr, std::memory_order_relaxed);
     }
 
   private:
-    __attribute__((noinline, cold)) Pointer lookUp(const char* missing) {
+    __attribute__((noinline, cold)) Pointer findUnprepared() {
+        Pointer call = missingAtLoad_.load(std::memory_order_relaxed) ? nullptr : lookUp();
+        if (call == nullptr && missing_ != nullptr) printErrorMsg(missing_);
+        return call;
+    }
+
+    // The dynamic linker keeps one error text per thread, for the server to fetch.
+    // A look-up replaces it; the text of our own failed one is not left there.
+    Pointer lookUp() {
         ErrnoGuard guard;
         auto call = reinterpret_cast<Pointer>(dlsym(RTLD_NEXT, symbol_));
-        if (call == nullptr && missing != nullptr) printErrorMsg(missing);
+        if (call == nullptr) dlerror();
         pointer_.store(call, std::memory_order_relaxed);
         return call;
     }
 
     std::atomic<Pointer> pointer_{nullptr};
+    std::atomic<bool> missingAtLoad_{false};
     const char* symbol_;
     const char* missing_;
 };

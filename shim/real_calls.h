@@ -51,9 +51,4 @@ extern RealCall<RecvmsgCall> real_recvmsg64;
 extern RealCall<SendmsgCall> real_sendmsg64;
 #endif
 
-// Looks all of them up. Done at start-up, so that a child forked by a server
-// with threads need not ask the dynamic linker, whose lock another thread may
-// have held at the fork.
-void findRealCalls();
-
 }  // namespace tolvane

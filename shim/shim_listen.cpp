@@ -92,7 +92,6 @@ void startOnce() {
     listenPid = getpid();
     parentPid.store(listenPid, std::memory_order_relaxed);
     cleanUpAtExit();
-    findRealCalls();
     initializeTolvaneShim();
     tolvaneInitialized = true;
     if (webServerType != kNetscape) parentPid.store(kUnknownPid, std::memory_order_relaxed);

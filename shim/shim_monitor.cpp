@@ -123,7 +123,6 @@ void wa_unlock() {
 
 void cleanup() {
     if (tolvaneShimEnabled.load(std::memory_order_relaxed) == 0) return;
-    logWithoutTimeConversion();
     if (webServerType != kNetscape) {
         int shared = std::atomic_ref<std::int32_t>(shmConfig->parentPid).load();
         parentPid.store(shared, std::memory_order_relaxed);

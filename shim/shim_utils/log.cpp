@@ -1,20 +1,25 @@
 #include "log.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <ctime>
 
 #include "errno_guard.h"
+#include "local_time.h"
 #include "own_files.h"
+#include "quiet_write.h"
 #include "text.h"
 #include "tolvane/segment_format.h"
-#include "tolvane/shim_tables.h"
 
 // The log is written with bare system calls. The C library's stream would hold
 // a lock that a fork can leave locked, be a cancellation point, and allocate;
@@ -44,23 +49,66 @@ bool stillOurs(int fd) {
            now.st_ino == logIdentity.inode.load(std::memory_order_relaxed);
 }
 
-// Says that there is no log, unless standard error is a client's connection.
+// Whether descriptor 2 is what a server reports its troubles on: a terminal or
+// other device, a pipe, a file that is only appended to, the journal. After the
+// server has closed standard error the number is anything: a data file, a
+// client, a database.
+bool isStandardError() {
+    constexpr int fd = STDERR_FILENO;
+    struct stat status;
+    if (fstat(fd, &status) != 0 || fcntl(fd, F_GETFD) != 0) return false;
+    if (S_ISREG(status.st_mode)) return (fcntl(fd, F_GETFL) & O_APPEND) != 0;
+    if (!S_ISSOCK(status.st_mode)) return S_ISCHR(status.st_mode) || S_ISFIFO(status.st_mode);
+
+    constexpr char kJournal[] = "/run/systemd/journal/";
+    sockaddr_un peer = {};
+    socklen_t length = sizeof peer;
+    return getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0 &&
+           peer.sun_family == AF_UNIX &&
+           std::strncmp(peer.sun_path, kJournal, sizeof kJournal - 1) == 0;
+}
+
+// Says that there is no log. Waits for no reader of standard error.
 void complain() {
-    const DescriptorState* state = descriptorState(STDERR_FILENO);
-    if (state != nullptr && state->typeOfSocket.load(std::memory_order_relaxed) != kUntracked)
-        return;
+    pollfd ready = {STDERR_FILENO, POLLOUT, 0};
+    if (!isStandardError() || syscall(SYS_poll, &ready, 1, 0) != 1) return;
     Text<128> complaint;
     complaint.add("Log file ").add(kLogFile).add(" could not be opened\n");
-    syscall(SYS_write, STDERR_FILENO, complaint.text(), complaint.length());
+    iovec line = {const_cast<char*>(complaint.text()), complaint.length()};
+    writeQuietly(STDERR_FILENO, &line, 1);
+}
+
+// The descriptor of the log, or -1. Everybody may put something else in its place:
+// a link or a second name leads to a file of somebody else's, a pipe waits for its
+// reader, a lease for its holder.
+int openLogFile() {
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK;
+    static std::atomic<bool> modeSet{false};
+    int fd = openOwn(kLogFile, kFlags);
+    bool created = false;
+    if (fd < 0 && errno == ENOENT) {
+        fd = openOwn(kLogFile, kFlags | O_CREAT | O_EXCL);
+        created = fd >= 0;
+        // Another thread or process was faster.
+        if (fd < 0 && errno == EEXIST) fd = openOwn(kLogFile, kFlags);
+    }
+    struct stat status;
+    if (fd < 0) return -1;
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) || status.st_nlink != 1) {
+        closeOwn(fd);
+        return -1;
+    }
+    const bool again = modeSet.exchange(true, std::memory_order_relaxed);
+    if (created || (!again && status.st_uid == geteuid())) fchmod(fd, 0777);
+    return fd;
 }
 
 int openLog(int old) {
-    int fd = openOwn(kLogFile, O_WRONLY | O_CREAT | O_APPEND);
+    int fd = openLogFile();
     if (fd < 0) {
         complain();
         return -1;
     }
-    fchmod(fd, 0777);
     int high = fcntl(fd, F_DUPFD_CLOEXEC, kLowestLogDescriptor);
     if (high >= 0) {
         closeOwn(fd);
@@ -78,63 +126,20 @@ int openLog(int old) {
     return fd;
 }
 
-std::atomic<long> utcOffset{0};  // seconds east of UTC at the last conversion
-std::atomic<bool> convertTime{true};
-
-// The calendar date and time of `seconds` since the epoch.
-tm calendarTime(long long seconds) {
-    constexpr long long kDay = 86400;
-    constexpr int kDaysOf400Years = 146097;
-    long long day = seconds / kDay - (seconds % kDay < 0 ? 1 : 0);
-    auto second = static_cast<int>(seconds - day * kDay);
-    // Years here begin in March, so that a leap day comes last.
-    day += 719468;  // from 1 March of the year 0 to the epoch
-    auto era = static_cast<int>(day / kDaysOf400Years);
-    auto dayOfEra = static_cast<int>(day % kDaysOf400Years);
-    int yearOfEra = (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;
-    int dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
-    int month = (5 * dayOfYear + 2) / 153;
-
-    tm result = {};
-    result.tm_mday = dayOfYear - (153 * month + 2) / 5 + 1;
-    result.tm_mon = month < 10 ? month + 2 : month - 10;
-    result.tm_year = era * 400 + yearOfEra + (month < 10 ? 0 : 1) - 1900;
-    result.tm_hour = second / 3600;
-    result.tm_min = second / 60 % 60;
-    result.tm_sec = second % 60;
-    return result;
-}
-
-bool localTime(tm& local) {
-    time_t now = time(nullptr);
-    if (!convertTime.load(std::memory_order_relaxed)) {
-        local = calendarTime(now + utcOffset.load(std::memory_order_relaxed));
-        return true;
-    }
-    if (localtime_r(&now, &local) == nullptr) return false;
-    utcOffset.store(local.tm_gmtoff, std::memory_order_relaxed);
-    return true;
-}
-
-void addTime(Text<32>& line, const tm& local) {
-    int year = local.tm_year + 1900;
-    line.addTwoDigits(local.tm_mday).add("/").addTwoDigits(local.tm_mon + 1).add("/");
-    for (int low = 1000; low > 1 && year < low; low /= 10) line.add("0");
-    line.add(year).add(" ");
-    line.addTwoDigits(local.tm_hour).add(":").addTwoDigits(local.tm_min).add(":");
-    line.addTwoDigits(local.tm_sec).add("  ");
+void addTime(Text<32>& line, const LocalTime& local) {
+    line.addTwoDigits(local.day).add("/").addTwoDigits(local.month).add("/");
+    for (int low = 1000; low > 1 && local.year < low; low /= 10) line.add("0");
+    line.add(local.year).add(" ");
+    line.addTwoDigits(local.hour).add(":").addTwoDigits(local.minute).add(":");
+    line.addTwoDigits(local.second).add("  ");
 }
 
 }  // namespace
 
-void logWithoutTimeConversion() {
-    convertTime.store(false, std::memory_order_relaxed);
-}
-
 void printErrorMsg(const char* text) {
     ErrnoGuard guard;
-    tm local;
-    if (!localTime(local)) return;
+    LocalTime local;
+    if (!localTime(time(nullptr), local)) return;
 
     int fd = logFile.load(std::memory_order_acquire);
     if (!stillOurs(fd)) fd = openLog(fd);
@@ -147,7 +152,7 @@ void printErrorMsg(const char* text) {
     iovec line[] = {{const_cast<char*>(date.text()), date.length()},
                     {const_cast<char*>(text), std::strlen(text)},
                     {newline, 1}};
-    syscall(SYS_writev, fd, line, 3);
+    writeQuietly(fd, line, 3);
 }
 
 }  // namespace tolvane

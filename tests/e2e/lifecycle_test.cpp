@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <thread>
 
@@ -220,6 +221,30 @@ TEST_F(Lifecycle, TheLockFileOfAnotherServerIsWaitedFor) {
     other.join();
     EXPECT_EQ(server.segment.config().version, kVersionRemoved);
     EXPECT_EQ(leftovers(), "1 shm ");
+}
+
+TEST_F(Lifecycle, TheDynamicLinkersErrorTextIsTheServers) {
+    ScriptServer server;
+    EXPECT_EQ((*server.parent)("keep_error_text").result, 0);
+}
+
+// The clocks go forward while the server runs; its last lines come from exit.
+TEST_F(Lifecycle, TheLogShowsTheTimeOfItsLine) {
+    const std::time_t soon = std::time(nullptr) + 2;
+    std::tm utc{};
+    gmtime_r(&soon, &utc);
+    char zone[80];
+    std::snprintf(zone, sizeof zone, "TZ=AAA0BBB-5,%d/%d:%d:%d,%d/23", utc.tm_yday, utc.tm_hour,
+                  utc.tm_min, utc.tm_sec, utc.tm_yday < 300 ? 364 : 5);
+    Measured server({.environment = {"REQUEST_INTERVAL=1", zone}});
+    serve(*server.worker, server.listener);
+    server.worker->exit();
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    server.parent->exit();
+    const std::string log = readFile(kLogFile);
+    const auto hourOf = [&](std::size_t line) { return std::stoi(log.substr(line + 11, 2)); };
+    const auto last = log.rfind('\n', log.size() - 2) + 1;
+    EXPECT_EQ((hourOf(last) - hourOf(0) + 24) % 24 / 5, 1) << log;
 }
 
 long residentKilobytes(pid_t pid) {

@@ -276,6 +276,17 @@ long reportResponse(const Arguments& a) {
     return slot;
 }
 
+// Whether the dynamic linker's error text outlives the first use of other calls.
+long keepErrorText(const Arguments&) {
+    if (dlerror() != nullptr) return 1;
+    dlopen("/no/such/library", RTLD_NOW);
+    readv(-1, nullptr, 0);
+    sendmsg(-1, nullptr, 0);
+    closefrom(1 << 20);
+    const char* text = dlerror();
+    return text != nullptr && std::strstr(text, "/no/such/library") != nullptr ? 0 : 2;
+}
+
 const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
     {"listen", listenOn},
     {"in", [](auto& a) { return transfer(a, true); }},
@@ -298,6 +309,7 @@ const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
     {"vfork_briefly", vforkBriefly},
     {"fork", forkAnother},
     {"fork_briefly", forkBriefly},
+    {"keep_error_text", keepErrorText},
     {"report_request", reportRequest},
     {"report_response", reportResponse},
     {"exit", [](auto& a) -> long { std::exit(number(a, 0)); }},

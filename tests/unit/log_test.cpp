@@ -2,13 +2,17 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <functional>
 #include <limits>
 #include <thread>
 
@@ -20,6 +24,9 @@
 namespace tolvane::test {
 namespace {
 namespace fs = std::filesystem;
+
+// A process keeps the time zone of its first line.
+[[maybe_unused]] const int zoneOfAllCases = setenv("TZ", "UTC-1", 1);
 
 mode_t logMode() {
     struct stat status = {};
@@ -38,8 +45,6 @@ int logDescriptor() {
 }
 
 TEST(Log, WritesOneDatedLinePerMessage) {
-    setenv("TZ", "UTC-1", 1);
-    tzset();
     const std::size_t before = readFile(kLogFile).size();
     fakeTime = 1'088'859'909;
     printErrorMsg(" 100 %s %n%%");
@@ -93,21 +98,151 @@ TEST(Log, SurvivesAServerThatTakesItsDescriptor) {
     close(reused);
 }
 
+const std::string kComplaint = std::string("Log file ") + kLogFile + " could not be opened\n";
+
+// Standard error as a server's own log file, which is only appended to.
+class ErrorLog {
+  public:
+    explicit ErrorLog(int flags = O_APPEND) : before_(dup(STDERR_FILENO)) {
+        fs::remove(kFile);
+        const int fd = open(kFile, O_WRONLY | O_CREAT | flags, 0600);
+        dup2(fd, STDERR_FILENO);
+        close(fd);
+    }
+    ~ErrorLog() {
+        dup2(before_, STDERR_FILENO);
+        close(before_);
+    }
+    std::string text() const { return readFile(kFile); }
+
+  private:
+    static constexpr char kFile[] = "/opt/error_log";
+    int before_;
+};
+
 TEST(Log, SaysOnStandardErrorThatItCannotOpenTheFile) {
-    const std::string complaint = std::string("Log file ") + kLogFile + " could not be opened\n";
     close(logDescriptor());
     fs::rename("/opt/tolvane/agent/logs", "/opt/away");
-    testing::internal::CaptureStderr();
-    printErrorMsg("lost");
-    printErrorMsg("lost too");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), complaint + complaint);
+    {
+        ErrorLog errors;
+        printErrorMsg("lost");
+        printErrorMsg("lost too");
+        EXPECT_EQ(errors.text(), kComplaint + kComplaint);
+    }
+    {
+        ErrorLog data(0);
+        printErrorMsg("nothing into a data file that took the number");
+        EXPECT_EQ(data.text(), "");
+    }
     fs::rename("/opt/away", "/opt/tolvane/agent/logs");
 
     LogTail log;
-    testing::internal::CaptureStderr();
+    ErrorLog errors;
     printErrorMsg("back");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(errors.text(), "");
     EXPECT_EQ(log.next(), (std::vector<std::string>{"back"}));
+}
+
+TEST(Log, RefusesWhatSomebodyElsePutInItsPlace) {
+    const std::string other = "/opt/other";
+    const struct {
+        const char* what;
+        std::function<int()> put;
+    } cases[] = {
+        {"a pipe", [] { return mkfifo(kLogFile, 0777); }},
+        {"a link", [&] { return symlink(other.c_str(), kLogFile); }},
+        {"a link to nothing", [] { return symlink("/opt/nothing", kLogFile); }},
+        {"a second name", [&] { return link(other.c_str(), kLogFile); }},
+        {"a directory", [] { return mkdir(kLogFile, 0777); }},
+    };
+    close(logDescriptor());
+    for (const auto& [what, put] : cases) {
+        fs::remove(kLogFile);
+        writeFile(other, "kept");
+        ASSERT_EQ(chmod(other.c_str(), 0600), 0);
+        ASSERT_EQ(put(), 0) << what;
+        inChild([] {
+            alarm(5);  // a server must not wait for the pipe's reader
+            ErrorLog errors;
+            printErrorMsg("refused");
+            EXPECT_EQ(errors.text(), kComplaint);
+        });
+        EXPECT_EQ(readFile(other), "kept") << what;
+        EXPECT_EQ(fs::status(other).permissions(), fs::perms(0600)) << what;
+        EXPECT_FALSE(fs::exists("/opt/nothing"));
+    }
+    fs::remove(kLogFile);
+    fs::remove(other);
+}
+
+void breakStandardError() {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    close(ends[0]);
+    dup2(ends[1], STDERR_FILENO);
+    close(logDescriptor());
+    fs::rename("/opt/tolvane/agent/logs", "/opt/away");
+}
+
+void reachFileSizeLimit() {
+    printErrorMsg("fills the log");
+    const rlimit full = {fs::file_size(kLogFile), RLIM_INFINITY};
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+}
+
+bool isPending(int signal) {
+    sigset_t set;
+    sigpending(&set);
+    return sigismember(&set, signal) == 1;
+}
+
+bool isBlocked(int signal) {
+    sigset_t set;
+    sigprocmask(SIG_BLOCK, nullptr, &set);
+    return sigismember(&set, signal) == 1;
+}
+
+TEST(Log, RaisesNoSignalInTheServer) {
+    const struct {
+        int signal;
+        void (*spoil)();
+    } cases[] = {{SIGPIPE, breakStandardError}, {SIGXFSZ, reachFileSizeLimit}};
+    for (const auto& [signal, spoil] : cases) {
+        inChild([&] {
+            spoil();
+            printErrorMsg("unheard");
+            EXPECT_FALSE(isBlocked(signal));
+            sigset_t own;
+            sigemptyset(&own);
+            sigaddset(&own, signal);
+            sigprocmask(SIG_BLOCK, &own, nullptr);
+            printErrorMsg("unheard");
+            EXPECT_FALSE(isPending(signal));
+            raise(signal);
+            printErrorMsg("unheard");
+            EXPECT_TRUE(isPending(signal) && isBlocked(signal)) << "the server's own";
+        });
+        if (fs::exists("/opt/away")) fs::rename("/opt/away", "/opt/tolvane/agent/logs");
+    }
+}
+
+// The C library's conversion holds a lock that the child would wait for.
+TEST(Log, WritesInAForkedChildWhateverOtherThreadsDid) {
+    std::atomic<bool> stop{false};
+    std::thread converting([&] {
+        for (time_t now = 0; !stop.load(); ++now) {
+            tm local;
+            localtime_r(&now, &local);
+        }
+    });
+    for (int i = 0; i < 50 && !testing::Test::HasFailure(); ++i) {
+        inChild([] {
+            alarm(2);
+            printErrorMsg("child");
+        });
+    }
+    stop = true;
+    converting.join();
 }
 
 TEST(Log, KeepsTheLinesOfSeveralThreadsWhole) {
