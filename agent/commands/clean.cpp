@@ -22,31 +22,38 @@ namespace tolvane::agent {
 
 namespace {
 
-// What the servers that still run have named as theirs.
-std::set<std::int32_t> semaphoresInUse(const std::vector<Server>& servers) {
-    std::set<std::int32_t> inUse;
+struct RunningServer {
+    std::string name;
+    SegmentStatus segment;
+};
+
+std::vector<RunningServer> runningServers(const std::vector<Server>& servers) {
+    std::vector<RunningServer> running;
     for (const Server& server : servers) {
         if (server.state == ServerState::kStale || !server.ownsSegment) continue;
-        try {
-            Segment segment(server.handoff.shmid, server.handoff.structures,
-                            Segment::Access::kRead);
-            for (std::int32_t i = 0; i < segment.structures(); ++i)
-                inUse.insert(segment.semaphoreOf(i));
-        } catch (const Failure&) {
-            // It has stopped in this moment, and taken its semaphores along.
-        }
+        running.push_back({nameOf(server), segmentStatus(server.handoff.shmid)});
     }
-    return inUse;
+    return running;
+}
+
+// A running server that may have made the semaphore. Which ones its segment
+// names does not count: anybody may write there.
+const RunningServer* possibleOwner(std::int32_t id, const std::vector<RunningServer>& running) {
+    auto found = std::find_if(running.begin(), running.end(), [id](const RunningServer& server) {
+        return isSemaphoreOf(id, server.segment);
+    });
+    return found == running.end() ? nullptr : &*found;
 }
 
 struct Leftovers {
     std::string heading;
-    std::vector<std::int32_t> semaphores;
+    std::string doubts;  // lines about what stays
+    std::set<std::int32_t> semaphores;
     std::int32_t shmid = -1;
     std::string handoff;
 };
 
-Leftovers leftoversOf(const Server& server, const std::set<std::int32_t>& inUse) {
+Leftovers leftoversOf(const Server& server, const std::vector<RunningServer>& running) {
     Leftovers left;
     left.heading = fmt::format("Server {}: {}\n", nameOf(server), server.why);
     // A damaged file may be one that is being written right now.
@@ -58,7 +65,16 @@ Leftovers leftoversOf(const Server& server, const std::set<std::int32_t>& inUse)
     Segment segment(left.shmid, server.handoff.structures, Segment::Access::kRead);
     for (std::int32_t i = 0; i < segment.structures(); ++i) {
         std::int32_t id = segment.semaphoreOf(i);
-        if (inUse.count(id) == 0 && isSemaphoreOf(id, status)) left.semaphores.push_back(id);
+        if (!isSemaphoreOf(id, status)) continue;
+        const RunningServer* owner = possibleOwner(id, running);
+        if (owner == nullptr) {
+            left.semaphores.insert(id);
+            continue;
+        }
+        left.doubts += fmt::format(
+            "  semaphore {} stays: server {} was started at the same moment, and it may be "
+            "that one's; if not, 'ipcrm -s {}' removes it\n",
+            id, owner->name, id);
     }
     return left;
 }
@@ -84,7 +100,7 @@ class Remover {
 };
 
 void removeLeftovers(const Leftovers& left, Remover& remover) {
-    writeOut(left.heading);
+    writeOut(left.heading + left.doubts);
     for (std::int32_t id : left.semaphores) {
         remover.remove(fmt::format("semaphore {}", id), [id] { return ::semctl(id, 0, IPC_RMID); });
     }
@@ -117,10 +133,10 @@ int cleanCommand(const CleanOptions& options) {
         // What was stale before the wait for the lock may have changed.
         servers = findServers();
     }
-    std::set<std::int32_t> inUse = semaphoresInUse(servers);
+    std::vector<RunningServer> running = runningServers(servers);
     std::vector<Leftovers> leftovers;
     for (const Server& server : servers) {
-        if (stale(server)) leftovers.push_back(leftoversOf(server, inUse));
+        if (stale(server)) leftovers.push_back(leftoversOf(server, running));
     }
     for (const Leftovers& left : leftovers) removeLeftovers(left, remover);
     return remover.refused() ? kExitFailed : kExitOk;

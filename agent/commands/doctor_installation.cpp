@@ -70,11 +70,19 @@ std::string lastComplaintOfToday() {
 
 void examineLog(Findings& findings) {
     struct stat log {};
-    if (::stat(kLogFile, &log) != 0) {
+    if (::lstat(kLogFile, &log) != 0) {
         if (errno != ENOENT) {
             findings.problem(fmt::format("{}: {}", kLogFile, std::strerror(errno)),
                              "look at the permissions of its directory");
         }
+        return;
+    }
+    // Its directory is open to all users: a link there must not lead the operator
+    // to give another file away.
+    if (!S_ISREG(log.st_mode) || log.st_nlink != 1) {
+        findings.problem(
+            fmt::format("{} is no plain file of its own, and no server writes there", kLogFile),
+            fmt::format("rm {}", kLogFile));
         return;
     }
     struct stat directory {};

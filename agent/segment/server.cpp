@@ -10,6 +10,7 @@
 #include "base/process.h"
 #include "base/text.h"
 #include "segment/attached.h"
+#include "segment/created_segment.h"
 
 namespace tolvane::agent {
 
@@ -24,6 +25,8 @@ void judgeAttached(Server& server, const SegmentStatus& status) {
     // Whoever is not known for another one is taken for a process of the server:
     // some may not be looked into, or live in another process namespace.
     server.processes = status.attached - std::min(status.attached, attached.others.size());
+    // Others may come and go while we count; a process of the server that was seen stays one.
+    server.processes = std::max(server.processes, attached.servers.size());
     bool parentKnown = server.parentPid > 0;
     bool parentRuns = parentKnown && processExists(server.parentPid);
     server.process = parentRuns ? server.parentPid : oldestOf(attached.servers);
@@ -46,17 +49,22 @@ void judgeAttached(Server& server, const SegmentStatus& status) {
     }
 }
 
-Server judge(const Handoff& handoff) {
+// Why the handoff file leads to no segment of its server; empty when it may.
+std::string misleads(const Handoff& handoff, const SegmentStatus& status) {
+    if (!handoff.problem.empty()) return "the handoff file is damaged: " + handoff.problem;
+    if (!status.exists) return fmt::format("segment {} is gone", handoff.shmid);
+    return status.error != 0 ? "" : foreignSegment(handoff, status);
+}
+
+Server judge(const Handoff& found) {
     Server server;
-    server.handoff = handoff;
-    if (!handoff.problem.empty()) {
-        server.why = "the handoff file is damaged: " + handoff.problem;
-        return server;
-    }
+    Handoff& handoff = server.handoff = found;
     SegmentStatus status = segmentStatus(handoff.shmid);
-    if (!status.exists) {
-        server.why = fmt::format("segment {} is gone", handoff.shmid);
-        return server;
+    server.why = misleads(handoff, status);
+    if (!server.why.empty()) {
+        if (!leadToCreatedSegment(handoff)) return server;
+        server.misled = server.why;
+        status = segmentStatus(handoff.shmid);
     }
     if (status.error != 0) {
         server.state = ServerState::kLive;
@@ -64,8 +72,6 @@ Server judge(const Handoff& handoff) {
                                  std::strerror(status.error));
         return server;
     }
-    server.why = foreignSegment(handoff, status);
-    if (!server.why.empty()) return server;
     try {
         Segment segment(handoff.shmid, handoff.structures, Segment::Access::kRead);
         server.version = segment.version();
@@ -103,6 +109,10 @@ std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) 
         return fmt::format("segment {} belongs to something else: it has {} bytes where {} need {}",
                            handoff.shmid, status.size,
                            plural(static_cast<std::size_t>(handoff.structures), "record"), wanted);
+    }
+    if (!status.openToAll) {
+        return fmt::format("segment {} belongs to something else: it is not open to all users",
+                           handoff.shmid);
     }
     // A creator outside our process namespace reads as 0.
     if (status.creator != 0 && status.creator != handoff.pid) {

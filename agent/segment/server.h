@@ -24,6 +24,7 @@ struct Server {
     Handoff handoff;
     ServerState state = ServerState::kStale;
     std::string why;
+    std::string misled;        // what the handoff file, as it stood, said wrongly
     bool ownsSegment = false;  // the segment that exists under the id is this server's
     std::int32_t version = 0;  // meaningful when ownsSegment
     std::int32_t parentPid = -1;

@@ -55,7 +55,6 @@ void boundSite(ConfigInfo& config, int s, Report& report) {
     report.bound(config.numCategories[s], kMaxCategories, "numCategories", {s});
     for (int c = 0; c < config.numCategories[s]; ++c) {
         CategoryConfig& category = config.categories[s][c];
-        report.terminate(category.label, kLabelSize, "label", {s, c});
         report.bound(category.numSections, kMaxSections, "numSections", {s, c});
         for (int k = 0; k < category.numSections; ++k) {
             boundSection(category.sections[k], s, c, k, report);

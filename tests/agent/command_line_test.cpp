@@ -160,20 +160,25 @@ TEST(CommandLine, ConfigureTellsWhenCountsChangeTheirName) {
 }
 
 TEST(CommandLine, CleanRemovesWhatStaleServersLeftAndNothingElse) {
-    FakeServer live(3);
     FakeServer dead(5);
+    // What the live server makes may still pass for the dead one's.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    FakeServer live(3);
     FakeServer reused(1);
     int foreignSemaphore = semget(IPC_PRIVATE, 2, IPC_CREAT | 0777);
     int privateSemaphore = semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
     int foreignSegment = shmget(IPC_PRIVATE, segmentSize(1), IPC_CREAT | 0777);
     auto deadSemaphores = dead.semaphores();
     int kept = deadSemaphores[2];
+    auto liveSemaphores = live.semaphores();
     // An identifier in a segment is no proof of ownership.
     dead.edit([&](ConfigInfo&, ResultStruct* records) {
         records[2].semaphoreId = foreignSemaphore;
         records[3].semaphoreId = privateSemaphore;
-        records[4].semaphoreId = live.semaphores()[0];
+        records[4].semaphoreId = liveSemaphores[0];
     });
+    live.edit(
+        [&](ConfigInfo&, ResultStruct* records) { records[0].semaphoreId = foreignSemaphore; });
     std::string liveText = tolvane::test::readFile(live.handoff());
     dead.kill();
     // A file of long ago that names a segment which is now somebody else's.
@@ -182,6 +187,8 @@ TEST(CommandLine, CleanRemovesWhatStaleServersLeftAndNothingElse) {
                        "\nServer_Type=APACHE\nStructures=1\n");
     // Damaged, but its process runs: it may be writing at this moment.
     writeFile(reused.handoff(), "Listen=*:8");
+    std::string begun = kHandoffDirectory + (kHandoffPrefix + std::to_string(getppid()));
+    writeFile(begun, "Listen=*:8");
 
     Outcome dry = tolvane({"clean", "--dry-run"});
     EXPECT_TRUE(segmentExists(dead.shmid()));
@@ -195,10 +202,13 @@ TEST(CommandLine, CleanRemovesWhatStaleServersLeftAndNothingElse) {
     EXPECT_NE(access(old.c_str(), F_OK), 0);
 
     EXPECT_TRUE(segmentExists(live.shmid()));
-    for (int id : live.semaphores()) EXPECT_TRUE(semaphoreExists(id));
+    for (int id : liveSemaphores) EXPECT_TRUE(semaphoreExists(id));
+    EXPECT_TRUE(
+        contains(dry.output, "semaphore " + std::to_string(liveSemaphores[0]) + " stays: server "));
     EXPECT_EQ(tolvane::test::readFile(live.handoff()), liveText);
     EXPECT_TRUE(segmentExists(reused.shmid()));
     EXPECT_EQ(access(reused.handoff().c_str(), F_OK), 0);
+    EXPECT_EQ(access(begun.c_str(), F_OK), 0);
     EXPECT_TRUE(segmentExists(foreignSegment));
     EXPECT_TRUE(semaphoreExists(foreignSemaphore));
     EXPECT_TRUE(semaphoreExists(privateSemaphore));
@@ -232,6 +242,12 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
              chmod(kLogFile, 0644);
          },
          "closed to worker processes (mode 644) -> chmod 666"},
+        {"log link",
+         [](FakeServer&) {
+             writeFile("/opt/private", "");
+             if (symlink("/opt/private", kLogFile) != 0) ADD_FAILURE();
+         },
+         "web_log is no plain file of its own, and no server writes there -> rm "},
         {"variables", [](FakeServer&) {}, "WEB_SERVER is not set -> restart it with 'tolvane run'"},
         {"handoff directory",
          [](FakeServer&) {
@@ -262,6 +278,12 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
          "configuration 1 is taken up by nobody: 9 requests"},
         {"semaphore", [](FakeServer& s) { semctl(s.semaphores()[0], 0, IPC_RMID); },
          "the semaphore of record 0 is gone"},
+        {"held semaphore",
+         [](FakeServer& s) {
+             sembuf take = {0, -1, 0};
+             semop(s.semaphores()[0], &take, 1);
+         },
+         "the semaphore of record 0 is held, last touched by process "},
         {"stale", [](FakeServer& s) { s.kill(); }, "stale: /opt/tolvane/agent/config/webadapter."},
     };
     for (const Case& c : cases) {

@@ -80,6 +80,43 @@ TEST_P(MeasuredApache, IsStartedConfiguredShownAndGone) {
     EXPECT_EQ(tolvane::test::systemVObjects("shm") + tolvane::test::systemVObjects("sem"), 0);
 }
 
+// Started by hand, without the file that names the module.
+TEST_P(MeasuredApache, WithThreadsThatWereNotAnnouncedIsReported) {
+    if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";
+    const bool threaded = std::string(GetParam()) != "prefork";
+    layOutServer(GetParam());
+    writeFile("/opt/server/conf/httpd.conf", "Listen 127.0.0.1:8080\nMaxClients 11\n");
+    std::filesystem::create_directories("/opt/server/logs");
+    std::filesystem::create_symlink("/opt/etc/server.pid", "/opt/server/logs/httpd.pid");
+    tolvane::test::Process server(
+        {"/usr/sbin/apache2", "-d", "/opt/etc", "-f", "main.conf", "-D", "FOREGROUND"},
+        {std::string("LD_PRELOAD=") + TOLVANE_LIBRARY, "WEB_SERVER=apache",
+         "WEB_SERVER_ROOT=/opt/server"});
+    auto has = [](const std::string& command, const std::string& text) {
+        return tolvane({command}).output.find(text) != std::string::npos;
+    };
+    ASSERT_TRUE(tolvane::test::eventually(
+        20s, [&] { return tolvane({"list"}).code == 0 && !server.children().empty(); }));
+    const std::string fault = "it has threads but was taken for one connection per process";
+    const std::string file = "/opt/server/logs/.tolvane_info";
+    EXPECT_EQ(has("doctor", fault + " -> echo " + GetParam() + " > " + file), threaded);
+    EXPECT_EQ(has("show", "Note: " + fault), threaded);
+
+    // Anybody may write such a line; without threads it accuses wrongly.
+    const std::string worker = std::to_string(server.children().back());
+    const std::string line =
+        "  This server has threads but was taken for one connection per process: process " +
+        worker + " measures nothing more\n";
+    writeFile(kLogFile, "01/01/2001 00:00:00" + line);
+    EXPECT_FALSE(has("doctor", worker + " has stopped measuring"));
+    writeFile(kLogFile, "01/01/2099 00:00:00" + line);
+    EXPECT_EQ(has("doctor", "process " + worker + " has stopped measuring"), threaded);
+
+    std::this_thread::sleep_for(1100ms);
+    writeFile(file, std::string(GetParam()) + "\n");
+    EXPECT_EQ(has("doctor", " -> restart it: " + file + " was written after its start"), threaded);
+}
+
 INSTANTIATE_TEST_SUITE_P(Modules, MeasuredApache, testing::Values("prefork", "worker", "event"),
                          [](const auto& module) { return std::string(module.param); });
 

@@ -120,9 +120,6 @@ TEST(Servers, AreStaleForAReason) {
     }
     FakeServer server;
     std::string text = tolvane::test::readFile(server.handoff());
-    writeFile(server.handoff(), text.substr(0, text.find("Structures")) + "Structures=2\n");
-    expectState(ServerState::kStale, "belongs to something else");
-    writeFile(server.handoff(), text);
     utimbuf old = {0, 1000000000};
     utime(server.handoff().c_str(), &old);
     expectState(ServerState::kStale, "younger than the handoff file");
@@ -130,6 +127,36 @@ TEST(Servers, AreStaleForAReason) {
     rename(server.handoff().c_str(), other.c_str());
     utime(other.c_str(), nullptr);
     expectState(ServerState::kStale, "was created by process " + std::to_string(server.pid()));
+    writeFile(other, text.substr(0, text.find("Structures")) + "Structures=2\n");
+    expectState(ServerState::kStale, "belongs to something else: it has");
+    writeFile(other, text);
+    shmid_ds status{};
+    shmctl(server.shmid(), IPC_STAT, &status);
+    status.shm_perm.mode = 0700;
+    shmctl(server.shmid(), IPC_SET, &status);
+    expectState(ServerState::kStale, "is not open to all users");
+}
+
+// Anybody may write into the file.
+TEST(Servers, AreFoundWhateverTheirHandoffFileSays) {
+    FakeServer other(2, "*:81");
+    FakeServer server(3);
+    const std::string otherSegment = "Shmid=" + std::to_string(other.shmid());
+    const std::string ownSegment = "Shmid=" + std::to_string(server.shmid());
+    for (const std::string& text :
+         {std::string(), std::string(100000, 'x'), std::string("Shmid=2147483647\nStructures=3\n"),
+          otherSegment + "\nStructures=2\n", ownSegment + "\nStructures=1\n"}) {
+        SCOPED_TRACE(text.substr(0, 50));
+        writeFile(server.handoff(), text);
+        Server found = selectServer(findServers(), std::to_string(server.pid()));
+        EXPECT_EQ(found.handoff.shmid, server.shmid());
+        EXPECT_EQ(found.handoff.structures, 3);
+        EXPECT_TRUE(tolvane({"doctor"}).output.find(server.handoff() + " was changed: ") !=
+                    std::string::npos);
+        tolvane({"clean"});
+        EXPECT_EQ(access(server.handoff().c_str(), F_OK), 0);
+        EXPECT_TRUE(segmentExists(server.shmid()) && segmentExists(other.shmid()));
+    }
 }
 
 TEST(Servers, AreChosenByWhatTheOperatorSees) {
@@ -179,6 +206,17 @@ TEST(Segment, HostileCountsAreBounded) {
         }
         EXPECT_EQ(tolvane({"show", "--json"}).code, 0);
     }
+}
+
+TEST(Segment, LabelWithoutAnEndIsEndedAndRaisesNoAlarm) {
+    FakeServer server;
+    server.edit([](ConfigInfo& config, ResultStruct*) {
+        config.version = config.numSites = config.numCategories[0] = 1;
+        std::memset(config.categories[0][0].label, 'x', kLabelSize);
+    });
+    ConfigCopy copy = copyConfiguration(Segment(server.shmid(), 1, Segment::Access::kRead));
+    EXPECT_EQ(copy.complaint, "");
+    EXPECT_EQ(copy.info->categories[0][0].label, std::string(kLabelSize - 1, 'x'));
 }
 
 TEST(Segment, AnotherSizeIsNotAttached) {

@@ -105,7 +105,8 @@ TEST(Configuration, OneLogLineNamesWhatWasOutOfRange) {
          [](ConfigInfo& c) { fill(c.categories[0][0].sections[0].piece[1]); }},
         {"siteName[1] ", [](ConfigInfo& c) { fill(c.siteName[1]); }},
         {"hostName[1][0] ", [](ConfigInfo& c) { fill(c.hostName[1][0]); }},
-        {"label[0][0] ", [](ConfigInfo& c) { fill(c.categories[0][0].label); }},
+        // A label is the agent's own, whatever stands in it.
+        {"", [](ConfigInfo& c) { fill(c.categories[0][0].label); }},
         // The largest values and longest texts are in range.
         {"", [](ConfigInfo& c) { fill(c.siteName[1]), c.siteName[1][kNameSize - 1] = '\0'; }},
         {"", [](ConfigInfo& c) { c.categories[0][0].sections[0].pieceLength[1] = 47; }},
@@ -119,7 +120,10 @@ TEST(Configuration, OneLogLineNamesWhatWasOutOfRange) {
         ConfigInfo& edited = editConfiguration();
         c.spoil(edited);
         const bool negative = edited.numSites < 0;
+        char label[kLabelSize];
+        std::memcpy(label, edited.categories[0][0].label, kLabelSize);
         useEditedConfiguration();
+        EXPECT_EQ(std::memcmp(configInfo().info.categories[0][0].label, label, kLabelSize), 0);
         EXPECT_EQ(configInfo().info.numSites == 0, negative);
         const std::vector<std::string> lines = log.next();
         ASSERT_EQ(lines.size(), *c.expected == '\0' ? 0U : 1U);
