@@ -64,7 +64,7 @@ TEST(Monitor, SleepsInSecondsAndSeesWhatIsWrittenMeanwhile) {
 TEST(Monitor, TakesNothingWhileTheFirstConfigurationIsBeingWritten) {
     for (const int version : {kVersionCreated, kVersionRemoved, -1000, 0}) {
         inChild([version] {
-            const MeasuredProcess process(kApacheThreads);
+            static const MeasuredProcess process(kApacheThreads);  // its monitor never ends
             configure(*shmConfig, {{"half.test", {}}});
             shmConfig->version = version;
             makeReadyForConnections();
@@ -82,7 +82,7 @@ TEST(Monitor, TakesNothingWhileTheFirstConfigurationIsBeingWritten) {
 TEST(FirstConnection, IsWaitedForByEveryThread) {
     for (int round = 0; round < 20; ++round) {
         inChild([] {
-            const MeasuredProcess process(kApacheThreads);
+            static const MeasuredProcess process(kApacheThreads);  // its monitor never ends
             configure(*shmConfig, {{"a.test", std::vector<std::string>(15, "/a*b*c*d*e*f")}});
             shmConfig->version = 1;
             constexpr int kThreads = 8;
