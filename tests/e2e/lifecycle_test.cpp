@@ -93,7 +93,10 @@ TEST_F(Lifecycle, AConfigurationIsTakenWhenItsVersionHasGrown) {
     EXPECT_EQ(server.segment.config().version, kVersionCreated);
     EXPECT_EQ(server.segment.config().interval, kDefaultInterval);
     server.segment.configure({{"a.test", {}}});
+    // A process takes one configuration a second at most.
+    const auto aSecondLater = [] { std::this_thread::sleep_for(std::chrono::milliseconds(1010)); };
     serve(*server.worker, server.listener);  // takes version 1
+    aSecondLater();
     std::snprintf(server.segment.config().siteName[0], kNameSize, "b.test");
     serve(*server.worker, server.listener);
     serve(*server.worker, server.listener, "b.test");
@@ -104,6 +107,7 @@ TEST_F(Lifecycle, AConfigurationIsTakenWhenItsVersionHasGrown) {
     EXPECT_EQ(server.segment.counts().site[0].requests, 3u);
     EXPECT_EQ(server.segment.config().parentPid, server.parent->pid());
     // An impossible one is bounded, and named in the log once.
+    aSecondLater();
     const auto logged = logMessages().size();
     std::memset(&server.segment.config(), 0x7f, sizeof(ConfigInfo) - sizeof(std::int32_t));
     server.segment.config().version = 3;
@@ -205,6 +209,70 @@ TEST_F(Lifecycle, SemaphoresStayAtOneUnitHoweverProcessesEnd) {
     serve(*third, server.listener);
     third->exit();
     expectOne("last worker ended");
+}
+
+// Anybody can write the segment's `parentPid`, and when.
+TEST_F(Lifecycle, OnlyTheParentRemovesWhateverTheSegmentSays) {
+    enum When { kAtFirst, kLater, kAtTheEnd };
+    for (const std::string written : {"worker", "idle", "1", "0", "-1", "-5", "2147483647"}) {
+        for (const When when : {kAtFirst, kLater, kAtTheEnd}) {
+            SCOPED_TRACE(testing::Message() << written << ", " << when);
+            resetSandbox();
+            Measured server({.environment = {"REQUEST_INTERVAL=100", "NUM_SEMAPHORES=3"}});
+            const auto idle = server.fork(*server.parent);
+            const auto write = [&](When now) {
+                if (now != when) return;
+                const pid_t pid = written == "worker" ? server.worker->pid()
+                                  : written == "idle" ? idle->pid()
+                                                      : std::stoi(written);
+                server.segment.config().parentPid = pid;
+            };
+            write(kAtFirst);
+            serve(*server.worker, server.listener);
+            write(kLater);
+            serve(*server.worker, server.listener);
+            server.worker->exit();
+            EXPECT_EQ(server.segment.counts().total.requests, 2u);
+            write(kAtTheEnd);
+            idle->exit();
+            EXPECT_EQ(server.segment.config().version, kVersionCreated);
+            fs::remove(std::string(kServerRoot) + "/logs/httpd.pid");  // as servers do
+            server.parent->exit();
+            EXPECT_EQ(server.segment.config().version, kVersionRemoved);
+            EXPECT_EQ(leftovers(), "1 shm ");
+        }
+    }
+}
+
+// A parent that served itself, one that never forked with its pid file there,
+// and processes that are none.
+TEST_F(Lifecycle, TheParentKnowsItselfHoweverItCameAboutIt) {
+    const std::string pidFile = std::string(kServerRoot) + "/logs/httpd.pid";
+    const struct {
+        bool parentServes, pidFileAtEnd, otherServer, removes;
+    } cases[] = {{true, false, false, true},
+                 {true, true, false, true},
+                 {false, false, false, true},
+                 {false, true, false, true},
+                 {false, true, true, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        resetSandbox();
+        Measured server({.pidFile = false});
+        writeFile(pidFile, std::to_string(server.parent->pid()));
+        serve(c.parentServes ? *server.parent : *server.worker, server.listener);
+        server.worker->exit();
+        if (c.otherServer) writeFile(pidFile, "1");
+        if (!c.pidFileAtEnd) fs::remove(pidFile);
+        server.parent->exit();
+        EXPECT_EQ(server.segment.config().version == kVersionRemoved, c.removes);
+    }
+    // Never learned, since no connection came: what is left is for the next start.
+    resetSandbox();
+    Measured server;
+    server.worker->exit();
+    server.parent->exit();
+    EXPECT_EQ(server.segment.config().version, kVersionCreated);
 }
 
 TEST_F(Lifecycle, TheLockFileOfAnotherServerIsWaitedFor) {
