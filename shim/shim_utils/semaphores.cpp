@@ -32,6 +32,7 @@ int createSemaphore() {
     sembuf firstUnit = {0, +1, 0};
     if (semop(id, &firstUnit, 1) != 0) {
         printErrorMsg("cannot unlock the semaphores ");
+        removeSemaphore(id);
         return -1;
     }
     return id;
@@ -89,7 +90,10 @@ bool createSemaphores(int count) {
     }
     for (semaphoreCount = 0; semaphoreCount < count; ++semaphoreCount) {
         int id = createSemaphore();
-        if (id < 0) return false;
+        if (id < 0) {
+            while (semaphoreCount > 0) removeSemaphore(semaphores[--semaphoreCount]);
+            return false;
+        }
         semaphores[semaphoreCount] = id;
     }
     return true;

@@ -13,7 +13,7 @@ extern sembuf psembuf;  // takes the unit
 extern sembuf vsembuf;  // gives it back
 
 // Creates the semaphores of `count` records, each with one free unit. False
-// after logging what failed; those made by then stay.
+// after logging what failed and removing those made by then.
 bool createSemaphores(int count);
 
 // The semaphore of record `i`; kNoSemaphore before createSemaphores. Kept in the
