@@ -13,9 +13,9 @@
 #include "header_parser.h"
 #include "measured_rows.h"
 #include "pattern_matchers.h"
-#include "shim_utils/configuration.h"
-#include "shim_utils/request_parser.h"
-#include "shim_utils/url_categories.h"
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/http/request_parser.h"
+#include "shim_utils/matching/url_categories.h"
 
 using namespace tolvane;
 using namespace tolvane::bench;

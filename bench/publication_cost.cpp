@@ -7,13 +7,13 @@
 
 #include "fullest_configuration.h"
 #include "measured_rows.h"
-#include "shim_utils/configuration.h"
-#include "shim_utils/process_memory.h"
-#include "shim_utils/publication.h"
-#include "shim_utils/records.h"
-#include "shim_utils/semaphores.h"
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/platform/process_memory.h"
+#include "shim_utils/publication/publication.h"
+#include "shim_utils/slots/records.h"
+#include "shim_utils/publication/semaphores.h"
 #include "tolvane/entry_points.h"
-#include "tolvane/shim_tables.h"
+#include "tolvane/internal/shim_tables.h"
 
 using namespace tolvane;
 using namespace tolvane::bench;

@@ -7,8 +7,8 @@
 
 #include <atomic>
 
-#include "shim_utils/errno_guard.h"
-#include "shim_utils/log.h"
+#include "shim_utils/platform/errno_guard.h"
+#include "shim_utils/platform/log.h"
 
 namespace tolvane {
 

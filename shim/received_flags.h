@@ -4,7 +4,7 @@
 #include <sys/socket.h>
 #include <sys/types.h>
 
-#include "shim_utils/transfer.h"
+#include "transfer.h"
 
 namespace tolvane {
 

@@ -2,13 +2,13 @@
 #include <sys/socket.h>
 
 #include "real_calls.h"
-#include "shim_utils/accounting.h"
-#include "shim_utils/errno_guard.h"
-#include "shim_utils/first_connection.h"
-#include "shim_utils/process_identity.h"
-#include "shim_utils/serving_thread.h"
+#include "shim_utils/accounting/accounting.h"
+#include "shim_utils/lifecycle/first_connection.h"
+#include "shim_utils/lifecycle/process_identity.h"
+#include "shim_utils/platform/errno_guard.h"
+#include "shim_utils/slots/serving_thread.h"
 #include "tolvane/entry_points.h"
-#include "tolvane/shim_tables.h"
+#include "tolvane/internal/shim_tables.h"
 
 namespace tolvane {
 

@@ -9,16 +9,16 @@
 #include <ctime>
 
 #include "real_calls.h"
-#include "shim_utils/errno_guard.h"
-#include "shim_utils/log.h"
-#include "shim_utils/port_table.h"
-#include "shim_utils/process_identity.h"
-#include "shim_utils/server_discovery.h"
-#include "shim_utils/shutdown.h"
-#include "shim_utils/start_up.h"
-#include "shim_utils/text.h"
+#include "shim_monitor.h"
+#include "shim_utils/discovery/port_table.h"
+#include "shim_utils/discovery/server_discovery.h"
+#include "shim_utils/lifecycle/process_identity.h"
+#include "shim_utils/lifecycle/start_up.h"
+#include "shim_utils/platform/errno_guard.h"
+#include "shim_utils/platform/log.h"
+#include "shim_utils/platform/text.h"
 #include "tolvane/entry_points.h"
-#include "tolvane/shim_tables.h"
+#include "tolvane/internal/shim_tables.h"
 
 namespace tolvane {
 

@@ -1,4 +1,6 @@
 // The monitor thread, the clean-up at exit, and the lock file.
+#include "shim_monitor.h"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -10,17 +12,15 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "shim_utils/configuration.h"
-#include "shim_utils/log.h"
-#include "shim_utils/monitor_thread.h"
-#include "shim_utils/own_files.h"
-#include "shim_utils/process_identity.h"
-#include "shim_utils/publication.h"
-#include "shim_utils/run_files.h"
-#include "shim_utils/semaphores.h"
-#include "shim_utils/shutdown.h"
-#include "tolvane/connection_slots.h"
-#include "tolvane/shim_tables.h"
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/lifecycle/process_identity.h"
+#include "shim_utils/lifecycle/run_files.h"
+#include "shim_utils/platform/log.h"
+#include "shim_utils/platform/own_files.h"
+#include "shim_utils/publication/publication.h"
+#include "shim_utils/publication/semaphores.h"
+#include "shim_utils/slots/connection_slots.h"
+#include "tolvane/internal/shim_tables.h"
 
 namespace tolvane {
 namespace {

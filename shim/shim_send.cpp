@@ -3,8 +3,8 @@
 #include <sys/socket.h>
 
 #include "real_calls.h"
-#include "shim_utils/transfer.h"
 #include "tolvane/entry_points.h"
+#include "transfer.h"
 
 namespace tolvane {
 

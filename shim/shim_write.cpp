@@ -2,8 +2,8 @@
 #include <unistd.h>
 
 #include "real_calls.h"
-#include "shim_utils/transfer.h"
 #include "tolvane/entry_points.h"
+#include "transfer.h"
 
 namespace tolvane {
 

@@ -4,8 +4,8 @@
 #include <sys/uio.h>
 
 #include "real_calls.h"
-#include "shim_utils/transfer.h"
 #include "tolvane/entry_points.h"
+#include "transfer.h"
 
 namespace tolvane {
 

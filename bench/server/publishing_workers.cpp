@@ -26,13 +26,13 @@
 #include <vector>
 
 #include "fullest_configuration.h"
-#include "shim_utils/accounting.h"
-#include "shim_utils/configuration.h"
-#include "shim_utils/process_memory.h"
-#include "shim_utils/publication.h"
-#include "shim_utils/semaphores.h"
+#include "shim_utils/accounting/accounting.h"
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/platform/process_memory.h"
+#include "shim_utils/publication/publication.h"
+#include "shim_utils/publication/semaphores.h"
 #include "tolvane/entry_points.h"
-#include "tolvane/shim_tables.h"
+#include "tolvane/internal/shim_tables.h"
 
 using namespace tolvane;
 

@@ -1,5 +1,5 @@
 // What is counted for the calls that a server makes on its connections.
-#include "shim_utils/accounting.h"
+#include "shim_utils/accounting/accounting.h"
 
 #include <gtest/gtest.h>
 
@@ -7,8 +7,8 @@
 
 #include "fake_clock.h"
 #include "measured_process.h"
-#include "shim_utils/transfer.h"
 #include "tolvane/entry_points.h"
+#include "transfer.h"
 
 namespace tolvane::test {
 namespace {

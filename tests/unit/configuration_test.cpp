@@ -1,6 +1,6 @@
 // How a process takes the agent's configuration: which versions, never a half
 // written block, and nothing in it that could lead matching astray.
-#include "shim_utils/configuration.h"
+#include "shim_utils/configuration/configuration.h"
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -14,8 +14,8 @@
 #include "guarded_text.h"
 #include "measured_process.h"
 #include "page_trap.h"
-#include "shim_utils/site_match.h"
-#include "shim_utils/url_categories.h"
+#include "shim_utils/matching/site_match.h"
+#include "shim_utils/matching/url_categories.h"
 
 namespace tolvane::test {
 namespace {

@@ -7,8 +7,8 @@
 #include <sstream>
 
 #include "measured_process.h"
-#include "shim_utils/port_table.h"
-#include "shim_utils/server_discovery.h"
+#include "shim_utils/discovery/port_table.h"
+#include "shim_utils/discovery/server_discovery.h"
 #include "support/sandbox.h"
 
 namespace tolvane::test {

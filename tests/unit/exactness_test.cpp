@@ -11,10 +11,10 @@
 
 #include "fake_clock.h"
 #include "measured_process.h"
-#include "shim_utils/configuration.h"
-#include "shim_utils/publication.h"
-#include "shim_utils/transfer.h"
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/publication/publication.h"
 #include "tolvane/entry_points.h"
+#include "transfer.h"
 
 namespace tolvane::test {
 namespace {

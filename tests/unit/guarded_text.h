@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "shim_utils/text.h"
+#include "shim_utils/platform/text.h"
 
 namespace tolvane::test {
 

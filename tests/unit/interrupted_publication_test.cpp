@@ -7,9 +7,9 @@
 #include "fake_clock.h"
 #include "measured_process.h"
 #include "page_trap.h"
-#include "shim_utils/publication.h"
-#include "shim_utils/transfer.h"
+#include "shim_utils/publication/publication.h"
 #include "tolvane/entry_points.h"
+#include "transfer.h"
 
 namespace tolvane::test {
 namespace {

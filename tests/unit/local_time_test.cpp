@@ -1,4 +1,4 @@
-#include "shim_utils/local_time.h"
+#include "shim_utils/platform/local_time.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "shim_utils/log.h"
+#include "shim_utils/platform/log.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -9,9 +9,9 @@
 
 #include "guarded_text.h"
 #include "measured_process.h"
-#include "shim_utils/configuration.h"
-#include "shim_utils/site_match.h"
-#include "shim_utils/url_categories.h"
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/matching/site_match.h"
+#include "shim_utils/matching/url_categories.h"
 
 namespace tolvane::test {
 namespace {

@@ -7,10 +7,10 @@
 
 #include <cstring>
 
-#include "shim_utils/configuration.h"
-#include "shim_utils/process_memory.h"
-#include "shim_utils/publication.h"
-#include "shim_utils/semaphores.h"
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/platform/process_memory.h"
+#include "shim_utils/publication/publication.h"
+#include "shim_utils/publication/semaphores.h"
 #include "support/sandbox.h"
 #include "tolvane/entry_points.h"
 

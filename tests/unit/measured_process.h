@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "shim_utils/slots/connection_slots.h"
 #include "support/records.h"
-#include "tolvane/connection_slots.h"
-#include "tolvane/shim_tables.h"
+#include "tolvane/internal/shim_tables.h"
 
 namespace tolvane::test {
 

@@ -7,9 +7,9 @@
 
 #include "fake_clock.h"
 #include "measured_process.h"
-#include "shim_utils/configuration.h"
-#include "shim_utils/first_connection.h"
-#include "shim_utils/monitor_thread.h"
+#include "shim_monitor.h"
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/lifecycle/first_connection.h"
 
 namespace tolvane::test {
 namespace {

@@ -1,5 +1,5 @@
 // The three publications side by side, and what they leave alone.
-#include "shim_utils/publication.h"
+#include "shim_utils/publication/publication.h"
 
 #include <gtest/gtest.h>
 #include <sys/sem.h>
@@ -14,9 +14,9 @@
 
 #include "fake_clock.h"
 #include "measured_process.h"
-#include "shim_utils/configuration.h"
-#include "shim_utils/semaphores.h"
-#include "shim_utils/transfer.h"
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/publication/semaphores.h"
+#include "transfer.h"
 
 namespace tolvane::test {
 namespace {
@@ -47,7 +47,7 @@ void setCounts(std::uint32_t n, std::int32_t gauge) {
 
 // A record in which every counter of the totals, of sites 0 and 1 and of one
 // category is 1.
-std::string handedOn(int totalOpen, int siteOpen, int inProgress) {
+std::string published(int totalOpen, int siteOpen, int inProgress) {
     ResultStruct record = {};
     record.total = {1, 1, 1, 1, 1, 1, totalOpen, 1, 1, 1};
     record.site[0] = record.site[1] = {1, 1, 1, 1, 1, 1, siteOpen, 1, 1, 1};
@@ -84,7 +84,7 @@ TEST(Publication, HandsOnCountersOnceAndGaugesByItsRules) {
             setCounts(1, c.gauge);
             c.form.publish();
             c.form.publish();  // nothing new
-            EXPECT_EQ(describe(shmPtr[1]), handedOn(c.totalOpen, c.siteOpen, c.inProgress));
+            EXPECT_EQ(describe(shmPtr[1]), published(c.totalOpen, c.siteOpen, c.inProgress));
             EXPECT_EQ(describe(shmPtr[0]) + describe(shmPtr[2]), "");
             const ResultStruct& shared = shmPtr[1];
             EXPECT_EQ(shared.totalDirty + shared.sitesDirty + shared.categoriesDirty, 3);

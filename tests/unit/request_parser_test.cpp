@@ -1,4 +1,4 @@
-#include "shim_utils/request_parser.h"
+#include "shim_utils/http/request_parser.h"
 
 #include <gtest/gtest.h>
 

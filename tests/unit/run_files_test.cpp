@@ -1,5 +1,5 @@
 // What a start removes of an earlier run, and what it writes for the next one.
-#include "shim_utils/run_files.h"
+#include "shim_utils/lifecycle/run_files.h"
 
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "measured_process.h"
-#include "shim_utils/semaphores.h"
+#include "shim_utils/publication/semaphores.h"
 #include "support/sandbox.h"
 
 namespace tolvane::test {

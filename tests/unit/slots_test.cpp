@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "measured_process.h"
-#include "shim_utils/accounting.h"
-#include "tolvane/connection_slots.h"
+#include "shim_utils/accounting/accounting.h"
+#include "shim_utils/slots/connection_slots.h"
 #include "tolvane/entry_points.h"
 
 namespace tolvane::test {

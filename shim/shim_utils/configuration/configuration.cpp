@@ -1,0 +1,121 @@
+#include "shim_utils/configuration/configuration.h"
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+
+#include "shim_utils/platform/log.h"
+#include "tolvane/internal/shim_tables.h"
+
+namespace tolvane {
+namespace {
+
+// One in force, one to prepare the next in. Untouched pages of them cost no
+// memory, and copying leaves equal pages untouched.
+Configuration copies[2];
+std::atomic<Configuration*> inForce{&copies[0]};
+
+Configuration& spare() {
+    return inForce.load(std::memory_order_relaxed) == &copies[0] ? copies[1] : copies[0];
+}
+
+std::int32_t segmentVersion() {
+    return std::atomic_ref<std::int32_t>(shmConfig->version).load(std::memory_order_acquire);
+}
+
+std::int32_t ownVersion() {
+    return configInfo().info.version;
+}
+
+void copyChangedPages(ConfigInfo& to, const ConfigInfo& from) {
+    constexpr std::size_t kPage = 4096;
+    auto* target = reinterpret_cast<char*>(&to);
+    const auto* source = reinterpret_cast<const char*>(&from);
+    for (std::size_t at = 0; at < sizeof to; at += kPage) {
+        std::size_t length = sizeof to - at < kPage ? sizeof to - at : kPage;
+        if (std::memcmp(target + at, source + at, length) != 0) {
+            std::memcpy(target + at, source + at, length);
+        }
+    }
+}
+
+// Copies the segment's block into `to`, whole: an agent that rewrites the
+// block changes the version, and then the copy is made again. False when the
+// version never stood still or sank to `above` or less.
+bool copyBlock(ConfigInfo& to, std::int32_t above) {
+    constexpr int kTries = 16;
+    for (int i = 0; i < kTries; ++i) {
+        std::int32_t version = segmentVersion();
+        if (version <= above) return false;
+        copyChangedPages(to, *shmConfig);
+        std::atomic_thread_fence(std::memory_order_acquire);
+        to.version = version;
+        if (segmentVersion() == version) return true;
+    }
+    return false;
+}
+
+// Whether a second has passed since it last said so. Read without a system call.
+bool aSecondHasPassed() {
+    static std::int64_t next = INT64_MIN;  // milliseconds
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
+    std::int64_t now = std::int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
+    if (now < next) return false;
+    next = now + 1000;
+    return true;
+}
+
+void logBounded(std::int32_t version, const Text<512>& report) {
+    static Text<700> message;  // this runs inside a server's send call: not on its stack
+    message.clear();
+    message.add("Configuration version ").add(version);
+    message.add(" is out of range and was bounded: ").add(report.text());
+    printErrorMsg(message.text());
+}
+
+void useSpare() {
+    static Text<512> report;
+    Configuration& config = spare();
+    report.clear();
+    boundConfiguration(config.info, report);
+    if (report.length() > 0) logBounded(config.info.version, report);
+    prepareConfiguration(config);
+    inForce.store(&config, std::memory_order_release);
+}
+
+}  // namespace
+
+const Configuration& configInfo() {
+    return *inForce.load(std::memory_order_acquire);
+}
+
+bool newerConfigurationThere() {
+    return segmentVersion() > ownVersion();
+}
+
+std::int32_t segmentInterval() {
+    return std::atomic_ref<std::int32_t>(shmConfig->interval).load(std::memory_order_relaxed);
+}
+
+bool takeConfiguration() {
+    if (!newerConfigurationThere() || !copyBlock(spare().info, ownVersion())) return false;
+    useSpare();
+    return true;
+}
+
+bool checkLatestConfigInfo() {
+    return newerConfigurationThere() && aSecondHasPassed() && takeConfiguration();
+}
+
+ConfigInfo& editConfiguration() {
+    copyChangedPages(spare().info, configInfo().info);
+    return spare().info;
+}
+
+void useEditedConfiguration() {
+    useSpare();
+}
+
+}  // namespace tolvane

@@ -1,0 +1,144 @@
+#include "shim_utils/lifecycle/run_files.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "shim_utils/platform/log.h"
+#include "shim_utils/platform/own_files.h"
+#include "tolvane/internal/shim_tables.h"
+
+namespace tolvane {
+namespace {
+
+void logAbout(const char* before, const char* path, const char* after) {
+    Text<1024> message;
+    message.add(before).add(path).add(after);
+    printErrorMsg(message.text());
+}
+
+bool lockInTime(int fd) {
+    constexpr int kPause = 20;  // milliseconds
+    constexpr int kTries = 5000 / kPause;
+    for (int i = 0; i < kTries; ++i) {
+        if (syscall(SYS_flock, fd, LOCK_EX | LOCK_NB) == 0) return true;
+        if (errno != EWOULDBLOCK) return false;
+        syscall(SYS_poll, nullptr, 0, kPause);
+    }
+    return false;
+}
+
+// A larger file than the process may write would end it with a signal.
+bool withinFileLimit(std::size_t length) {
+    rlimit limit;
+    return getrlimit(RLIMIT_FSIZE, &limit) != 0 || length <= limit.rlim_cur;
+}
+
+// Creates `path`, in the place of a regular file if one is there. The
+// directory may be writable by others: nothing is written through a link, nor
+// into a file that another user holds. Returns the descriptor, -1: not created.
+int createAnew(const char* path) {
+    constexpr int kNew = O_WRONLY | O_CREAT | O_EXCL;
+    int fd = openOwn(path, kNew);
+    if (fd >= 0 || errno != EEXIST) return fd;
+    struct stat there;
+    if (lstat(path, &there) != 0 || !S_ISREG(there.st_mode)) return -1;
+    unlink(path);
+    return openOwn(path, kNew);
+}
+
+enum class Access { kAsCreated, kEverybody };
+
+// A file of exactly this text; none at all when that fails.
+template <std::size_t N>
+bool writeAnew(const char* path, const Text<N>& text, Access access) {
+    int fd = withinFileLimit(text.length()) ? createAnew(path) : -1;
+    if (fd < 0) return false;
+    bool whole =
+        syscall(SYS_write, fd, text.text(), text.length()) == static_cast<long>(text.length());
+    if (access == Access::kEverybody) fchmod(fd, 0777);
+    closeOwn(fd);
+    if (!whole) unlink(path);
+    return whole;
+}
+
+// Two full tables of addresses, each with its separators and port.
+using HandoffText = Text<2 * kMaxAddresses*(kAddressNameSize + 16) + 128>;
+
+void addAddresses(HandoffText& text, const PortTable& table, const char* separator) {
+    for (int i = 0; i < table.numHttpPort; ++i, separator = ",") {
+        text.add(separator).add(table.ipAddressName[i]).add(":").add(table.httpPort[i]);
+    }
+}
+
+}  // namespace
+
+HandoffPath handoffPath(int pid) {
+    HandoffPath path;
+    path.add(kHandoffDirectory).add(kHandoffPrefix).add(pid);
+    return path;
+}
+
+ServerPath recordPath() {
+    return serverPath("logs/.tolvane");
+}
+
+// A file of its own, which nobody but the server's user can open: everybody
+// who could would be able to delay the start.
+RecordLock::RecordLock() {
+    ServerPath path = serverPath("logs/.tolvane_lock");
+    fd_ = openOwn(path.text(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0600);
+    if (fd_ < 0 && errno == ENOENT) return;  // no such directory: there is no record either
+    struct stat status;
+    if (fd_ >= 0 && fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && lockInTime(fd_)) {
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
+        return;
+    }
+    logAbout("", path.text(), " cannot be locked: the start goes on without");
+    if (fd_ >= 0) closeOwn(fd_);
+    fd_ = -1;
+}
+
+// Another thread may have closed the descriptor, and its number be a client's.
+RecordLock::~RecordLock() {
+    struct stat now;
+    if (fd_ < 0 || fstat(fd_, &now) != 0) return;
+    if (now.st_dev != device_ || now.st_ino != inode_) return;
+    syscall(SYS_flock, fd_, LOCK_UN);  // a child forked meanwhile has it, too
+    closeOwn(fd_);
+}
+
+void writePreviousRunRecord() {
+    Text<160> text;
+    text.add("Shmid=").add(shmid).add("\nFile=").add(handoffPath(getpid()).text());
+    text.add("\nStructures=").add(numStructures).add("\n");
+    ServerPath path = recordPath();
+    if (writeAnew(path.text(), text, Access::kAsCreated)) return;
+    logAbout("", path.text(), " File cannot be created for writing");
+}
+
+void writeHandoffFile() {
+    HandoffText text;
+    text.add("Listen=");
+    addAddresses(text, plainPorts, "");
+    addAddresses(text, sslPorts, plainPorts.numHttpPort > 0 ? "," : "");
+    text.add("\nShmid=").add(shmid).add("\nServer_Type=");
+    text.add(webServerType == kNetscape ? "NETSCAPE" : "APACHE");
+    text.add("\nStructures=").add(numStructures).add("\n");
+    HandoffPath path = handoffPath(getpid());
+    if (writeAnew(path.text(), text, Access::kEverybody)) return;
+    logAbout("cannot open ", path.text(), " File ");
+}
+
+void deleteHandoffFile() {
+    unlink(handoffPath(getpid()).text());
+}
+
+}  // namespace tolvane

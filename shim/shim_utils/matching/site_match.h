@@ -1,0 +1,18 @@
+// Matches a request's Host value to the configured web sites.
+#pragma once
+
+#include "shim_utils/configuration/configuration.h"
+#include "shim_utils/platform/text.h"
+
+namespace tolvane {
+
+// The kind of connection decides which port a name without one stands for.
+enum ConnectionKind : int {
+    kReportedRequest = 1,  // SSL, ":443"
+    kPlainRequest = 2,     // ":80"
+};
+
+// Index of the first site one of whose names is `host`; -1: none.
+int getMatchWebSite(const Configuration& config, Bytes host, ConnectionKind kind);
+
+}  // namespace tolvane

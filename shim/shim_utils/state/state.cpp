@@ -1,0 +1,47 @@
+// Every process-global table of the shim, with the value that it has at load.
+#include "tolvane/internal/shim_tables.h"
+#include "tolvane/internal/slot_tables.h"
+
+namespace tolvane {
+
+int webServerType = kApacheProcesses;
+int numSemaphores = 0;
+int requestInterval = 5;
+int maxNumProcess = 1;
+char rootDir[kRootSize];
+char pidFile[kPathSize];
+
+PortTable plainPorts;
+PortTable sslPorts;
+AddressList plainAddresses;
+AddressList sslAddresses;
+ListenTable httpListenSocket;
+ListenTable sslHttpListenSocket;
+ListenTable localListenSocket;
+
+int maxSockets = 0;
+int tableSize = 0;
+DescriptorState* descriptors = nullptr;
+std::atomic<int> trackedLimit{0};
+
+std::atomic<int> tolvaneShimEnabled{0};
+int numStructures = 1;
+int bucketNumber = 0;
+int shmid = -1;
+ConfigInfo* shmConfig = nullptr;
+ResultStruct* shmPtr = nullptr;
+
+int listenPid = kUnknownPid;
+std::atomic<int> memoryPid{0};
+std::atomic<int> parentPid{kUnknownPid};
+std::atomic<void*> servingThread{nullptr};
+std::atomic<bool> servesConnections{false};
+std::atomic<bool> readyForConnections{false};
+sembuf psembuf = {0, -1, SEM_UNDO};
+sembuf vsembuf = {0, +1, SEM_UNDO};
+std::uint8_t processGeneration = 0;
+
+std::atomic<int> currMaxSockets{0};
+std::atomic<SlotBlock*> slotBlocks[kLargestTable / kSlotStep + 1];
+
+}  // namespace tolvane
