@@ -26,8 +26,8 @@ fuzz() {
   local target=$1 runs=build/fuzz/runs/$1 dictionary=tests/fuzz/dictionaries/$1.dict options=()
   mkdir -p "$runs/corpus"
   [ -e "$dictionary" ] && options=(-dict="$dictionary")
-  local command=(build/fuzz/bin/fuzz_"$target" -runs="$executions" -max_len=1024 -timeout=10
-    -artifact_prefix="$runs/" -print_final_stats=1 "${options[@]}" "$runs/corpus" tests/fuzz/seeds/"$target")
+  local command=(build/fuzz/bin/fuzz_"$target" -runs="$executions" -max_len=512 -timeout=10
+    -entropic=0 -artifact_prefix="$runs/" -print_final_stats=1 "${options[@]}" "$runs/corpus" tests/fuzz/seeds/"$target")
   local status=0
   "${command[@]}" >"$runs/log" 2>&1 || status=$?
   if [ $status -ne 0 ]; then
@@ -44,6 +44,8 @@ fuzz() {
              target, executions, rate, corpus[1]
     }' "$runs/log"
 }
+# The targets free what they allocate at once: keeping it costs half the speed.
+export ASAN_OPTIONS=quarantine_size_mb=1:malloc_context_size=0
 export -f fuzz
 export executions
 printf '%s\n' "${targets[@]}" | xargs -P 2 -I TARGET bash -c 'fuzz TARGET'

@@ -55,12 +55,12 @@ class FilledFile {
 };
 
 // A byte of 0xF0 or more stands for copies of the one behind it: lines longer
-// than any buffer come from short inputs.
+// than any buffer come from short inputs. A few such lines are enough.
 std::string withRepeats(std::string_view text) {
     std::string whole;
     for (Input input(text); !input.empty();) {
         const unsigned byte = input.take();
-        const bool repeats = byte >= 0xF0;
+        const bool repeats = byte >= 0xF0 && whole.size() < 2048;
         whole.append(repeats ? (byte - 0xEF) * 64 : 1,
                      static_cast<char>(repeats ? input.take() : byte));
     }
