@@ -1,11 +1,10 @@
 // accept and accept4: where a connection enters the shim's view.
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "real_calls.h"
 #include "shim_utils/accounting.h"
 #include "shim_utils/errno_guard.h"
-#include "shim_utils/monitor_thread.h"
+#include "shim_utils/first_connection.h"
 #include "shim_utils/process_identity.h"
 #include "shim_utils/serving_thread.h"
 #include "tolvane/entry_points.h"
@@ -23,14 +22,6 @@ SocketKind classify(int listeningFd) {
     return httpListenSocket.contains(listeningFd) ? kPlain : kUntracked;
 }
 
-// An Apache process's first HTTP connection fixes its shared record and, with
-// threads, starts its monitor. Of several threads here at once one does it.
-void atFirstConnection() {
-    if (servesConnections.exchange(true)) return;
-    bucketNumber = getpid() % numStructures;
-    if (webServerType == kApacheThreads) startMonitor();
-}
-
 int accepted(int listeningFd, int newFd) {
     if (newFd < 1 || tolvaneShimEnabled.load(std::memory_order_acquire) == 0) return newFd;
     ErrnoGuard guard;
@@ -42,8 +33,8 @@ int accepted(int listeningFd, int newFd) {
     if (webServerType != kNetscape) discoverParent();
     SocketKind kind = classify(listeningFd);
     if (kind != kUntracked && webServerType != kNetscape &&
-        !servesConnections.load(std::memory_order_relaxed)) {
-        atFirstConnection();
+        !readyForConnections.load(std::memory_order_acquire)) {
+        makeReadyForConnections();
     }
     countAccepted(newFd, kind);
     return newFd;

@@ -14,6 +14,7 @@
 #include "shim_utils/log.h"
 #include "shim_utils/monitor_thread.h"
 #include "shim_utils/own_files.h"
+#include "shim_utils/process_identity.h"
 #include "shim_utils/publication.h"
 #include "shim_utils/run_files.h"
 #include "shim_utils/semaphores.h"
@@ -32,9 +33,21 @@ void sleepFor(int seconds) {
     }
 }
 
-int publicationInterval() {
-    int interval = configInfo().info.interval;
+constexpr std::int32_t kLongInterval = 3600;
+
+std::int32_t intervalOrDefault(std::int32_t interval) {
     return interval > 0 ? interval : kDefaultInterval;
+}
+
+// How long a newer configuration waits in a sleep that is too long for it.
+std::int32_t newerInterval() {
+    std::int32_t interval = intervalOrDefault(segmentInterval());
+    return interval > kLongInterval ? kDefaultInterval : interval;
+}
+
+void sleepUntil(const timespec& time) {
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &time, nullptr) == EINTR) {
+    }
 }
 
 // The copy that is about to be overwritten was retired at least one sleep ago;
@@ -44,7 +57,7 @@ void takeNewerConfiguration() {
     if (!newerConfigurationThere()) return;
     if (waitForSlotsAtWork()) {
         waiting = false;
-        checkLatestConfigInfo();
+        takeConfiguration();
     } else if (!waiting) {
         waiting = true;
         printErrorMsg("A new configuration waits for a request that has not been matched for long");
@@ -62,7 +75,7 @@ void* monitor(void*) {
     }
     for (;;) {
         publishSlots();
-        sleepFor(publicationInterval());
+        sleepUntilPublication();
         takeNewerConfiguration();
     }
 }
@@ -91,6 +104,22 @@ void cleanUpParent() {
 }
 
 }  // namespace
+
+void sleepUntilPublication() {
+    const ConfigInfo& config = configInfo().info;
+    std::int32_t interval = intervalOrDefault(config.interval);
+    std::int32_t newerFor = 0;  // seconds
+    timespec wake;
+    clock_gettime(CLOCK_MONOTONIC, &wake);
+    for (std::int32_t slept = 0; slept < interval; ++slept) {
+        ++wake.tv_sec;
+        sleepUntil(wake);
+        newerFor = newerConfigurationThere() ? newerFor + 1 : 0;
+        if (newerFor == 0) continue;
+        if (config.version == 0) return;
+        if (interval > kLongInterval && newerFor >= newerInterval()) return;
+    }
+}
 
 void startMonitor() {
     // Here and not in the thread: the first requests are matched, too.
@@ -123,14 +152,9 @@ void wa_unlock() {
 
 void cleanup() {
     if (tolvaneShimEnabled.load(std::memory_order_relaxed) == 0) return;
-    if (webServerType != kNetscape) {
-        int shared = std::atomic_ref<std::int32_t>(shmConfig->parentPid).load();
-        parentPid.store(shared, std::memory_order_relaxed);
-        if (shared < 0) return;
-    }
-    if (parentPid.load(std::memory_order_relaxed) == getpid()) {
+    if (isServersParent()) {
         cleanUpParent();
-    } else if (webServerType == kApacheProcesses) {
+    } else if (webServerType == kApacheProcesses && parentIsKnown()) {
         publishAtExit();
     }
 }

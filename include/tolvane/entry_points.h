@@ -22,7 +22,8 @@ TOLVANE_EXPORT void updateRequestResults(int slot, const char* host, int hostLen
 TOLVANE_EXPORT void updateResponseResults(int slot, int statusCode, int overrideCode);
 
 // The slot of descriptor `fd`, taking the lowest free one if it has none; -1
-// when there is none to be had. `serverType` 0 always gives 0.
+// when there is none to be had, before the measurement is set up, and for a
+// `serverType` other than this server's. A type 0 server has slot 0 only.
 TOLVANE_EXPORT int GETINDEX(int serverType, int fd);
 
 // Creates the process-local records for a server of that type (0, 1 or 3).

@@ -1,8 +1,9 @@
 #include "configuration.h"
 
 #include <atomic>
-#include <climits>
+#include <cstdint>
 #include <cstring>
+#include <ctime>
 
 #include "log.h"
 #include "tolvane/shim_tables.h"
@@ -42,7 +43,7 @@ void copyChangedPages(ConfigInfo& to, const ConfigInfo& from) {
 // Copies the segment's block into `to`, whole: an agent that rewrites the
 // block changes the version, and then the copy is made again. False when the
 // version never stood still or sank to `above` or less.
-bool copyBlock(ConfigInfo& to, std::int64_t above) {
+bool copyBlock(ConfigInfo& to, std::int32_t above) {
     constexpr int kTries = 16;
     for (int i = 0; i < kTries; ++i) {
         std::int32_t version = segmentVersion();
@@ -53,6 +54,17 @@ bool copyBlock(ConfigInfo& to, std::int64_t above) {
         if (segmentVersion() == version) return true;
     }
     return false;
+}
+
+// Whether a second has passed since it last said so. Read without a system call.
+bool aSecondHasPassed() {
+    static std::int64_t next = INT64_MIN;  // milliseconds
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &time);
+    std::int64_t now = std::int64_t{time.tv_sec} * 1000 + time.tv_nsec / 1'000'000;
+    if (now < next) return false;
+    next = now + 1000;
+    return true;
 }
 
 void logBounded(std::int32_t version, const Text<512>& report) {
@@ -83,14 +95,18 @@ bool newerConfigurationThere() {
     return segmentVersion() > ownVersion();
 }
 
-bool checkLatestConfigInfo() {
+std::int32_t segmentInterval() {
+    return std::atomic_ref<std::int32_t>(shmConfig->interval).load(std::memory_order_relaxed);
+}
+
+bool takeConfiguration() {
     if (!newerConfigurationThere() || !copyBlock(spare().info, ownVersion())) return false;
     useSpare();
     return true;
 }
 
-void takeConfiguration() {
-    if (copyBlock(spare().info, std::int64_t{INT_MIN} - 1)) useSpare();
+bool checkLatestConfigInfo() {
+    return newerConfigurationThere() && aSecondHasPassed() && takeConfiguration();
 }
 
 ConfigInfo& editConfiguration() {

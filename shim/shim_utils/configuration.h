@@ -26,15 +26,21 @@ struct Configuration {
 // waitForSlotsAtWork.
 const Configuration& configInfo();
 
-// Copies the segment's block when its version is greater than ours. Returns
-// whether it did.
-bool checkLatestConfigInfo();
-
-// Whether checkLatestConfigInfo would find a newer version.
+// Whether the segment's version is greater than ours. Ours is 0 until a
+// configuration has been taken: a block that is being written, with a version
+// of 0 or less, is never newer.
 bool newerConfigurationThere();
 
-// Copies the segment's block whatever its version.
-void takeConfiguration();
+// The segment's `interval`, as it stands there.
+std::int32_t segmentInterval();
+
+// Copies the segment's block when its version is greater than ours. Returns
+// whether it did.
+bool takeConfiguration();
+
+// The same for a process that looks at every publication: tries at most once a
+// second, however often the version is raised. The first try comes at once.
+bool checkLatestConfigInfo();
 
 // Bounds `config` to the capacities of the format. Adds to `report` what was
 // out of range, value and limits; it stays empty when nothing was.

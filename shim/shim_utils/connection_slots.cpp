@@ -150,6 +150,10 @@ bool waitForSlotsAtWork() {
 
 int GETINDEX(int serverType, int fd) {
     using namespace tolvane;
+    // A slot taken for another type of server would not be one of ours.
+    if (serverType != webServerType || currMaxSockets.load(std::memory_order_acquire) == 0) {
+        return -1;
+    }
     if (serverType == kApacheProcesses) return 0;
     DescriptorState* descriptor = descriptorState(fd);
     if (descriptor == nullptr) return -1;

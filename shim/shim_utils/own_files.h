@@ -9,11 +9,12 @@
 
 namespace tolvane {
 
-// Opens `path`; a file that is created may be read and written by everybody as
-// far as the server's umask lets. Returns the descriptor, or -1 and errno.
-inline int openOwn(const char* path, int flags) {
+// Opens `path`; a file that is created may be read and written by everybody,
+// or by whom `mode` says, as far as the server's umask lets. Returns the
+// descriptor, or -1 and errno.
+inline int openOwn(const char* path, int flags, int mode = 0666) {
     constexpr int kAlways = O_CLOEXEC | O_NOCTTY | O_LARGEFILE;
-    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags | kAlways, 0666));
+    return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path, flags | kAlways, mode));
 }
 
 inline void closeOwn(int fd) {

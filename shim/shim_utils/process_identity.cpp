@@ -10,6 +10,8 @@
 #include <climits>
 #include <cstdlib>
 
+#include "errno_guard.h"
+#include "first_connection.h"
 #include "log.h"
 #include "own_files.h"
 #include "publication.h"
@@ -26,9 +28,45 @@ int listenPid = kUnknownPid;
 std::atomic<int> parentPid{kUnknownPid};
 std::uint8_t processGeneration = 0;
 std::atomic<int> memoryPid{0};
-std::atomic<bool> servesConnections{false};
 
 namespace {
+
+// What the process has found out about itself. A child starts anew, but for
+// what its parent knew of it.
+enum class Role { kUnknown, kParent, kChildOfParent };
+std::atomic<Role> role{Role::kUnknown};
+
+std::int32_t publishedParent() {
+    return std::atomic_ref<std::int32_t>(shmConfig->parentPid).load(std::memory_order_acquire);
+}
+
+// Returns the process id in the server's pid file.
+int lookWhetherParent() {
+    int pid = getParentPid();
+    if (pid == getpid()) role.store(Role::kParent, std::memory_order_relaxed);
+    return pid;
+}
+
+// By now the server may have written its pid file. Processes that serve
+// connections have learned the parent from their accept calls.
+void beforeFork() {
+    if (tolvaneShimEnabled.load(std::memory_order_relaxed) == 0 || webServerType == kNetscape ||
+        servesConnections.load(std::memory_order_relaxed) ||
+        role.load(std::memory_order_relaxed) == Role::kParent) {
+        return;
+    }
+    ErrnoGuard guard;
+    lookWhetherParent();
+}
+
+// Whether any process but the one that made the semaphores has used one: a
+// trace of the workers that cannot be wiped out by writing to the segment.
+bool semaphoresWereUsed() {
+    for (int i = 0; i < numStructures; ++i) {
+        if (lastUserOfSemaphore(semaphoreOf(i)) != listenPid) return true;
+    }
+    return false;
+}
 
 // A threaded server forks from a serving process only to execute something
 // else; only the child of a process that serves nothing yet is a new worker.
@@ -41,7 +79,9 @@ void inForkedChild() {
     ++processGeneration;
     memoryPid.store(getpid(), std::memory_order_relaxed);
     freeServingThread();
+    if (role.load(std::memory_order_relaxed) == Role::kParent) role.store(Role::kChildOfParent);
     freeSlotLockAfterFork();
+    freeFirstConnectionLockAfterFork();
     if (childGoesOnMeasuring()) {
         clearSlotsAfterFork();
         resetIntervalAfterFork();
@@ -54,7 +94,7 @@ void inForkedChild() {
 
 bool watchForks() {
     memoryPid.store(getpid(), std::memory_order_relaxed);
-    return pthread_atfork(nullptr, nullptr, inForkedChild) == 0;
+    return pthread_atfork(beforeFork, nullptr, inForkedChild) == 0;
 }
 
 bool ownsMemory() {
@@ -88,16 +128,37 @@ void unlockSemaphores() {
 }
 
 void discoverParent() {
-    if (parentPid.load(std::memory_order_relaxed) != kUnknownPid) return;
-    std::atomic_ref<std::int32_t> shared(shmConfig->parentPid);
-    std::int32_t known = shared.load(std::memory_order_acquire);
-    if (known == kUnknownPid) {
-        int pid = getParentPid();
-        bool first = pid != kUnknownPid && shared.compare_exchange_strong(known, pid);
+    if (parentPid.load(std::memory_order_relaxed) >= 0) return;
+    std::int32_t known = publishedParent();
+    if (known < 0) {
+        int pid = lookWhetherParent();
+        std::atomic_ref<std::int32_t> shared(shmConfig->parentPid);
+        bool first = pid >= 0 && shared.compare_exchange_strong(known, pid);
         if (first && getpid() != listenPid) unlockSemaphores();
         known = shared.load(std::memory_order_acquire);
+    } else if (known == getpid()) {
+        lookWhetherParent();  // anybody may have written that
     }
-    parentPid.store(known, std::memory_order_relaxed);
+    if (known >= 0) parentPid.store(known, std::memory_order_relaxed);
+}
+
+bool parentIsKnown() {
+    return parentPid.load(std::memory_order_relaxed) >= 0 || publishedParent() >= 0;
+}
+
+bool isServersParent() {
+    int self = getpid();
+    if (webServerType == kNetscape) return parentPid.load(std::memory_order_relaxed) == self;
+    int inFile = lookWhetherParent();
+    std::int32_t known = publishedParent();
+    bool published = known == self;
+    if (role.load(std::memory_order_relaxed) == Role::kParent) {
+        bool learned = known != kUnknownPid || parentIsKnown() || semaphoresWereUsed();
+        return published || (learned && (inFile == self || inFile == kUnknownPid));
+    }
+    // Nothing contradicts the segment.
+    return published && role.load(std::memory_order_relaxed) == Role::kUnknown &&
+           inFile == kUnknownPid && !servesConnections.load(std::memory_order_relaxed);
 }
 
 }  // namespace tolvane

@@ -2,8 +2,6 @@
 // worker has forked.
 #pragma once
 
-#include <atomic>
-
 namespace tolvane {
 
 // In an Apache server: learns the parent's process id, from the segment or
@@ -18,14 +16,20 @@ int getParentPid();
 // does not: logs it, marks the segment for removal and cleans up.
 void unlockSemaphores();
 
-// Makes forked children start with empty counters. False when memory is short.
+// Whether this process is the server's parent and some process has learned so.
+// What it found out itself counts; the segment, where anybody can write, decides
+// only in a process that never had the occasion.
+bool isServersParent();
+
+// Whether this process, or some other according to the segment, knows the parent.
+bool parentIsKnown();
+
+// Makes forked children start with empty counters, and the server's parent
+// recognise itself when it forks. False when memory is short.
 bool watchForks();
 
 // Whether this memory is the calling process's own, and not that of a parent
 // that waits for its vforked child. A system call; true before start-up.
 bool ownsMemory();
-
-// Whether this process has accepted its first HTTP connection.
-extern std::atomic<bool> servesConnections;
 
 }  // namespace tolvane

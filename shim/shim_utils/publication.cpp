@@ -153,11 +153,13 @@ void mergeIfDirty(const SlotView& slot, ResultStruct& record, const GaugeRules& 
 }
 
 bool lockAtExit(int semaphore) {
-    if (heldByThisProcess(semaphore)) return true;
-    while (!lockSemaphore(semaphore)) {
-        if (errno != EINTR) return false;
+    if (heldByThisProcess(semaphore) || lockSemaphoreAtExit(semaphore)) return true;
+    if (errno == EAGAIN) {
+        printErrorMsg(
+            "The shared record's semaphore is held: the counts since the last publication are "
+            "lost");
     }
-    return true;
+    return false;
 }
 
 }  // namespace

@@ -8,8 +8,8 @@ namespace tolvane {
 void publishEveryInterval();
 
 // Publication of a type 0 worker: its counts under the record's semaphore,
-// then a newer configuration if there is one. Waits for the semaphore; without
-// it nothing is handed on.
+// then a newer configuration if there is one. Without the semaphore nothing is
+// handed on, and the counts stay for the next publication.
 void writeResult();
 
 // One cycle of a threaded server's monitor: every slot that is not clean.

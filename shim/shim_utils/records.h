@@ -17,8 +17,10 @@ namespace tolvane {
 template <typename Word>
 void addTo(Word& word, Word amount) {
     std::atomic_ref<Word> shared(word);
-    shared.store(static_cast<Word>(shared.load(std::memory_order_relaxed) + amount),
-                 std::memory_order_relaxed);
+    // Unsigned, since anybody may have written the largest value there.
+    std::uint32_t sum = static_cast<std::uint32_t>(shared.load(std::memory_order_relaxed)) +
+                        static_cast<std::uint32_t>(amount);
+    shared.store(static_cast<Word>(sum), std::memory_order_relaxed);
 }
 
 template <typename Word>

@@ -1,33 +1,21 @@
 #include "run_files.h"
 
-#include <sys/shm.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
-#include <climits>
-#include <cstdio>
-#include <cstring>
+#include <cerrno>
 
-#include "config_lines.h"
 #include "log.h"
-#include "semaphores.h"
-#include "server_path.h"
-#include "text.h"
+#include "own_files.h"
 #include "tolvane/shim_tables.h"
 
 namespace tolvane {
 namespace {
-
-// Small: the handoff file may have to be deleted inside an accept.
-Text<64> handoffPath() {
-    Text<64> path;
-    path.add(kHandoffDirectory).add(kHandoffPrefix).add(getpid());
-    return path;
-}
-
-ServerPath recordPath() {
-    return serverPath("logs/.tolvane");
-}
 
 void logAbout(const char* before, const char* path, const char* after) {
     Text<1024> message;
@@ -35,120 +23,122 @@ void logAbout(const char* before, const char* path, const char* after) {
     printErrorMsg(message.text());
 }
 
-struct EarlierRun {
-    int segment = -1;  // -1: the record names none
-    char handoffFile[1024] = "";
-    int structures = 0;
-};
-
-// The text behind `key` when `line` begins with it, else null.
-const char* valueOfKey(const char* line, const char* key) {
-    std::size_t length = std::strlen(key);
-    return std::strncmp(line, key, length) == 0 ? line + length : nullptr;
-}
-
-EarlierRun readRecord(std::FILE* file) {
-    EarlierRun run;
-    char line[1024];
-    while (std::fgets(line, sizeof line, file) != nullptr) {
-        if (const char* id = valueOfKey(line, "Shmid="); id != nullptr) {
-            run.segment = isDigit(*id) ? numberValue(id) : -1;
-        } else if (const char* path = valueOfKey(line, "File="); path != nullptr) {
-            wordValue(skipBlanks(path), run.handoffFile);
-        } else if (const char* number = valueOfKey(line, "Structures="); number != nullptr) {
-            run.structures = numberValue(skipBlanks(number));
-            break;
-        }
+bool lockInTime(int fd) {
+    constexpr int kPause = 20;  // milliseconds
+    constexpr int kTries = 5000 / kPause;
+    for (int i = 0; i < kTries; ++i) {
+        if (syscall(SYS_flock, fd, LOCK_EX | LOCK_NB) == 0) return true;
+        if (errno != EWOULDBLOCK) return false;
+        syscall(SYS_poll, nullptr, 0, kPause);
     }
-    return run;
+    return false;
 }
 
-// How many records fit a segment of `size` bytes.
-std::size_t recordsIn(std::size_t size) {
-    return size < kConfigSize ? 0 : (size - kConfigSize) / kRecordSize;
+// A larger file than the process may write would end it with a signal.
+bool withinFileLimit(std::size_t length) {
+    rlimit limit;
+    return getrlimit(RLIMIT_FSIZE, &limit) != 0 || length <= limit.rlim_cur;
 }
 
-void removeRecordSemaphores(int segment, std::size_t records) {
-    void* address = shmat(segment, nullptr, SHM_RDONLY);
-    if (address == reinterpret_cast<void*>(-1)) return;
-    const char* record = static_cast<const char*>(address) + kConfigSize;
-    for (std::size_t i = 0; i < records; ++i, record += kRecordSize) {
-        removeSemaphore(reinterpret_cast<const ResultStruct*>(record)->semaphoreId);
-    }
-    shmdt(address);
+// Creates `path`, in the place of a regular file if one is there. The
+// directory may be writable by others: nothing is written through a link, nor
+// into a file that another user holds. Returns the descriptor, -1: not created.
+int createAnew(const char* path) {
+    constexpr int kNew = O_WRONLY | O_CREAT | O_EXCL;
+    int fd = openOwn(path, kNew);
+    if (fd >= 0 || errno != EEXIST) return fd;
+    struct stat there;
+    if (lstat(path, &there) != 0 || !S_ISREG(there.st_mode)) return -1;
+    unlink(path);
+    return openOwn(path, kNew);
 }
 
-// Identifiers are reused, so the one in the record may be somebody else's by
-// now: a segment is removed only if it can be one of ours.
-void removeSegment(const EarlierRun& run) {
-    if (run.segment < 0 || run.segment == shmid) return;
-    shmid_ds status;
-    if (shmctl(run.segment, IPC_STAT, &status) == 0) {
-        std::size_t fitting = recordsIn(status.shm_segsz);
-        if (fitting == 0 || status.shm_segsz != segmentSize(fitting)) {
-            Text<128> message;
-            message.add("Segment ").add(run.segment);
-            message.add(" of an earlier run belongs to another program now and stays");
-            printErrorMsg(message.text());
-            return;
-        }
-        auto named = static_cast<std::size_t>(run.structures);
-        removeRecordSemaphores(run.segment, named < fitting ? named : fitting);
-    }
-    shmctl(run.segment, IPC_RMID, nullptr);
+enum class Access { kAsCreated, kEverybody };
+
+// A file of exactly this text; none at all when that fails.
+template <std::size_t N>
+bool writeAnew(const char* path, const Text<N>& text, Access access) {
+    int fd = withinFileLimit(text.length()) ? createAnew(path) : -1;
+    if (fd < 0) return false;
+    bool whole =
+        syscall(SYS_write, fd, text.text(), text.length()) == static_cast<long>(text.length());
+    if (access == Access::kEverybody) fchmod(fd, 0777);
+    closeOwn(fd);
+    if (!whole) unlink(path);
+    return whole;
 }
 
-void writeAddresses(std::FILE* file, const PortTable& table, const char* separator) {
+// Two full tables of addresses, each with its separators and port.
+using HandoffText = Text<2 * kMaxAddresses*(kAddressNameSize + 16) + 128>;
+
+void addAddresses(HandoffText& text, const PortTable& table, const char* separator) {
     for (int i = 0; i < table.numHttpPort; ++i, separator = ",") {
-        std::fprintf(file, "%s%s:%d", separator, table.ipAddressName[i], table.httpPort[i]);
+        text.add(separator).add(table.ipAddressName[i]).add(":").add(table.httpPort[i]);
     }
 }
 
 }  // namespace
 
-void removeEarlierRun() {
-    ServerPath path = recordPath();
-    std::FILE* file = std::fopen(path.text(), "re");
-    if (file == nullptr) {
-        logAbout("", path.text(), " file not Exist for shared mem check");
+HandoffPath handoffPath(int pid) {
+    HandoffPath path;
+    path.add(kHandoffDirectory).add(kHandoffPrefix).add(pid);
+    return path;
+}
+
+ServerPath recordPath() {
+    return serverPath("logs/.tolvane");
+}
+
+// A file of its own, which nobody but the server's user can open: everybody
+// who could would be able to delay the start.
+RecordLock::RecordLock() {
+    ServerPath path = serverPath("logs/.tolvane_lock");
+    fd_ = openOwn(path.text(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0600);
+    if (fd_ < 0 && errno == ENOENT) return;  // no such directory: there is no record either
+    struct stat status;
+    if (fd_ >= 0 && fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && lockInTime(fd_)) {
+        device_ = status.st_dev;
+        inode_ = status.st_ino;
         return;
     }
-    EarlierRun run = readRecord(file);
-    std::fclose(file);
-    removeSegment(run);
-    if (run.handoffFile[0] != '\0') unlink(run.handoffFile);
+    logAbout("", path.text(), " cannot be locked: the start goes on without");
+    if (fd_ >= 0) closeOwn(fd_);
+    fd_ = -1;
+}
+
+// Another thread may have closed the descriptor, and its number be a client's.
+RecordLock::~RecordLock() {
+    struct stat now;
+    if (fd_ < 0 || fstat(fd_, &now) != 0) return;
+    if (now.st_dev != device_ || now.st_ino != inode_) return;
+    syscall(SYS_flock, fd_, LOCK_UN);  // a child forked meanwhile has it, too
+    closeOwn(fd_);
 }
 
 void writePreviousRunRecord() {
+    Text<160> text;
+    text.add("Shmid=").add(shmid).add("\nFile=").add(handoffPath(getpid()).text());
+    text.add("\nStructures=").add(numStructures).add("\n");
     ServerPath path = recordPath();
-    std::FILE* file = std::fopen(path.text(), "we");
-    if (file == nullptr) {
-        logAbout("", path.text(), " File cannot be created for writing");
-        return;
-    }
-    std::fprintf(file, "Shmid=%d\nFile=%s\nStructures=%d\n", shmid, handoffPath().text(),
-                 numStructures);
-    std::fclose(file);
+    if (writeAnew(path.text(), text, Access::kAsCreated)) return;
+    logAbout("", path.text(), " File cannot be created for writing");
 }
 
 void writeHandoffFile() {
-    Text<64> path = handoffPath();
-    std::FILE* file = std::fopen(path.text(), "we");
-    if (file == nullptr) {
-        logAbout("cannot open ", path.text(), " File ");
-        return;
-    }
-    std::fputs("Listen=", file);
-    writeAddresses(file, plainPorts, "");
-    writeAddresses(file, sslPorts, plainPorts.numHttpPort > 0 ? "," : "");
-    std::fprintf(file, "\nShmid=%d\nServer_Type=%s\nStructures=%d\n", shmid,
-                 webServerType == kNetscape ? "NETSCAPE" : "APACHE", numStructures);
-    std::fclose(file);
-    chmod(path.text(), 0777);
+    HandoffText text;
+    text.add("Listen=");
+    addAddresses(text, plainPorts, "");
+    addAddresses(text, sslPorts, plainPorts.numHttpPort > 0 ? "," : "");
+    text.add("\nShmid=").add(shmid).add("\nServer_Type=");
+    text.add(webServerType == kNetscape ? "NETSCAPE" : "APACHE");
+    text.add("\nStructures=").add(numStructures).add("\n");
+    HandoffPath path = handoffPath(getpid());
+    if (writeAnew(path.text(), text, Access::kEverybody)) return;
+    logAbout("cannot open ", path.text(), " File ");
 }
 
 void deleteHandoffFile() {
-    unlink(handoffPath().text());
+    unlink(handoffPath(getpid()).text());
 }
 
 }  // namespace tolvane

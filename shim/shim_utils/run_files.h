@@ -2,13 +2,44 @@
 // and the previous-run record for the server's next start.
 #pragma once
 
+#include <sys/types.h>
+
+#include "server_path.h"
+#include "text.h"
+
 namespace tolvane {
 
+// Small: the handoff file may have to be deleted inside an accept.
+using HandoffPath = Text<64>;
+
+// The path of the handoff file that process `pid` writes.
+HandoffPath handoffPath(int pid);
+
+ServerPath recordPath();
+
+// Keeps other servers on the same root away, from the removal of an earlier
+// run until this run's record is written: of two that start at once, the second
+// finds the first's record. Waits five seconds at most and then goes without,
+// with a line in the log.
+class RecordLock {
+  public:
+    RecordLock();
+    ~RecordLock();
+    RecordLock(const RecordLock&) = delete;
+    RecordLock& operator=(const RecordLock&) = delete;
+
+  private:
+    int fd_;  // -1: goes without
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+};
+
 // Removes the segment, semaphores and handoff file that the previous-run
-// record names; never this run's own segment, nor one of another program.
+// record names, as far as they are still that run's. What is not is logged.
 void removeEarlierRun();
 
-// Write this run's files; failures are logged.
+// Write this run's files; failures are logged. Only a regular file is ever
+// replaced, and never written through a link.
 void writePreviousRunRecord();
 void writeHandoffFile();
 

@@ -2,6 +2,10 @@
 
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <ctime>
+
 #include "log.h"
 #include "process_memory.h"
 #include "tolvane/segment_format.h"
@@ -28,9 +32,52 @@ int createSemaphore() {
     sembuf firstUnit = {0, +1, 0};
     if (semop(id, &firstUnit, 1) != 0) {
         printErrorMsg("cannot unlock the semaphores ");
+        removeSemaphore(id);
         return -1;
     }
     return id;
+}
+
+constexpr int kSecond = 1'000'000;  // times are in microseconds
+constexpr int kMinute = 60 * kSecond;
+
+// What this process may still wait for its record, and since when it is less
+// than a second.
+std::atomic<int> patience{kSecond};
+std::int64_t patienceSince = 0;
+
+std::int64_t now() {
+    timespec time = {};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return std::int64_t{time.tv_sec} * kSecond + time.tv_nsec / 1000;
+}
+
+bool waitForUnit(int id, int longest) {
+    timespec time = {longest / kSecond, longest % kSecond * 1000};
+    return semtimedop(id, &psembuf, 1, &time) == 0;
+}
+
+bool waitPatiently(int id) {
+    int left = patience.load(std::memory_order_relaxed);
+    if (left == 0) return false;
+    std::int64_t start = now();
+    if (left == kSecond) patienceSince = start;
+    bool locked = waitForUnit(id, left);
+    bool timeIsUp = !locked && errno == EAGAIN;
+    std::int64_t waited = now() - start;
+    left = timeIsUp || waited > left ? 0 : static_cast<int>(left - waited);
+    patience.store(left, std::memory_order_relaxed);
+    if (timeIsUp) {
+        printErrorMsg(
+            "A shared record's semaphore is held for long: the counts stay in the process until it "
+            "is free");
+    }
+    return locked;
+}
+
+void regainPatience() {
+    if (patience.load(std::memory_order_relaxed) == kSecond) return;
+    if (now() - patienceSince >= kMinute) patience.store(kSecond, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -43,7 +90,10 @@ bool createSemaphores(int count) {
     }
     for (semaphoreCount = 0; semaphoreCount < count; ++semaphoreCount) {
         int id = createSemaphore();
-        if (id < 0) return false;
+        if (id < 0) {
+            while (semaphoreCount > 0) removeSemaphore(semaphores[--semaphoreCount]);
+            return false;
+        }
         semaphores[semaphoreCount] = id;
     }
     return true;
@@ -54,7 +104,24 @@ int semaphoreOf(int i) {
 }
 
 bool lockSemaphore(int id) {
-    return semop(id, &psembuf, 1) == 0;
+    sembuf withoutWaiting = psembuf;
+    withoutWaiting.sem_flg |= IPC_NOWAIT;
+    if (semop(id, &withoutWaiting, 1) == 0) {
+        regainPatience();
+        return true;
+    }
+    return errno == EAGAIN && waitPatiently(id);
+}
+
+bool lockSemaphoreAtExit(int id) {
+    constexpr int kLongest = 2 * kSecond;
+    std::int64_t end = now() + kLongest;
+    for (std::int64_t left = kLongest; left > 0; left = end - now()) {
+        if (waitForUnit(id, static_cast<int>(left))) return true;
+        if (errno != EINTR) return false;
+    }
+    errno = EAGAIN;
+    return false;
 }
 
 bool unlockSemaphore(int id) {
@@ -67,6 +134,10 @@ bool semaphoreExists(int id) {
 
 bool heldByThisProcess(int id) {
     return semctl(id, 0, GETVAL) == 0 && semctl(id, 0, GETPID) == getpid();
+}
+
+int lastUserOfSemaphore(int id) {
+    return semctl(id, 0, GETPID);
 }
 
 void removeSemaphore(int id) {

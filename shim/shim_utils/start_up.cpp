@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <climits>
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -63,13 +62,31 @@ bool createDescriptorTable() {
     return false;
 }
 
+// Shared records, and so semaphores, that one server takes at most. No server
+// has more processes that write at the same time, and the systems' limits of
+// semaphores, 32,000 today, are for all programs.
+constexpr int kMaxStructures = 1024;
+
+// How many shared records an Apache server has.
+int recordsWanted() {
+    if (maxNumProcess <= 10) return 1;
+    int wanted = numSemaphores == -1 ? 3 : numSemaphores;
+    if (wanted > kMaxStructures) {
+        Text<128> message;
+        message.add("NUM_SEMAPHORES ").add(wanted).add(" is too many: the server has ");
+        message.add(kMaxStructures).add(" shared records");
+        printErrorMsg(message.text());
+        return kMaxStructures;
+    }
+    return wanted > 0 ? wanted : 1;
+}
+
 bool createRecords() {
     numStructures = 1;
     switch (webServerType) {
         case kApacheProcesses:
         case kApacheThreads:
-            if (maxNumProcess > 10) numStructures = numSemaphores == -1 ? 3 : numSemaphores;
-            if (numStructures <= 0) numStructures = 1;
+            numStructures = recordsWanted();
             if (createResultStruct(webServerType) == 1) return true;
             printErrorMsg("No memory for the connection slots: nothing is measured");
             return false;
@@ -85,8 +102,7 @@ bool createRecords() {
 
 bool createSegment() {
     auto records = static_cast<std::size_t>(numStructures);
-    bool addressable = records <= (SIZE_MAX - kConfigSize) / kRecordSize;
-    shmid = addressable ? shmget(IPC_PRIVATE, segmentSize(records), IPC_CREAT | 0777) : -1;
+    shmid = shmget(IPC_PRIVATE, segmentSize(records), IPC_CREAT | 0777);
     if (shmid < 0) {
         printErrorMsg("shared memory cannot be created");
         return false;
@@ -95,6 +111,7 @@ bool createSegment() {
     void* address = shmat(shmid, nullptr, 0);
     if (address == reinterpret_cast<void*>(-1)) {
         printErrorMsg("Shared memory pointer is NULL in monitor thread!");
+        shmctl(shmid, IPC_RMID, nullptr);
         return false;
     }
     shmConfig = static_cast<ConfigInfo*>(address);
@@ -103,12 +120,21 @@ bool createSegment() {
     return true;
 }
 
+void removeSegment() {
+    shmctl(shmid, IPC_RMID, nullptr);
+    shmdt(shmConfig);  // the system keeps it while it is attached
+    shmConfig = nullptr;
+    shmPtr = nullptr;
+}
+
 // A Netscape server's one record has no semaphore.
 bool guardRecords() {
-    bool guarded = webServerType == kNetscape || createSemaphores(numStructures);
+    if (webServerType != kNetscape && !createSemaphores(numStructures)) {
+        removeSegment();
+        return false;
+    }
     for (int i = 0; i < numStructures; ++i) shmPtr[i].semaphoreId = semaphoreOf(i);
-    if (!guarded) shmctl(shmid, IPC_RMID, nullptr);
-    return guarded;
+    return true;
 }
 
 }  // namespace
@@ -128,6 +154,9 @@ void initializeTolvaneShim() {
         printErrorMsg("No memory to watch for forked children: nothing is measured");
         return;
     }
+    // Before anything is asked for: the earlier run may have all there is.
+    RecordLock lock;
+    removeEarlierRun();
     if (!createSegment() || !guardRecords()) return;
     shmConfig->version = kVersionCreated;
     shmConfig->interval = kDefaultInterval;
@@ -137,7 +166,6 @@ void initializeTolvaneShim() {
 
     ServerPath path = serverPath("logs/httpd.pid");
     std::memcpy(pidFile, path.text(), path.length() + 1);
-    removeEarlierRun();
     writePreviousRunRecord();
     writeHandoffFile();
 }

@@ -1,14 +1,20 @@
 // What the server leaves on the machine, from its first listen to its end.
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <barrier>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <thread>
+#include <utility>
 
 #include "e2e/script.h"
 
@@ -54,8 +60,8 @@ TEST_F(Lifecycle, StartLeavesTheFilesAndAnEmptySegment) {
     const std::vector<std::string> logged = {
         "The apache module is prefork:7",
         "This is apache server version 1.3.x(or apache2.0 with prefork module",
-        " shared memory successfully created",
         kRecord + " file not Exist for shared mem check",
+        " shared memory successfully created",
     };
     EXPECT_EQ(logMessages(), logged);
 }
@@ -93,7 +99,10 @@ TEST_F(Lifecycle, AConfigurationIsTakenWhenItsVersionHasGrown) {
     EXPECT_EQ(server.segment.config().version, kVersionCreated);
     EXPECT_EQ(server.segment.config().interval, kDefaultInterval);
     server.segment.configure({{"a.test", {}}});
+    // A process takes one configuration a second at most.
+    const auto aSecondLater = [] { std::this_thread::sleep_for(std::chrono::milliseconds(1010)); };
     serve(*server.worker, server.listener);  // takes version 1
+    aSecondLater();
     std::snprintf(server.segment.config().siteName[0], kNameSize, "b.test");
     serve(*server.worker, server.listener);
     serve(*server.worker, server.listener, "b.test");
@@ -104,6 +113,7 @@ TEST_F(Lifecycle, AConfigurationIsTakenWhenItsVersionHasGrown) {
     EXPECT_EQ(server.segment.counts().site[0].requests, 3u);
     EXPECT_EQ(server.segment.config().parentPid, server.parent->pid());
     // An impossible one is bounded, and named in the log once.
+    aSecondLater();
     const auto logged = logMessages().size();
     std::memset(&server.segment.config(), 0x7f, sizeof(ConfigInfo) - sizeof(std::int32_t));
     server.segment.config().version = 3;
@@ -171,6 +181,119 @@ TEST_F(Lifecycle, WhatAnEarlierRunLeftIsRemovedAtTheNextStart) {
     }
 }
 
+// The record names one segment only: each server removes the one before, which
+// goes when its server ends.
+TEST_F(Lifecycle, ServersThatStartAtOnceLeaveNothing) {
+    constexpr int kServers = 4;
+    for (int round = 0; round < 15; ++round) {
+        resetSandbox();
+        std::unique_ptr<ScriptServer> servers[kServers];
+        for (auto& server : servers)
+            server = std::make_unique<ScriptServer>(ServerOptions{
+                .configuration = "Listen 8081\nListen 8082\nListen 8083\nMaxClients 150\n"});
+        int listeners[kServers];
+        std::barrier together(kServers);
+        {
+            std::vector<std::jthread> threads;
+            for (int i = 0; i < kServers; ++i)
+                threads.emplace_back([&, i] {
+                    together.arrive_and_wait();
+                    listeners[i] = servers[i]->listen(kPort + i);
+                });
+        }
+        ASSERT_EQ(systemVObjects("sem"), 3) << round;
+        Segment segment;
+        EXPECT_NE(readFile(kRecord).find(segment.handoffFile() + "\n"), std::string::npos);
+        for (int i = 0; i < kServers; ++i) {
+            const auto pid = std::to_string(servers[i]->parent->pid());
+            if (!segment.handoffFile().ends_with("." + pid)) continue;
+            writeFile(std::string(kServerRoot) + "/logs/httpd.pid", pid + "\n");
+            Connection(*servers[i]->parent, listeners[i], kPort + i).close();
+        }
+        for (const auto& server : servers) server->parent->exit();
+        EXPECT_EQ(leftovers(), "1 shm ") << round;  // attached here
+    }
+}
+
+TEST_F(Lifecycle, AHeldLockDelaysAStartOnly) {
+    const std::string lock = std::string(kServerRoot) + "/logs/.tolvane_lock";
+    const std::string elsewhere = std::string(kServerRoot) + "/htdocs/file";
+    const struct {
+        std::string what;
+        std::function<void()> prepare;
+        int seconds;
+        std::string logged;
+    } cases[] = {
+        {"free", [&] { writeFile(lock, ""); }, 0, ""},
+        {"held", [&] { flock(open(lock.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600), LOCK_EX); }, 5,
+         lock},
+        {"fifo", [&] { mkfifo(lock.c_str(), 0600); }, 0, lock},
+        {"link", [&] { fs::create_symlink(elsewhere, lock); }, 0, lock},
+    };
+    for (const auto& [what, prepare, seconds, logged] : cases) {
+        resetSandbox();
+        prepare();
+        const auto start = std::chrono::steady_clock::now();
+        Measured server;
+        const auto taken = std::chrono::steady_clock::now() - start;
+        EXPECT_GE(taken, std::chrono::seconds(seconds)) << what;
+        EXPECT_LE(taken, std::chrono::seconds(seconds + 10)) << what;
+        const auto log = logMessages();
+        EXPECT_EQ(std::ranges::count_if(log, [&](auto& line) { return line.starts_with(lock); }),
+                  logged.empty() ? 0 : 1)
+            << what;
+        EXPECT_FALSE(fs::exists(elsewhere));
+        serve(*server.worker, server.listener);
+        server.worker->exit();
+        server.parent->exit();
+        EXPECT_EQ(leftovers(), "1 shm ") << what;
+    }
+}
+
+// `sets` may exist in all.
+void limitSemaphores(int sets) {
+    writeFile("/proc/sys/kernel/sem", "32000 1024000000 500 " + std::to_string(sets));
+}
+
+TEST_F(Lifecycle, AStartThatFailsLeavesNothing) {
+    if (geteuid() != 0) GTEST_SKIP() << "the limit is root's";
+    limitSemaphores(2);
+    ScriptServer server(kThreeRecords);
+    const int listener = server.listen(kPort);
+    EXPECT_EQ(leftovers(), "");
+    EXPECT_EQ(logMessages().back().find(" cannot create semaphores"), 0u);
+    Connection(*server.fork(*server.parent), listener).close();
+}
+
+TEST_F(Lifecycle, AnEarlierRunsSemaphoresAreFreeForTheNext) {
+    if (geteuid() != 0) GTEST_SKIP() << "the limit is root's";
+    limitSemaphores(3);
+    Measured(kThreeRecords).parent->kill();
+    Measured server(kThreeRecords);
+    EXPECT_TRUE(server.segment.handoffFile().ends_with(std::to_string(server.parent->pid())));
+    EXPECT_EQ(systemVObjects("sem"), 3);
+    EXPECT_EQ(server.segment.semaphoreValue(2), 1);
+}
+
+TEST_F(Lifecycle, AServerTakesNoMoreThan1024Semaphores) {
+    ServerOptions options = kThreeRecords;
+    for (const auto& [asked, made] : {std::pair{"1024", 1024}, {"1025", 1024}, {"40000", 1024}}) {
+        resetSandbox();
+        options.environment[1] = std::string("NUM_SEMAPHORES=") + asked;
+        Measured server(options);
+        EXPECT_EQ(server.segment.structures(), made);
+        EXPECT_EQ(systemVObjects("sem"), made);
+        const auto log = logMessages();
+        const auto told = std::ranges::count_if(
+            log, [&](auto& line) { return line.find(asked) != std::string::npos; });
+        EXPECT_EQ(told, asked == std::string("1024") ? 0 : 1);
+        serve(*server.worker, server.listener);
+        server.worker->exit();
+        server.parent->exit();
+        EXPECT_EQ(leftovers(), "1 shm ");
+    }
+}
+
 TEST_F(Lifecycle, SemaphoresStayAtOneUnitHoweverProcessesEnd) {
     Measured server(kThreeRecords);
     const auto expectOne = [&](const char* when) {
@@ -205,6 +328,70 @@ TEST_F(Lifecycle, SemaphoresStayAtOneUnitHoweverProcessesEnd) {
     serve(*third, server.listener);
     third->exit();
     expectOne("last worker ended");
+}
+
+// Anybody can write the segment's `parentPid`, and when.
+TEST_F(Lifecycle, OnlyTheParentRemovesWhateverTheSegmentSays) {
+    enum When { kAtFirst, kLater, kAtTheEnd };
+    for (const std::string written : {"worker", "idle", "1", "0", "-1", "-5", "2147483647"}) {
+        for (const When when : {kAtFirst, kLater, kAtTheEnd}) {
+            SCOPED_TRACE(testing::Message() << written << ", " << when);
+            resetSandbox();
+            Measured server({.environment = {"REQUEST_INTERVAL=100", "NUM_SEMAPHORES=3"}});
+            const auto idle = server.fork(*server.parent);
+            const auto write = [&](When now) {
+                if (now != when) return;
+                const pid_t pid = written == "worker" ? server.worker->pid()
+                                  : written == "idle" ? idle->pid()
+                                                      : std::stoi(written);
+                server.segment.config().parentPid = pid;
+            };
+            write(kAtFirst);
+            serve(*server.worker, server.listener);
+            write(kLater);
+            serve(*server.worker, server.listener);
+            server.worker->exit();
+            EXPECT_EQ(server.segment.counts().total.requests, 2u);
+            write(kAtTheEnd);
+            idle->exit();
+            EXPECT_EQ(server.segment.config().version, kVersionCreated);
+            fs::remove(std::string(kServerRoot) + "/logs/httpd.pid");  // as servers do
+            server.parent->exit();
+            EXPECT_EQ(server.segment.config().version, kVersionRemoved);
+            EXPECT_EQ(leftovers(), "1 shm ");
+        }
+    }
+}
+
+// A parent that served itself, one that never forked with its pid file there,
+// and processes that are none.
+TEST_F(Lifecycle, TheParentKnowsItselfHoweverItCameAboutIt) {
+    const std::string pidFile = std::string(kServerRoot) + "/logs/httpd.pid";
+    const struct {
+        bool parentServes, pidFileAtEnd, otherServer, removes;
+    } cases[] = {{true, false, false, true},
+                 {true, true, false, true},
+                 {false, false, false, true},
+                 {false, true, false, true},
+                 {false, true, true, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        resetSandbox();
+        Measured server({.pidFile = false});
+        writeFile(pidFile, std::to_string(server.parent->pid()));
+        serve(c.parentServes ? *server.parent : *server.worker, server.listener);
+        server.worker->exit();
+        if (c.otherServer) writeFile(pidFile, "1");
+        if (!c.pidFileAtEnd) fs::remove(pidFile);
+        server.parent->exit();
+        EXPECT_EQ(server.segment.config().version == kVersionRemoved, c.removes);
+    }
+    // Never learned, since no connection came: what is left is for the next start.
+    resetSandbox();
+    Measured server;
+    server.worker->exit();
+    server.parent->exit();
+    EXPECT_EQ(server.segment.config().version, kVersionCreated);
 }
 
 TEST_F(Lifecycle, TheLockFileOfAnotherServerIsWaitedFor) {

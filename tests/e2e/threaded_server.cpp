@@ -23,9 +23,9 @@
 
 // Stands before the C library's: whatever interval an agent asks for, the
 // counts are handed on thousands of times a second, in the middle of the load.
-extern "C" int nanosleep(const timespec* time, timespec* left) {
-    const timespec longest{0, 100'000};
-    return clock_nanosleep(CLOCK_MONOTONIC, 0, time->tv_sec == 0 ? time : &longest, left) ? -1 : 0;
+extern "C" int clock_nanosleep(clockid_t, int, const timespec*, timespec*) {
+    usleep(100);
+    return 0;
 }
 
 namespace {

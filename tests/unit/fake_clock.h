@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 
 namespace tolvane::test {
 
@@ -16,5 +17,11 @@ FakeClock& fakeClock();
 
 // What time() returns; 0: the real time.
 extern std::atomic<std::time_t> fakeTime;
+
+// How far the monotonic clock is ahead of the real one, in seconds.
+extern std::atomic<int> monotonicAhead;
+
+// What clock_nanosleep does instead of sleeping; null: it sleeps.
+extern std::function<void()> insteadOfSleeping;
 
 }  // namespace tolvane::test

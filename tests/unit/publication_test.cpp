@@ -3,11 +3,16 @@
 
 #include <gtest/gtest.h>
 #include <sys/sem.h>
+#include <sys/time.h>
 
 #include <algorithm>
+#include <chrono>
 #include <climits>
+#include <csignal>
 #include <cstring>
+#include <thread>
 
+#include "fake_clock.h"
 #include "measured_process.h"
 #include "shim_utils/configuration.h"
 #include "shim_utils/semaphores.h"
@@ -174,6 +179,106 @@ TEST(Publication, WithoutItsSemaphoreKeepsTheCounts) {
             ASSERT_TRUE(createSemaphores(1));
             form.publish();
             EXPECT_EQ(shmPtr[0].total.connections, 1U);
+        });
+    }
+}
+
+// As any local user can make it: forever.
+void holdSemaphore(bool held) {
+    inChild([held] { ASSERT_EQ(semctl(semaphoreOf(0), 0, SETVAL, held ? 0 : 1), 0); });
+}
+
+TEST(Publication, AHeldSemaphoreCostsASecondInAll) {
+    using namespace std::chrono_literals;
+    const auto now = std::chrono::steady_clock::now;
+    for (const Form& form : {kWorker, kApacheMonitor}) {
+        SCOPED_TRACE(form.name);
+        inChild([&] {
+            const MeasuredProcess process(form.type);
+            LogTail log;
+            countAccepted(kFd, kPlain);
+            const struct {
+                bool held;
+                int secondsLater;
+                bool waits;
+                unsigned published;
+            } steps[] = {
+                {true, 0, true, 0},     {true, 0, false, 0},  {true, 100, false, 0},
+                {false, 0, false, 1},   {true, 0, true, 1},   {false, 0, false, 2},
+                {true, 10, false, 2},   {false, 0, false, 3}, {true, 100, false, 3},
+                {false, 100, false, 4},
+            };
+            for (const auto& step : steps) {
+                SCOPED_TRACE(&step - steps);
+                holdSemaphore(step.held);
+                monotonicAhead += step.secondsLater;
+                const auto start = now();
+                form.publish();
+                const auto took = now() - start;
+                EXPECT_GE(took, step.waits ? 900ms : 0ms);
+                EXPECT_LT(took, step.waits ? 1500ms : 300ms);
+                EXPECT_EQ(shmPtr[0].total.connections, step.published);
+                EXPECT_EQ(log.next().size(), step.waits ? 1U : 0U);
+                if (!step.held) countAccepted(kFd, kPlain);
+            }
+        });
+    }
+    inChild([&] {
+        const MeasuredProcess process(kApacheProcesses);
+        LogTail log;
+        countAccepted(kFd, kPlain);
+        holdSemaphore(true);
+        const auto start = now();
+        publishAtExit();
+        EXPECT_GE(now() - start, 1900ms);
+        EXPECT_LT(now() - start, 2500ms);
+        EXPECT_EQ(log.next().size(), 2U);
+    });
+}
+
+// A signal ends a wait in the middle of a server's call, but not one at exit.
+TEST(Publication, AnInterruptedWaitKeepsTheCounts) {
+    for (const Form& form : {kWorker, kExit}) {
+        SCOPED_TRACE(form.name);
+        inChild([&] {
+            const MeasuredProcess process(form.type);
+            countAccepted(kFd, kPlain);
+            holdSemaphore(true);
+            struct sigaction action = {};
+            action.sa_handler = [](int) {};
+            sigaction(SIGALRM, &action, nullptr);
+            const itimerval soon = {{0, 0}, {0, 50'000}};
+            setitimer(ITIMER_REAL, &soon, nullptr);
+            std::thread agent([] {
+                sigset_t all;
+                sigfillset(&all);
+                pthread_sigmask(SIG_SETMASK, &all, nullptr);
+                std::this_thread::sleep_for(std::chrono::milliseconds(400));
+                holdSemaphore(false);
+            });
+            form.publish();
+            const unsigned atOnce = form.publish == publishAtExit ? 1 : 0;
+            EXPECT_EQ(shmPtr[0].total.connections, atOnce);
+            agent.join();
+            form.publish();
+            EXPECT_EQ(shmPtr[0].total.connections, 1U);
+            EXPECT_EQ(freeUnits(shmPtr[0]), 1);
+        });
+    }
+}
+
+TEST(Publication, AddsToWhateverSomebodyWroteIntoTheRecord) {
+    for (const Form& form : {kWorker, kNetscapeMonitor, kApacheMonitor, kExit}) {
+        SCOPED_TRACE(form.name);
+        inChild([&form] {
+            const MeasuredProcess process(form.type);
+            putIntoForce({{"a.test", {"/x"}}});
+            setCounts(1, 1);
+            std::ranges::fill_n(reinterpret_cast<std::int32_t*>(shmPtr), sizeof *shmPtr / 4,
+                                INT_MAX);
+            form.publish();
+            EXPECT_EQ(shmPtr[0].total.requests, INT_MAX + 1U);
+            EXPECT_EQ(freeUnits(shmPtr[0]), 1);
         });
     }
 }

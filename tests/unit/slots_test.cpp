@@ -25,6 +25,18 @@ TEST(Slots, OfOneConnectionPerProcessAreOne) {
     EXPECT_EQ(currMaxSockets.load(), 1);
 }
 
+TEST(Slots, AreNoneForAnotherTypeOrBeforeTheStart) {
+    for (const int asked : {0, 1, 2, 3, -1}) EXPECT_EQ(GETINDEX(asked, 5), -1);
+    for (const ServerType own : {kApacheProcesses, kNetscape, kApacheThreads}) {
+        const MeasuredProcess process(own);
+        for (const int asked : {0, 1, 2, 3, -1}) {
+            EXPECT_EQ(GETINDEX(asked, 5), asked == own ? 0 : -1) << own << ", " << asked;
+        }
+        countAccepted(5, kPlain);
+        EXPECT_EQ(describe(slotAt(0).result), "total: conn1 open1");
+    }
+}
+
 TEST(Slots, LowestFreeOneComesFirst) {
     const MeasuredProcess process(kNetscape);
     EXPECT_EQ(currMaxSockets.load(), 75);

@@ -1,0 +1,249 @@
+// Identifiers and process ids are given anew after a reboot, and anybody may
+// write into an old segment: nothing is removed because a file or a segment
+// says so, but only what bears the marks of the run that wrote the record.
+#include <fcntl.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "config_lines.h"
+#include "log.h"
+#include "own_files.h"
+#include "run_files.h"
+#include "semaphores.h"
+#include "text.h"
+#include "tolvane/shim_tables.h"
+
+namespace tolvane {
+namespace {
+
+// Seconds from a segment's creation to that of its semaphores, and to the
+// writing of the record.
+constexpr time_t kSemaphoresWithin = 2;
+constexpr time_t kRecordWithin = 60;
+
+// Bytes of a record or handoff file; ours are shorter.
+constexpr std::size_t kLargestFile = 2047;
+
+struct SmallFile {
+    struct stat status;
+    char text[kLargestFile + 1];
+};
+
+enum class Found { kNothing, kSmallFile, kSomethingElse };
+
+// Reads the whole file, if it is one that a shim can have written. Links are
+// not followed, FIFOs not waited for.
+Found readSmallFile(const char* path, SmallFile& file) {
+    int fd = openOwn(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) return errno == ELOOP ? Found::kSomethingElse : Found::kNothing;
+    bool plain =
+        fstat(fd, &file.status) == 0 && S_ISREG(file.status.st_mode) && file.status.st_nlink == 1;
+    long length = plain ? syscall(SYS_read, fd, file.text, sizeof file.text) : -1;
+    closeOwn(fd);
+    if (length < 0 || length > static_cast<long>(kLargestFile)) return Found::kSomethingElse;
+    file.text[length] = '\0';
+    return Found::kSmallFile;
+}
+
+// Ends the line at `text` and returns the next; null behind the last.
+char* cutLine(char* text) {
+    char* end = std::strchr(text, '\n');
+    if (end == nullptr) return nullptr;
+    *end = '\0';
+    return end + 1;
+}
+
+// The text behind `key` when `line` begins with it, else null.
+const char* valueOfKey(const char* line, const char* key) {
+    std::size_t length = std::strlen(key);
+    return std::strncmp(line, key, length) == 0 ? line + length : nullptr;
+}
+
+int identifierAt(const char* digits) {
+    return isDigit(*digits) ? numberValue(digits) : -1;
+}
+
+struct EarlierRun {
+    int segment = -1;        // -1: the record names none
+    bool namesFile = false;  // the record names one, whatever it is
+    int pid = kUnknownPid;   // of that file's name; unknown: it is no handoff file's
+    int structures = 0;
+    uid_t owner;     // of the record
+    time_t written;  // the record
+};
+
+// The process id in the handoff file's name at `text`; unknown for any other path.
+int pidOfHandoffFile(const char* text) {
+    char path[128];
+    wordValue(text, path);
+    const char* name = valueOfKey(path, kHandoffDirectory);
+    const char* digits = name != nullptr ? valueOfKey(name, kHandoffPrefix) : nullptr;
+    int pid = digits != nullptr ? identifierAt(digits) : kUnknownPid;
+    return pid > 0 && std::strcmp(path, handoffPath(pid).text()) == 0 ? pid : kUnknownPid;
+}
+
+EarlierRun readRecord(SmallFile& file) {
+    EarlierRun run;
+    run.owner = file.status.st_uid;
+    run.written = file.status.st_mtime;
+    char* next;
+    for (char* line = file.text; line != nullptr; line = next) {
+        next = cutLine(line);
+        if (const char* id = valueOfKey(line, "Shmid="); id != nullptr) {
+            run.segment = identifierAt(id);
+        } else if (const char* path = valueOfKey(line, "File="); path != nullptr) {
+            run.namesFile = *skipBlanks(path) != '\0';
+            run.pid = pidOfHandoffFile(skipBlanks(path));
+        } else if (const char* number = valueOfKey(line, "Structures="); number != nullptr) {
+            run.structures = numberValue(skipBlanks(number));
+            break;
+        }
+    }
+    return run;
+}
+
+// The segment that a handoff file names.
+int segmentOfHandoffFile(SmallFile& file) {
+    char* next;
+    for (char* line = file.text; line != nullptr; line = next) {
+        next = cutLine(line);
+        if (const char* id = valueOfKey(line, "Shmid="); id != nullptr) return identifierAt(id);
+    }
+    return -1;
+}
+
+// How many records fit a segment of `size` bytes.
+std::size_t recordsIn(std::size_t size) {
+    return size < kConfigSize ? 0 : (size - kConfigSize) / kRecordSize;
+}
+
+// What shows that the segment is not the one that the run made; null: nothing.
+const char* objectionTo(const shmid_ds& segment, const EarlierRun& run) {
+    std::size_t fitting = recordsIn(segment.shm_segsz);
+    if (fitting == 0 || segment.shm_segsz != segmentSize(fitting)) return "size";
+    if ((segment.shm_perm.mode & 0777) != 0777) return "mode";
+    if (segment.shm_cpid != run.pid) return "creating process";
+    if (segment.shm_perm.cuid != run.owner || segment.shm_perm.uid != run.owner) return "owner";
+    bool justBefore =
+        segment.shm_ctime <= run.written && segment.shm_ctime >= run.written - kRecordWithin;
+    return justBefore ? nullptr : "creation time";
+}
+
+bool madeWith(const shmid_ds& segment, const semid_ds& set) {
+    return set.sem_nsems == 1 && (set.sem_perm.mode & 0777) == 0777 &&
+           set.sem_perm.cuid == segment.shm_perm.cuid && set.sem_perm.uid == segment.shm_perm.uid &&
+           set.sem_ctime >= segment.shm_ctime &&
+           set.sem_ctime <= segment.shm_ctime + kSemaphoresWithin;
+}
+
+void logSemaphoresThatStay(int count, int first, int segment) {
+    Text<160> message;
+    message.add("Segment ").add(segment).add(" of an earlier run names ").add(count);
+    message.add(" semaphore sets that are not its own and stay, first ").add(first);
+    printErrorMsg(message.text());
+}
+
+void removeRecordSemaphores(const EarlierRun& run, const shmid_ds& segment) {
+    void* address = shmat(run.segment, nullptr, SHM_RDONLY);
+    if (address == reinterpret_cast<void*>(-1)) return;
+    auto* record = reinterpret_cast<const ResultStruct*>(static_cast<char*>(address) + kConfigSize);
+    auto named = static_cast<std::size_t>(run.structures);
+    std::size_t fitting = recordsIn(segment.shm_segsz);
+    int strangers = 0;
+    int firstStranger = -1;
+    for (std::size_t i = 0; i < named && i < fitting; ++i) {
+        // Read once: who else has the segment may be writing there.
+        int id = __atomic_load_n(&record[i].semaphoreId, __ATOMIC_RELAXED);
+        semid_ds set;
+        bool readable = semctl(id, 0, IPC_STAT, &set) == 0;
+        if (readable && madeWith(segment, set)) {
+            removeSemaphore(id);
+        } else if (readable || errno == EACCES) {
+            if (strangers++ == 0) firstStranger = id;
+        }
+    }
+    shmdt(address);
+    if (strangers > 0) logSemaphoresThatStay(strangers, firstStranger, run.segment);
+}
+
+void logSegmentThatStays(int segment, const char* objection) {
+    Text<160> message;
+    message.add("Segment ").add(segment).add(" is not the earlier run's and stays: its ");
+    message.add(objection).add(" differs");
+    printErrorMsg(message.text());
+}
+
+// Returns whether the process that the handoff file is named after can have no
+// segment of that identifier any more.
+bool removeSegment(const EarlierRun& run) {
+    shmid_ds segment;
+    if (run.segment < 0) return true;
+    if (shmctl(run.segment, IPC_STAT, &segment) != 0) {
+        if (errno != EACCES) return true;  // it is gone
+        logSegmentThatStays(run.segment, "mode");
+        return false;
+    }
+    const char* objection = objectionTo(segment, run);
+    if (objection == nullptr) {
+        removeRecordSemaphores(run, segment);
+        shmctl(run.segment, IPC_RMID, nullptr);
+        return true;
+    }
+    logSegmentThatStays(run.segment, objection);
+    // The system names no creator of another process namespace.
+    return segment.shm_cpid != run.pid && segment.shm_cpid != 0;
+}
+
+void removeHandoffFile(const EarlierRun& run, bool abandoned) {
+    if (!run.namesFile) return;
+    if (run.pid == kUnknownPid) {
+        printErrorMsg("The file that the earlier run's record names is no handoff file and stays");
+        return;
+    }
+    HandoffPath path = handoffPath(run.pid);
+    SmallFile file;
+    Found found = readSmallFile(path.text(), file);
+    if (found == Found::kNothing) return;
+    if (abandoned && found == Found::kSmallFile && file.status.st_uid == run.owner &&
+        run.segment >= 0 && segmentOfHandoffFile(file) == run.segment) {
+        unlink(path.text());
+        return;
+    }
+    Text<160> message;
+    message.add("Handoff file ").add(path.text()).add(" is not the earlier run's and stays");
+    printErrorMsg(message.text());
+}
+
+// False after logging why there is nothing to be read.
+bool findRecord(EarlierRun& run) {
+    ServerPath path = recordPath();
+    SmallFile file;
+    Found found = readSmallFile(path.text(), file);
+    if (found == Found::kSmallFile) {
+        run = readRecord(file);
+        return true;
+    }
+    Text<1024> message;
+    message.add(path.text());
+    message.add(found == Found::kNothing
+                    ? " file not Exist for shared mem check"
+                    : " is no record of an earlier run: nothing of it is removed");
+    printErrorMsg(message.text());
+    return false;
+}
+
+}  // namespace
+
+void removeEarlierRun() {
+    EarlierRun run;
+    if (!findRecord(run)) return;
+    removeHandoffFile(run, removeSegment(run));
+}
+
+}  // namespace tolvane
