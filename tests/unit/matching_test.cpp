@@ -1,7 +1,6 @@
 // Host values against sites, URLs against categories: which of them come, and a
 // comparison of single ones with the plainest possible matcher.
 #include <gtest/gtest.h>
-#include <strings.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,6 +14,7 @@
 #include "shim_utils/configuration.h"
 #include "shim_utils/site_match.h"
 #include "shim_utils/url_categories.h"
+#include "support/plain_matching.h"
 
 namespace tolvane::test {
 namespace {
@@ -78,43 +78,7 @@ TEST(UrlCategories, ListsEveryCategoryOnceInOrder) {
     EXPECT_EQ(categoriesOf(*config, std::string_view("/b\0/x", 5)), (std::vector<int>{7}));
 }
 
-// ------------------------------------------ the same, as plainly as possible
-
-bool plainHostMatch(const std::string& host, const std::string& name, ConnectionKind kind) {
-    if (host.empty() || name.empty()) return false;
-    const std::size_t length = host.size();
-    const std::size_t hostColon = std::min(host.find(':'), length);
-    const std::size_t nameColon = std::min(name.find(':'), name.size());
-    const char* standard = kind == kPlainRequest ? ":80" : ":443";
-    if (name.size() == length && strncasecmp(host.c_str(), name.c_str(), length) == 0) return true;
-    if (hostColon == length) {
-        return strncasecmp(name.c_str(), host.c_str(), length) == 0 &&
-               std::strcmp(name.c_str() + length, standard) == 0;
-    }
-    if (nameColon != hostColon) return false;
-    if (strncasecmp(host.c_str(), name.c_str(), hostColon) != 0) return false;
-    const char* port = nameColon < name.size() ? name.c_str() + nameColon : standard;
-    return strncasecmp(host.c_str() + hostColon, port, length - hostColon) == 0;
-}
-
-bool plainSectionMatch(const std::string& text, const UrlSection& section) {
-    const char* url = text.c_str();
-    const char* end = url + text.size();
-    if (section.numPieces == 1 && !section.leadingWildcard && !section.trailingWildcard) {
-        return std::strcmp(url, section.piece[0]) == 0;
-    }
-    const char* p = url;
-    for (int i = 0; i < section.numPieces; ++i) {
-        const char* found = std::strstr(p, section.piece[i]);
-        if (found == nullptr) return false;
-        if (i == 0 && !section.leadingWildcard && found != url) return false;
-        const bool last = i == section.numPieces - 1;
-        if (last && !section.trailingWildcard && end - found != section.pieceLength[i])
-            return false;
-        p = found + std::min<std::ptrdiff_t>(section.pieceLength[i], end - found);
-    }
-    return true;
-}
+// --------------------------------------- random ones against the plain matcher
 
 class Dice {
   public:
@@ -168,19 +132,6 @@ UrlSection randomSection(Dice& dice, std::string_view letters, int most, bool od
                                      : static_cast<int>(piece.size());
     }
     return section;
-}
-
-std::vector<int> plainCategories(const ConfigInfo& config, const std::string& url, int site) {
-    std::vector<int> categories;
-    for (int c = 0; c < config.numCategories[site]; ++c) {
-        const CategoryConfig& category = config.categories[site][c];
-        bool matched = false;
-        for (int k = 0; k < category.numSections && !matched; ++k) {
-            matched = plainSectionMatch(url, category.sections[k]);
-        }
-        if (matched) categories.push_back(c);
-    }
-    return categories;
 }
 
 TEST(UrlCategories, AgreesWithThePlainMatcher) {
