@@ -82,6 +82,16 @@ void usualConfiguration(ConfigInfo& config) {
     }
 }
 
+void nestedConfiguration(ConfigInfo& config) {
+    fillNames(config);
+    const int s = kMaxSites - 1;
+    config.numCategories[s] = kMaxCategories;
+    for (int i = 0; i < kMaxCategories * kMaxSections; ++i) {
+        const std::string text(static_cast<std::size_t>(i % (kPieceSize - 1) + 1), 'a');
+        addPattern(config.categories[s][i / kMaxSections], "*zzz*" + text + "*");
+    }
+}
+
 std::string repeated(const std::string& text, std::size_t length) {
     std::string result;
     while (result.size() < length) result += text;

@@ -25,5 +25,9 @@ std::string repeated(const std::string& text, std::size_t length);
 // Every site with 90 patterns of the kinds that people write.
 void usualConfiguration(tolvane::ConfigInfo& config);
 
+// The last site with 90 patterns whose second pieces end with each other, and
+// whose first one hardly a URL has.
+void nestedConfiguration(tolvane::ConfigInfo& config);
+
 // One site, of name kLastHost, with one category of one section, "/shop*".
 void smallConfiguration(tolvane::ConfigInfo& config);

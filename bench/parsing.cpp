@@ -94,10 +94,12 @@ struct Matchers {
 std::unique_ptr<Matchers> small;
 std::unique_ptr<Matchers> usual;
 std::unique_ptr<Matchers> fullest;
+std::unique_ptr<Matchers> nested;
 std::string plainUrl = kPlainUrl;
 std::string matchingUrl = kMatchingUrl;
 std::string longUrl = hostileUrl(8000);
 std::string oftenBegun = repeated("/cart.", 8000);
+std::string oneLetter = repeated("a", 8000);
 
 // URLs put together from the patterns' own pieces, with and without something
 // between them, so that many match and many nearly do.
@@ -154,6 +156,7 @@ void addAllMatching() {
     small = std::make_unique<Matchers>(smallConfiguration);
     usual = std::make_unique<Matchers>(usualConfiguration);
     fullest = std::make_unique<Matchers>(fullestConfiguration);
+    nested = std::make_unique<Matchers>(nestedConfiguration);
     compare(*small, "small");
     compare(*usual, "usual");
     compare(*fullest, "fullest");
@@ -163,6 +166,7 @@ void addAllMatching() {
     addMatching<fullest, matchingUrl>("90 patterns of 6 pieces, one match");
     addMatching<fullest, longUrl>("90 patterns of 6 pieces, 8,000 hostile bytes");
     addMatching<usual, oftenBegun>("90 usual patterns, 8,000 hostile bytes");
+    addMatching<nested, oneLetter>("90 patterns with nested ends, 8,000 hostile bytes");
 }
 
 }  // namespace

@@ -1,9 +1,11 @@
 // Host values against sites, URLs against categories: which of them come, and a
 // comparison of single ones with the plainest possible matcher.
 #include <gtest/gtest.h>
-#include <strings.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <random>
 
@@ -12,6 +14,7 @@
 #include "shim_utils/configuration/configuration.h"
 #include "shim_utils/matching/site_match.h"
 #include "shim_utils/matching/url_categories.h"
+#include "support/plain_matching.h"
 
 namespace tolvane::test {
 namespace {
@@ -75,43 +78,7 @@ TEST(UrlCategories, ListsEveryCategoryOnceInOrder) {
     EXPECT_EQ(categoriesOf(*config, std::string_view("/b\0/x", 5)), (std::vector<int>{7}));
 }
 
-// ------------------------------------------ the same, as plainly as possible
-
-bool plainHostMatch(const std::string& host, const std::string& name, ConnectionKind kind) {
-    if (host.empty() || name.empty()) return false;
-    const std::size_t length = host.size();
-    const std::size_t hostColon = std::min(host.find(':'), length);
-    const std::size_t nameColon = std::min(name.find(':'), name.size());
-    const char* standard = kind == kPlainRequest ? ":80" : ":443";
-    if (name.size() == length && strncasecmp(host.c_str(), name.c_str(), length) == 0) return true;
-    if (hostColon == length) {
-        return strncasecmp(name.c_str(), host.c_str(), length) == 0 &&
-               std::strcmp(name.c_str() + length, standard) == 0;
-    }
-    if (nameColon != hostColon) return false;
-    if (strncasecmp(host.c_str(), name.c_str(), hostColon) != 0) return false;
-    const char* port = nameColon < name.size() ? name.c_str() + nameColon : standard;
-    return strncasecmp(host.c_str() + hostColon, port, length - hostColon) == 0;
-}
-
-bool plainSectionMatch(const std::string& text, const UrlSection& section) {
-    const char* url = text.c_str();
-    const char* end = url + text.size();
-    if (section.numPieces == 1 && !section.leadingWildcard && !section.trailingWildcard) {
-        return std::strcmp(url, section.piece[0]) == 0;
-    }
-    const char* p = url;
-    for (int i = 0; i < section.numPieces; ++i) {
-        const char* found = std::strstr(p, section.piece[i]);
-        if (found == nullptr) return false;
-        if (i == 0 && !section.leadingWildcard && found != url) return false;
-        const bool last = i == section.numPieces - 1;
-        if (last && !section.trailingWildcard && end - found != section.pieceLength[i])
-            return false;
-        p = found + std::min<std::ptrdiff_t>(section.pieceLength[i], end - found);
-    }
-    return true;
-}
+// --------------------------------------- random ones against the plain matcher
 
 class Dice {
   public:
@@ -150,32 +117,21 @@ TEST(SiteMatch, AgreesWithThePlainMatcher) {
     EXPECT_LT(matches, 18'000);
 }
 
-UrlSection randomSection(Dice& dice, std::string_view letters) {
+// Texts of up to `most` letters; where `odd`, many are empty or of another length
+// than stated.
+UrlSection randomSection(Dice& dice, std::string_view letters, int most, bool odd) {
     UrlSection section = {};
     section.numPieces = dice.below(8) == 0 ? dice.below(kMaxPieces + 1) : 1 + dice.below(2);
     section.leadingWildcard = dice.below(2) ? dice.below(3) - 1 : 0;
     section.trailingWildcard = dice.below(2);
-    const int oddities = dice.below(2) ? 4 : 1000;
     for (int i = 0; i < section.numPieces; ++i) {
-        const std::string piece = dice.text(letters, dice.below(oddities) == 0 ? 0 : 1, 3);
+        const std::string piece = dice.text(letters, odd && dice.below(4) == 0 ? 0 : 1, most);
         std::memcpy(section.piece[i], piece.data(), piece.size());
-        section.pieceLength[i] =
-            dice.below(oddities) == 0 ? dice.below(5) : static_cast<int>(piece.size());
+        section.pieceLength[i] = odd && dice.below(4) == 0
+                                     ? dice.below(dice.below(2) ? 5 : kPieceSize)
+                                     : static_cast<int>(piece.size());
     }
     return section;
-}
-
-std::vector<int> plainCategories(const ConfigInfo& config, const std::string& url, int site) {
-    std::vector<int> categories;
-    for (int c = 0; c < config.numCategories[site]; ++c) {
-        const CategoryConfig& category = config.categories[site][c];
-        bool matched = false;
-        for (int k = 0; k < category.numSections && !matched; ++k) {
-            matched = plainSectionMatch(url, category.sections[k]);
-        }
-        if (matched) categories.push_back(c);
-    }
-    return categories;
 }
 
 TEST(UrlCategories, AgreesWithThePlainMatcher) {
@@ -184,60 +140,136 @@ TEST(UrlCategories, AgreesWithThePlainMatcher) {
     auto config = prepared({site, site});
     std::size_t matches = 0;
     for (int i = 0; i < 3000; ++i) {
-        const std::string_view letters = i % 4 == 0 ? "abcdefghijkl" : "abB";
+        const std::string_view letters = i % 4 == 0 ? "abcdefghijkl" : i % 4 == 1 ? "a" : "abB";
+        const int most = dice.below(8) == 0 ? kPieceSize - 1 : 3 + dice.below(4);
+        const bool odd = dice.below(2) != 0;
         for (auto* categories : {config->info.categories[0], config->info.categories[1]}) {
             for (int c = 0; c < kMaxCategories; ++c) {
                 categories[c].numSections = 1 + dice.below(8) / 7;
                 for (int k = 0; k < categories[c].numSections; ++k)
-                    categories[c].sections[k] = randomSection(dice, letters);
+                    categories[c].sections[k] = randomSection(dice, letters, most, odd);
             }
         }
         prepareConfiguration(*config);
-        const std::string url = dice.text(letters, 1, i % 2 == 0 ? 8 : 30);
-        for (int s : {0, 1}) {
-            const std::vector<int> expected = plainCategories(config->info, url, s);
-            matches += expected.size();
-            ASSERT_EQ(categoriesOf(*config, url, s), expected) << url << ", configuration " << i;
+        for (int longest : {0, 8, 30, 300}) {
+            std::string url = dice.text(letters, 1, std::max(longest, 1));
+            if (longest == 0) url[0] = '\0';
+            for (int s : {0, 1}) {
+                const std::vector<int> expected = plainCategories(config->info, url, s);
+                matches += expected.size();
+                ASSERT_EQ(categoriesOf(*config, url, s), expected)
+                    << url << ", configuration " << i;
+            }
         }
     }
-    EXPECT_GT(matches, 10'000U);
-    EXPECT_LT(matches, 80'000U);
+    EXPECT_GT(matches, 40'000U);
+    EXPECT_LT(matches, 320'000U);
 }
 
-// More patterns than the index holds are matched all the same, those beyond it
-// one by one.
+// Ten sites of 540 pieces each, all of the greatest length and none beginning like
+// another, or with as many children to a node as give most rows.
 TEST(UrlCategories, MatchesTheLargestConfiguration) {
     Dice dice;
     auto config = prepared({});
     ConfigInfo& info = config->info;
     info.numSites = kMaxSites;
-    for (int s = 0; s < kMaxSites; ++s) {
-        info.numCategories[s] = kMaxCategories;
-        for (CategoryConfig& category : info.categories[s]) {
-            category.numSections = kMaxSections;
-            for (UrlSection& section : category.sections) {
-                std::string text;
-                for (int p = 0; p < kMaxPieces; ++p)
-                    text += dice.text("abcdefghijklmno", 7, 9) + "*";
-                section = pattern("*" + text);
+    for (int last : {kPieceSize - 1, 4}) {
+        for (int s = 0; s < kMaxSites; ++s) {
+            info.numCategories[s] = kMaxCategories;
+            for (int c = 0; c < kMaxCategories; ++c) {
+                info.categories[s][c].numSections = kMaxSections;
+                for (int k = 0; k < kMaxSections; ++k) {
+                    std::string text;
+                    for (int p = 0; p < kMaxPieces; ++p) {
+                        const int number = (c * kMaxSections + k) * kMaxPieces + p;
+                        std::string piece = dice.text("abcdefg", last, last);
+                        for (int i = 0, rest = number; i < 4; ++i, rest /= 7)
+                            piece[i] = static_cast<char>('a' + rest % 7);
+                        text += piece + "*";
+                    }
+                    info.categories[s][c].sections[k] = pattern("*" + text);
+                }
+            }
+        }
+        prepareConfiguration(*config);
+        EXPECT_LE(config->patterns.numNodes, PatternIndex::kNodes);
+        EXPECT_LE(config->patterns.numRows, PatternIndex::kRows);
+        for (int s = 0; s < kMaxSites; ++s) {
+            for (int c = 0; c < kMaxCategories; ++c) {
+                const UrlSection& section = info.categories[s][c].sections[c % kMaxSections];
+                std::string url = "/";
+                for (const char* piece : section.piece) url += std::string(piece) + "-";
+                EXPECT_EQ(categoriesOf(*config, url, s), (std::vector<int>{c})) << url;
+                url.resize(url.size() - 2);
+                EXPECT_EQ(categoriesOf(*config, url, s), (std::vector<int>{})) << url;
             }
         }
     }
-    prepareConfiguration(*config);
-    EXPECT_EQ(config->patterns.sites[kMaxSites - 1].root, 0);
-    EXPECT_GE(config->patterns.numRows, PatternIndex::kRows - kMaxSites);
-    EXPECT_LE(config->patterns.numRows, PatternIndex::kRows);
-    for (int s = 0; s < kMaxSites; ++s) {
-        for (int c = 0; c < kMaxCategories; ++c) {
-            const UrlSection& section = info.categories[s][c].sections[c % kMaxSections];
-            std::string url = "/";
-            for (const char* piece : section.piece) url += piece[0] + std::string(piece) + "-";
-            EXPECT_EQ(categoriesOf(*config, url, s), (std::vector<int>{c})) << url;
-            url.resize(url.size() - 2);
-            EXPECT_EQ(categoriesOf(*config, url, s), (std::vector<int>{})) << url;
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// Patterns that anybody may have written, and URLs of 8 KB, that would cost much
+// if anything were looked for twice. The bound is several times what each takes.
+TEST(UrlCategories, NoPatternIsDear) {
+    const auto run = [](int length, char letter = 'a') { return std::string(length, letter); };
+    struct Case {
+        const char* name;
+        std::function<std::string(int number, int piece)> text;
+        std::function<int(int length)> stated;
+        std::function<std::string(int part)> url;  // in parts
+    };
+    const auto same = [](int length) { return length; };
+    const std::vector<Case> cases = {
+        {"wrong lengths", [&](int, int) { return run(46) + "b"; }, [](int) { return 46; },
+         [&](int) { return run(64); }},
+        {"no lengths",
+         [&](int n, int p) { return p % 2 ? run(23) + char('b' + n % 20) : run(47 - p); },
+         [](int) { return 0; }, [&](int part) { return run(48) + char('b' + part % 25); }},
+        {"nested ends", [&](int n, int p) { return p == 0 ? "zzz" : run(1 + n % 47); }, same,
+         [&](int) { return run(64); }},
+        {"nested ends, waited for",
+         [&](int n, int p) { return p == 0   ? run(1 + n % 47)
+                                    : p == 1 ? "zzz"
+                                             : run(47 - n % 40); },
+         same, [&](int part) { return part == 60 ? "zzz" : run(64); }},
+        {"too soon",
+         [&](int n, int p) {
+             return p % 2 ? run(47 - n % 24) : std::string(1, char('b' + n % 20));
+         },
+         same, [&](int part) { return run(40 + part % 8) + char('b' + part % 20); }},
+        {"empty", [&](int n, int) { return n % 2 ? "" : "aab"; }, [](int) { return 47; },
+         [&](int) { return run(64); }},
+    };
+    for (const Case& hostile : cases) {
+        auto config = prepared({{"a.test", std::vector<std::string>(kMaxCategories, "x")}});
+        for (int number = 0; number < kMaxCategories * kMaxSections; ++number) {
+            CategoryConfig& category = config->info.categories[0][number / kMaxSections];
+            category.numSections = kMaxSections;
+            UrlSection& section = category.sections[number % kMaxSections];
+            section = {};
+            section.leadingWildcard = section.trailingWildcard = 1;
+            for (int p = 0; p < kMaxPieces; ++p) {
+                const std::string text = hostile.text(number, p);
+                std::memcpy(section.piece[p], text.data(), text.size());
+                section.pieceLength[p] = hostile.stated(static_cast<int>(text.size()));
+            }
+            section.numPieces = kMaxPieces;
         }
+        prepareConfiguration(*config);
+        std::string url;
+        for (int part = 0; url.size() < 8192; ++part) url += hostile.url(part);
+        RequestInfo request = {};
+        auto fastest = std::chrono::nanoseconds::max();
+        for (int i = 0; i < 20; ++i) {
+            const auto before = std::chrono::steady_clock::now();
+            matchCategory(*config, {url.data(), 8192}, request);
+            fastest = std::min(fastest,
+                               std::chrono::nanoseconds(std::chrono::steady_clock::now() - before));
+        }
+        EXPECT_LT(fastest, std::chrono::microseconds(300)) << hostile.name;
     }
 }
+#endif
 
 }  // namespace
 }  // namespace tolvane::test

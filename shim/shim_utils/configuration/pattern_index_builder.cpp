@@ -8,6 +8,7 @@ namespace {
 
 using Site = PatternIndex::Site;
 using Node = PatternIndex::Node;
+using Piece = PatternIndex::Piece;
 
 template <typename Number>
 std::uint16_t narrow(Number value) {
@@ -18,8 +19,9 @@ std::uint16_t narrow(Number value) {
 struct Entry {
     const char* text;
     std::uint16_t length;
+    std::uint16_t place;  // among the site's pieces in the block
     std::uint8_t section;
-    std::uint8_t index;
+    std::uint8_t index;  // among those of the section that have a text
 
     bool operator<(const Entry& other) const { return std::strcmp(text, other.text) < 0; }
 };
@@ -43,12 +45,14 @@ class SiteBuilder {
     };
 
     void addSection(const UrlSection& section, int number);
-    void addSections(const ConfigInfo& config, int s);
-    int nodesNeeded() const;
+    void addSections(const ConfigInfo& config);
     void addLevels();
     void addPiece(Node& node, Range range, int length);
     void addChildren(int parent, Range range, int depth, Level& children);
+    void putChildren(int parent, std::uint16_t* row) const;
+    void makeRootRow();
     void makeRow(int number);
+    void putPiecesInOrder();
     void putIntoLists();
     unsigned char byteAt(int entry, int depth) const {
         return static_cast<unsigned char>(entries_[entry].text[depth]);
@@ -56,41 +60,53 @@ class SiteBuilder {
 
     PatternIndex* index_;
     Site* site_;
+    int s_;
+    Node* nodes_;  // of the site
+    unsigned char* bytes_;
     Entry entries_[PatternIndex::kPieces];
     int numEntries_;
     Level levels_[2];
 };
 
-// Whether the index can hold the pattern.
-bool isRegular(const UrlSection& section) {
-    for (int i = 0; i < section.numPieces; ++i) {
-        auto length = static_cast<std::int32_t>(std::strlen(section.piece[i]));
-        if (length == 0 || length != section.pieceLength[i]) return false;
-    }
-    return section.numPieces > 0;
-}
-
+// Adds the section's pieces that have a text. The others, which occur wherever
+// they are looked for, only add their stated lengths to what is skipped.
 void SiteBuilder::addSection(const UrlSection& section, int number) {
+    const int pieces = section.numPieces;
     PatternIndex::Section& added = site_->sections[number];
-    added.numPieces = static_cast<std::uint8_t>(section.numPieces);
-    added.atStart = section.leadingWildcard == 0;
-    added.atEnd = section.trailingWildcard == 0;
-    for (int i = 0; i < section.numPieces; ++i) {
-        entries_[numEntries_++] = {section.piece[i], narrow(section.pieceLength[i]),
-                                   static_cast<std::uint8_t>(number), static_cast<std::uint8_t>(i)};
+    added.atEnd = pieces > 0 && section.trailingWildcard == 0;
+    // Such a URL is compared as a whole, whatever length is stated.
+    const bool whole = pieces == 1 && section.leadingWildcard == 0 && added.atEnd;
+    std::uint16_t skip = 0;  // behind the piece before that has a text
+    for (int i = 0; i < pieces; ++i) {
+        const std::size_t length = std::strlen(section.piece[i]);
+        const std::uint16_t stated = narrow(whole ? length : section.pieceLength[i]);
+        if (length > 0) {
+            if (i == 0) added.atStart = section.leadingWildcard == 0;
+            const int place = (number - 1) * kMaxPieces + i;
+            entries_[numEntries_++] = {section.piece[i], narrow(length), narrow(place),
+                                       static_cast<std::uint8_t>(number), added.numPieces};
+            added.reach[added.numPieces++] = narrow(skip + length);
+            skip = 0;
+        }
+        if (i + 1 == pieces) {
+            added.lastReach = skip;
+            added.lastLength = stated;
+        } else {
+            skip = narrow(skip + stated);
+        }
     }
 }
 
-void SiteBuilder::addSections(const ConfigInfo& config, int s) {
+void SiteBuilder::addSections(const ConfigInfo& config) {
     numEntries_ = 0;
-    for (int c = 0; c < config.numCategories[s]; ++c) {
-        const CategoryConfig& category = config.categories[s][c];
+    for (int c = 0; c < config.numCategories[s_]; ++c) {
+        const CategoryConfig& category = config.categories[s_][c];
         for (int k = 0; k < category.numSections; ++k) {
-            if (isRegular(category.sections[k])) {
-                addSection(category.sections[k], c * kMaxSections + k + 1);
-            } else {
-                site_->plain[c] = static_cast<std::uint8_t>(site_->plain[c] | 1U << k);
-                site_->hasPlain = true;
+            const int number = c * kMaxSections + k + 1;
+            addSection(category.sections[k], number);
+            if (site_->sections[number].numPieces == 0) {
+                site_->textless[c] = static_cast<std::uint8_t>(site_->textless[c] | 1U << k);
+                site_->hasTextless = true;
             }
         }
     }
@@ -99,77 +115,79 @@ void SiteBuilder::addSections(const ConfigInfo& config, int s) {
     std::sort_heap(entries_, entries_ + numEntries_);
 }
 
-// A root, and a node for each byte that an entry does not share with the one before.
-int SiteBuilder::nodesNeeded() const {
-    int needed = 1;
-    for (int i = 0; i < numEntries_; ++i) {
-        int shared = 0;
-        while (i > 0 && byteAt(i, shared) != '\0' && byteAt(i, shared) == byteAt(i - 1, shared)) {
-            ++shared;
-        }
-        needed += entries_[i].length - shared;
-    }
-    return needed;
-}
-
 void SiteBuilder::addPiece(Node& node, Range range, int length) {
     int number = ++site_->numPieces;
-    site_->pieces[number] = {node.piece, narrow(length)};
+    site_->pieces[number] = {node.piece, 0, entries_[range.from].place, narrow(length)};
     node.piece = narrow(number);
     for (int i = range.from; i < range.to; ++i) {
         site_->sections[entries_[i].section].piece[entries_[i].index] = narrow(number);
     }
 }
 
-// The row of a node whose children are known.
+void SiteBuilder::putChildren(int parent, std::uint16_t* row) const {
+    const Node& node = nodes_[parent];
+    for (int i = 0; i < node.numChildren; ++i) row[bytes_[node.next + i]] = narrow(node.next + i);
+}
+
+void SiteBuilder::makeRootRow() {
+    std::uint16_t* row = index_->rows[s_];
+    std::memset(row, 0, sizeof index_->rows[s_]);
+    putChildren(0, row);
+    nodes_[0].next = narrow(s_);
+    nodes_[0].numChildren = PatternIndex::kHasRow;
+}
+
+// The row of a node whose children are known: those of the next shorter end,
+// which knows its own, but for these.
 void SiteBuilder::makeRow(int number) {
-    Node& node = index_->nodes[number];
+    std::uint16_t chain[kPieceSize];
+    int size = 0;
+    int at = number;
+    for (; nodes_[at].numChildren != PatternIndex::kHasRow; at = nodes_[at].shorter) {
+        chain[size++] = narrow(at);
+    }
     std::uint16_t* row = index_->rows[index_->numRows];
-    for (int byte = 0; byte < 256; ++byte) {
-        row[byte] =
-            narrow(number == site_->root
-                       ? static_cast<unsigned>(number)
-                       : index_->step(node.shorter, static_cast<unsigned char>(byte), site_->root));
-    }
-    for (int child = node.next; child < node.next + node.numChildren; ++child) {
-        row[index_->bytes[child]] = narrow(child);
-    }
-    node.next = narrow(index_->numRows++);
-    node.numChildren = PatternIndex::kHasRow;
+    std::memcpy(row, index_->rows[nodes_[at].next], sizeof index_->rows[0]);
+    while (size > 0) putChildren(chain[--size], row);
+    nodes_[number].next = narrow(index_->numRows++);
+    nodes_[number].numChildren = PatternIndex::kHasRow;
 }
 
 void SiteBuilder::addChildren(int parent, Range range, int depth, Level& children) {
-    Node& node = index_->nodes[parent];
-    node.next = narrow(index_->numNodes);
+    const PatternAutomaton automaton(*index_, s_);
+    Node& node = nodes_[parent];
+    node.next = site_->numNodes;
     for (int from = range.from, to; from < range.to; from = to) {
         unsigned char byte = byteAt(from, depth);
         for (to = from; to < range.to && byteAt(to, depth) == byte;) ++to;
         // Nodes of shorter texts are complete: their levels came before this one.
-        unsigned shorter =
-            parent == site_->root ? site_->root : index_->step(node.shorter, byte, site_->root);
-        index_->bytes[index_->numNodes] = byte;
-        index_->nodes[index_->numNodes++] = {0, 0, narrow(shorter), 0};
+        unsigned shorter = parent == 0 ? 0 : automaton.step(node.shorter, byte);
+        bytes_[site_->numNodes] = byte;
+        nodes_[site_->numNodes++] = {0, 0, narrow(shorter), 0};
         ++node.numChildren;
         children.ranges[children.size++] = {narrow(from), narrow(to)};
     }
-    bool wide = node.numChildren > PatternIndex::kFewChildren;
-    bool rowLeft = index_->numRows < PatternIndex::kRows - kMaxSites;
-    if (parent == site_->root || (wide && rowLeft)) makeRow(parent);
+    if (parent == 0) {
+        makeRootRow();
+    } else if (node.numChildren > PatternIndex::kFewChildren) {
+        makeRow(parent);
+    }
 }
 
 void SiteBuilder::addLevels() {
     Level* level = &levels_[0];
     Level* children = &levels_[1];
-    level->firstNode = site_->root = narrow(index_->numNodes);
+    level->firstNode = 0;
     level->size = 1;
     level->ranges[0] = {0, narrow(numEntries_)};
-    index_->nodes[index_->numNodes++] = {};
+    site_->numNodes = 1;
+    nodes_[0] = {};
     for (int depth = 0; level->size > 0; ++depth) {
-        children->firstNode = index_->numNodes;
+        children->firstNode = site_->numNodes;
         children->size = 0;
         for (int i = 0; i < level->size; ++i) {
-            Node& node = index_->nodes[level->firstNode + i];
-            node.piece = index_->nodes[node.shorter].piece;
+            Node& node = nodes_[level->firstNode + i];
+            node.piece = nodes_[node.shorter].piece;
             // The entries that end here come first in the range.
             Range range = level->ranges[i];
             Range ending = {range.from, range.from};
@@ -181,14 +199,46 @@ void SiteBuilder::addLevels() {
     }
 }
 
-// Every pattern waits for its first piece.
+// Renumbers the pieces, so far in the order of their lengths, so that those that
+// end with a piece follow it.
+void SiteBuilder::putPiecesInOrder() {
+    static Piece before[PatternIndex::kPieces + 1];
+    static std::uint16_t size[PatternIndex::kPieces + 1];    // of a piece and what ends with it
+    static std::uint16_t number[PatternIndex::kPieces + 1];  // the new one
+    static std::uint16_t unused[PatternIndex::kPieces + 1];  // first number left for those
+    const int pieces = site_->numPieces;
+    std::memcpy(before, site_->pieces, sizeof before);
+    std::fill_n(size, pieces + 1, std::uint16_t{1});
+    for (int i = pieces; i > 0; --i)
+        size[before[i].shorter] = narrow(size[before[i].shorter] + size[i]);
+    unused[0] = 1;
+    for (int i = 1; i <= pieces; ++i) {
+        std::uint16_t& next = unused[before[i].shorter];
+        number[i] = next;
+        unused[i] = narrow(next + 1);
+        next = narrow(next + size[i]);
+        site_->pieces[number[i]] = {number[before[i].shorter], narrow(next - 1), before[i].place,
+                                    before[i].length};
+    }
+    for (int i = 0; i < site_->numNodes; ++i) nodes_[i].piece = number[nodes_[i].piece];
+    for (PatternIndex::Section& section : site_->sections) {
+        for (int i = 0; i < section.numPieces; ++i) section.piece[i] = number[section.piece[i]];
+    }
+}
+
+// Every pattern waits for its first piece, or aside where that must not begin
+// the URL.
 void SiteBuilder::putIntoLists() {
-    for (int number = 1; number <= PatternIndex::kSections; ++number) {
+    PatternIndex::Lists& lists = site_->lists;
+    for (unsigned number = 1; number <= PatternIndex::kSections; ++number) {
         const PatternIndex::Section& section = site_->sections[number];
         if (section.numPieces == 0) continue;
-        std::uint8_t& first = site_->lists.first[section.piece[0]];
-        site_->lists.waiters[number].next = first;
-        first = static_cast<std::uint8_t>(number);
+        if (section.reach[0] == site_->pieces[section.piece[0]].length) {
+            lists.add(number, section.piece[0], site_->pieces);
+        } else {
+            lists.waiters[number].next = site_->aside;
+            site_->aside = static_cast<std::uint8_t>(number);
+        }
         if (!section.atStart) ++site_->numAnywhere;
     }
 }
@@ -196,15 +246,16 @@ void SiteBuilder::putIntoLists() {
 void SiteBuilder::build(PatternIndex& index, const ConfigInfo& config, int s) {
     index_ = &index;
     site_ = &index.sites[s];
+    s_ = s;
     std::memset(site_, 0, sizeof *site_);
-    addSections(config, s);
+    addSections(config);
     if (numEntries_ == 0) return;
-    if (nodesNeeded() > PatternIndex::kNodes - index.numNodes) {
-        std::memset(site_->plain, 0xFF, sizeof site_->plain);
-        site_->hasPlain = true;
-        return;
-    }
+    site_->firstNode = static_cast<std::uint32_t>(index.numNodes);
+    nodes_ = &index.nodes[index.numNodes];
+    bytes_ = &index.bytes[index.numNodes];
     addLevels();
+    index.numNodes += site_->numNodes;
+    putPiecesInOrder();
     putIntoLists();
 }
 
@@ -212,8 +263,8 @@ void SiteBuilder::build(PatternIndex& index, const ConfigInfo& config, int s) {
 
 void buildPatternIndex(PatternIndex& index, const ConfigInfo& config) {
     static SiteBuilder builder;
-    index.numNodes = 1;
-    index.numRows = 0;
+    index.numNodes = 0;
+    index.numRows = kMaxSites;
     for (int s = 0; s < config.numSites; ++s) builder.build(index, config, s);
 }
 

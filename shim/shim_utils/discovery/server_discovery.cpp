@@ -52,6 +52,17 @@ void readNetscapeFile(std::FILE* file) {
     fillPortTables();
 }
 
+// False when the root does not fit, so that no file under it could be opened.
+bool setRootDir(const char* root) {
+    std::size_t length = std::strlen(root);
+    if (length + 2 > sizeof rootDir) return false;
+    std::memcpy(rootDir, root, length + 1);
+    if (length == 0 || root[length - 1] != '/') std::memcpy(rootDir + length, "/", 2);
+    return true;
+}
+
+}  // namespace
+
 void getNetscapeConfigInfo() {
     ServerPath path = serverPath("config/magnus.conf");
     std::FILE* file = std::fopen(path.text(), "re");
@@ -64,17 +75,6 @@ void getNetscapeConfigInfo() {
     readNetscapeFile(file);
     std::fclose(file);
 }
-
-// False when the root does not fit, so that no file under it could be opened.
-bool setRootDir(const char* root) {
-    std::size_t length = std::strlen(root);
-    if (length + 2 > sizeof rootDir) return false;
-    std::memcpy(rootDir, root, length + 1);
-    if (length == 0 || root[length - 1] != '/') std::memcpy(rootDir + length, "/", 2);
-    return true;
-}
-
-}  // namespace
 
 void getWebServerInfo() {
     if (discoveryCalls > 0) return;

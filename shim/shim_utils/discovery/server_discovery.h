@@ -12,4 +12,7 @@ void getWebServerInfo();
 // empty and rootDir is set.
 void getApacheConfigInfo();
 
+// The Netscape type's part: its address from config/magnus.conf. The same holds.
+void getNetscapeConfigInfo();
+
 }  // namespace tolvane
