@@ -54,13 +54,14 @@ class Records {
 };
 
 // A server starts and is killed.
-EarlierRun leaveBehind(std::size_t bytes) {
+EarlierRun leaveBehind(std::size_t bytes, bool listed) {
     inChild([&] {
         webServerType = kApacheProcesses;
         numStructures = kRecords;
         shmid = shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0777);
         ASSERT_TRUE(createSemaphores(kRecords));
         for (int i = 0; i < kRecords; ++i) Records(shmid).semaphore(i) = semaphoreOf(i);
+        if (listed) writeSemaphoreList();
         writePreviousRunRecord();
         writeHandoffFile();
     });
@@ -98,6 +99,7 @@ struct Case {
     const char* left;                 // segments, semaphore sets, files
     std::vector<const char*> logged;  // what each line is about
     std::size_t bytes = segmentSize(kRecords);
+    bool listed = false;  // the run has listed its semaphores
 };
 
 class RunFiles : public testing::Test {
@@ -118,7 +120,7 @@ class RunFiles : public testing::Test {
         for (const Case& c : cases) {
             SCOPED_TRACE(c.what);
             clear();
-            const EarlierRun run = leaveBehind(c.bytes);
+            const EarlierRun run = leaveBehind(c.bytes, c.listed);
             c.change(run);
             LogTail log;
             removeEarlierRun();
@@ -188,6 +190,40 @@ TEST_F(RunFiles, OnlySemaphoresMadeWithTheSegmentAreRemoved) {
          "0 0 0",
          {}},
         {"none", [](auto& r) { Records(r.segment).semaphore(0) = -1; }, "0 1 0", {}},
+    });
+}
+
+void touchSemaphores(const EarlierRun& run) {
+    std::this_thread::sleep_for(std::chrono::seconds(4));
+    for (int i = 0; i < kRecords; ++i) semctl(Records(run.segment).semaphore(i), 0, SETVAL, 0);
+}
+
+// What any user did to the segment or to the sets then makes no difference.
+TEST_F(RunFiles, ListedSemaphoresAreRemovedAndNoOthers) {
+    const auto bytes = segmentSize(kRecords);
+    const std::string list = "/opt/server/logs/.tolvane_semaphores";
+    expectRemoved({
+        {"foreign set in the segment", nameSet(1, 0777), "0 1 0", {}, bytes, true},
+        {"sets changed since", touchSemaphores, "0 0 0", {}, bytes, true},
+        {"sets changed, no list", touchSemaphores, "0 2 0", {"semaphore"}, bytes, false},
+        {"another run's list",
+         [&](auto& r) {
+             nameSet(1, 0600)(r);
+             writeFile(list, "Shmid=4711\nSemaphores=0 1 2 \n");
+         },
+         "0 2 0",
+         {"semaphore"},
+         bytes,
+         true},
+        {"list that others can write",
+         [&](auto& r) {
+             nameSet(1, 0600)(r);
+             fs::permissions(list, fs::perms::all);
+         },
+         "0 2 0",
+         {"semaphore"},
+         bytes,
+         true},
     });
 }
 

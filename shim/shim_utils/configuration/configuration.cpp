@@ -28,15 +28,16 @@ std::int32_t ownVersion() {
     return configInfo().info.version;
 }
 
-void copyChangedPages(ConfigInfo& to, const ConfigInfo& from) {
-    constexpr std::size_t kPage = 4096;
-    auto* target = reinterpret_cast<char*>(&to);
-    const auto* source = reinterpret_cast<const char*>(&from);
-    for (std::size_t at = 0; at < sizeof to; at += kPage) {
-        std::size_t length = sizeof to - at < kPage ? sizeof to - at : kPage;
-        if (std::memcmp(target + at, source + at, length) != 0) {
-            std::memcpy(target + at, source + at, length);
-        }
+// Copies word by word, since an agent may be writing at the same time: a word is
+// never torn, and whether the words belong together the version tells. Words that
+// are equal already are not written, so their pages stay shared.
+void copyChangedWords(ConfigInfo& to, const ConfigInfo& from) {
+    constexpr std::size_t kWords = sizeof(ConfigInfo) / sizeof(std::uint32_t);
+    auto* target = reinterpret_cast<std::uint32_t*>(&to);
+    auto* source = reinterpret_cast<std::uint32_t*>(const_cast<ConfigInfo*>(&from));
+    for (std::size_t i = 0; i < kWords; ++i) {
+        const auto word = std::atomic_ref(source[i]).load(std::memory_order_relaxed);
+        if (target[i] != word) target[i] = word;
     }
 }
 
@@ -48,7 +49,7 @@ bool copyBlock(ConfigInfo& to, std::int32_t above) {
     for (int i = 0; i < kTries; ++i) {
         std::int32_t version = segmentVersion();
         if (version <= above) return false;
-        copyChangedPages(to, *shmConfig);
+        copyChangedWords(to, *shmConfig);
         std::atomic_thread_fence(std::memory_order_acquire);
         to.version = version;
         if (segmentVersion() == version) return true;
@@ -110,7 +111,7 @@ bool checkLatestConfigInfo() {
 }
 
 ConfigInfo& editConfiguration() {
-    copyChangedPages(spare().info, configInfo().info);
+    copyChangedWords(spare().info, configInfo().info);
     return spare().info;
 }
 

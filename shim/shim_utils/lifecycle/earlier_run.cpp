@@ -30,23 +30,27 @@ constexpr time_t kRecordWithin = 60;
 // Bytes of a record or handoff file; ours are shorter.
 constexpr std::size_t kLargestFile = 2047;
 
-struct SmallFile {
+// The whole of a file of less than `Size` bytes.
+template <std::size_t Size>
+struct WholeFile {
     struct stat status;
-    char text[kLargestFile + 1];
+    char text[Size];
 };
+using SmallFile = WholeFile<kLargestFile + 1>;
 
 enum class Found { kNothing, kSmallFile, kSomethingElse };
 
 // Reads the whole file, if it is one that a shim can have written. Links are
 // not followed, FIFOs not waited for.
-Found readSmallFile(const char* path, SmallFile& file) {
+template <std::size_t Size>
+Found readWholeFile(const char* path, WholeFile<Size>& file) {
     int fd = openOwn(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) return errno == ELOOP ? Found::kSomethingElse : Found::kNothing;
     bool plain =
         fstat(fd, &file.status) == 0 && S_ISREG(file.status.st_mode) && file.status.st_nlink == 1;
     long length = plain ? syscall(SYS_read, fd, file.text, sizeof file.text) : -1;
     closeOwn(fd);
-    if (length < 0 || length > static_cast<long>(kLargestFile)) return Found::kSomethingElse;
+    if (length < 0 || length >= static_cast<long>(Size)) return Found::kSomethingElse;
     file.text[length] = '\0';
     return Found::kSmallFile;
 }
@@ -135,11 +139,38 @@ const char* objectionTo(const shmid_ds& segment, const EarlierRun& run) {
     return justBefore ? nullptr : "creation time";
 }
 
-bool madeWith(const shmid_ds& segment, const semid_ds& set) {
+bool looksLikeOurs(const shmid_ds& segment, const semid_ds& set) {
     return set.sem_nsems == 1 && (set.sem_perm.mode & 0777) == 0777 &&
-           set.sem_perm.cuid == segment.shm_perm.cuid && set.sem_perm.uid == segment.shm_perm.uid &&
-           set.sem_ctime >= segment.shm_ctime &&
+           set.sem_perm.cuid == segment.shm_perm.cuid && set.sem_perm.uid == segment.shm_perm.uid;
+}
+
+bool madeWith(const shmid_ds& segment, const semid_ds& set) {
+    return looksLikeOurs(segment, set) && set.sem_ctime >= segment.shm_ctime &&
            set.sem_ctime <= segment.shm_ctime + kSemaphoresWithin;
+}
+
+// Removes the semaphores that the run itself has listed. The segment is the run's,
+// so the machine has not been started since, and no identifier is another
+// program's by now. False when there is no such list.
+bool removeListedSemaphores(const EarlierRun& run, const shmid_ds& segment) {
+    static WholeFile<kSemaphoreListSize> file;
+    ServerPath path = semaphoreListPath();
+    if (readWholeFile(path.text(), file) != Found::kSmallFile) return false;
+    if (file.status.st_uid != run.owner || (file.status.st_mode & 077) != 0) return false;
+    char* list = cutLine(file.text);
+    const char* id = valueOfKey(file.text, "Shmid=");
+    if (list == nullptr || id == nullptr || identifierAt(id) != run.segment) return false;
+    const char* next = valueOfKey(list, "Semaphores=");
+    if (next == nullptr) return false;
+    for (int i = 0; i < run.structures && isDigit(*next); ++i) {
+        semid_ds set;
+        int semaphore = numberValue(next);
+        if (semctl(semaphore, 0, IPC_STAT, &set) == 0 && looksLikeOurs(segment, set)) {
+            removeSemaphore(semaphore);
+        }
+        next = skipBlanks(next + wordLength(next));
+    }
+    return true;
 }
 
 void logSemaphoresThatStay(int count, int first, int segment) {
@@ -149,6 +180,8 @@ void logSemaphoresThatStay(int count, int first, int segment) {
     printErrorMsg(message.text());
 }
 
+// Without the list: the semaphores that the segment names, as far as their times
+// show that they were made with it.
 void removeRecordSemaphores(const EarlierRun& run, const shmid_ds& segment) {
     void* address = shmat(run.segment, nullptr, SHM_RDONLY);
     if (address == reinterpret_cast<void*>(-1)) return;
@@ -191,7 +224,7 @@ bool removeSegment(const EarlierRun& run) {
     }
     const char* objection = objectionTo(segment, run);
     if (objection == nullptr) {
-        removeRecordSemaphores(run, segment);
+        if (!removeListedSemaphores(run, segment)) removeRecordSemaphores(run, segment);
         shmctl(run.segment, IPC_RMID, nullptr);
         return true;
     }
@@ -208,7 +241,7 @@ void removeHandoffFile(const EarlierRun& run, bool abandoned) {
     }
     HandoffPath path = handoffPath(run.pid);
     SmallFile file;
-    Found found = readSmallFile(path.text(), file);
+    Found found = readWholeFile(path.text(), file);
     if (found == Found::kNothing) return;
     if (abandoned && found == Found::kSmallFile && file.status.st_uid == run.owner &&
         run.segment >= 0 && segmentOfHandoffFile(file) == run.segment) {
@@ -224,7 +257,7 @@ void removeHandoffFile(const EarlierRun& run, bool abandoned) {
 bool findRecord(EarlierRun& run) {
     ServerPath path = recordPath();
     SmallFile file;
-    Found found = readSmallFile(path.text(), file);
+    Found found = readWholeFile(path.text(), file);
     if (found == Found::kSmallFile) {
         run = readRecord(file);
         return true;

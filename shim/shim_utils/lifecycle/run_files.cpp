@@ -12,6 +12,7 @@
 
 #include "shim_utils/platform/log.h"
 #include "shim_utils/platform/own_files.h"
+#include "shim_utils/publication/semaphores.h"
 #include "tolvane/internal/shim_tables.h"
 
 namespace tolvane {
@@ -43,22 +44,23 @@ bool withinFileLimit(std::size_t length) {
 // Creates `path`, in the place of a regular file if one is there. The
 // directory may be writable by others: nothing is written through a link, nor
 // into a file that another user holds. Returns the descriptor, -1: not created.
-int createAnew(const char* path) {
+int createAnew(const char* path, int mode) {
     constexpr int kNew = O_WRONLY | O_CREAT | O_EXCL;
-    int fd = openOwn(path, kNew);
+    int fd = openOwn(path, kNew, mode);
     if (fd >= 0 || errno != EEXIST) return fd;
     struct stat there;
     if (lstat(path, &there) != 0 || !S_ISREG(there.st_mode)) return -1;
     unlink(path);
-    return openOwn(path, kNew);
+    return openOwn(path, kNew, mode);
 }
 
-enum class Access { kAsCreated, kEverybody };
+enum class Access { kAsCreated, kEverybody, kOwner };
 
 // A file of exactly this text; none at all when that fails.
 template <std::size_t N>
 bool writeAnew(const char* path, const Text<N>& text, Access access) {
-    int fd = withinFileLimit(text.length()) ? createAnew(path) : -1;
+    int mode = access == Access::kOwner ? 0600 : 0666;
+    int fd = withinFileLimit(text.length()) ? createAnew(path, mode) : -1;
     if (fd < 0) return false;
     bool whole =
         syscall(SYS_write, fd, text.text(), text.length()) == static_cast<long>(text.length());
@@ -122,6 +124,21 @@ void writePreviousRunRecord() {
     ServerPath path = recordPath();
     if (writeAnew(path.text(), text, Access::kAsCreated)) return;
     logAbout("", path.text(), " File cannot be created for writing");
+}
+
+ServerPath semaphoreListPath() {
+    return serverPath("logs/.tolvane_semaphores");
+}
+
+void writeSemaphoreList() {
+    static Text<kSemaphoreListSize> text;
+    text.clear();
+    text.add("Shmid=").add(shmid).add("\nSemaphores=");
+    for (int i = 0; i < numStructures; ++i) text.add(semaphoreOf(i)).add(" ");
+    text.add("\n");
+    ServerPath path = semaphoreListPath();
+    if (writeAnew(path.text(), text, Access::kOwner)) return;
+    logAbout("", path.text(), " cannot be created: after a kill semaphores may stay");
 }
 
 void writeHandoffFile() {

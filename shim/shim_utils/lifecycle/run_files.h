@@ -4,6 +4,8 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
+
 #include "shim_utils/discovery/server_path.h"
 #include "shim_utils/platform/text.h"
 
@@ -37,6 +39,15 @@ class RecordLock {
 // Removes the segment, semaphores and handoff file that the previous-run
 // record names, as far as they are still that run's. What is not is logged.
 void removeEarlierRun();
+
+// Bytes of the file that lists a run's semaphores, its terminating NUL included.
+inline constexpr std::size_t kSemaphoreListSize = 16384;
+
+// The list of this run's semaphores for the server's next start, which only the
+// server's user can read or write. The segment names them too, but every user can
+// write there.
+ServerPath semaphoreListPath();
+void writeSemaphoreList();
 
 // Write this run's files; failures are logged. Only a regular file is ever
 // replaced, and never written through a link.

@@ -156,6 +156,7 @@ void initializeTolvaneShim() {
 
     ServerPath path = serverPath("logs/httpd.pid");
     std::memcpy(pidFile, path.text(), path.length() + 1);
+    if (webServerType != kNetscape) writeSemaphoreList();
     writePreviousRunRecord();
     writeHandoffFile();
 }
