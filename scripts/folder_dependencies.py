@@ -9,6 +9,7 @@ Prints the folders in layers; fails on a cycle, and on a process-global variable
 that is not defined in state/.
 """
 import pathlib
+import re
 import subprocess
 import sys
 
@@ -25,9 +26,7 @@ def folder_of(path):
 def symbols(path):
     output = subprocess.run(["nm", "-C", str(path)], check=True, capture_output=True, text=True)
     for line in output.stdout.splitlines():
-        kind, name = line[len(line) - len(line.lstrip("0123456789abcdef ")):].split(" ", 1) \
-            if not line.startswith(" ") else line.strip().split(" ", 1)
-        yield kind, name
+        yield re.fullmatch(r"[0-9a-f]* +(\S) (.*)", line).groups()
 
 
 def layers(uses):
