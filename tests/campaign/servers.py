@@ -34,12 +34,10 @@ cat >/dev/null
 printf 'Content-Type: text/plain\\n\\nhello\\n'
 """
 RUNTIMES = {"plain": [], "asan": ["libasan.so.8", "libubsan.so.1"], "tsan": ["libtsan.so.2"]}
-# What is not built with the sanitizer (the server) is not looked into.
 SANITIZER_OPTIONS = {
     "ASAN_OPTIONS": "log_path=/opt/campaign/reports/asan:detect_leaks=0:abort_on_error=1",
     "UBSAN_OPTIONS": "log_path=/opt/campaign/reports/ubsan:print_stacktrace=1:abort_on_error=1",
-    "TSAN_OPTIONS": "log_path=/opt/campaign/reports/tsan:ignore_noninstrumented_modules=1:"
-                    "report_signal_unsafe=0:die_after_fork=0:history_size=4"}
+    "TSAN_OPTIONS": "log_path=/opt/campaign/reports/tsan:report_signal_unsafe=0:die_after_fork=0"}
 
 
 def fresh_places():
@@ -103,7 +101,9 @@ class Server:
         vforks = "vfork" in faults and sanitizer != "tsan"
         self.vfork_every = chance.choice((7, 40)) if vforks else 0
         self.forkers = 2 if "fork" in faults and self.netscape else 0
-        self.sent = set()  # signals that processes were ended with
+        # Signals that processes end with: those sent, and the CGI daemon's when the worker that
+        # waits for its answer is gone.
+        self.sent = {signal.SIGPIPE} if self.cgi == "cgid" and {"kill", "term"} & faults else set()
 
     def describe(self):
         layout = self.cgi if self.apache else "netscape" if self.netscape else "workers"
@@ -243,10 +243,12 @@ class Server:
         return f"processes are left: {self.group()}" if self.group() else ""
 
     def crashes(self):
-        """Sanitizer reports, and ends by signals that the campaign did not send."""
-        reports = [path.name + ": " + "; ".join(
-            line for line in read(path).splitlines()
-            if re.search("SUMMARY|runtime error|FATAL", line)) for path in (WORK / "reports").iterdir()]
+        """Sanitizer reports, and ends by signals that the campaign did not send. The thread
+        sanitizer also reports on calls of the server itself: those have no frame of the library."""
+        blocks = [(path.name, block) for path in (WORK / "reports").iterdir()
+                  for block in read(path).split("==================\n")]
+        reports = [name + ": " + "; ".join(re.findall(".*(?:SUMMARY|runtime error|FATAL).*", block))
+                   for name, block in blocks if block and ("tolvane-" in block or "tsan" not in name)]
         ends = [line for line in read(ROOT / "logs/error_log").splitlines()
                 if (end := re.search(r"exit signal [^(]*\((\d+)\)", line))
                 and int(end.group(1)) not in self.sent]
