@@ -49,8 +49,7 @@ extern "C" int shutdown(int fd, int how) noexcept {
 }
 
 extern "C" int setsockopt(int fd, int level, int name, const void* value, socklen_t size) noexcept {
-    static const auto real =
-        next<int(int, int, int, const void*, socklen_t)>("setsockopt");
+    static const auto real = next<int(int, int, int, const void*, socklen_t)>("setsockopt");
     perhapsRunProgram();
     return real(fd, level, name, value, size);
 }
