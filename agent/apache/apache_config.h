@@ -7,16 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "apache/endpoint.h"
 #include "apache/probe.h"
 
 namespace tolvane::agent {
-
-struct Endpoint {
-    std::string address;      // "*", "_default_", an IPv4 address or a name
-    std::optional<int> port;  // none: any port
-
-    bool operator==(const Endpoint&) const = default;
-};
 
 struct MeasuredConfig {
     std::vector<Endpoint> listen;
@@ -33,9 +27,5 @@ using VariableReader = std::function<std::optional<std::string>(const std::strin
 // Throws Failure when a file cannot be read or nothing listens.
 MeasuredConfig readMeasuredConfig(const ServerFacts& facts, const FileReader& readText,
                                   const VariableReader& variable);
-
-// "10.0.0.1:80", "[::]:80", "80", "*": address and port, with the address as
-// the shim matches it. Nothing when the text is neither.
-std::optional<Endpoint> parseEndpoint(const std::string& text, bool bareNumberIsPort);
 
 }  // namespace tolvane::agent

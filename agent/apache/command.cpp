@@ -6,8 +6,8 @@
 #include <array>
 #include <string_view>
 
-#include "base/error.h"
-#include "base/text.h"
+#include "os/error.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 

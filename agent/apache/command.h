@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "base/elf.h"
+#include "os/elf.h"
 
 namespace tolvane::agent {
 

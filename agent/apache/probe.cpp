@@ -6,10 +6,9 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "base/error.h"
-#include "base/process.h"
-#include "base/terminal.h"
-#include "base/text.h"
+#include "os/error.h"
+#include "os/process.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 
@@ -166,8 +165,6 @@ void parseDump(std::string_view output, ServerFacts& facts) {
 }
 
 ServerFacts probeServer(const ServerCommand& command) {
-    Progress progress;
-    progress.show("asking the server for its configuration");
     ServerFacts facts;
     std::string compiledRoot;
     ProcessAnswer version = runAndListen(commandWith(command, {"-V"}), {}, kPatience);

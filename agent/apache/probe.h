@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "apache/command.h"
-#include "base/elf.h"
+#include "os/elf.h"
 
 namespace tolvane::agent {
 

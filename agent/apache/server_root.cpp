@@ -6,10 +6,10 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "base/agent_directories.h"
-#include "base/error.h"
-#include "base/process.h"
-#include "base/text.h"
+#include "os/agent_directories.h"
+#include "os/error.h"
+#include "os/process.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/error.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 

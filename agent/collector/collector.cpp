@@ -9,11 +9,11 @@
 #include <mutex>
 #include <optional>
 
-#include "base/agent_directories.h"
-#include "base/error.h"
 #include "collector/log.h"
 #include "collector/run_finder.h"
 #include "collector/tally.h"
+#include "os/agent_directories.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 

@@ -5,10 +5,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/error.h"
-#include "config/config_block.h"
-#include "config/config_load.h"
-#include "config/config_writer.h"
+#include "configuration/config_block.h"
+#include "configuration/config_load.h"
+#include "configuration/config_writer.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 
@@ -100,7 +100,7 @@ Configurer::Outcome Configurer::give(WatchedRun& run, ConfigDealings& dealings,
         ConfigLock lock(run.handoff().path, 0s);
         std::int32_t version = run.segment().version();
         bool equal = version > 0 && sameConfiguration(*run.segment().config(), *placed);
-        if (!equal) version = writeConfiguration(run.segment(), *placed, 0s);
+        if (!equal) version = writeConfiguration(run.segment(), *placed, 0s).version;
         dealings.given = revision_;
         dealings.written = version;
         dealings.trouble.is("");

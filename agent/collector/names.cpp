@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "base/text.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 

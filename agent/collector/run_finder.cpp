@@ -7,9 +7,9 @@
 #include <ctime>
 #include <set>
 
-#include "base/error.h"
-#include "base/text.h"
-#include "segment/server.h"
+#include "os/error.h"
+#include "os/text.h"
+#include "servers/server.h"
 
 namespace tolvane::agent {
 

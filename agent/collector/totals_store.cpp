@@ -7,8 +7,8 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "base/error.h"
 #include "collector/log.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/text.h"
+#include "os/text.h"
 #include "segment/record_lock.h"
 
 namespace tolvane::agent {

@@ -10,8 +10,8 @@
 #include "collector/names.h"
 #include "collector/state.h"
 #include "counts/counts.h"
-#include "segment/handoff.h"
 #include "segment/segment.h"
+#include "servers/handoff.h"
 
 namespace tolvane::agent {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "segment/server.h"
+#include "servers/server.h"
 #include "tolvane/segment_format.h"
 
 namespace tolvane::agent {

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <ctime>
 
-#include "base/system_limits.h"
+#include "os/system_limits.h"
 
 namespace tolvane::agent {
 

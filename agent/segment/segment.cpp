@@ -11,7 +11,7 @@
 #include <cstring>
 #include <thread>
 
-#include "base/error.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 

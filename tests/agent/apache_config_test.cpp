@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "apache/server_root.h"
-#include "base/error.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 namespace {

@@ -15,8 +15,8 @@
 #include <cstring>
 #include <fstream>
 
-#include "base/error.h"
 #include "fake_server.h"
+#include "os/error.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent::test {

@@ -1,8 +1,8 @@
 // URL patterns and host names as an operator writes them.
 #include <gtest/gtest.h>
 
-#include "config/host_name.h"
-#include "config/url_pattern.h"
+#include "configuration/host_name.h"
+#include "configuration/url_pattern.h"
 
 namespace tolvane::agent {
 namespace {

@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 
 #include "apache/command.h"
-#include "base/error.h"
-#include "commands/library.h"
+#include "os/error.h"
+#include "servers/library.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent {

@@ -1,13 +1,12 @@
 // The table: what its numbers are, and how it fits a terminal.
-#include "counts/report.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <limits>
 
-#include "base/text.h"
+#include "cli/report_table.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 namespace {

@@ -7,9 +7,9 @@
 
 #include <cstring>
 
-#include "base/error.h"
 #include "fake_server.h"
-#include "segment/server.h"
+#include "os/error.h"
+#include "servers/server.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent::test {

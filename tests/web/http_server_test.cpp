@@ -1,5 +1,5 @@
 // The server on a real socket, with clients that are not always kind.
-#include "web/http_server.h"
+#include "http/http_server.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -8,7 +8,7 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "base/error.h"
+#include "os/error.h"
 #include "support/http_client.h"
 #include "support/process.h"
 

@@ -1,5 +1,5 @@
 // The text for Prometheus: exact, valid, and every series once.
-#include "web/metrics.h"
+#include "export/metrics.h"
 
 #include <gtest/gtest.h>
 #include <sys/wait.h>
@@ -9,7 +9,7 @@
 #include <set>
 #include <sstream>
 
-#include "base/text.h"
+#include "os/text.h"
 #include "web/invented_state.h"
 
 namespace tolvane::agent {

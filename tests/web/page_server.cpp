@@ -8,9 +8,9 @@
 #include <mutex>
 #include <sstream>
 
-#include "web/http_server.h"
+#include "export/pages.h"
+#include "http/http_server.h"
 #include "web/invented_state.h"
-#include "web/pages.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 // What the paths answer.
-#include "web/pages.h"
+#include "export/pages.h"
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
+#include "os/process_facts.h"
 #include "web/invented_state.h"
-#include "web/process_facts.h"
 
 namespace tolvane::agent {
 namespace {

@@ -1,0 +1,130 @@
+#include <fmt/format.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "cli/commands.h"
+#include "cli/terminal.h"
+#include "os/error.h"
+#include "os/process.h"
+#include "os/text.h"
+#include "segment/record_lock.h"
+#include "servers/removal_lock.h"
+#include "servers/server.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+// What the servers that still run have named as theirs.
+std::set<std::int32_t> semaphoresInUse(const std::vector<Server>& servers) {
+    std::set<std::int32_t> inUse;
+    for (const Server& server : servers) {
+        if (server.state == ServerState::kStale || !server.ownsSegment) continue;
+        try {
+            Segment segment(server.handoff.shmid, server.handoff.structures,
+                            Segment::Access::kRead);
+            for (std::int32_t i = 0; i < segment.structures(); ++i)
+                inUse.insert(segment.semaphoreOf(i));
+        } catch (const Failure&) {
+            // It has stopped in this moment, and taken its semaphores along.
+        }
+    }
+    return inUse;
+}
+
+struct Leftovers {
+    std::string heading;
+    std::vector<std::int32_t> semaphores;
+    std::int32_t shmid = -1;
+    std::string handoff;
+};
+
+Leftovers leftoversOf(const Server& server, const std::set<std::int32_t>& inUse) {
+    Leftovers left;
+    left.heading = fmt::format("Server {}: {}\n", nameOf(server), server.why);
+    // A damaged file may be one that is being written right now.
+    bool mayBeWritten = !server.handoff.problem.empty() && processExists(server.handoff.pid);
+    if (!mayBeWritten) left.handoff = server.handoff.path;
+    if (!server.ownsSegment) return left;
+    left.shmid = server.handoff.shmid;
+    SegmentStatus status = segmentStatus(left.shmid);
+    Segment segment(left.shmid, server.handoff.structures, Segment::Access::kRead);
+    for (std::int32_t i = 0; i < segment.structures(); ++i) {
+        std::int32_t id = segment.semaphoreOf(i);
+        if (inUse.count(id) == 0 && isSemaphoreOf(id, status)) left.semaphores.push_back(id);
+    }
+    return left;
+}
+
+class Remover {
+  public:
+    explicit Remover(bool dryRun) : dryRun_(dryRun) {}
+
+    template <typename Action>
+    void remove(const std::string& what, Action&& action) {
+        if (!dryRun_ && action() != 0 && errno != EINVAL && errno != EIDRM && errno != ENOENT) {
+            writeOut(fmt::format("  {}: {}\n", what, std::strerror(errno)));
+            refused_ = true;
+            return;
+        }
+        writeOut(fmt::format("  {} {}\n", what, dryRun_ ? "would be removed" : "removed"));
+    }
+    bool refused() const { return refused_; }
+
+  private:
+    bool dryRun_;
+    bool refused_ = false;
+};
+
+void removeLeftovers(const Leftovers& left, Remover& remover) {
+    writeOut(left.heading);
+    for (std::int32_t id : left.semaphores) {
+        remover.remove(fmt::format("semaphore {}", id), [id] { return ::semctl(id, 0, IPC_RMID); });
+    }
+    if (left.shmid >= 0) {
+        remover.remove(fmt::format("segment {}", left.shmid),
+                       [&] { return ::shmctl(left.shmid, IPC_RMID, nullptr); });
+    }
+    if (!left.handoff.empty()) {
+        remover.remove(left.handoff, [&] { return ::unlink(left.handoff.c_str()); });
+    }
+}
+
+}  // namespace
+
+int cleanCommand(const CleanOptions& options) {
+    Remover remover(options.dryRun);
+    if (auto age = abandonedLockAge()) {
+        writeOut(fmt::format("Lock file, held for {} s by nobody who still works:\n", *age));
+        remover.remove(kLockFile, [] { return ::unlink(kLockFile); });
+    }
+    auto stale = [](const Server& server) { return server.state == ServerState::kStale; };
+    auto servers = findServers();
+    if (std::none_of(servers.begin(), servers.end(), stale)) {
+        writeOut("Nothing stale.\n");
+        return remover.refused() ? kExitFailed : kExitOk;
+    }
+    std::optional<RemovalLock> lock;
+    if (!options.dryRun) {
+        Progress progress;
+        lock.emplace([&](std::string_view text) { progress.show(text); });
+        // What was stale before the wait for the lock may have changed.
+        servers = findServers();
+    }
+    std::set<std::int32_t> inUse = semaphoresInUse(servers);
+    std::vector<Leftovers> leftovers;
+    for (const Server& server : servers) {
+        if (stale(server)) leftovers.push_back(leftoversOf(server, inUse));
+    }
+    for (const Leftovers& left : leftovers) removeLeftovers(left, remover);
+    return remover.refused() ? kExitFailed : kExitOk;
+}
+
+}  // namespace tolvane::agent

@@ -1,0 +1,199 @@
+// One live server: its process's variables, library, files, semaphores and
+// configuration.
+#include <fmt/format.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "cli/doctor_findings.h"
+#include "counts/counts.h"
+#include "os/elf.h"
+#include "os/error.h"
+#include "os/process.h"
+#include "os/text.h"
+#include "servers/library.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+using Environment = std::map<std::string, std::string>;
+
+class Examiner {
+  public:
+    Examiner(const Server& server, Findings& findings)
+        : server_(server), findings_(findings), name_("server " + nameOf(server)) {}
+
+    void examine();
+
+  private:
+    void examineVariables(const Environment& environment);
+    void examineRoot(const std::string& root);
+    void examinePidFile(const std::string& root);
+    void examineLibrary();
+    void examineSemaphores(const Sample& sample);
+    void examineConfiguration(const Sample& sample);
+
+    void problem(const std::string& text, const std::string& remedy) {
+        findings_.problem(name_ + ": " + text, remedy);
+        sound_ = false;
+    }
+    void note(const std::string& text, const std::string& remedy) {
+        findings_.note(name_ + ": " + text, remedy);
+    }
+    bool isApache() const { return server_.handoff.serverType == "APACHE"; }
+
+    const Server& server_;
+    Findings& findings_;
+    std::string name_;
+    bool sound_ = true;
+};
+
+void Examiner::examineVariables(const Environment& environment) {
+    constexpr const char* kRestart = "restart it with 'tolvane run'";
+    for (const char* name : {"WEB_SERVER", "WEB_SERVER_ROOT"}) {
+        if (environment.count(name) == 0) problem(fmt::format("{} is not set", name), kRestart);
+    }
+    for (const char* name : {"NUM_SEMAPHORES", "REQUEST_INTERVAL"}) {
+        auto found = environment.find(name);
+        if (found == environment.end() || parseInt32(found->second)) continue;
+        problem(fmt::format("{}={} is not a number", name, found->second), kRestart);
+    }
+    auto interval = environment.find("REQUEST_INTERVAL");
+    if (interval != environment.end() && parseInt32(interval->second).value_or(1) <= 0) {
+        problem(fmt::format("REQUEST_INTERVAL={} is not above 0", interval->second), kRestart);
+    }
+    auto preload = environment.find("LD_PRELOAD");
+    if (preload == environment.end() ||
+        preload->second.find("libtolvane.so") == std::string::npos) {
+        note(
+            "LD_PRELOAD does not name libtolvane.so, so programs that it starts anew run "
+            "unmeasured",
+            kRestart);
+    }
+    auto root = environment.find("WEB_SERVER_ROOT");
+    if (root != environment.end()) examineRoot(root->second);
+}
+
+void Examiner::examineRoot(const std::string& root) {
+    std::string file = root + (isApache() ? "/conf/httpd.conf" : "/config/magnus.conf");
+    if (::access(file.c_str(), R_OK) != 0) {
+        problem(fmt::format("{}: {}", file, std::strerror(errno)),
+                "the next start will not be measured; prepare the root again");
+    }
+    std::string logs = root + "/logs";
+    if (isApache() && ::access(logs.c_str(), W_OK) != 0) {
+        problem(fmt::format("{}: {}", logs, std::strerror(errno)),
+                "the server must be able to write its previous-run record there");
+    }
+    if (isApache()) examinePidFile(root);
+}
+
+void Examiner::examinePidFile(const std::string& root) {
+    std::string file = root + "/logs/httpd.pid";
+    auto text = readFile(file);
+    if (!text) {
+        problem(
+            fmt::format("{}: {}", file, std::strerror(errno)),
+            "link it to the server's PidFile; without it the segment stays when the server stops");
+        return;
+    }
+    auto pid = parseInt32(trim(*text));
+    if (server_.parentPid > 0 && pid != server_.parentPid) {
+        problem(fmt::format("{} holds {}, the segment names {} as the main process", file,
+                            printable(trim(*text)), server_.parentPid),
+                "let the link lead to the PidFile of this server, and restart it");
+    }
+}
+
+void Examiner::examineLibrary() {
+    auto mappings = processMappings(server_.process);
+    if (!mappings) return;
+    bool replaced = std::any_of(mappings->begin(), mappings->end(), [](const std::string& line) {
+        return line.find("libtolvane.so (deleted)") != std::string::npos;
+    });
+    if (replaced)
+        note("its library file was replaced since it started", "restart it to use the new one");
+    std::string executable = fmt::format("/proc/{}/exe", server_.process);
+    WordSize size = inspectExecutable(executable).wordSize;
+    if (size != WordSize::kUnknown && findLibraries().count(size) == 0) {
+        note(fmt::format("it is a {}-bit program, and no such library lies beside this tool",
+                         static_cast<int>(size)),
+             "the next 'tolvane run' needs --library");
+    }
+}
+
+void Examiner::examineSemaphores(const Sample& sample) {
+    if (!isApache()) return;
+    for (std::size_t i = 0; i < sample.records.size(); ++i) {
+        std::int32_t id = sample.records[i].semaphoreId;
+        int value = ::semctl(id, 0, GETVAL);
+        if (value < 0 && errno != EACCES) {
+            problem(
+                fmt::format(
+                    "the semaphore of record {} is gone, and its counts stay in the workers", i),
+                "restart the server");
+        } else if (value > 1) {
+            problem(fmt::format("the semaphore of record {} has {} units", i, value),
+                    "restart the server");
+        }
+    }
+}
+
+void Examiner::examineConfiguration(const Sample& sample) {
+    if (sample.version == kVersionCreated) {
+        note("no configuration, so only the totals are counted", "tolvane configure FILE");
+        return;
+    }
+    if (!sample.config.steady) {
+        problem("a configuration was begun and not finished", "run 'tolvane configure FILE' again");
+        return;
+    }
+    if (!sample.config.complaint.empty()) {
+        problem("the configuration is out of range: " + printable(sample.config.complaint),
+                "write a valid one with 'tolvane configure FILE'");
+    }
+    CountSet counts = countsOf(sample.records);
+    auto counted = [](const TrafficCounts& site) { return site.requests > 0; };
+    bool anySite = std::any_of(std::begin(counts.site), std::end(counts.site), counted);
+    // Counts of sites that were taken or reset say nothing about it.
+    bool published = std::any_of(sample.records.begin(), sample.records.end(),
+                                 [](const ResultStruct& record) { return record.sitesDirty == 1; });
+    if (sample.config.info->numSites > 0 && counts.total.requests > 0 && published && !anySite) {
+        note(fmt::format("configuration {} is taken up by nobody: {}, none of them for a site",
+                         sample.version, plural(counts.total.requests, "request")),
+             fmt::format("send a few requests to each worker or wait {} s, then compare the site "
+                         "names with what clients send as Host",
+                         2 * std::clamp(sample.config.info->interval, 1, 86400)));
+    }
+}
+
+void Examiner::examine() {
+    auto environment = server_.process > 0 ? processEnvironment(server_.process) : std::nullopt;
+    if (environment) {
+        examineVariables(*environment);
+        examineLibrary();
+    } else {
+        note("its process cannot be looked into", "run doctor as root");
+    }
+    try {
+        Sample sample = takeSample(server_);
+        examineSemaphores(sample);
+        examineConfiguration(sample);
+    } catch (const Failure& failure) {
+        problem(failure.what(), "tolvane list");
+    }
+    if (sound_) findings_.ok(fmt::format("{}: {}", name_, server_.why));
+}
+
+}  // namespace
+
+void examineLiveServer(const Server& server, Findings& findings) {
+    Examiner(server, findings).examine();
+}
+
+}  // namespace tolvane::agent

@@ -1,0 +1,44 @@
+// What standard output and standard error are connected to, and colour.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace tolvane::agent {
+
+struct TerminalSize {
+    int columns;
+    int rows;
+};
+
+bool isTerminal(int fd);
+
+// Size of the terminal at fd; 80 by 24 when it does not say.
+TerminalSize terminalSize(int fd);
+
+// Colour goes to a terminal only, and not when NO_COLOR is set.
+enum class Colour { kPlain, kBold, kDim, kRed, kGreen, kYellow };
+bool colourOn(int fd);
+std::string coloured(std::string_view text, Colour colour, bool on);
+
+// One line on standard error that is overwritten in place while something
+// lasts, and removed at the end. Silent when standard error is no terminal.
+class Progress {
+  public:
+    Progress();
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+    void show(std::string_view text);
+    void clear();
+
+  private:
+    bool on_;
+    bool shown_ = false;
+};
+
+// Writes text to standard output. Ends the program quietly when the reader
+// of a pipe has gone.
+void writeOut(std::string_view text);
+
+}  // namespace tolvane::agent

@@ -1,0 +1,141 @@
+#include "servers/library.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "os/agent_directories.h"
+#include "os/error.h"
+#include "os/text.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+constexpr const char* kLibraryName = "/libtolvane.so";
+
+std::string ownDirectory() {
+    char path[PATH_MAX];
+    ssize_t length = ::readlink("/proc/self/exe", path, sizeof path);
+    if (length <= 0) return ".";
+    std::string text(path, static_cast<std::size_t>(length));
+    return text.substr(0, text.rfind('/'));
+}
+
+// LD_PRELOAD separates its entries by blanks and colons, without a way to
+// write either in a name.
+void refuseUnpreloadable(const std::string& path) {
+    if (path.find_first_of(" \t\n:;") == std::string::npos) return;
+    fail(kExitBadInput, "{}: the dynamic linker takes no library from a path with a blank or colon",
+         path);
+}
+
+// The dynamic linker puts its own word for the library directory in the place
+// of $LIB; which one depends on how it was built.
+const std::vector<const char*> kNames64 = {"lib/x86_64-linux-gnu", "lib64"};
+const std::vector<const char*> kNames32 = {"lib/i386-linux-gnu", "lib32", "lib"};
+
+// Where an installation has both libraries, below the names above.
+std::string installedDirectory() {
+    std::string directory = ownDirectory() + "/../lib/tolvane";
+    return realPath(directory).value_or(directory);
+}
+
+bool areInstalled(const Libraries& libraries) {
+    std::string directory = installedDirectory() + "/";
+    auto at = [&](WordSize size, const char* name) {
+        auto found = libraries.find(size);
+        return found != libraries.end() && found->second == directory + name + kLibraryName;
+    };
+    return at(WordSize::k64, kNames64.front()) && at(WordSize::k32, kNames32.front());
+}
+
+void link(const std::string& directory, const char* name, const std::string& library) {
+    std::string place = directory + "/" + name;
+    makeDirectories(place, 0755);
+    replaceLink(place + kLibraryName, library);
+}
+
+}  // namespace
+
+std::vector<std::string> libraryDirectories() {
+    std::string base = ownDirectory();
+    std::string installed = installedDirectory() + "/";
+    std::vector<std::string> directories = {installed + kNames64.front(),
+                                            installed + kNames32.front()};
+    for (const char* relative :
+         {"/../lib", "/../../release/lib", "/../../release32/lib", "/../lib64", "/../lib32",
+          "/../lib/x86_64-linux-gnu", "/../lib/i386-linux-gnu"}) {
+        directories.push_back(base + relative);
+    }
+    return directories;
+}
+
+Libraries findLibraries() {
+    Libraries found;
+    for (const std::string& directory : libraryDirectories()) {
+        std::string path = directory + kLibraryName;
+        Executable file = inspectExecutable(path);
+        if (file.wordSize == WordSize::kUnknown) continue;
+        found.emplace(file.wordSize, realPath(path).value_or(path));
+    }
+    return found;
+}
+
+Libraries givenLibrary(const std::string& path) {
+    Executable file = inspectExecutable(path);
+    if (file.kind == Executable::Kind::kUnreadable) {
+        fail(kExitBadInput, "{}: {}", path, std::strerror(errno == 0 ? ENOENT : errno));
+    }
+    if (file.kind != Executable::Kind::kElf || file.wordSize == WordSize::kUnknown) {
+        fail(kExitBadInput, "{} is no library for this machine", path);
+    }
+    return {{file.wordSize, realPath(path).value_or(path)}};
+}
+
+std::string preloadValue(const Libraries& libraries, WordSize server, WordSize starter) {
+    // Also for a server of the starter's word size: its programs may have the
+    // other one, and the dynamic linker complains of a library that does not fit.
+    if (areInstalled(libraries)) {
+        std::string directory = installedDirectory();
+        refuseUnpreloadable(directory);
+        return directory + "/$LIB" + kLibraryName;
+    }
+    bool choose = server == WordSize::kUnknown || starter != server;
+    if (!choose || libraries.size() == 1) {
+        auto found = server == WordSize::kUnknown ? libraries.begin() : libraries.find(server);
+        if (found == libraries.end()) {
+            fail(kExitFailed,
+                 "there is no {}-bit libtolvane.so beside this program; build it (cmake --preset "
+                 "{} && cmake --build --preset {}) or name it with --library",
+                 static_cast<int>(server), server == WordSize::k32 ? "release32" : "release",
+                 server == WordSize::k32 ? "release32" : "release");
+        }
+        refuseUnpreloadable(found->second);
+        return found->second;
+    }
+    std::string directory = std::string(kAgentDirectory) + "/data/preload";
+    for (const auto& [size, library] : libraries) {
+        for (const char* name : size == WordSize::k64 ? kNames64 : kNames32)
+            link(directory, name, library);
+    }
+    return directory + "/$LIB" + kLibraryName;
+}
+
+std::string joinPreload(const std::string& ours, const std::string& present) {
+    std::string result = ours;
+    std::size_t at = 0;
+    while (at < present.size()) {
+        std::size_t end = std::min(present.find_first_of(" :", at), present.size());
+        std::string entry = present.substr(at, end - at);
+        at = end + 1;
+        // A second copy of the shim would measure everything twice.
+        if (!entry.empty() && baseName(entry) != baseName(kLibraryName)) result += ":" + entry;
+    }
+    return result;
+}
+
+}  // namespace tolvane::agent

@@ -1,0 +1,170 @@
+#include "servers/server.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "os/error.h"
+#include "os/process.h"
+#include "os/text.h"
+#include "servers/attached.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+// Seconds by which a handoff file may seem older than the segment it names;
+// the two times come from clocks of different resolution.
+constexpr std::time_t kClockSlack = 2;
+
+void judgeAttached(Server& server, const SegmentStatus& status) {
+    AttachedProcesses attached = attachedProcesses(server.handoff.shmid, server.parentPid);
+    // Whoever is not known for another one is taken for a process of the server:
+    // some may not be looked into, or live in another process namespace.
+    server.processes = status.attached - std::min(status.attached, attached.others.size());
+    bool parentKnown = server.parentPid > 0;
+    bool parentRuns = parentKnown && processExists(server.parentPid);
+    server.process = parentRuns ? server.parentPid : oldestOf(attached.servers);
+    std::string remain = plural(server.processes, "process");
+    if (server.processes != 1) remain = fmt::format("{} processes", server.processes);
+    if (server.processes == 0) {
+        server.state = ServerState::kStale;
+        server.why = fmt::format("no process uses segment {} any more", server.handoff.shmid);
+    } else if (server.version == kVersionRemoved || status.removalPending) {
+        server.state = ServerState::kEnding;
+        server.why = fmt::format("the server has stopped; {} still attached", remain);
+    } else if (parentKnown && !parentRuns) {
+        server.state = ServerState::kEnding;
+        server.why =
+            fmt::format("its main process {} is gone; {} still attached", server.parentPid, remain);
+    } else {
+        server.state = ServerState::kLive;
+        server.why = fmt::format("{} attached", remain);
+        if (!parentKnown) server.why += ", no connection accepted yet";
+    }
+}
+
+Server judge(const Handoff& handoff) {
+    Server server;
+    server.handoff = handoff;
+    if (!handoff.problem.empty()) {
+        server.why = "the handoff file is damaged: " + handoff.problem;
+        return server;
+    }
+    SegmentStatus status = segmentStatus(handoff.shmid);
+    if (!status.exists) {
+        server.why = fmt::format("segment {} is gone", handoff.shmid);
+        return server;
+    }
+    if (status.error != 0) {
+        server.state = ServerState::kLive;
+        server.why = fmt::format("segment {} cannot be read: {}", handoff.shmid,
+                                 std::strerror(status.error));
+        return server;
+    }
+    server.why = foreignSegment(handoff, status);
+    if (!server.why.empty()) return server;
+    try {
+        Segment segment(handoff.shmid, handoff.structures, Segment::Access::kRead);
+        server.version = segment.version();
+        server.parentPid = segment.parentPid();
+    } catch (const Failure& failure) {
+        server.why = failure.what();
+        return server;
+    }
+    server.ownsSegment = true;
+    judgeAttached(server, status);
+    return server;
+}
+
+bool answersTo(const Server& server, const std::string& wanted) {
+    if (std::find(server.handoff.listen.begin(), server.handoff.listen.end(), wanted) !=
+        server.handoff.listen.end()) {
+        return true;
+    }
+    auto number = parseInt32(wanted);
+    return number && (*number == server.handoff.pid || *number == server.handoff.shmid ||
+                      (*number > 0 && *number == server.parentPid));
+}
+
+std::string choices(const std::vector<const Server*>& servers) {
+    std::vector<std::string> names;
+    for (const Server* server : servers) names.push_back(nameOf(*server));
+    return listOf(names);
+}
+
+}  // namespace
+
+std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) {
+    std::size_t wanted = segmentSize(static_cast<std::size_t>(handoff.structures));
+    if (status.size != wanted) {
+        return fmt::format("segment {} belongs to something else: it has {} bytes where {} need {}",
+                           handoff.shmid, status.size,
+                           plural(static_cast<std::size_t>(handoff.structures), "record"), wanted);
+    }
+    // A creator outside our process namespace reads as 0.
+    if (status.creator != 0 && status.creator != handoff.pid) {
+        return fmt::format("segment {} was created by process {}", handoff.shmid, status.creator);
+    }
+    if (handoff.written + kClockSlack < status.created) {
+        return fmt::format("segment {} is younger than the handoff file", handoff.shmid);
+    }
+    return "";
+}
+
+const char* stateName(ServerState state) {
+    switch (state) {
+        case ServerState::kLive:
+            return "live";
+        case ServerState::kEnding:
+            return "ending";
+        case ServerState::kStale:
+            break;
+    }
+    return "stale";
+}
+
+std::string nameOf(const Server& server) {
+    pid_t pid = server.process > 0 ? server.process : server.handoff.pid;
+    if (server.handoff.listen.empty()) return fmt::format("{}", pid);
+    return fmt::format("{} ({})", pid, fmt::join(server.handoff.listen, ","));
+}
+
+std::vector<Server> findServers() {
+    std::vector<Server> servers;
+    for (const Handoff& handoff : readHandoffs(kHandoffDirectory))
+        servers.push_back(judge(handoff));
+    return servers;
+}
+
+Server selectServer(const std::vector<Server>& servers, const std::optional<std::string>& wanted) {
+    std::vector<const Server*> found;
+    for (const Server& server : servers) {
+        bool fits = wanted ? answersTo(server, *wanted) : server.state == ServerState::kLive;
+        if (fits) found.push_back(&server);
+    }
+    // A server that was restarted has left older files with the same addresses.
+    auto live = [](const Server* server) { return server->state == ServerState::kLive; };
+    if (std::any_of(found.begin(), found.end(), live)) {
+        std::erase_if(found, [&](const Server* server) { return !live(server); });
+    }
+    if (found.empty() && wanted) {
+        fail(kExitFinding, "no server {}; 'tolvane list' shows them", printable(*wanted));
+    }
+    if (found.empty()) {
+        fail(kExitFinding,
+             "no measured server is running; start one with 'tolvane run -- COMMAND'");
+    }
+    if (found.size() > 1) {
+        fail(kExitBadInput, "several servers would do: {}; choose with --server", choices(found));
+    }
+    if (found[0]->state != ServerState::kLive) {
+        fail(kExitFailed, "server {} is {}: {}", nameOf(*found[0]), stateName(found[0]->state),
+             found[0]->why);
+    }
+    return *found[0];
+}
+
+}  // namespace tolvane::agent
