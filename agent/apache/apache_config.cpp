@@ -132,7 +132,7 @@ class Walker {
 
 void Walker::walk(const IncludedFile& file) {
     auto text = readText_(file.path);
-    if (!text) fail(kExitFailed, "{}: cannot be read", file.path);
+    if (!text) fail(ErrorKind::kFailed, "{}: cannot be read", file.path);
     auto next = file.files.begin();
     for (const LogicalLine& line : logicalLines(*text)) {
         directive(line.text);
@@ -337,10 +337,10 @@ MeasuredConfig Walker::read() {
     result_.needsTranslation |= !facts_.before.empty() || !facts_.after.empty();
     result_.module = processingModule(facts_);
     if (result_.module.empty()) {
-        fail(kExitBadInput, "the server has loaded no multi-processing module");
+        fail(ErrorKind::kInvalidInput, "the server has loaded no multi-processing module");
     }
     if (result_.listen.empty()) {
-        fail(kExitBadInput,
+        fail(ErrorKind::kInvalidInput,
              "{} and its included files hold no Listen line outside of macros; lay out a root by "
              "hand as docs/operations.md tells, and give it with --root",
              facts_.mainFile.path);

@@ -24,7 +24,7 @@ struct MeasuredConfig {
 using FileReader = std::function<std::optional<std::string>(const std::string& path)>;
 using VariableReader = std::function<std::optional<std::string>(const std::string& name)>;
 
-// Throws Failure when a file cannot be read or nothing listens.
+// Throws Error when a file cannot be read or nothing listens.
 MeasuredConfig readMeasuredConfig(const ServerFacts& facts, const FileReader& readText,
                                   const VariableReader& variable);
 

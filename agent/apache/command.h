@@ -22,7 +22,7 @@ struct ServerCommand {
     std::string serverDirectory;  // -d
 };
 
-// Throws Failure when there is no such executable.
+// Throws Error when there is no such executable.
 ServerCommand inspectCommand(const std::vector<std::string>& words);
 
 // The executables that a script's text mentions, by absolute path or for the

@@ -21,7 +21,7 @@ struct MeasuredRoot {
 
 // Asks the Apache that the command starts, and prepares `wanted`, or a
 // directory of its own, when its own root does not do. `always` prepares even
-// then. Throws Failure.
+// then. Throws Error.
 MeasuredRoot prepareRoot(const ServerCommand& command, const std::string& wanted, bool always);
 
 // How the server has to be told whether it serves SSL.

@@ -39,11 +39,11 @@ struct ServerFacts {
 std::string processingModule(const ServerFacts& facts);
 
 // The answers to -V, and to -t with DUMP_INCLUDES, DUMP_RUN_CFG and
-// DUMP_MODULES. parseDump throws Failure when no file is listed.
+// DUMP_MODULES. parseDump throws Error when no file is listed.
 void parseVersion(std::string_view output, ServerFacts& facts, std::string& compiledRoot);
 void parseDump(std::string_view output, ServerFacts& facts);
 
-// Asks the server that the command starts. Throws Failure, with the server's
+// Asks the server that the command starts. Throws Error, with the server's
 // own words, when its configuration is not valid.
 ServerFacts probeServer(const ServerCommand& command);
 

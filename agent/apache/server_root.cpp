@@ -26,8 +26,8 @@ void refuseForeign(const std::string& file) {
     auto present = readFile(file);
     if (!present && errno == ENOENT) return;
     if (present && present->compare(0, kMark.size(), kMark) == 0) return;
-    fail(kExitBadInput, "{} was not written by tolvane; choose another directory with --root",
-         file);
+    fail(ErrorKind::kInvalidInput,
+         "{} was not written by tolvane; choose another directory with --root", file);
 }
 
 // A root serves one server at a time: of the second one, the start would
@@ -38,13 +38,13 @@ void refuseUsed(const std::string& root, const std::string& pidFile) {
     auto status = std::filesystem::symlink_status(link, error);
     if (!std::filesystem::exists(status)) return;
     if (!std::filesystem::is_symlink(status)) {
-        fail(kExitBadInput, "{} was not made by tolvane; choose another directory with --root",
-             link);
+        fail(ErrorKind::kInvalidInput,
+             "{} was not made by tolvane; choose another directory with --root", link);
     }
     if (std::filesystem::read_symlink(link, error) == pidFile) return;
     pid_t process = parseInt32(trim(readFile(link).value_or(""))).value_or(0);
     if (!processExists(process) || !hasShimLoaded(process)) return;
-    fail(kExitBadInput,
+    fail(ErrorKind::kInvalidInput,
          "{} belongs to process {}, which runs; choose another directory with --root", root,
          process);
 }

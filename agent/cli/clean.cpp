@@ -10,6 +10,7 @@
 #include <set>
 
 #include "cli/commands.h"
+#include "cli/exit_code.h"
 #include "cli/terminal.h"
 #include "os/error.h"
 #include "os/process.h"
@@ -32,7 +33,7 @@ std::set<std::int32_t> semaphoresInUse(const std::vector<Server>& servers) {
                             Segment::Access::kRead);
             for (std::int32_t i = 0; i < segment.structures(); ++i)
                 inUse.insert(segment.semaphoreOf(i));
-        } catch (const Failure&) {
+        } catch (const Error&) {
             // It has stopped in this moment, and taken its semaphores along.
         }
     }

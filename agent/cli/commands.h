@@ -1,4 +1,4 @@
-// The sub-commands. Each returns the program's exit code or throws Failure.
+// The sub-commands. Each returns the program's exit code or throws Error.
 #pragma once
 
 #include <optional>

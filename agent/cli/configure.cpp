@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include "cli/commands.h"
+#include "cli/exit_code.h"
 #include "cli/terminal.h"
 #include "collector/claims.h"
 #include "configuration/config_block.h"
@@ -19,7 +20,7 @@ ConfigModel modelIn(const std::string& path, WithoutSites withoutSites) {
     LoadedConfig loaded = loadConfig(path, withoutSites);
     if (loaded.complaints.empty()) return std::move(loaded.model);
     for (const std::string& complaint : loaded.complaints) fmt::print(stderr, "{}\n", complaint);
-    fail(kExitBadInput, "{} is not valid; nothing was changed", path);
+    fail(ErrorKind::kInvalidInput, "{} is not valid; nothing was changed", path);
 }
 
 // Marks the counts of sites and categories as taken: the next publication
@@ -33,7 +34,7 @@ void resetSiteCounts(Segment& segment) {
 void refuseResetOfKeptCounts(const Server& server) {
     if (::access(kClaimsFile, F_OK) != 0) return;
     if (pid_t holder = Claims(kClaimsFile).claim(server.handoff.shmid); holder != 0) {
-        fail(kExitBadInput,
+        fail(ErrorKind::kInvalidInput,
              "the collector with process id {} keeps totals of this server, by name: --reset is "
              "not needed and would cost some of them; nothing was changed",
              holder);

@@ -3,6 +3,7 @@
 
 #include "cli/commands.h"
 #include "cli/doctor_findings.h"
+#include "cli/exit_code.h"
 #include "cli/terminal.h"
 #include "os/error.h"
 #include "os/text.h"
@@ -17,8 +18,8 @@ int doctorCommand() {
         examineInstallation(findings);
         try {
             examineServers(findServers(), findings);
-        } catch (const Failure& failure) {
-            findings.problem(failure.what(), "run doctor as root, or repair the directory");
+        } catch (const Error& error) {
+            findings.problem(error.what(), "run doctor as root, or repair the directory");
         }
     }
     bool colour = colourOn(STDOUT_FILENO);

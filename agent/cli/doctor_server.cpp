@@ -184,8 +184,8 @@ void Examiner::examine() {
         Sample sample = takeSample(server_);
         examineSemaphores(sample);
         examineConfiguration(sample);
-    } catch (const Failure& failure) {
-        problem(failure.what(), "tolvane list");
+    } catch (const Error& error) {
+        problem(error.what(), "tolvane list");
     }
     if (sound_) findings_.ok(fmt::format("{}: {}", name_, server_.why));
 }

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/commands.h"
+#include "cli/exit_code.h"
 #include "cli/terminal.h"
 #include "export/report_json.h"
 #include "os/error.h"

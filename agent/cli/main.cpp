@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "cli/commands.h"
+#include "cli/exit_code.h"
 #include "cli/terminal.h"
 #include "os/error.h"
 
@@ -219,7 +220,8 @@ int parseAndRun(int argc, char** argv) {
         writeOut(help.str());
         return kExitOk;
     }
-    if (!action) fail(kExitBadInput, "a command is missing; 'tolvane --help' lists them");
+    if (!action)
+        fail(ErrorKind::kInvalidInput, "a command is missing; 'tolvane --help' lists them");
     return action();
 }
 
@@ -231,13 +233,12 @@ int main(int argc, char** argv) {
     ::signal(SIGPIPE, SIG_IGN);
     try {
         return parseAndRun(argc, argv);
-    } catch (const Failure& failure) {
-        std::string_view text = failure.what();
-        if (!text.empty()) {
-            bool colour = colourOn(STDERR_FILENO);
-            fmt::print(stderr, "{} {}\n", coloured("tolvane:", Colour::kRed, colour), text);
-        }
-        return failure.code();
+    } catch (const Error& error) {
+        bool colour = colourOn(STDERR_FILENO);
+        fmt::print(stderr, "{} {}\n", coloured("tolvane:", Colour::kRed, colour), error.what());
+        return exitCodeOf(error);
+    } catch (const ReaderGone&) {
+        return kExitOk;
     } catch (const std::exception& error) {
         fmt::print(stderr, "tolvane: {}\n", error.what());
         return kExitFailed;

@@ -2,6 +2,7 @@
 
 #include "apache/command.h"
 #include "cli/commands.h"
+#include "cli/exit_code.h"
 #include "cli/prepare_root.h"
 #include "cli/terminal.h"
 #include "os/error.h"
@@ -16,7 +17,8 @@ std::string installedApache() {
                              "/usr/local/apache2/bin/httpd"}) {
         if (auto path = findInPath(name)) return *path;
     }
-    fail(kExitBadInput, "no apache2 or httpd found; name it: tolvane prepare -- /path/to/httpd");
+    fail(ErrorKind::kInvalidInput,
+         "no apache2 or httpd found; name it: tolvane prepare -- /path/to/httpd");
 }
 
 std::string absolutePath(const std::string& path) {
@@ -35,7 +37,7 @@ int prepareCommand(const PrepareOptions& options) {
     for (const std::string& define : options.defines) words.insert(words.end(), {"-D", define});
     ServerCommand command = inspectCommand(words);
     if (command.kind != ServerKind::kApache) {
-        fail(kExitBadInput, "{} is no Apache by its name; only an Apache can be asked",
+        fail(ErrorKind::kInvalidInput, "{} is no Apache by its name; only an Apache can be asked",
              command.path);
     }
     MeasuredRoot root = prepareRootWithNotes(command, absolutePath(options.root), true);

@@ -43,8 +43,8 @@ std::string settledNumber(const std::optional<int>& option, const char* name,
     std::string value = environmentOr(name, otherwise);
     int number = parseInt32(value).value_or(0);
     if (value != otherwise && (number < 1 || number > high)) {
-        fail(kExitBadInput, "{}={} in the environment is not a number from 1 to {}", name,
-             printable(value), high);
+        fail(ErrorKind::kInvalidInput, "{}={} in the environment is not a number from 1 to {}",
+             name, printable(value), high);
     }
     return value;
 }
@@ -54,8 +54,8 @@ std::string typeOf(const ServerCommand& command, const std::string& wanted) {
     if (command.kind == ServerKind::kNetscape) return "netscape";
     std::string type = lower(environmentOr("WEB_SERVER", "apache"));
     if (type != "apache" && type != "netscape") {
-        fail(kExitBadInput, "WEB_SERVER={} in the environment is neither apache nor netscape",
-             printable(type));
+        fail(ErrorKind::kInvalidInput,
+             "WEB_SERVER={} in the environment is neither apache nor netscape", printable(type));
     }
     return type;
 }
@@ -72,7 +72,7 @@ void refuseHandover(const ServerCommand& command) {
     bool starts = command.words.size() == 2 && command.words[1] == "start";
     auto script = readFile(command.path);
     if (!starts || !script || script->find("systemctl start") == std::string::npos) return;
-    fail(kExitBadInput,
+    fail(ErrorKind::kInvalidInput,
          "{} hands the start over to systemd, which would start the server without measurement; "
          "use a drop-in for the service (see docs/operations.md), or 'tolvane run -- apache2 -k "
          "start'",
@@ -94,14 +94,14 @@ WordSize wordSizeOf(const ServerCommand& command) {
 
 std::string existingRoot(const std::string& root) {
     auto real = realPath(root);
-    if (!real) fail(kExitBadInput, "{}: {}", root, std::strerror(errno));
+    if (!real) fail(ErrorKind::kInvalidInput, "{}: {}", root, std::strerror(errno));
     return *real;
 }
 
 void checkRootFiles(const std::string& root, const std::string& type) {
     std::string file = root + (type == "netscape" ? "/config/magnus.conf" : "/conf/httpd.conf");
     if (::access(file.c_str(), R_OK) != 0) {
-        fail(kExitBadInput, "{}: {}; the shim reads the listening addresses there", file,
+        fail(ErrorKind::kInvalidInput, "{}: {}; the shim reads the listening addresses there", file,
              std::strerror(errno));
     }
 }
@@ -126,10 +126,11 @@ void settleRoot(StartPlan& plan, const RunOptions& options) {
         return;
     }
     if (plan.type == "netscape") {
-        fail(kExitBadInput, "--root is missing: the directory that holds config/magnus.conf");
+        fail(ErrorKind::kInvalidInput,
+             "--root is missing: the directory that holds config/magnus.conf");
     }
     if (plan.command.kind != ServerKind::kApache) {
-        fail(kExitBadInput,
+        fail(ErrorKind::kInvalidInput,
              "{} is no Apache by its name, so it cannot be asked for its configuration; give "
              "--root, the directory that holds conf/httpd.conf and logs/httpd.pid",
              plan.command.path);
@@ -176,7 +177,7 @@ WordSize starterWordSize(const ServerCommand& command) {
     arguments.push_back(nullptr);
     ::signal(SIGPIPE, SIG_DFL);
     ::execv(plan.command.path.c_str(), arguments.data());
-    fail(kExitFailed, "{}: {}", plan.command.path, std::strerror(errno));
+    fail(ErrorKind::kFailed, "{}: {}", plan.command.path, std::strerror(errno));
 }
 
 }  // namespace
@@ -188,7 +189,7 @@ int runCommand(const RunOptions& options) {
     refuseHandover(plan.command);
     Libraries libraries = options.library.empty() ? findLibraries() : givenLibrary(options.library);
     if (libraries.empty()) {
-        fail(kExitFailed, "no libtolvane.so beside this program; name it with --library");
+        fail(ErrorKind::kFailed, "no libtolvane.so beside this program; name it with --library");
     }
     settleNumbers(plan, options);
     settleRoot(plan, options);

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "cli/commands.h"
+#include "cli/exit_code.h"
 #include "collector/collector.h"
 #include "collector/log.h"
 #include "export/pages.h"
@@ -42,7 +43,7 @@ class Wakeups {
         ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
         signals_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
         handoffs_ = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-        if (signals_ < 0) fail(kExitFailed, "signalfd: {}", std::strerror(errno));
+        if (signals_ < 0) fail(ErrorKind::kFailed, "signalfd: {}", std::strerror(errno));
     }
     ~Wakeups() {
         ::close(signals_);
@@ -125,7 +126,7 @@ int serveCommand(const ServeOptions& options) {
     collector.round();
     bool kept = false;
     collector.read([&](const CollectorState& state) { kept = state.health.storeWorks; });
-    if (!kept) fail(kExitFailed, "ended; what was taken since the last write is not kept");
+    if (!kept) fail(ErrorKind::kFailed, "ended; what was taken since the last write is not kept");
     logLine("ended; the totals are kept");
     return kExitOk;
 }

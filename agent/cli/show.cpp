@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "cli/commands.h"
+#include "cli/exit_code.h"
 #include "cli/report_table.h"
 #include "cli/sample_notes.h"
 #include "cli/terminal.h"
@@ -65,9 +66,9 @@ void forEachServer(std::vector<Measured>& all, int& exitCode, Step&& step) {
         try {
             step(measured);
             return false;
-        } catch (const Failure& failure) {
-            fmt::print(stderr, "tolvane: server {}: {}\n", nameOf(measured.server), failure.what());
-            exitCode = failure.code();
+        } catch (const Error& error) {
+            fmt::print(stderr, "tolvane: server {}: {}\n", nameOf(measured.server), error.what());
+            exitCode = exitCodeOf(error);
             return true;
         }
     });

@@ -78,8 +78,8 @@ void writeOut(std::string_view text) {
     while (!text.empty()) {
         ssize_t put = ::write(STDOUT_FILENO, text.data(), text.size());
         if (put < 0 && errno == EINTR) continue;
-        if (put < 0 && errno == EPIPE) throw Failure(kExitOk, "");
-        if (put <= 0) fail(kExitFailed, "standard output cannot be written");
+        if (put < 0 && errno == EPIPE) throw ReaderGone{};
+        if (put <= 0) fail(ErrorKind::kFailed, "standard output cannot be written");
         text.remove_prefix(static_cast<std::size_t>(put));
     }
 }

@@ -37,8 +37,11 @@ class Progress {
     bool shown_ = false;
 };
 
-// Writes text to standard output. Ends the program quietly when the reader
-// of a pipe has gone.
+// Thrown when the reader of standard output has gone: the program ends without
+// a message.
+struct ReaderGone {};
+
+// Writes text to standard output. Throws ReaderGone or Error.
 void writeOut(std::string_view text);
 
 }  // namespace tolvane::agent

@@ -7,6 +7,7 @@
 #include <deque>
 
 #include "cli/commands.h"
+#include "cli/exit_code.h"
 #include "cli/report_table.h"
 #include "cli/sample_notes.h"
 #include "cli/terminal.h"
@@ -29,7 +30,7 @@ ReportColumn columnNamed(const std::string& name) {
         if (title == lower(name)) return column;
         known.push_back(title);
     }
-    fail(kExitBadInput, "no column '{}'; there are {}", printable(name), listOf(known));
+    fail(ErrorKind::kInvalidInput, "no column '{}'; there are {}", printable(name), listOf(known));
 }
 
 // Samples of the last while, so that rates cover at least one publication of

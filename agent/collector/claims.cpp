@@ -29,7 +29,7 @@ struct flock byteOf(std::int32_t number, short type) {
 // in this process opens it.
 Claims::Claims(const std::string& path)
     : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644)) {
-    if (fd_ < 0) fail(kExitFailed, "{}: {}", path, std::strerror(errno));
+    if (fd_ < 0) fail(ErrorKind::kFailed, "{}: {}", path, std::strerror(errno));
 }
 
 Claims::~Claims() {

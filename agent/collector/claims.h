@@ -13,7 +13,7 @@ inline constexpr char kClaimsFile[] = "/opt/tolvane/agent/data/collectors";
 
 class Claims {
   public:
-    // Opens the file and creates it if there is none. Throws Failure.
+    // Opens the file and creates it if there is none. Throws Error.
     explicit Claims(const std::string& path);
     ~Claims();
     Claims(const Claims&) = delete;

@@ -89,7 +89,8 @@ Collector::Impl::Impl(const CollectorOptions& options)
 void Collector::Impl::claimDirectory(const std::string& directory) {
     directoryClaim_.emplace(directory + "/claim");
     if (pid_t holder = directoryClaim_->claim(0); holder != 0) {
-        fail(kExitFailed, "{} is in use by the collector with process id {}", directory, holder);
+        fail(ErrorKind::kFailed, "{} is in use by the collector with process id {}", directory,
+             holder);
     }
 }
 
@@ -234,10 +235,9 @@ bool Collector::Impl::keep() {
         if (all) keptEverything_ = now;
         keepEverything_ = false;
         storeTrouble_.is("");
-    } catch (const Failure& failure) {
+    } catch (const Error& error) {
         store_->rollback();
-        storeTrouble_.is(
-            fmt::format("{}; counting goes on, and it is tried again", failure.what()));
+        storeTrouble_.is(fmt::format("{}; counting goes on, and it is tried again", error.what()));
     }
     std::lock_guard lock(mutex_);
     state_.health.storeWorks = kept;

@@ -17,7 +17,7 @@ struct CollectorOptions {
 
 class Collector {
   public:
-    // Opens the state directory and loads what was kept. Throws Failure, with
+    // Opens the state directory and loads what was kept. Throws Error, with
     // the holder's process id when another collector has the directory.
     explicit Collector(const CollectorOptions& options);
     ~Collector();

@@ -107,9 +107,9 @@ Configurer::Outcome Configurer::give(WatchedRun& run, ConfigDealings& dealings,
         if (equal) return Outcome::kNothing;
         logLine("server {}: configuration {} written", server, version);
         return Outcome::kWritten;
-    } catch (const Failure& failure) {
-        dealings.trouble.is(fmt::format("server {}: not configured: {}; it is tried again", server,
-                                        failure.what()));
+    } catch (const Error& error) {
+        dealings.trouble.is(
+            fmt::format("server {}: not configured: {}; it is tried again", server, error.what()));
         return Outcome::kFailed;
     }
 }

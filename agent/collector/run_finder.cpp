@@ -45,8 +45,8 @@ void RunFinder::look() {
         std::erase_if(troubles_,
                       [&](const auto& trouble) { return !present.contains(trouble.first); });
         troubles_[kHandoffDirectory].is("");
-    } catch (const Failure& failure) {
-        troubles_[kHandoffDirectory].is(failure.what());
+    } catch (const Error& error) {
+        troubles_[kHandoffDirectory].is(error.what());
     }
 }
 

@@ -146,14 +146,14 @@ TotalsStore::TotalsStore(const std::string& directory) : path_(directory + "/tot
     try {
         open();
         return;
-    } catch (const Failure& failure) {
-        int error = sqlite3_errcode(database_) & 0xff;
+    } catch (const Error& error) {
+        int code = sqlite3_errcode(database_) & 0xff;
         close();
-        if (!damaged_ && error != SQLITE_CORRUPT && error != SQLITE_NOTADB) throw;
+        if (!damaged_ && code != SQLITE_CORRUPT && code != SQLITE_NOTADB) throw;
         std::string aside = fmt::format("{}.damaged-{}", path_, std::time(nullptr));
         if (std::rename(path_.c_str(), aside.c_str()) != 0) throw;
         std::remove((path_ + "-wal").c_str());
-        logLine("{}; it is kept as {}, and the totals start anew", failure.what(), aside);
+        logLine("{}; it is kept as {}, and the totals start anew", error.what(), aside);
     }
     open();
 }
@@ -184,7 +184,7 @@ void TotalsStore::open() {
     Statement check(*this, "PRAGMA quick_check(1)");
     if (!check.step() || check.text(0) != "ok") {
         damaged_ = true;
-        fail(kExitFailed, "{} is damaged", path_);
+        fail(ErrorKind::kFailed, "{} is damaged", path_);
     }
     while (check.step()) {
     }
@@ -192,7 +192,7 @@ void TotalsStore::open() {
     version.step();
     std::int64_t format = version.integer(0);
     if (format > kFormat) {
-        fail(kExitFailed, "{} was written by a newer version of this program", path_);
+        fail(ErrorKind::kFailed, "{} was written by a newer version of this program", path_);
     }
     if (format == 0) {
         execute(
@@ -207,7 +207,7 @@ void TotalsStore::open() {
 }
 
 void TotalsStore::raise(const char* what) const {
-    fail(kExitFailed, "{} {}: {}", path_, what, sqlite3_errmsg(database_));
+    fail(ErrorKind::kFailed, "{} {}: {}", path_, what, sqlite3_errmsg(database_));
 }
 
 void TotalsStore::execute(const char* sql) {

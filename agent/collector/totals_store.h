@@ -19,7 +19,7 @@ namespace tolvane::agent {
 class TotalsStore {
   public:
     // Opens the database in the directory, and makes one when there is none.
-    // One that is damaged is put aside, with a message. Throws Failure.
+    // One that is damaged is put aside, with a message. Throws Error.
     explicit TotalsStore(const std::string& directory);
     ~TotalsStore();
     TotalsStore(const TotalsStore&) = delete;
@@ -30,7 +30,7 @@ class TotalsStore {
     std::optional<TakenSoFar> loadRun(const RunKey& key);
 
     // All changes of a round stand between these two. Everything here throws
-    // Failure when the database cannot be written; it then is as before begin.
+    // Error when the database cannot be written; it then is as before begin.
     void begin();
     void commit();
     void rollback() noexcept;

@@ -41,7 +41,7 @@ struct TakingCost {
 // point goes on from what was kept last, and counters that wrap do so unharmed.
 class WatchedRun {
   public:
-    // Attaches the segment. Throws Failure.
+    // Attaches the segment. Throws Error.
     WatchedRun(const Handoff& handoff, const SegmentStatus& status);
 
     const Handoff& handoff() const { return handoff_; }

@@ -1,7 +1,8 @@
 #include "configuration/config_block.h"
 
 #include <cstring>
-#include <stdexcept>
+
+#include "os/error.h"
 
 namespace tolvane::agent {
 
@@ -9,13 +10,13 @@ namespace {
 
 template <std::size_t Size>
 void store(char (&field)[Size], const std::string& text) {
-    if (text.size() >= Size) throw std::length_error("text does not fit the segment");
+    if (text.size() >= Size) fail(ErrorKind::kInvalidInput, "text does not fit the segment");
     std::memcpy(field, text.data(), text.size());
 }
 
 std::int32_t countWithin(std::size_t count, int limit) {
     if (count > static_cast<std::size_t>(limit)) {
-        throw std::length_error("more than the segment holds");
+        fail(ErrorKind::kInvalidInput, "more than the segment holds");
     }
     return static_cast<std::int32_t>(count);
 }

@@ -9,7 +9,7 @@
 namespace tolvane::agent {
 
 // Everything but `version` and `parentPid`, which are 0. Throws
-// std::length_error for a model that did not come through the checks.
+// Error for a model that did not come through the checks.
 std::unique_ptr<ConfigInfo> buildConfigBlock(const ConfigModel& model);
 
 }  // namespace tolvane::agent

@@ -9,6 +9,7 @@
 #include <optional>
 
 #include "configuration/host_name.h"
+#include "os/error.h"
 #include "os/text.h"
 
 namespace tolvane::agent {
@@ -169,7 +170,7 @@ void Reader::readName(const toml::node& node, std::string_view key,
     if (!name) return;
     try {
         checkHostName(*name);
-    } catch (const ValueError& error) {
+    } catch (const Error& error) {
         complain(node.source(), fmt::format("{} \"{}\": {}", key, printable(*name), error.what()));
         return;
     }
@@ -262,7 +263,7 @@ void Reader::readPatterns(const toml::array& urls, CategoryModel& category) {
         if (!pattern) continue;
         try {
             category.patterns.push_back(parseUrlPattern(*pattern));
-        } catch (const ValueError& error) {
+        } catch (const Error& error) {
             complain(node.source(),
                      fmt::format("url \"{}\": {}", printable(*pattern), error.what()));
         }

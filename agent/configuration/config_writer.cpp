@@ -71,15 +71,15 @@ std::int32_t highestBefore(std::int32_t current) {
 std::int32_t beginRewriting(std::atomic_ref<std::int32_t> version, std::int32_t abandoned) {
     std::int32_t current = version.load();
     for (;;) {
-        if (current == kVersionRemoved) fail(kExitFailed, "the server has stopped");
+        if (current == kVersionRemoved) fail(ErrorKind::kFailed, "the server has stopped");
         if (isOthersMark(current) && current != abandoned) {
-            fail(kExitFailed,
+            fail(ErrorKind::kFailed,
                  "another agent is rewriting the configuration (version {}); try again", current);
         }
         std::int32_t highest = highestBefore(current);
         if (highest >= kMaxVersion) {
-            fail(kExitFailed, "the version {} leaves no room for a higher one; restart the server",
-                 current);
+            fail(ErrorKind::kFailed,
+                 "the version {} leaves no room for a higher one; restart the server", current);
         }
         if (version.compare_exchange_strong(current, rewritingVersion(highest))) return highest;
     }
@@ -99,7 +99,7 @@ void copyRange(ConfigInfo* to, const ConfigInfo& from, std::size_t begin, std::s
 ConfigLock::ConfigLock(const std::string& handoffPath, std::chrono::seconds patience,
                        const WaitNotice& notice)
     : fd_(::open(handoffPath.c_str(), O_RDONLY | O_CLOEXEC)) {
-    if (fd_ < 0) fail(kExitFailed, "{}: {}", handoffPath, std::strerror(errno));
+    if (fd_ < 0) fail(ErrorKind::kFailed, "{}: {}", handoffPath, std::strerror(errno));
     auto deadline = std::chrono::steady_clock::now() + patience;
     while (::flock(fd_, LOCK_EX | LOCK_NB) != 0) {
         int error = errno;
@@ -107,8 +107,9 @@ ConfigLock::ConfigLock(const std::string& handoffPath, std::chrono::seconds pati
         if (error != EWOULDBLOCK || std::chrono::steady_clock::now() > deadline) {
             ::close(fd_);
             if (error != EWOULDBLOCK)
-                fail(kExitFailed, "{}: {}", handoffPath, std::strerror(error));
-            fail(kExitFailed, "another 'tolvane configure' is still writing after {} s; try again",
+                fail(ErrorKind::kFailed, "{}: {}", handoffPath, std::strerror(error));
+            fail(ErrorKind::kFailed,
+                 "another 'tolvane configure' is still writing after {} s; try again",
                  patience.count());
         }
         if (notice) notice("waiting for another 'tolvane configure'");
@@ -138,8 +139,8 @@ WrittenConfiguration writeConfiguration(Segment& segment, const ConfigInfo& bloc
     if (version.compare_exchange_strong(expected, highest + 1)) {
         return {highest + 1, isOthersMark(abandoned) ? abandoned : 0};
     }
-    if (expected == kVersionRemoved) fail(kExitFailed, "the server has stopped");
-    fail(kExitFailed,
+    if (expected == kVersionRemoved) fail(ErrorKind::kFailed, "the server has stopped");
+    fail(ErrorKind::kFailed,
          "another agent wrote a configuration at the same time (version {}); the two may "
          "be mixed, so configure again",
          expected);

@@ -42,7 +42,7 @@ struct WrittenConfiguration {
     std::int32_t replacedMark = 0;
 };
 
-// Throws Failure when the server stops meanwhile, or another program writes
+// Throws Error when the server stops meanwhile, or another program writes
 // without the lock.
 WrittenConfiguration writeConfiguration(Segment& segment, const ConfigInfo& block,
                                         std::chrono::seconds patience = std::chrono::seconds(5),

@@ -5,7 +5,7 @@
 
 namespace tolvane::agent {
 
-// Throws ValueError when no request can carry such a name, or it does not fit.
+// Throws Error when no request can carry such a name, or it does not fit.
 void checkHostName(std::string_view name);
 
 }  // namespace tolvane::agent

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "os/error.h"
 #include "os/text.h"
 #include "tolvane/segment_format.h"
 
@@ -13,36 +14,37 @@ void refuseCharacters(std::string_view text) {
     for (char c : text) {
         auto byte = static_cast<unsigned char>(c);
         if (byte <= 0x20 || byte == 0x7F) {
-            throw ValueError(
-                "a URL ends at the first blank, so nothing would match; write a blank as %20");
+            fail(ErrorKind::kInvalidInput,
+                 "a URL ends at the first blank, so nothing would match; write a blank as %20");
         }
         if (byte >= 0x80) {
-            throw ValueError(fmt::format(
+            fail(
+                ErrorKind::kInvalidInput,
                 "clients send bytes outside ASCII percent-encoded; write %{:02X} for the first one",
-                byte));
+                byte);
         }
         if (c == '#') {
-            throw ValueError(
-                "clients do not send '#' and what follows it; end the pattern before it");
+            fail(ErrorKind::kInvalidInput,
+                 "clients do not send '#' and what follows it; end the pattern before it");
         }
     }
 }
 
 void refuseBeginning(std::string_view text) {
     if (text.empty()) {
-        throw ValueError("an empty pattern matches nothing; '*' matches every URL");
+        fail(ErrorKind::kInvalidInput, "an empty pattern matches nothing; '*' matches every URL");
     }
     std::string start = lower(text.substr(0, 8));
     if (start.compare(0, 7, "http://") == 0 || start == "https://") {
         std::size_t path = text.find('/', text.find("//") + 2);
-        throw ValueError(fmt::format(
-            "the URL of a request begins behind the host name; write '{}' and put the host name "
-            "under 'name' or 'hosts'",
-            path == std::string_view::npos ? "/*" : text.substr(path)));
+        fail(ErrorKind::kInvalidInput,
+             "the URL of a request begins behind the host name; write '{}' and put the host name "
+             "under 'name' or 'hosts'",
+             path == std::string_view::npos ? "/*" : text.substr(path));
     }
     if (text[0] != '/' && text[0] != '*' && text[0] != '\\') {
-        throw ValueError(
-            fmt::format("a URL begins with '/'; write '/{0}', or '*{0}' for any place", text));
+        fail(ErrorKind::kInvalidInput,
+             "a URL begins with '/'; write '/{0}', or '*{0}' for any place", text);
     }
 }
 
@@ -57,8 +59,8 @@ std::vector<std::string> splitPieces(std::string_view text) {
         if (text[i] == '\\') {
             ++i;
             if (i == text.size() || (text[i] != '*' && text[i] != '\\')) {
-                throw ValueError(
-                    "a backslash stands before '*' or '\\' only; write '\\\\' for one");
+                fail(ErrorKind::kInvalidInput,
+                     "a backslash stands before '*' or '\\' only; write '\\\\' for one");
             }
         }
         pieces.back() += text[i];
@@ -81,15 +83,15 @@ UrlPattern parseUrlPattern(std::string_view text) {
     std::erase_if(pieces, [](const std::string& piece) { return piece.empty(); });
     pattern.pieces = std::move(pieces);
     if (pattern.pieces.size() > kMaxPieces) {
-        throw ValueError(
-            fmt::format("the pattern has {} pieces of text between its '*'; at most {} fit",
-                        pattern.pieces.size(), kMaxPieces));
+        fail(ErrorKind::kInvalidInput,
+             "the pattern has {} pieces of text between its '*'; at most {} fit",
+             pattern.pieces.size(), kMaxPieces);
     }
     for (const std::string& piece : pattern.pieces) {
         if (piece.size() < kPieceSize) continue;
-        throw ValueError(fmt::format(
-            "'{}' has {} bytes; at most {} fit between two '*', so shorten it with a '*'", piece,
-            piece.size(), kPieceSize - 1));
+        fail(ErrorKind::kInvalidInput,
+             "'{}' has {} bytes; at most {} fit between two '*', so shorten it with a '*'", piece,
+             piece.size(), kPieceSize - 1);
     }
     return pattern;
 }

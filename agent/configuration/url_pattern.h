@@ -3,7 +3,6 @@
 // and ".jsp" with a wildcard between them.
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,12 +17,7 @@ struct UrlPattern {
     bool operator==(const UrlPattern&) const = default;
 };
 
-// What is wrong with a value, and what would be right.
-class ValueError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
+// Throws Error: what is wrong with the text, and what would be right.
 UrlPattern parseUrlPattern(std::string_view text);
 
 }  // namespace tolvane::agent

@@ -48,7 +48,7 @@ struct Sample {
     bool steady = true;  // every record was copied between two publications
 };
 
-// Reads the segment and leaves everything in it as it is. Throws Failure.
+// Reads the segment and leaves everything in it as it is. Throws Error.
 Sample takeSample(const Server& server);
 
 // The counts in the records. A group whose dirty flag is 0 was taken by an

@@ -120,7 +120,8 @@ HttpServer::Impl::Impl(const ListenAddress& address, HttpHandler handler)
         kConnectionMemory, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_END);
     if (daemon_ == nullptr) {
         ::close(listening);
-        fail(kExitFailed, "the pages cannot be served on {}: no thread or no descriptor is left",
+        fail(ErrorKind::kFailed,
+             "the pages cannot be served on {}: no thread or no descriptor is left",
              toString(address));
     }
 }

@@ -33,7 +33,7 @@ using HttpHandler = std::function<HttpResponse(const HttpRequest&)>;
 
 class HttpServer {
   public:
-    // Serves from now on. Throws Failure that names the address when it cannot.
+    // Serves from now on. Throws Error that names the address when it cannot.
     HttpServer(const ListenAddress& address, HttpHandler handler);
     // Ends all connections.
     ~HttpServer();

@@ -35,8 +35,8 @@ std::uint16_t parsePort(std::string_view text, std::string_view whole) {
     std::uint16_t port = 0;
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
     if (error != std::errc() || end != text.data() + text.size()) {
-        fail(kExitBadInput, "'{}': '{}' is no port from 0 to 65535; {}", printable(whole),
-             printable(text), kForms);
+        fail(ErrorKind::kInvalidInput, "'{}': '{}' is no port from 0 to 65535; {}",
+             printable(whole), printable(text), kForms);
     }
     return port;
 }
@@ -48,7 +48,7 @@ std::string parseHost(std::string_view text, std::string_view whole) {
     std::string host(bracketed ? text.substr(1, text.size() - 2) : text);
     if (!isNumeric(bracketed ? AF_INET6 : AF_INET, host)) {
         const char* hint = isIpv6(host) ? "an IPv6 address stands in brackets; " : "";
-        fail(kExitBadInput, "'{}': '{}' is no numeric address; {}{}", printable(whole),
+        fail(ErrorKind::kInvalidInput, "'{}': '{}' is no numeric address; {}{}", printable(whole),
              printable(text), hint, kForms);
     }
     return host;
@@ -113,7 +113,7 @@ ListenAddress parseListenAddress(std::string_view text) {
     std::size_t colon = text.rfind(':');
     std::size_t bracket = text.rfind(']');
     if (colon == std::string_view::npos || (bracket != std::string_view::npos && bracket > colon)) {
-        fail(kExitBadInput, "'{}': the port is missing; {}", printable(text), kForms);
+        fail(ErrorKind::kInvalidInput, "'{}': the port is missing; {}", printable(text), kForms);
     }
     address.host = parseHost(text.substr(0, colon), text);
     address.port = parsePort(text.substr(colon + 1), text);
@@ -134,7 +134,8 @@ int listenOn(const ListenAddress& address) {
         fd = tryToListen(address, AF_INET);
     }
     if (fd < 0) {
-        fail(kExitFailed, "cannot listen on {}: {}", toString(address), std::strerror(errno));
+        fail(ErrorKind::kFailed, "cannot listen on {}: {}", toString(address),
+             std::strerror(errno));
     }
     return fd;
 }

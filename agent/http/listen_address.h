@@ -15,14 +15,14 @@ struct ListenAddress {
 };
 
 // "127.0.0.1:9931", "[::1]:9931", ":9931" or "*:9931" for all addresses, "9931"
-// for loopback. Throws Failure (kExitBadInput) that says what would be right.
+// for loopback. Throws Error that says what would be right.
 ListenAddress parseListenAddress(std::string_view text);
 
 // In the same form: "[::1]:9931", "*:9931".
 std::string toString(const ListenAddress& address);
 
 // A socket that listens there. For all addresses it takes IPv6 and IPv4, or
-// IPv4 alone where the system has no IPv6. Throws Failure.
+// IPv4 alone where the system has no IPv6. Throws Error.
 int listenOn(const ListenAddress& address);
 
 // The port that the socket has got.

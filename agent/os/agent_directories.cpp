@@ -31,7 +31,7 @@ void makeDirectories(const std::string& path, mode_t mode) {
             // The mode is not to depend on the caller's umask.
             ::chmod(directory.c_str(), last ? mode : 0755);
         } else if (!isDirectory(directory)) {
-            fail(kExitFailed, "{}: cannot be created: {}", directory, std::strerror(error));
+            fail(ErrorKind::kFailed, "{}: cannot be created: {}", directory, std::strerror(error));
         }
         if (last) return;
     }

@@ -28,7 +28,7 @@ inline constexpr AgentDirectory kAgentDirectories[] = {
 };
 
 // Creates the directory and those above it; present ones stay as they are.
-// Throws Failure.
+// Throws Error.
 void makeDirectories(const std::string& path, mode_t mode);
 
 // All of the above, and a log file that every worker may append to.

@@ -1,4 +1,4 @@
-// How a command ends when it cannot do what it was asked to.
+// The one exception type that the agent's own code throws.
 #pragma once
 
 #include <fmt/core.h>
@@ -9,26 +9,24 @@
 
 namespace tolvane::agent {
 
-// Exit codes of every command; scripts rely on them.
-enum ExitCode : int {
-    kExitOk = 0,
-    kExitFinding = 1,   // done, and there is something to know: no server, a problem found
-    kExitBadInput = 2,  // wrong usage or a file that is not valid; nothing was changed
-    kExitFailed = 3,    // the system refused, or the server went away
+enum class ErrorKind {
+    kNotFound,      // there is no such server
+    kInvalidInput,  // an argument or a file is not valid; nothing was changed
+    kFailed,        // the system refused, or the server went away
 };
 
-class Failure : public std::runtime_error {
+class Error : public std::runtime_error {
   public:
-    Failure(ExitCode code, const std::string& text) : std::runtime_error(text), code_(code) {}
-    ExitCode code() const { return code_; }
+    Error(ErrorKind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
+    ErrorKind kind() const { return kind_; }
 
   private:
-    ExitCode code_;
+    ErrorKind kind_;
 };
 
 template <typename... Args>
-[[noreturn]] void fail(ExitCode code, fmt::format_string<Args...> format, Args&&... args) {
-    throw Failure(code, fmt::format(format, std::forward<Args>(args)...));
+[[noreturn]] void fail(ErrorKind kind, fmt::format_string<Args...> format, Args&&... args) {
+    throw Error(kind, fmt::format(format, std::forward<Args>(args)...));
 }
 
 }  // namespace tolvane::agent

@@ -26,7 +26,8 @@ using Clock = std::chrono::steady_clock;
 struct Pipe {
     int ends[2] = {-1, -1};
     Pipe() {
-        if (::pipe2(ends, O_CLOEXEC) != 0) fail(kExitFailed, "pipe: {}", std::strerror(errno));
+        if (::pipe2(ends, O_CLOEXEC) != 0)
+            fail(ErrorKind::kFailed, "pipe: {}", std::strerror(errno));
     }
     ~Pipe() {
         closeEnd(0);
@@ -128,7 +129,7 @@ ProcessAnswer runAndListen(const std::vector<std::string>& command,
     Pipe errors;
     EndsWithUs signals;
     pid_t child = ::fork();
-    if (child < 0) fail(kExitFailed, "fork: {}", std::strerror(errno));
+    if (child < 0) fail(ErrorKind::kFailed, "fork: {}", std::strerror(errno));
     if (child == 0) becomeChild(command, environment, output, errors);
     ::setpgid(child, child);
     listenedTo = child;
@@ -142,7 +143,7 @@ ProcessAnswer runAndListen(const std::vector<std::string>& command,
     }
     if (WIFEXITED(status)) answer.exitStatus = WEXITSTATUS(status);
     if (answer.exitStatus == 127 && answer.output.empty() && answer.errors.empty()) {
-        fail(kExitFailed, "{}: cannot be started", command[0]);
+        fail(ErrorKind::kFailed, "{}: cannot be started", command[0]);
     }
     return answer;
 }

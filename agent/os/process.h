@@ -18,7 +18,7 @@ struct ProcessAnswer {
     std::string errors;
 };
 
-// Runs a program and collects what it writes. Throws Failure when it cannot
+// Runs a program and collects what it writes. Throws Error when it cannot
 // be started. `environment` replaces or adds variables. A signal that ends us
 // in the meantime ends it as well.
 ProcessAnswer runAndListen(const std::vector<std::string>& command,

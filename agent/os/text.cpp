@@ -58,7 +58,8 @@ void replaceFile(const std::string& path, std::string_view content) {
     if (auto old = readFile(path); old && *old == content) return;
     std::string temporary = temporaryBeside(path);
     int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) fail(kExitFailed, "{}: cannot be written: {}", temporary, std::strerror(errno));
+    if (fd < 0)
+        fail(ErrorKind::kFailed, "{}: cannot be written: {}", temporary, std::strerror(errno));
     ::fchmod(fd, 0644);
     bool written = true;
     while (!content.empty() && written) {
@@ -72,7 +73,7 @@ void replaceFile(const std::string& path, std::string_view content) {
     if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) {
         if (written) error = errno;
         ::unlink(temporary.c_str());
-        fail(kExitFailed, "{}: cannot be written: {}", path, std::strerror(error));
+        fail(ErrorKind::kFailed, "{}: cannot be written: {}", path, std::strerror(error));
     }
 }
 
@@ -85,7 +86,7 @@ void replaceLink(const std::string& path, const std::string& target) {
         ::rename(temporary.c_str(), path.c_str()) != 0) {
         int error = errno;
         ::unlink(temporary.c_str());
-        fail(kExitFailed, "{}: cannot be created: {}", path, std::strerror(error));
+        fail(ErrorKind::kFailed, "{}: cannot be created: {}", path, std::strerror(error));
     }
 }
 

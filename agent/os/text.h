@@ -20,10 +20,10 @@ std::optional<std::string> readFile(const std::string& path, std::size_t limit =
                                     PipeWriter writer = PipeWriter::kIgnored);
 
 // Writes beside the file and renames, so that a reader sees the old content
-// or the new one. Throws Failure.
+// or the new one. Throws Error.
 void replaceFile(const std::string& path, std::string_view content);
 
-// Makes a symbolic link, in the place of an older one. Throws Failure.
+// Makes a symbolic link, in the place of an older one. Throws Error.
 void replaceLink(const std::string& path, const std::string& target);
 
 // Absolute and without links; nothing when there is no such file (errno says

@@ -63,22 +63,23 @@ Segment::Segment(std::int32_t shmid, std::int32_t structures, Access access)
     : structures_(structures), address_(nullptr) {
     std::size_t wanted = segmentSize(static_cast<std::size_t>(structures));
     SegmentStatus before = segmentStatus(shmid);
-    if (!before.exists) fail(kExitFailed, "segment {} is gone", shmid);
-    if (before.error != 0) fail(kExitFailed, "segment {}: {}", shmid, std::strerror(before.error));
+    if (!before.exists) fail(ErrorKind::kFailed, "segment {} is gone", shmid);
+    if (before.error != 0)
+        fail(ErrorKind::kFailed, "segment {}: {}", shmid, std::strerror(before.error));
     if (before.size != wanted) {
-        fail(kExitFailed, "segment {} has {} bytes where {} records need {}", shmid, before.size,
-             structures, wanted);
+        fail(ErrorKind::kFailed, "segment {} has {} bytes where {} records need {}", shmid,
+             before.size, structures, wanted);
     }
     void* address = ::shmat(shmid, nullptr, access == Access::kRead ? SHM_RDONLY : 0);
     if (address == reinterpret_cast<void*>(-1)) {
-        fail(kExitFailed, "segment {} cannot be attached: {}", shmid, std::strerror(errno));
+        fail(ErrorKind::kFailed, "segment {} cannot be attached: {}", shmid, std::strerror(errno));
     }
     // The identifier may have changed hands in between.
     SegmentStatus after = segmentStatus(shmid);
     if (after.size != wanted || after.creator != before.creator ||
         after.created != before.created) {
         ::shmdt(address);
-        fail(kExitFailed, "segment {} is gone", shmid);
+        fail(ErrorKind::kFailed, "segment {} is gone", shmid);
     }
     address_ = address;
 }

@@ -53,7 +53,7 @@ constexpr std::int32_t highestVersion(std::int32_t version) {
 class Segment {
   public:
     enum class Access { kRead, kWrite };
-    // Throws Failure when the segment is gone, has another size than that
+    // Throws Error when the segment is gone, has another size than that
     // many records need, or may not be attached.
     Segment(std::int32_t shmid, std::int32_t structures, Access access);
     ~Segment();

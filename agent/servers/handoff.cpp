@@ -84,7 +84,7 @@ std::vector<Handoff> readHandoffs(const std::string& directory) {
     DIR* open = ::opendir(directory.c_str());
     if (open == nullptr) {
         if (errno == ENOENT) return handoffs;
-        fail(kExitFailed, "{}: cannot be read: {}", directory, std::strerror(errno));
+        fail(ErrorKind::kFailed, "{}: cannot be read: {}", directory, std::strerror(errno));
     }
     std::string_view prefix = kHandoffPrefix;
     while (dirent* entry = ::readdir(open)) {

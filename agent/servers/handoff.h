@@ -27,7 +27,7 @@ struct Handoff {
 void parseHandoff(std::string_view text, Handoff& handoff);
 
 // Every handoff file of the directory, in the order of their process ids. A
-// missing directory holds none; one that cannot be read is a Failure.
+// missing directory holds none; one that cannot be read is an Error.
 std::vector<Handoff> readHandoffs(const std::string& directory);
 
 }  // namespace tolvane::agent

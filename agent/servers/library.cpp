@@ -29,8 +29,8 @@ std::string ownDirectory() {
 // write either in a name.
 void refuseUnpreloadable(const std::string& path) {
     if (path.find_first_of(" \t\n:;") == std::string::npos) return;
-    fail(kExitBadInput, "{}: the dynamic linker takes no library from a path with a blank or colon",
-         path);
+    fail(ErrorKind::kInvalidInput,
+         "{}: the dynamic linker takes no library from a path with a blank or colon", path);
 }
 
 // The dynamic linker puts its own word for the library directory in the place
@@ -88,10 +88,10 @@ Libraries findLibraries() {
 Libraries givenLibrary(const std::string& path) {
     Executable file = inspectExecutable(path);
     if (file.kind == Executable::Kind::kUnreadable) {
-        fail(kExitBadInput, "{}: {}", path, std::strerror(errno == 0 ? ENOENT : errno));
+        fail(ErrorKind::kInvalidInput, "{}: {}", path, std::strerror(errno == 0 ? ENOENT : errno));
     }
     if (file.kind != Executable::Kind::kElf || file.wordSize == WordSize::kUnknown) {
-        fail(kExitBadInput, "{} is no library for this machine", path);
+        fail(ErrorKind::kInvalidInput, "{} is no library for this machine", path);
     }
     return {{file.wordSize, realPath(path).value_or(path)}};
 }
@@ -108,7 +108,7 @@ std::string preloadValue(const Libraries& libraries, WordSize server, WordSize s
     if (!choose || libraries.size() == 1) {
         auto found = server == WordSize::kUnknown ? libraries.begin() : libraries.find(server);
         if (found == libraries.end()) {
-            fail(kExitFailed,
+            fail(ErrorKind::kFailed,
                  "there is no {}-bit libtolvane.so beside this program; build it (cmake --preset "
                  "{} && cmake --build --preset {}) or name it with --library",
                  static_cast<int>(server), server == WordSize::k32 ? "release32" : "release",

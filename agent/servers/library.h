@@ -17,7 +17,7 @@ Libraries findLibraries();
 // The directories that findLibraries looks into.
 std::vector<std::string> libraryDirectories();
 
-// One library given by the operator. Throws Failure when it is none.
+// One library given by the operator. Throws Error when it is none.
 Libraries givenLibrary(const std::string& path);
 
 // What LD_PRELOAD names for a server of that word size, started through a

@@ -23,9 +23,10 @@ RemovalLock::RemovalLock(const WaitNotice& notice) {
         if (fd >= 0) ::close(fd);
         // Without the directory there is no lock to wait for, for servers either.
         if (fd >= 0 || errno == ENOENT) return;
-        if (errno != EEXIST) fail(kExitFailed, "{}: {}", kLockFile, std::strerror(errno));
+        if (errno != EEXIST) fail(ErrorKind::kFailed, "{}: {}", kLockFile, std::strerror(errno));
         if (std::chrono::steady_clock::now() > deadline) {
-            fail(kExitFailed, "{} is held by a server that ends; try again in a minute", kLockFile);
+            fail(ErrorKind::kFailed, "{} is held by a server that ends; try again in a minute",
+                 kLockFile);
         }
         if (notice) notice("waiting for a server that ends");
         std::this_thread::sleep_for(200ms);

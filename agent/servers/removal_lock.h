@@ -8,7 +8,7 @@
 
 namespace tolvane::agent {
 
-// Takes the lock, waiting as long as a server would. Throws Failure.
+// Takes the lock, waiting as long as a server would. Throws Error.
 class RemovalLock {
   public:
     explicit RemovalLock(const WaitNotice& notice = {});

@@ -70,8 +70,8 @@ Server judge(const Handoff& handoff) {
         Segment segment(handoff.shmid, handoff.structures, Segment::Access::kRead);
         server.version = segment.version();
         server.parentPid = segment.parentPid();
-    } catch (const Failure& failure) {
-        server.why = failure.what();
+    } catch (const Error& error) {
+        server.why = error.what();
         return server;
     }
     server.ownsSegment = true;
@@ -151,18 +151,19 @@ Server selectServer(const std::vector<Server>& servers, const std::optional<std:
         std::erase_if(found, [&](const Server* server) { return !live(server); });
     }
     if (found.empty() && wanted) {
-        fail(kExitFinding, "no server {}; 'tolvane list' shows them", printable(*wanted));
+        fail(ErrorKind::kNotFound, "no server {}; 'tolvane list' shows them", printable(*wanted));
     }
     if (found.empty()) {
-        fail(kExitFinding,
+        fail(ErrorKind::kNotFound,
              "no measured server is running; start one with 'tolvane run -- COMMAND'");
     }
     if (found.size() > 1) {
-        fail(kExitBadInput, "several servers would do: {}; choose with --server", choices(found));
+        fail(ErrorKind::kInvalidInput, "several servers would do: {}; choose with --server",
+             choices(found));
     }
     if (found[0]->state != ServerState::kLive) {
-        fail(kExitFailed, "server {} is {}: {}", nameOf(*found[0]), stateName(found[0]->state),
-             found[0]->why);
+        fail(ErrorKind::kFailed, "server {} is {}: {}", nameOf(*found[0]),
+             stateName(found[0]->state), found[0]->why);
     }
     return *found[0];
 }

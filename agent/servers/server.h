@@ -43,8 +43,8 @@ std::string nameOf(const Server& server);
 std::vector<Server> findServers();
 
 // The one that `wanted` names: a process id of the server, a segment id, or
-// one of its "address:port". Without it, the only live one. Throws Failure
-// (kExitFinding when there is none, kExitBadInput when several would do).
+// one of its "address:port". Without it, the only live one. Throws Error
+// (kNotFound when there is none, kInvalidInput when several match).
 Server selectServer(const std::vector<Server>& servers, const std::optional<std::string>& wanted);
 
 }  // namespace tolvane::agent

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "cli/exit_code.h"
 #include "fake_server.h"
 #include "os/error.h"
 #include "support/sandbox.h"
@@ -195,8 +196,8 @@ TEST(Collector, IsAloneWithItsServerAndItsDirectory) {
     try {
         Collector second(options());
         FAIL() << "two collectors in one directory";
-    } catch (const Failure& failure) {
-        EXPECT_NE(std::string(failure.what()).find(std::to_string(first)), std::string::npos);
+    } catch (const Error& error) {
+        EXPECT_NE(std::string(error.what()).find(std::to_string(first)), std::string::npos);
     }
     Collector other({"", "/opt/elsewhere", 1});
     other.round();

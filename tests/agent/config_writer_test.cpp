@@ -109,7 +109,7 @@ TEST(ConfigWriter, SettlesTheVersionByTheEarlierOne) {
             EXPECT_EQ(writeConfiguration(segment, *block).version, *c.after);
             EXPECT_EQ(segment.config()->numSites, 7);
         } else {
-            EXPECT_THROW(writeConfiguration(segment, *block), Failure) << c.before;
+            EXPECT_THROW(writeConfiguration(segment, *block), Error) << c.before;
             EXPECT_EQ(segment.config()->numSites, 0) << c.before;
         }
         EXPECT_EQ(segment.version(), c.after.value_or(c.before));
@@ -156,8 +156,8 @@ TEST(ConfigWriter, TheServersLastVersionStands) {
     });
     try {
         for (;;) writeConfiguration(segment, *block);
-    } catch (const Failure& failure) {
-        EXPECT_NE(std::string(failure.what()).find("stopped"), std::string::npos);
+    } catch (const Error& error) {
+        EXPECT_NE(std::string(error.what()).find("stopped"), std::string::npos);
     }
     ending.join();
     EXPECT_EQ(segment.version(), kVersionRemoved);

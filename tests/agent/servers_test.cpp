@@ -143,15 +143,15 @@ TEST(Servers, AreChosenByWhatTheOperatorSees) {
     auto codeOf = [&](std::optional<std::string> wanted) {
         try {
             selectServer(findServers(), wanted);
-        } catch (const Failure& failure) {
-            return static_cast<int>(failure.code());
+        } catch (const Error& error) {
+            return static_cast<int>(error.kind());
         }
         return -1;
     };
-    EXPECT_EQ(codeOf(std::nullopt), kExitBadInput);
-    EXPECT_EQ(codeOf("*:82"), kExitFinding);
+    EXPECT_EQ(codeOf(std::nullopt), static_cast<int>(ErrorKind::kInvalidInput));
+    EXPECT_EQ(codeOf("*:82"), static_cast<int>(ErrorKind::kNotFound));
     second.kill();
-    EXPECT_EQ(codeOf("*:81"), kExitFailed);
+    EXPECT_EQ(codeOf("*:81"), static_cast<int>(ErrorKind::kFailed));
     EXPECT_EQ(codeOf(std::nullopt), -1);
     // A restarted server has left its old file behind.
     FakeServer again(1, "*:81");
@@ -183,9 +183,9 @@ TEST(Segment, HostileCountsAreBounded) {
 
 TEST(Segment, AnotherSizeIsNotAttached) {
     int small = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
-    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Failure);
+    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Error);
     shmctl(small, IPC_RMID, nullptr);
-    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Failure);
+    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Error);
 }
 
 }  // namespace
