@@ -8,13 +8,13 @@
 
 #include "os/error.h"
 #include "os/text.h"
+#include "tolvane/limits.h"
 
 namespace tolvane::agent {
 
 namespace {
 
-// The shim's tables of listening addresses and of SSL hosts hold that many.
-constexpr std::size_t kTableSize = 10;
+constexpr std::size_t kTableSize = kMaxAddresses;
 // What Apache allows when its configuration does not say.
 constexpr int kPreforkDefaultLimit = 256;
 constexpr int kThreadedDefaultLimit = 400;

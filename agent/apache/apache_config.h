@@ -1,5 +1,4 @@
-// An Apache's real configuration, reduced to what a measured server's shim
-// has to know, in words that the shim understands.
+// An Apache's configuration, reduced to the directives that the shim reads.
 #pragma once
 
 #include <functional>
@@ -17,8 +16,8 @@ struct MeasuredConfig {
     std::vector<Endpoint> sslHosts;
     int processLimit = 0;
     std::string module;              // "prefork", "worker", "event"
-    bool needsTranslation = false;   // the shim could not read the file as it stands
-    std::vector<std::string> notes;  // what will not be measured as one might expect
+    bool needsTranslation = false;   // the shim cannot read the file itself
+    std::vector<std::string> notes;  // what is not measured as expected
 };
 
 using FileReader = std::function<std::optional<std::string>(const std::string& path)>;

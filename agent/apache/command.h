@@ -1,5 +1,5 @@
-// A server's command line: what is started, and which of its arguments decide
-// about its configuration.
+// A server's command line: its program, and the arguments that select its
+// configuration.
 #pragma once
 
 #include <string>

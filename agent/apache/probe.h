@@ -1,5 +1,5 @@
-// What an Apache says about itself when it is asked: its word size, the files
-// of its configuration, its modules, definitions and pid file.
+// What an Apache reports about itself: its word size, configuration files, modules,
+// definitions and pid file.
 #pragma once
 
 #include <cstddef>

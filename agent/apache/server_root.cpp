@@ -10,6 +10,7 @@
 #include "os/error.h"
 #include "os/process.h"
 #include "os/text.h"
+#include "tolvane/paths.h"
 
 namespace tolvane::agent {
 
@@ -33,7 +34,7 @@ void refuseForeign(const std::string& file) {
 // A root serves one server at a time: of the second one, the start would
 // remove the first one's segment, and the first one's end would go unnoticed.
 void refuseUsed(const std::string& root, const std::string& pidFile) {
-    std::string link = root + "/logs/httpd.pid";
+    std::string link = root + "/" + kApachePidFile;
     std::error_code error;
     auto status = std::filesystem::symlink_status(link, error);
     if (!std::filesystem::exists(status)) return;
@@ -89,16 +90,16 @@ std::string renderHttpdConf(const MeasuredConfig& config, const std::string& sou
 bool ownRootSuits(const ServerFacts& facts, const MeasuredConfig& config) {
     std::string root = withoutTrailingSlash(facts.serverRoot);
     if (config.needsTranslation || !facts.mainFile.files.empty()) return false;
-    if (facts.mainFile.path != root + "/conf/httpd.conf" ||
-        facts.pidFile != root + "/logs/httpd.pid") {
+    if (facts.mainFile.path != root + "/" + kApacheConfigurationFile ||
+        facts.pidFile != root + "/" + kApachePidFile) {
         return false;
     }
-    auto module = readFile(root + "/logs/.tolvane_info");
+    auto module = readFile(root + "/" + kApacheModuleFile);
     return module ? trim(*module) == config.module : config.module == "prefork";
 }
 
 bool isPreparedRoot(const std::string& root) {
-    auto text = readFile(root + "/conf/httpd.conf");
+    auto text = readFile(root + "/" + kApacheConfigurationFile);
     return text && text->compare(0, kMark.size(), kMark) == 0;
 }
 
@@ -109,14 +110,14 @@ std::string defaultRoot(const ServerFacts& facts) {
 
 void writeServerRoot(const std::string& root, const ServerFacts& facts,
                      const MeasuredConfig& config) {
-    std::string file = root + "/conf/httpd.conf";
+    std::string file = root + "/" + kApacheConfigurationFile;
     refuseForeign(file);
     refuseUsed(root, facts.pidFile);
     makeDirectories(root + "/conf", 0755);
     makeDirectories(root + "/logs", 0755);
     replaceFile(file, renderHttpdConf(config, facts.mainFile.path));
-    replaceFile(root + "/logs/.tolvane_info", config.module + "\n");
-    replaceLink(root + "/logs/httpd.pid", facts.pidFile);
+    replaceFile(root + "/" + kApacheModuleFile, config.module + "\n");
+    replaceLink(root + "/" + kApachePidFile, facts.pidFile);
 }
 
 }  // namespace tolvane::agent

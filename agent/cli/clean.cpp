@@ -23,18 +23,18 @@ namespace tolvane::agent {
 
 namespace {
 
-// What the servers that still run have named as theirs.
+// The semaphores of the servers that still run.
 std::set<std::int32_t> semaphoresInUse(const std::vector<Server>& servers) {
     std::set<std::int32_t> inUse;
     for (const Server& server : servers) {
-        if (server.state == ServerState::kStale || !server.ownsSegment) continue;
+        if (server.state == RunState::kStale || !server.ownsSegment) continue;
         try {
             Segment segment(server.handoff.shmid, server.handoff.structures,
                             Segment::Access::kRead);
             for (std::int32_t i = 0; i < segment.structures(); ++i)
                 inUse.insert(segment.semaphoreOf(i));
         } catch (const Error&) {
-            // It has stopped in this moment, and taken its semaphores along.
+            // It has just stopped and removed its semaphores.
         }
     }
     return inUse;
@@ -49,7 +49,7 @@ struct Leftovers {
 
 Leftovers leftoversOf(const Server& server, const std::set<std::int32_t>& inUse) {
     Leftovers left;
-    left.heading = fmt::format("Server {}: {}\n", nameOf(server), server.why);
+    left.heading = fmt::format("Server {}: {}\n", nameOf(server), server.reason);
     // A damaged file may be one that is being written right now.
     bool mayBeWritten = !server.handoff.problem.empty() && processExists(server.handoff.pid);
     if (!mayBeWritten) left.handoff = server.handoff.path;
@@ -103,10 +103,10 @@ void removeLeftovers(const Leftovers& left, Remover& remover) {
 int cleanCommand(const CleanOptions& options) {
     Remover remover(options.dryRun);
     if (auto age = abandonedLockAge()) {
-        writeOut(fmt::format("Lock file, held for {} s by nobody who still works:\n", *age));
+        writeOut(fmt::format("Lock file of a process that has ended, held for {} s:\n", *age));
         remover.remove(kLockFile, [] { return ::unlink(kLockFile); });
     }
-    auto stale = [](const Server& server) { return server.state == ServerState::kStale; };
+    auto stale = [](const Server& server) { return server.state == RunState::kStale; };
     auto servers = findServers();
     if (std::none_of(servers.begin(), servers.end(), stale)) {
         writeOut("Nothing stale.\n");
@@ -116,7 +116,7 @@ int cleanCommand(const CleanOptions& options) {
     if (!options.dryRun) {
         Progress progress;
         lock.emplace([&](std::string_view text) { progress.show(text); });
-        // What was stale before the wait for the lock may have changed.
+        // The states may have changed during the wait for the lock.
         servers = findServers();
     }
     std::set<std::int32_t> inUse = semaphoresInUse(servers);

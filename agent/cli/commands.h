@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "os/agent_directories.h"
+
 namespace tolvane::agent {
 
 inline constexpr int kMaxSemaphores = 32000;
@@ -61,7 +63,7 @@ struct ServeOptions {
     std::string configFile;
     std::string listen = "127.0.0.1:9931";
     double interval = 5;  // seconds
-    std::string stateDirectory = "/opt/tolvane/agent/data/collector";
+    std::string stateDirectory = kCollectorState;
     std::string version;  // of this program
 };
 

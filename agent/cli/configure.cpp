@@ -4,12 +4,13 @@
 #include "cli/commands.h"
 #include "cli/exit_code.h"
 #include "cli/terminal.h"
-#include "collector/claims.h"
+#include "collector/ownership_lock.h"
 #include "configuration/config_block.h"
 #include "configuration/config_load.h"
 #include "configuration/config_writer.h"
 #include "os/error.h"
 #include "os/text.h"
+#include "segment/configuration_copy.h"
 #include "servers/server.h"
 
 namespace tolvane::agent {
@@ -23,17 +24,17 @@ ConfigModel modelIn(const std::string& path, WithoutSites withoutSites) {
     fail(ErrorKind::kInvalidInput, "{} is not valid; nothing was changed", path);
 }
 
-// Marks the counts of sites and categories as taken: the next publication
-// starts them from 0.
+// Marks the counts of sites and categories as collected: the next publication
+// resets them.
 void resetSiteCounts(Segment& segment) {
-    for (std::int32_t i = 0; i < segment.structures(); ++i) segment.markSitesTaken(i);
+    for (std::int32_t i = 0; i < segment.structures(); ++i) segment.markSitesCollected(i);
 }
 
-// A collector keeps its totals by name and takes differences, in which counts
-// that start from 0 would be missing.
+// A collector keeps its totals by name and adds differences. Counts that start
+// from 0 would be missing in them.
 void refuseResetOfKeptCounts(const Server& server) {
-    if (::access(kClaimsFile, F_OK) != 0) return;
-    if (pid_t holder = Claims(kClaimsFile).claim(server.handoff.shmid); holder != 0) {
+    if (::access(kOwnershipFile, F_OK) != 0) return;
+    if (pid_t holder = OwnershipLock(kOwnershipFile).acquire(server.handoff.shmid); holder != 0) {
         fail(ErrorKind::kInvalidInput,
              "the collector with process id {} keeps totals of this server, by name: --reset is "
              "not needed and would cost some of them; nothing was changed",
@@ -41,22 +42,20 @@ void refuseResetOfKeptCounts(const Server& server) {
     }
 }
 
-// Counts belong to the place of a site or category in the list. A name that
-// now stands where another one has counts would take these over.
+// Counts belong to an index. A new name at an index takes over the counts of the
+// name before it.
 std::vector<std::string> renamed(const ConfigInfo& before, const ConfigInfo& after) {
     std::vector<std::string> changes;
     for (int s = 0; s < std::min(before.numSites, after.numSites); ++s) {
         if (std::string_view(before.siteName[s]) != after.siteName[s]) {
-            changes.push_back(
-                fmt::format("{} (was {})", after.siteName[s], printable(before.siteName[s])));
+            changes.push_back(fmt::format("{} (was {})", after.siteName[s], before.siteName[s]));
             continue;
         }
         for (int c = 0; c < std::min(before.numCategories[s], after.numCategories[s]); ++c) {
             const char* label = after.categories[s][c].label;
             const char* earlier = before.categories[s][c].label;
             if (std::string_view(label) == earlier) continue;
-            changes.push_back(fmt::format("{} {} (was {})", after.siteName[s], printable(label),
-                                          printable(earlier)));
+            changes.push_back(fmt::format("{} {} (was {})", after.siteName[s], label, earlier));
         }
     }
     return changes;

@@ -1,4 +1,4 @@
-// What `tolvane doctor` found, one line each.
+// The findings of `tolvane doctor`, one line each.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ struct Finding {
     enum class Level { kOk, kNote, kProblem };
     Level level;
     std::string text;
-    std::string remedy;  // empty for what is in order
+    std::string remedy;  // empty for kOk
 };
 
 class Findings {

@@ -44,8 +44,8 @@ void examineDirectories(Findings& findings) {
     if (allThere) findings.ok(fmt::format("directories below {}", kAgentDirectory));
 }
 
-// In a sticky directory the kernel may let nobody but its owner open a file
-// of another user for creation, and the log is opened so.
+// The log is opened with O_CREAT, which the kernel may refuse in a sticky directory
+// for a file of another user.
 bool kernelGuardsStickyFiles(const struct stat& log, const struct stat& directory) {
     auto setting = readFile("/proc/sys/fs/protected_regular");
     bool guarded = setting && parseInt32(trim(*setting)).value_or(0) > 0;

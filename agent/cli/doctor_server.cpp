@@ -68,8 +68,7 @@ void Examiner::examineVariables(const Environment& environment) {
         problem(fmt::format("REQUEST_INTERVAL={} is not above 0", interval->second), kRestart);
     }
     auto preload = environment.find("LD_PRELOAD");
-    if (preload == environment.end() ||
-        preload->second.find("libtolvane.so") == std::string::npos) {
+    if (preload == environment.end() || preload->second.find(kLibraryName) == std::string::npos) {
         note(
             "LD_PRELOAD does not name libtolvane.so, so programs that it starts anew run "
             "unmeasured",
@@ -80,7 +79,8 @@ void Examiner::examineVariables(const Environment& environment) {
 }
 
 void Examiner::examineRoot(const std::string& root) {
-    std::string file = root + (isApache() ? "/conf/httpd.conf" : "/config/magnus.conf");
+    std::string file =
+        root + "/" + (isApache() ? kApacheConfigurationFile : kNetscapeConfigurationFile);
     if (::access(file.c_str(), R_OK) != 0) {
         problem(fmt::format("{}: {}", file, std::strerror(errno)),
                 "the next start will not be measured; prepare the root again");
@@ -94,7 +94,7 @@ void Examiner::examineRoot(const std::string& root) {
 }
 
 void Examiner::examinePidFile(const std::string& root) {
-    std::string file = root + "/logs/httpd.pid";
+    std::string file = root + "/" + kApachePidFile;
     auto text = readFile(file);
     if (!text) {
         problem(
@@ -114,7 +114,7 @@ void Examiner::examineLibrary() {
     auto mappings = processMappings(server_.process);
     if (!mappings) return;
     bool replaced = std::any_of(mappings->begin(), mappings->end(), [](const std::string& line) {
-        return line.find("libtolvane.so (deleted)") != std::string::npos;
+        return line.find(kLibraryName + std::string(" (deleted)")) != std::string::npos;
     });
     if (replaced)
         note("its library file was replaced since it started", "restart it to use the new one");
@@ -154,18 +154,19 @@ void Examiner::examineConfiguration(const Sample& sample) {
         return;
     }
     if (!sample.config.complaint.empty()) {
-        problem("the configuration is out of range: " + printable(sample.config.complaint),
+        problem("the configuration is out of range: " + sample.config.complaint,
                 "write a valid one with 'tolvane configure FILE'");
     }
     CountSet counts = countsOf(sample.records);
-    auto counted = [](const TrafficCounts& site) { return site.requests > 0; };
+    auto counted = [](const TrafficCounts& site) { return site[&CounterBlock::requests] > 0; };
     bool anySite = std::any_of(std::begin(counts.site), std::end(counts.site), counted);
-    // Counts of sites that were taken or reset say nothing about it.
+    // After a reset of the sites this cannot be judged.
     bool published = std::any_of(sample.records.begin(), sample.records.end(),
                                  [](const ResultStruct& record) { return record.sitesDirty == 1; });
-    if (sample.config.info->numSites > 0 && counts.total.requests > 0 && published && !anySite) {
-        note(fmt::format("configuration {} is taken up by nobody: {}, none of them for a site",
-                         sample.version, plural(counts.total.requests, "request")),
+    if (sample.config.info->numSites > 0 && counts.total[&CounterBlock::requests] > 0 &&
+        published && !anySite) {
+        note(fmt::format("no process uses configuration {}: {}, none of them for a site",
+                         sample.version, plural(counts.total[&CounterBlock::requests], "request")),
              fmt::format("send a few requests to each worker or wait {} s, then compare the site "
                          "names with what clients send as Host",
                          2 * std::clamp(sample.config.info->interval, 1, 86400)));
@@ -178,7 +179,7 @@ void Examiner::examine() {
         examineVariables(*environment);
         examineLibrary();
     } else {
-        note("its process cannot be looked into", "run doctor as root");
+        note("its process cannot be examined", "run doctor as root");
     }
     try {
         Sample sample = takeSample(server_);
@@ -187,7 +188,7 @@ void Examiner::examine() {
     } catch (const Error& error) {
         problem(error.what(), "tolvane list");
     }
-    if (sound_) findings_.ok(fmt::format("{}: {}", name_, server_.why));
+    if (sound_) findings_.ok(fmt::format("{}: {}", name_, server_.reason));
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ constexpr const char* kStartMeasured = "stop it and start it with 'tolvane run',
 
 bool loadsShim(pid_t pid) {
     auto mappings = processMappings(pid);
-    // What cannot be looked into is given the benefit of the doubt.
+    // A process that cannot be examined counts as measured.
     return !mappings || mapsLibrary(*mappings);
 }
 
@@ -34,8 +34,8 @@ std::set<int> portsOf(const Server& server) {
 }
 
 void examineStale(const Server& server, std::set<pid_t>& reported, Findings& findings) {
-    std::string text = fmt::format("stale: {}: {}", server.handoff.path, server.why);
-    // A server that detached from its terminal leaves its file at every stop.
+    std::string text = fmt::format("stale: {}: {}", server.handoff.path, server.reason);
+    // A server that has daemonised leaves its file at every stop.
     bool harmless = !server.ownsSegment && server.handoff.problem.empty();
     if (harmless) {
         findings.note(text, "tolvane clean");
@@ -43,7 +43,7 @@ void examineStale(const Server& server, std::set<pid_t>& reported, Findings& fin
         findings.problem(text, "tolvane clean");
     }
     for (int port : portsOf(server)) {
-        // Its workers listen as well.
+        // Its workers listen on the same port.
         pid_t pid = oldestOf(listenersOn(port));
         if (pid == 0 || loadsShim(pid) || !reported.insert(pid).second) continue;
         findings.problem(
@@ -54,15 +54,14 @@ void examineStale(const Server& server, std::set<pid_t>& reported, Findings& fin
     }
 }
 
-// A server that was measured before and stopped in order has left nothing but
-// the root that was prepared for it.
+// A measured server that stopped properly leaves only its prepared root.
 void examinePreparedRoots(std::set<pid_t>& reported, Findings& findings) {
     DIR* directory = ::opendir(kPreparedRoots);
     if (directory == nullptr) return;
     while (dirent* entry = ::readdir(directory)) {
         std::string name = entry->d_name;
         if (name[0] == '.') continue;
-        auto text = readFile(kPreparedRoots + name + "/logs/httpd.pid");
+        auto text = readFile(kPreparedRoots + name + "/" + kApachePidFile);
         auto pid = text ? parseInt32(trim(*text)) : std::nullopt;
         if (!pid || !processExists(*pid) || loadsShim(*pid) || !reported.insert(*pid).second)
             continue;
@@ -80,7 +79,7 @@ void examineServers(const std::vector<Server>& servers, Findings& findings) {
     std::set<pid_t> reported;
     for (const Server& server : servers) {
         switch (server.state) {
-            case ServerState::kLive:
+            case RunState::kLive:
                 if (server.process > 0 && !loadsShim(server.process)) {
                     reported.insert(server.process);
                     findings.problem(
@@ -90,13 +89,16 @@ void examineServers(const std::vector<Server>& servers, Findings& findings) {
                 }
                 examineLiveServer(server, findings);
                 break;
-            case ServerState::kEnding:
-                findings.note(fmt::format("server {} is ending: {}", nameOf(server), server.why),
+            case RunState::kEnding:
+                findings.note(fmt::format("server {} is ending: {}", nameOf(server), server.reason),
                               "if this lasts, end the processes that are left");
                 break;
-            case ServerState::kStale:
+            case RunState::kStale:
                 examineStale(server, reported, findings);
                 break;
+            case RunState::kHeld:
+            case RunState::kUnreadable:
+                break;  // states of a collector's runs only
         }
     }
     examinePreparedRoots(reported, findings);

@@ -28,7 +28,7 @@ constexpr std::size_t kColumns = 8;
 using Line = std::array<std::string, kColumns>;
 
 Line lineOf(const Server& server) {
-    return {stateName(server.state),
+    return {runStateName(server.state),
             server.process > 0 ? fmt::format("{}", server.process) : "-",
             server.handoff.serverType.empty() ? "?" : server.handoff.serverType,
             server.handoff.listen.empty()
@@ -37,17 +37,17 @@ Line lineOf(const Server& server) {
             server.handoff.shmid >= 0 ? fmt::format("{}", server.handoff.shmid) : "?",
             server.handoff.structures > 0 ? fmt::format("{}", server.handoff.structures) : "?",
             versionText(server),
-            server.why};
+            server.reason};
 }
 
-Colour colourOf(ServerState state) {
-    if (state == ServerState::kLive) return Colour::kGreen;
-    return state == ServerState::kEnding ? Colour::kYellow : Colour::kRed;
+Colour colourOf(RunState state) {
+    if (state == RunState::kLive) return Colour::kGreen;
+    return state == RunState::kEnding ? Colour::kYellow : Colour::kRed;
 }
 
 void printTable(const std::vector<Server>& servers) {
     std::vector<Line> lines = {
-        {"STATE", "PROCESS", "TYPE", "LISTEN", "SEGMENT", "RECORDS", "CONFIG", "WHY"}};
+        {"STATE", "PROCESS", "TYPE", "LISTEN", "SEGMENT", "RECORDS", "CONFIG", "REASON"}};
     for (const Server& server : servers) lines.push_back(lineOf(server));
     std::array<std::size_t, kColumns> widths{};
     for (const Line& line : lines) {

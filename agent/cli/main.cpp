@@ -57,22 +57,22 @@ void addServerOption(CLI::App* command, std::optional<std::string>& server) {
 
 void addRun(CLI::App& app, RunOptions& options, Action& action) {
     CLI::App* run =
-        addCommand(app, "run", "Start a server under the shim, and become it",
+        addCommand(app, "run", "Run a server with the measurement library preloaded",
                    "  tolvane run -- apache2 -D FOREGROUND\n"
                    "  tolvane run --semaphores 8 -- /usr/sbin/apachectl start\n"
                    "  tolvane run --type netscape --root /srv/ns -- /srv/ns/bin/ns-httpd",
                    action, [&options] { return runCommand(options); });
-    run->add_option("--type", options.type, "Server type; default: by the command's name")
+    run->add_option("--type", options.type, "Server type; default: from the command's name")
         ->check(CLI::IsMember({"apache", "netscape"}));
     run->add_option(
         "--root", options.root,
         "Directory with conf/httpd.conf and logs/httpd.pid (Apache) or config/magnus.conf; "
-        "default: prepared from the server's own configuration");
+        "default: prepared from the server's configuration");
     run->add_option("--library", options.library,
-                    "The libtolvane.so to load; default: beside this program");
+                    "The libtolvane.so to preload; default: the one installed with this program");
     run->add_option(
         "--ssl-factor", options.sslFactor,
-        "SSL_FACTOR: 'start' for a server without SSL, 'startssl' with; default: by its "
+        "SSL_FACTOR: 'start' for a server without SSL, 'startssl' with SSL; default: from its "
         "configuration");
     run->add_option("--semaphores", options.semaphores,
                     "NUM_SEMAPHORES: result records, and semaphores, of a server with more than 10 "
@@ -82,20 +82,21 @@ void addRun(CLI::App& app, RunOptions& options, Action& action) {
                     "REQUEST_INTERVAL: send calls between two publications of a prefork process; "
                     "default: 5")
         ->check(CLI::Range(1, kMaxRequestInterval));
-    run->add_flag("-q,--quiet", options.quiet, "Do not say what is used");
+    run->add_flag("-q,--quiet", options.quiet, "Do not print the settings in use");
     run->add_option("COMMAND", options.command, "The server and its arguments, after '--'")
         ->required();
 }
 
 void addPrepare(CLI::App& app, PrepareOptions& options, Action& action) {
     CLI::App* prepare = addCommand(
-        app, "prepare", "Lay out a root for an Apache whose files are not where the shim looks",
+        app, "prepare",
+        "Prepare a root directory for an Apache with another file layout than the library reads",
         "  tolvane prepare\n"
         "  tolvane prepare -d /etc/httpd -- /usr/sbin/httpd\n"
-        "'tolvane run' does this by itself when it is needed.",
+        "'tolvane run' does this when necessary.",
         action, [&options] { return prepareCommand(options); });
     prepare->add_option("--root", options.root,
-                        "Directory to make; default: below /opt/tolvane/agent/data/servers");
+                        "Directory to create; default: below /opt/tolvane/agent/data/servers");
     prepare->add_option("-d", options.serverDirectory, "The server's own -d: its root directory");
     prepare->add_option("-f", options.serverFile, "The server's own -f: its configuration file");
     prepare->add_option("-D", options.defines, "The server's own -D: a name to define")
@@ -107,7 +108,7 @@ void addPrepare(CLI::App& app, PrepareOptions& options, Action& action) {
 
 void addWatching(CLI::App& app, Options& options, Action& action) {
     CLI::App* list =
-        addCommand(app, "list", "Show every measured server: live, ending or stale, and why",
+        addCommand(app, "list", "List the measured servers: live, ending or stale, and the reason",
                    "  tolvane list", action, [&] { return listCommand(options.list); });
     list->add_flag("--json", options.list.json, "Write JSON");
 
@@ -116,24 +117,23 @@ void addWatching(CLI::App& app, Options& options, Action& action) {
                                 [&] { return showCommand(options.show); });
     addServerOption(show, options.show.server);
     show->add_flag("--json", options.show.json, "Write JSON");
-    show->add_option(
-            "--sample", options.show.sampleSeconds,
-            "Take rates over this many seconds from now; default: since the server's start")
+    show->add_option("--sample", options.show.sampleSeconds,
+                     "Measure rates over this many seconds; default: since the server's start")
         ->check(seconds());
 
     CLI::App* top = addCommand(
         app, "top",
-        "Watch the counts; keys: < > choose the sort column, r reverse, c categories, q quit",
+        "Show the counts continuously; keys: < > sort column, r reverse, c categories, q quit",
         "  tolvane top\n  tolvane top --sort err% --delay 5\n  tolvane top --count 3 | cat", action,
         [&] { return topCommand(options.top); });
     addServerOption(top, options.top.server);
-    top->add_option("--delay", options.top.delay, "Seconds between two looks")
+    top->add_option("--delay", options.top.delay, "Seconds between two updates")
         ->check(seconds())
         ->capture_default_str();
-    top->add_option("--count", options.top.count, "Looks before it ends; default: no end")
+    top->add_option("--count", options.top.count, "Number of updates; default: unlimited")
         ->check(CLI::Range(1, 1000000000));
     top->add_option("--sort", options.top.sortBy,
-                    "Column to sort by, by its heading; default: req/s");
+                    "Heading of the column to sort by; default: req/s");
 }
 
 void addConfiguring(CLI::App& app, Options& options, Action& action) {
@@ -143,7 +143,7 @@ void addConfiguring(CLI::App& app, Options& options, Action& action) {
     check->add_option("FILE", options.checkFile, "The TOML file")->required();
 
     CLI::App* configure =
-        addCommand(app, "configure", "Give a running server its sites and categories",
+        addCommand(app, "configure", "Write sites and categories to a running server",
                    "  tolvane configure sites.toml\n"
                    "with a file such as\n"
                    "  interval = 10\n"
@@ -157,51 +157,50 @@ void addConfiguring(CLI::App& app, Options& options, Action& action) {
     configure->add_option("FILE", options.configure.file, "The TOML file")->required();
     addServerOption(configure, options.configure.server);
     configure->add_flag("--reset", options.configure.reset,
-                        "Start the counts of sites and categories from 0");
+                        "Reset the counts of sites and categories to 0");
     configure->add_flag("--remove-all", options.configure.removeAll,
-                        "Accept a file without sites, which removes them all");
+                        "Accept a file without sites, which removes all sites");
 }
 
 void addServing(CLI::App& app, ServeOptions& options, Action& action) {
     options.version = TOLVANE_VERSION;
     CLI::App* serve = addCommand(
-        app, "serve", "Keep long totals of every measured server, and serve them over HTTP",
+        app, "serve", "Collect the totals of every measured server and serve them over HTTP",
         "  tolvane serve --config sites.toml\n"
         "  tolvane serve --listen '[::1]:9931' --interval 1\n"
-        "The page is under /, Prometheus finds /metrics, programs find /api/servers.",
+        "Paths: / (web page), /metrics (Prometheus), /api/servers (JSON).",
         action, [&options] { return serveCommand(options); });
     serve->add_option("--config", options.configFile,
-                      "The TOML file that every server is given, and again when it changes; "
-                      "default: servers are not configured");
-    serve
-        ->add_option("--listen", options.listen,
-                     "Address and port; ':9931' stands for all addresses")
+                      "TOML file to write to every server, and again when it changes; "
+                      "default: none");
+    serve->add_option("--listen", options.listen, "Address and port; ':9931' for all addresses")
         ->capture_default_str();
-    serve->add_option("--interval", options.interval, "Seconds between two takings")
+    serve->add_option("--interval", options.interval, "Collection interval in seconds")
         ->check(seconds())
         ->capture_default_str();
-    serve->add_option("--state", options.stateDirectory, "Directory in which totals are kept")
+    serve->add_option("--state", options.stateDirectory, "Directory for the totals")
         ->capture_default_str();
 }
 
 void addCaring(CLI::App& app, Options& options, Action& action) {
-    CLI::App* clean = addCommand(app, "clean", "Remove what servers that no longer run have left",
-                                 "  tolvane clean --dry-run", action,
-                                 [&] { return cleanCommand(options.clean); });
-    clean->add_flag("--dry-run", options.clean.dryRun, "Only say what would be removed");
-    addCommand(app, "doctor", "Look for everything that can be wrong with the installation",
+    CLI::App* clean = addCommand(
+        app, "clean", "Remove files, segments and semaphores of servers that no longer run",
+        "  tolvane clean --dry-run", action, [&] { return cleanCommand(options.clean); });
+    clean->add_flag("--dry-run", options.clean.dryRun,
+                    "Print what would be removed, and remove nothing");
+    addCommand(app, "doctor", "Check the installation and the running servers",
                "  sudo tolvane doctor", action, [] { return doctorCommand(); });
 }
 
 int parseAndRun(int argc, char** argv) {
-    CLI::App app("Start, configure and watch web servers that Tolvane measures.", "tolvane");
+    CLI::App app("Run, configure and monitor web servers that Tolvane measures.", "tolvane");
     app.footer(
-        "Exit codes: 0 done; 1 something was found (no server, a problem); 2 bad usage or input, "
-        "nothing was changed; 3 the system refused, or the server went away.\n"
+        "Exit codes: 0 success; 1 no server, or a problem was found; 2 wrong usage or input, "
+        "nothing was changed; 3 a system call failed, or the server has ended.\n"
         "Example:\n  tolvane run -- apache2 -k start && tolvane configure sites.toml && tolvane "
         "top");
     app.set_version_flag("--version", "tolvane " TOLVANE_VERSION);
-    // A missing one is seen below: CLI11 would take an unknown one for that.
+    // A missing sub-command is reported below: CLI11 would report an unknown one so.
     app.require_subcommand(0, 1);
     app.get_formatter()->column_width(24);
     Options options;
@@ -228,8 +227,8 @@ int parseAndRun(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A reader that has gone is seen where we write. Ignored signals pass to a
-    // server that `run` starts, so that it gets the default back.
+    // A closed pipe is handled where it is written. A process inherits ignored
+    // signals, so `run` restores the default for the server.
     ::signal(SIGPIPE, SIG_IGN);
     try {
         return parseAndRun(argc, argv);

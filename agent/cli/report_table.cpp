@@ -15,26 +15,29 @@ using Level = ReportRow::Level;
 
 namespace {
 
+using CounterMember = std::uint32_t CounterBlock::*;
+
 struct ColumnStyle {
     const char* title;
     int importance;  // the lowest is left out first
     bool inCategories;
+    CounterMember counter;  // null: a derived value
 };
 
 constexpr std::array<ColumnStyle, kReportColumns> kStyles = {{
-    {"SITE / CATEGORY", 99, true},
-    {"REQUESTS", 98, true},
-    {"REQ/S", 97, true},
-    {"ERR%", 96, true},
-    {"MEAN ms", 95, true},
-    {"4XX", 60, false},
-    {"5XX", 61, false},
-    {"3XX", 50, false},
-    {"DROPPED", 55, true},
-    {"CONNS", 58, false},
-    {"SENT", 70, true},
-    {"RECEIVED", 40, false},
-    {"SENT/S", 65, true},
+    {"SITE / CATEGORY", 99, true, nullptr},
+    {"REQUESTS", 98, true, &CounterBlock::requests},
+    {"REQ/S", 97, true, nullptr},
+    {"ERR%", 96, true, nullptr},
+    {"MEAN ms", 95, true, nullptr},
+    {"4XX", 60, false, &CounterBlock::clientErrors},
+    {"5XX", 61, false, &CounterBlock::serverErrors},
+    {"3XX", 50, false, &CounterBlock::redirects},
+    {"DROPPED", 55, true, &CounterBlock::droppedRequests},
+    {"CONNS", 58, false, &CounterBlock::connections},
+    {"SENT", 70, true, &CounterBlock::bytesSent},
+    {"RECEIVED", 40, false, &CounterBlock::bytesReceived},
+    {"SENT/S", 65, true, nullptr},
 }};
 
 const ColumnStyle& style(ReportColumn column) {
@@ -51,72 +54,48 @@ std::string withUnit(double bytes) {
     return unit == 0 ? fmt::format("{:.0f}", bytes) : fmt::format("{:.1f}{}", bytes, kUnits[unit]);
 }
 
+std::string counterText(const ReportRow& row, CounterMember counter, const ReportLayout& layout) {
+    bool bytes = kTrafficCounters[counterIndex(counter)].unit == CounterUnit::kBytes;
+    std::uint64_t count = row.counts[counter];
+    return bytes && !layout.exactBytes ? withUnit(static_cast<double>(count))
+                                       : fmt::format("{}", count);
+}
+
 std::string cell(const ReportRow& row, ReportColumn column, const ReportLayout& layout) {
     if (row.level == Level::kCategory && !style(column).inCategories) return "";
-    auto bytes = [&](std::uint64_t count) {
-        return layout.exactBytes ? fmt::format("{}", count) : withUnit(static_cast<double>(count));
-    };
+    if (style(column).counter != nullptr) return counterText(row, style(column).counter, layout);
     switch (column) {
         case ReportColumn::kName:
             return (row.level == Level::kCategory ? "  " : "") + row.name;
-        case ReportColumn::kRequests:
-            return fmt::format("{}", row.counts.requests);
         case ReportColumn::kRate:
             return fmt::format("{:.1f}", row.requestsPerSecond);
         case ReportColumn::kErrorShare:
             return row.errorShare ? fmt::format("{:.1f}", *row.errorShare * 100) : "-";
         case ReportColumn::kMean:
             return row.meanResponse ? fmt::format("{:.2f}", *row.meanResponse * 1000) : "-";
-        case ReportColumn::kClientErrors:
-            return fmt::format("{}", row.counts.clientErrors);
-        case ReportColumn::kServerErrors:
-            return fmt::format("{}", row.counts.serverErrors);
-        case ReportColumn::kRedirects:
-            return fmt::format("{}", row.counts.redirects);
-        case ReportColumn::kDropped:
-            return fmt::format("{}", row.counts.dropped);
-        case ReportColumn::kConnections:
-            return fmt::format("{}", row.counts.connections);
-        case ReportColumn::kSent:
-            return bytes(row.counts.bytesSent);
-        case ReportColumn::kReceived:
-            return bytes(row.counts.bytesReceived);
         case ReportColumn::kSentRate:
             return withUnit(row.bytesSentPerSecond);
+        default:
+            return "";
     }
-    return "";
 }
 
 double sortKey(const ReportRow& row, ReportColumn column) {
+    if (CounterMember counter = style(column).counter) {
+        return static_cast<double>(row.counts[counter]);
+    }
     switch (column) {
-        case ReportColumn::kName:
-            return 0;
-        case ReportColumn::kRequests:
-            return static_cast<double>(row.counts.requests);
         case ReportColumn::kRate:
             return row.requestsPerSecond;
         case ReportColumn::kErrorShare:
             return row.errorShare.value_or(-1);
         case ReportColumn::kMean:
             return row.meanResponse.value_or(-1);
-        case ReportColumn::kClientErrors:
-            return static_cast<double>(row.counts.clientErrors);
-        case ReportColumn::kServerErrors:
-            return static_cast<double>(row.counts.serverErrors);
-        case ReportColumn::kRedirects:
-            return static_cast<double>(row.counts.redirects);
-        case ReportColumn::kDropped:
-            return static_cast<double>(row.counts.dropped);
-        case ReportColumn::kConnections:
-            return static_cast<double>(row.counts.connections);
-        case ReportColumn::kSent:
-            return static_cast<double>(row.counts.bytesSent);
-        case ReportColumn::kReceived:
-            return static_cast<double>(row.counts.bytesReceived);
         case ReportColumn::kSentRate:
             return row.bytesSentPerSecond;
+        default:
+            return 0;
     }
-    return 0;
 }
 
 bool before(const ReportRow& a, const ReportRow& b, ReportColumn column, bool ascending) {
@@ -169,7 +148,7 @@ void removeColumn(Grid& grid, std::size_t index) {
     for (auto& line : grid.lines) line.erase(line.begin() + at);
 }
 
-// First the names give way, down to a readable rest, then whole columns.
+// Shortens the names first, then drops columns.
 void fitGrid(Grid& grid, std::size_t width) {
     constexpr std::size_t kShortestName = 18;
     auto shrinkName = [&](std::size_t shortest) {
@@ -248,7 +227,8 @@ std::vector<std::string> renderReport(const Report& report, const ReportLayout& 
         Colour colour = row.level == Level::kCategory ? Colour::kDim : Colour::kPlain;
         constexpr double kManyErrors = 0.05;
         if (row.errorShare.value_or(0) >= kManyErrors) colour = Colour::kYellow;
-        if (row.counts.serverErrors > 0 && row.errorShare.value_or(0) >= kManyErrors) {
+        if (row.counts[&CounterBlock::serverErrors] > 0 &&
+            row.errorShare.value_or(0) >= kManyErrors) {
             colour = Colour::kRed;
         }
         lines.push_back(coloured(drawLine(grid, grid.lines[at++]), colour, layout.colour));

@@ -27,7 +27,7 @@ enum class ReportColumn {
 inline constexpr int kReportColumns = 13;
 
 struct ReportLayout {
-    int width = 0;  // columns of the terminal; 0: as wide as it gets
+    int width = 0;  // columns of the terminal; 0: unlimited
     bool colour = false;
     bool exactBytes = true;  // false: with a unit, such as 12.5M
     bool categories = true;
@@ -35,11 +35,11 @@ struct ReportLayout {
     bool ascending = false;
 };
 
-// Sites among themselves, and the categories within their site.
+// Sorts the sites, and the categories within their site.
 void sortReport(Report& report, ReportColumn column, bool ascending);
 
 // The heading and one line per row. Columns that do not fit are left out, the
-// least telling first.
+// least important first.
 std::vector<std::string> renderReport(const Report& report, const ReportLayout& layout);
 
 const char* columnTitle(ReportColumn column);

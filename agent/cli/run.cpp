@@ -36,7 +36,7 @@ std::string environmentOr(const char* name, const std::string& otherwise) {
     return value != nullptr && *value != '\0' ? value : otherwise;
 }
 
-// The option's value, or that of the environment within the same bounds.
+// The option's value, or that of the environment within the same limits.
 std::string settledNumber(const std::optional<int>& option, const char* name,
                           const std::string& otherwise, int high) {
     if (option) return fmt::format("{}", *option);
@@ -60,8 +60,8 @@ std::string typeOf(const ServerCommand& command, const std::string& wanted) {
     return type;
 }
 
-// On a machine that systemd runs, the distributions' control scripts hand a
-// start over to systemctl, which knows nothing of our environment.
+// With systemd, the distributions' control scripts call systemctl, which does not
+// pass the environment on.
 void refuseHandover(const ServerCommand& command) {
     struct stat status {};
     if (command.executable.kind != Executable::Kind::kScript ||
@@ -99,7 +99,8 @@ std::string existingRoot(const std::string& root) {
 }
 
 void checkRootFiles(const std::string& root, const std::string& type) {
-    std::string file = root + (type == "netscape" ? "/config/magnus.conf" : "/conf/httpd.conf");
+    std::string file =
+        root + "/" + (type == "netscape" ? kNetscapeConfigurationFile : kApacheConfigurationFile);
     if (::access(file.c_str(), R_OK) != 0) {
         fail(ErrorKind::kInvalidInput, "{}: {}; the shim reads the listening addresses there", file,
              std::strerror(errno));
@@ -107,7 +108,7 @@ void checkRootFiles(const std::string& root, const std::string& type) {
 }
 
 void settleNumbers(StartPlan& plan, const RunOptions& options) {
-    // -1 leaves the number of records to the shim.
+    // -1: the shim chooses the number of records.
     plan.environment["NUM_SEMAPHORES"] =
         settledNumber(options.semaphores, "NUM_SEMAPHORES", "-1", kMaxSemaphores);
     plan.environment["REQUEST_INTERVAL"] =
@@ -117,7 +118,7 @@ void settleNumbers(StartPlan& plan, const RunOptions& options) {
 void settleRoot(StartPlan& plan, const RunOptions& options) {
     std::string given = options.root.empty() ? environmentOr("WEB_SERVER_ROOT", "") : options.root;
     if (!given.empty()) given = existingRoot(given);
-    // A prepared root follows the server's configuration at every start.
+    // A prepared root is updated from the server's configuration at every start.
     bool refresh = isPreparedRoot(given) && plan.command.kind == ServerKind::kApache;
     if (!given.empty() && !refresh) {
         checkRootFiles(given, plan.type);
@@ -160,7 +161,7 @@ void settleVariables(StartPlan& plan, const RunOptions& options) {
     }
 }
 
-// The word size of the process that we become: the interpreter of a script.
+// The word size of the program that is executed: of a script, its interpreter.
 WordSize starterWordSize(const ServerCommand& command) {
     if (command.executable.kind == Executable::Kind::kScript) {
         return inspectExecutable(command.executable.interpreter).wordSize;
@@ -168,7 +169,7 @@ WordSize starterWordSize(const ServerCommand& command) {
     return command.executable.wordSize;
 }
 
-[[noreturn]] void become(const StartPlan& plan) {
+[[noreturn]] void execute(const StartPlan& plan) {
     for (const auto& [name, value] : plan.environment) ::setenv(name.c_str(), value.c_str(), 1);
     std::vector<char*> arguments;
     for (const std::string& word : plan.command.words) {
@@ -202,7 +203,7 @@ int runCommand(const RunOptions& options) {
         fmt::print(stderr, "tolvane: {} server, {}; library {}\n", plan.type, plan.description,
                    preload);
     }
-    become(plan);
+    execute(plan);
 }
 
 }  // namespace tolvane::agent

@@ -13,7 +13,7 @@ std::string serverHeading(const Server& server, const Sample& sample) {
                                     sample.config.info->interval);
     }
     return fmt::format("Server {}, {}, {}: {}; {}", nameOf(server), server.handoff.serverType,
-                       stateName(server.state), server.why, configuration);
+                       runStateName(server.state), server.reason, configuration);
 }
 
 std::vector<std::string> sampleNotes(const Sample& sample) {
@@ -25,13 +25,14 @@ std::vector<std::string> sampleNotes(const Sample& sample) {
     }
     if (!sample.config.steady) {
         notes.push_back(
-            "the configuration is half written; if this stays, run 'tolvane configure' again");
+            "the configuration is incomplete; if this lasts, run 'tolvane configure' again");
     }
     if (!sample.config.complaint.empty()) {
-        notes.push_back("the configuration is out of range: " + printable(sample.config.complaint));
+        notes.push_back("the configuration is out of range: " + sample.config.complaint);
     }
     if (!sample.steady) {
-        notes.push_back("the server was publishing all the time; some sums may be in between");
+        notes.push_back(
+            "the server was publishing during every copy; some sums may be inconsistent");
     }
     return notes;
 }

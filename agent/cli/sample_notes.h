@@ -1,4 +1,4 @@
-// What to know about a sample before reading its numbers.
+// The heading and the notes above the counts of a sample.
 #pragma once
 
 #include <string>

@@ -32,10 +32,10 @@ constexpr auto kBetweenNewServers = std::chrono::milliseconds(100);
 
 enum class Wakeup { kTime, kEnd, kReload, kNewServer };
 
-// What the collector waits for between two rounds.
+// The events for which the collector waits between two rounds.
 class Wakeups {
   public:
-    // Before the first thread is made, so that none of them gets a signal.
+    // Made before the first thread, so that no thread receives a signal.
     Wakeups() {
         sigset_t set;
         ::sigemptyset(&set);
@@ -52,9 +52,9 @@ class Wakeups {
     Wakeups(const Wakeups&) = delete;
     Wakeups& operator=(const Wakeups&) = delete;
 
-    // From now on a handoff file wakes us: a threaded worker looks for its
-    // configuration when it starts, and then not for a minute. Where watching is
-    // not possible, the next round finds the server.
+    // From now on a new handoff file ends the wait: a threaded worker reads its
+    // configuration when it starts, and then not for a minute. Without a watch
+    // the next round finds the server.
     void watchHandoffs() {
         ::inotify_add_watch(handoffs_, kHandoffDirectory, IN_CLOSE_WRITE | IN_MOVED_TO);
     }
@@ -69,7 +69,7 @@ class Wakeups {
         }
         char events[4096];
         bool any = false;
-        // Files that are written again and again do not keep us busy.
+        // Limits the rounds when files are written again and again.
         if ((sources[1].revents & POLLIN) != 0) std::this_thread::sleep_for(kBetweenNewServers);
         while (handoffs_ >= 0 && ::read(handoffs_, events, sizeof events) > 0) any = true;
         return any ? Wakeup::kNewServer : Wakeup::kTime;
@@ -80,10 +80,9 @@ class Wakeups {
     int handoffs_;
 };
 
-// Waits for the time of the next round. False: it is time to end.
+// Waits for the time of the next round. Returns false to end.
 bool waitUntil(Clock::time_point next, Wakeups& wakeups, Collector& collector) {
-    // The manager hears of us more often than an unusually long interval would
-    // let it.
+    // The service manager expects a message more often than a long interval.
     constexpr Clock::duration kSlice = std::chrono::seconds(10);
     for (;;) {
         Wakeup wakeup = wakeups.wait(std::min(next - Clock::now(), kSlice));
@@ -102,15 +101,15 @@ int serveCommand(const ServeOptions& options) {
     Wakeups wakeups;
     Collector collector({options.configFile, options.stateDirectory, options.interval});
     wakeups.watchHandoffs();
-    // The first scrape is to find what the kept totals and the segments say
-    // together, not less than an earlier collector has shown.
+    // The first scrape finds the saved totals and the segments' counts, so that no
+    // counter is lower than an earlier collector showed it.
     collector.round();
     Pages pages([&](const auto& reader) { collector.read(reader); }, options.version);
     HttpServer server(address, [&](const HttpRequest& request) {
         return pages.answer(request, std::time(nullptr));
     });
     address.port = server.port();
-    logLine("serving on http://{}/, taking counts every {} s, keeping them in {}",
+    logLine("serving on http://{}/, collecting every {} s, saving the totals in {}",
             toString(address), options.interval, options.stateDirectory);
     tellServiceManager("READY=1");
     auto interval = std::chrono::duration_cast<Clock::duration>(
@@ -119,15 +118,16 @@ int serveCommand(const ServeOptions& options) {
     auto next = Clock::now() + interval;
     while (waitUntil(next, wakeups, collector)) {
         collector.round();
-        // A round that a new server brought about comes on top of the others.
+        // A round for a new server is in addition to the others.
         if (Clock::now() >= next) next = std::max(next + interval, Clock::now());
     }
     tellServiceManager("STOPPING=1");
     collector.round();
-    bool kept = false;
-    collector.read([&](const CollectorState& state) { kept = state.health.storeWorks; });
-    if (!kept) fail(ErrorKind::kFailed, "ended; what was taken since the last write is not kept");
-    logLine("ended; the totals are kept");
+    bool saved = false;
+    collector.read([&](const CollectorState& state) { saved = state.health.storeWorks; });
+    if (!saved)
+        fail(ErrorKind::kFailed, "ended; what was collected since the last write is not saved");
+    logLine("ended; the totals are saved");
     return kExitOk;
 }
 

@@ -58,8 +58,8 @@ void rateSinceStart(Measured& measured) {
                                           measured.seconds, fmt::localtime(since));
 }
 
-// Runs the step for each server. One that has gone meanwhile is named and
-// left out; the others are shown all the same.
+// Runs the step for each server. A server that has ended meanwhile is reported and
+// left out.
 template <typename Step>
 void forEachServer(std::vector<Measured>& all, int& exitCode, Step&& step) {
     std::erase_if(all, [&](Measured& measured) {
@@ -113,8 +113,8 @@ void print(const Measured& measured, const Report& report) {
 std::vector<Server> wantedServers(const std::optional<std::string>& wanted) {
     std::vector<Server> servers = findServers();
     if (wanted) return {selectServer(servers, wanted)};
-    std::erase_if(servers, [](const Server& server) { return server.state != ServerState::kLive; });
-    if (servers.empty()) selectServer(servers, wanted);  // says what to do
+    std::erase_if(servers, [](const Server& server) { return server.state != RunState::kLive; });
+    if (servers.empty()) selectServer(servers, wanted);  // throws
     return servers;
 }
 

@@ -1,4 +1,4 @@
-// What standard output and standard error are connected to, and colour.
+// Output to a terminal or a file, and colour.
 #pragma once
 
 #include <string>
@@ -13,16 +13,16 @@ struct TerminalSize {
 
 bool isTerminal(int fd);
 
-// Size of the terminal at fd; 80 by 24 when it does not say.
+// The size of the terminal at fd; 80 by 24 when unknown.
 TerminalSize terminalSize(int fd);
 
-// Colour goes to a terminal only, and not when NO_COLOR is set.
+// Colour is for terminals only, and not when NO_COLOR is set.
 enum class Colour { kPlain, kBold, kDim, kRed, kGreen, kYellow };
 bool colourOn(int fd);
 std::string coloured(std::string_view text, Colour colour, bool on);
 
-// One line on standard error that is overwritten in place while something
-// lasts, and removed at the end. Silent when standard error is no terminal.
+// A progress line on standard error, removed at the end. Nothing is written unless
+// standard error is a terminal.
 class Progress {
   public:
     Progress();

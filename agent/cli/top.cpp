@@ -33,9 +33,9 @@ ReportColumn columnNamed(const std::string& name) {
     fail(ErrorKind::kInvalidInput, "no column '{}'; there are {}", printable(name), listOf(known));
 }
 
-// Samples of the last while, so that rates cover at least one publication of
-// a threaded server, which publishes once per interval.
-class History {
+// The recent samples. Their time span covers at least one publication of a
+// threaded server, which publishes once per interval.
+class SampleWindow {
   public:
     void add(Sample sample) {
         samples_.push_back(std::move(sample));
@@ -47,7 +47,7 @@ class History {
     }
     const Sample& latest() const { return samples_.back(); }
     double seconds() const { return Seconds(samples_.back().when - samples_.front().when).count(); }
-    // From sample to sample, since an agent may have taken counts in between.
+    // From sample to sample, since another agent may have reset counts in between.
     CountSet added() const {
         CountSet sum;
         for (std::size_t i = 1; i < samples_.size(); ++i) {
@@ -67,8 +67,8 @@ struct View {
     std::size_t offset = 0;  // rows scrolled away
 };
 
-// Hands the key's meaning to the view; false to end.
-bool obey(Key key, View& view, std::size_t page) {
+// Returns false to end.
+bool handleKey(Key key, View& view, std::size_t page) {
     auto step = [&](int by) {
         view.sortBy = static_cast<ReportColumn>(
             (static_cast<int>(view.sortBy) + kReportColumns + by) % kReportColumns);
@@ -123,16 +123,16 @@ class Top {
     int run();
 
   private:
-    // False when the server has gone.
+    // False when the server has ended.
     bool refresh();
     void draw(TopScreen& screen);
-    // Waits for the next refresh, obeying keys; false to end.
+    // Waits for the next refresh and handles keys; false to end.
     bool pause(TopScreen& screen);
     std::vector<std::string> heading(int columns) const;
 
     const TopOptions& options_;
     Server server_;
-    History history_;
+    SampleWindow samples_;
     View view_;
     std::string farewell_;
 };
@@ -141,13 +141,13 @@ bool Top::refresh() {
     for (const Server& server : findServers()) {
         if (server.handoff.path != server_.handoff.path) continue;
         if (server.handoff.shmid != server_.handoff.shmid || !server.ownsSegment) break;
-        if (server.state != ServerState::kLive) {
-            farewell_ = fmt::format("Server {}: {}: {}", nameOf(server_), stateName(server.state),
-                                    server.why);
+        if (server.state != RunState::kLive) {
+            farewell_ = fmt::format("Server {}: {}: {}", nameOf(server_),
+                                    runStateName(server.state), server.reason);
             return false;
         }
         server_ = server;
-        history_.add(takeSample(server));
+        samples_.add(takeSample(server));
         return true;
     }
     farewell_ = fmt::format("Server {} has ended.", nameOf(server_));
@@ -155,8 +155,8 @@ bool Top::refresh() {
 }
 
 std::vector<std::string> Top::heading(int columns) const {
-    std::vector<std::string> lines = {fitted(serverHeading(server_, history_.latest()), columns)};
-    double seconds = history_.seconds();
+    std::vector<std::string> lines = {fitted(serverHeading(server_, samples_.latest()), columns)};
+    double seconds = samples_.seconds();
     std::string rates =
         seconds > 0 ? fmt::format("rates of the last {:.{}f} s", seconds, seconds < 9.5 ? 1 : 0)
                     : "rates follow";
@@ -166,16 +166,16 @@ std::vector<std::string> Top::heading(int columns) const {
         fitted(fmt::format("{:%H:%M:%S}, {}{}", fmt::localtime(std::time(nullptr)), rates, keys),
                columns));
     bool colour = colourOn(STDOUT_FILENO);
-    for (const std::string& note : sampleNotes(history_.latest())) {
+    for (const std::string& note : sampleNotes(samples_.latest())) {
         lines.push_back(coloured(fitted("Note: " + note, columns), Colour::kYellow, colour));
     }
     return lines;
 }
 
 void Top::draw(TopScreen& screen) {
-    const Sample& sample = history_.latest();
-    Report report = buildReport(*sample.config.info, countsOf(sample.records), history_.added(),
-                                history_.seconds());
+    const Sample& sample = samples_.latest();
+    Report report = buildReport(*sample.config.info, countsOf(sample.records), samples_.added(),
+                                samples_.seconds());
     sortReport(report, view_.sortBy, view_.ascending);
     ReportLayout layout;
     layout.width = screen.columns();
@@ -186,7 +186,7 @@ void Top::draw(TopScreen& screen) {
     layout.ascending = view_.ascending;
     std::vector<std::string> table = renderReport(report, layout);
     std::vector<std::string> lines = heading(screen.columns());
-    // The table's heading and its total stay; what is below them scrolls.
+    // The heading and the total are fixed; the rows below them scroll.
     constexpr std::size_t kFixed = 2;
     std::size_t room = screen.interactive() ? static_cast<std::size_t>(screen.rows()) : SIZE_MAX;
     std::size_t shown = room > lines.size() + kFixed ? room - lines.size() - kFixed : 0;
@@ -206,7 +206,7 @@ bool Top::pause(TopScreen& screen) {
         if (left.count() <= 0) return true;
         Key key = screen.waitForKey(left);
         if (key == Key::kNone) continue;
-        if (!obey(key, view_, static_cast<std::size_t>(std::max(screen.rows() - 5, 1))))
+        if (!handleKey(key, view_, static_cast<std::size_t>(std::max(screen.rows() - 5, 1))))
             return false;
         draw(screen);
     }
@@ -222,7 +222,7 @@ int Top::run() {
             draw(screen);
         }
     }
-    // Full-screen output is gone with the alternate screen; what ended it stays.
+    // The full-screen output has disappeared with the alternate screen.
     if (!farewell_.empty()) writeOut(farewell_ + "\n");
     return farewell_.empty() ? kExitOk : kExitFinding;
 }

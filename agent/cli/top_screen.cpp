@@ -43,7 +43,7 @@ TopScreen::TopScreen()
         raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
         raw.c_cc[VMIN] = 0;
         raw.c_cc[VTIME] = 0;
-        raw.c_cc[VSUSP] = _POSIX_VDISABLE;  // the shell would get this screen
+        raw.c_cc[VSUSP] = _POSIX_VDISABLE;  // the shell would inherit this screen
         ::tcsetattr(STDIN_FILENO, TCSANOW, &raw);
     }
     writeOut("\x1b[?1049h\x1b[?25l");  // the alternate screen, without a cursor
@@ -52,7 +52,7 @@ TopScreen::TopScreen()
 TopScreen::~TopScreen() {
     if (!interactive_) return;
     constexpr std::string_view kBack = "\x1b[?25h\x1b[?1049l";
-    // A terminal that has gone is no reason to end badly.
+    // A closed terminal is not an error.
     if (::write(STDOUT_FILENO, kBack.data(), kBack.size()) < 0) return;
     if (keys_) ::tcsetattr(STDIN_FILENO, TCSANOW, &saved_);
 }
@@ -72,7 +72,7 @@ void TopScreen::draw(const std::vector<std::string>& lines) {
         writeOut(text + "\n");
         return;
     }
-    // Every line is overwritten where it stands, which does not flicker.
+    // Lines are overwritten in place, which does not flicker.
     text = "\x1b[H";
     auto room = static_cast<std::size_t>(std::max(rows(), 1));
     for (std::size_t i = 0; i < std::min(lines.size(), room); ++i) {
@@ -92,7 +92,7 @@ Key TopScreen::waitForKey(std::chrono::milliseconds limit) {
     if (ready <= 0) return Key::kNone;
     char bytes[16];
     ssize_t got = ::read(STDIN_FILENO, bytes, sizeof bytes);
-    // The terminal has gone.
+    // The terminal was closed.
     if (got <= 0) return Key::kQuit;
     typed_.assign(bytes, static_cast<std::size_t>(got));
     return nextKey();
@@ -116,7 +116,7 @@ Key TopScreen::nextKey() {
         typed_.erase(0, binding.bytes.size());
         return binding.key;
     }
-    // Of an unknown key the whole sequence goes: its letters are no commands.
+    // Skips the whole sequence of an unknown key: its letters are not commands.
     bool sequence = typed_.compare(0, 2, "\x1b[") == 0;
     std::size_t end = sequence ? typed_.find_first_not_of("0123456789;", 2) : 0;
     typed_.erase(0, end == std::string::npos ? end : end + 1);

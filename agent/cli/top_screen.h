@@ -1,5 +1,5 @@
-// The terminal while `top` runs: full-screen with single keys when it is one,
-// plain blocks of text when the output goes elsewhere.
+// The output of `top`: a full screen with single keys on a terminal, blocks of text
+// elsewhere.
 #pragma once
 
 #include <termios.h>
@@ -42,17 +42,17 @@ class TopScreen {
     // The next key, or kNone when the time is up or the terminal changed.
     Key waitForKey(std::chrono::milliseconds limit);
 
-    // A signal asked us to end.
+    // Whether a signal requested the end.
     static bool stopped();
 
   private:
-    // Takes the first key from what was typed.
+    // Takes the first key off `typed_`.
     Key nextKey();
 
     bool interactive_;
     bool keys_;
     termios saved_{};
-    std::string typed_;  // keys that were read and not yet handed out
+    std::string typed_;  // keys that were read and not yet returned
 };
 
 }  // namespace tolvane::agent

@@ -225,6 +225,7 @@ CategoryModel Reader::readCategory(const toml::table& table,
     if (label == nullptr) {
         complain(table.source(), "the category has no label; add label = \"checkout\"");
     } else if (auto value = text(*label, "label", "label = \"checkout\"")) {
+        *value = printable(*value);
         category.label = *value;
         auto [earlier, added] = lineOfLabel.emplace(*value, label->source().begin.line);
         if (value->empty() || value->size() >= kLabelSize) {
@@ -234,7 +235,7 @@ CategoryModel Reader::readCategory(const toml::table& table,
             complain(label->source(),
                      fmt::format("label \"{}\" stands in line {} already; give each category of a "
                                  "site its own",
-                                 printable(*value), earlier->second));
+                                 *value, earlier->second));
         }
     }
     const toml::node* urls = table.get("urls");

@@ -18,8 +18,8 @@ struct LoadedConfig {
     std::vector<std::string> complaints;
 };
 
-// A file without sites is most likely not the one that was meant, and would end
-// the measurement of every site: it is refused unless that is accepted.
+// A file without sites is probably a mistake and would end the measurement of
+// every site: it is refused unless kAccepted.
 LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites,
                         PipeWriter writer = PipeWriter::kAwaited);
 

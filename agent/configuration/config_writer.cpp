@@ -22,8 +22,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Keeps the signals by which an operator ends a program waiting, so that none
-// leaves the block half written.
+// Blocks the signals that end a program while the block is incomplete.
 class SignalsHeld {
   public:
     SignalsHeld() {
@@ -44,8 +43,7 @@ bool isOthersMark(std::int32_t version) {
     return isBeingWritten(version) && !isRewriting(version);
 }
 
-// Gives an agent that set a mark of its own the time to finish; returns that
-// mark when it did not.
+// Waits for another agent that set a mark to finish. Returns the version.
 std::int32_t awaitOthersMark(std::atomic_ref<std::int32_t> version, std::chrono::seconds patience,
                              const WaitNotice& notice) {
     auto deadline = std::chrono::steady_clock::now() + patience;
@@ -58,16 +56,16 @@ std::int32_t awaitOthersMark(std::atomic_ref<std::int32_t> version, std::chrono:
     return current;
 }
 
-// The highest version that was valid before `current`. Another agent's mark
-// does not tell; above what agents use, be it a count or the time of the
-// change, is the time of now.
+// The highest version that was valid before `current`. Another agent's mark does
+// not contain it; the present time is above any version that agents use, be it a
+// count or a time.
 std::int32_t highestBefore(std::int32_t current) {
     if (!isOthersMark(current)) return highestVersion(current);
     return static_cast<std::int32_t>(std::min<std::time_t>(std::time(nullptr), kMaxVersion - 1));
 }
 
-// Marks the block as being rewritten, in the place of `abandoned` or of no
-// other agent's mark; returns the highest valid version so far.
+// Marks the block as being rewritten, also when `abandoned` is the mark of another
+// agent. Returns the highest valid version so far.
 std::int32_t beginRewriting(std::atomic_ref<std::int32_t> version, std::int32_t abandoned) {
     std::int32_t current = version.load();
     for (;;) {
@@ -134,7 +132,7 @@ WrittenConfiguration writeConfiguration(Segment& segment, const ConfigInfo& bloc
     copyRange(shared, block, offsetof(ConfigInfo, numCategories), offsetof(ConfigInfo, parentPid));
     std::atomic_ref(shared->interval).store(block.interval, std::memory_order_relaxed);
     std::atomic_ref(shared->numSites).store(block.numSites, std::memory_order_relaxed);
-    // The server writes its last version at any moment; it must stand.
+    // The server may write its last version at any time; that must not be replaced.
     std::int32_t expected = rewritingVersion(highest);
     if (version.compare_exchange_strong(expected, highest + 1)) {
         return {highest + 1, isOthersMark(abandoned) ? abandoned : 0};

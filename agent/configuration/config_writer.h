@@ -2,11 +2,11 @@
 //
 // A process reads `version`, copies the block, and reads `version` again; it
 // keeps the copy when both were the same and above its own. So the writer
-//   1. sets `version` to a value below 0, which nobody takes;
+//   1. sets `version` to a value below 0, so that no process copies the block;
 //   2. writes the block;
 //   3. raises `version` to one above every earlier valid one.
-// The value of step 1 remembers that highest one: after a writer that was
-// killed between 1 and 3 the next one still ends above it.
+// The value of step 1 contains the highest valid version: after a writer was
+// killed between 1 and 3, the next one still continues above it.
 #pragma once
 
 #include <chrono>
@@ -20,8 +20,8 @@
 
 namespace tolvane::agent {
 
-// Keeps other `configure`s of the same server out. Held on the handoff file
-// itself, so that it leaves nothing behind however the holder ends.
+// Excludes other writers for the same server. A lock on the handoff file itself,
+// which the system releases however its holder ends.
 class ConfigLock {
   public:
     explicit ConfigLock(const std::string& handoffPath,

@@ -1,7 +1,5 @@
 #include "counts/report.h"
 
-#include "os/text.h"
-
 namespace tolvane::agent {
 
 namespace {
@@ -16,16 +14,11 @@ std::optional<double> share(std::uint64_t part, std::uint64_t whole) {
 // Response times are summed over responses of status class below 4, so the
 // requests that failed or got no response do not count.
 std::optional<double> meanResponse(const CategoryCounts& counts) {
-    std::uint64_t without = counts.errors + counts.dropped;
-    if (counts.requests <= without || !(counts.responseTimeSum >= 0)) return std::nullopt;
-    return counts.responseTimeSum / static_cast<double>(counts.requests - without);
-}
-
-void addTo(CategoryCounts& sum, const CategoryCounts& counts) {
-    sum.requests += counts.requests;
-    sum.errors += counts.errors;
-    sum.dropped += counts.dropped;
-    sum.responseTimeSum += counts.responseTimeSum;
+    std::uint64_t without =
+        counts[&CategoryCounters::errors] + counts[&CategoryCounters::droppedRequests];
+    std::uint64_t requests = counts[&CategoryCounters::requests];
+    if (requests <= without || !(counts.responseTimeSum >= 0)) return std::nullopt;
+    return counts.responseTimeSum / static_cast<double>(requests - without);
 }
 
 ReportRow trafficRow(Level level, std::string name, const TrafficCounts& counts,
@@ -34,21 +27,12 @@ ReportRow trafficRow(Level level, std::string name, const TrafficCounts& counts,
     row.level = level;
     row.name = std::move(name);
     row.counts = counts;
-    row.errorShare = share(counts.errors, counts.requests);
+    row.errorShare = share(counts[&CounterBlock::errors], counts[&CounterBlock::requests]);
     if (seconds > 0) {
-        row.requestsPerSecond = static_cast<double>(added.requests) / seconds;
-        row.bytesSentPerSecond = static_cast<double>(added.bytesSent) / seconds;
+        row.requestsPerSecond = static_cast<double>(added[&CounterBlock::requests]) / seconds;
+        row.bytesSentPerSecond = static_cast<double>(added[&CounterBlock::bytesSent]) / seconds;
     }
     return row;
-}
-
-TrafficCounts asTraffic(const CategoryCounts& counts) {
-    TrafficCounts traffic;
-    traffic.requests = counts.requests;
-    traffic.bytesSent = counts.bytesSent;
-    traffic.errors = counts.errors;
-    traffic.dropped = counts.dropped;
-    return traffic;
 }
 
 }  // namespace
@@ -60,24 +44,24 @@ Report buildReport(const ConfigInfo& config, const CountSet& counts, const Count
         trafficRow(Level::kTotal, "all traffic", counts.total, added.total, seconds));
     CategoryCounts everywhere;
     for (int s = 0; s < config.numSites; ++s) {
-        // A gap that a removed site has left; a category leaves one below.
+        // A removed site or category leaves an empty entry.
         if (config.siteName[s][0] == '\0') continue;
         std::size_t siteRow = report.rows.size();
-        report.rows.push_back(trafficRow(Level::kSite, printable(config.siteName[s]),
-                                         counts.site[s], added.site[s], seconds));
+        report.rows.push_back(
+            trafficRow(Level::kSite, config.siteName[s], counts.site[s], added.site[s], seconds));
         CategoryCounts ofSite;
         for (int c = 0; c < config.numCategories[s]; ++c) {
             const CategoryConfig& configured = config.categories[s][c];
             if (configured.numSections == 0 && configured.label[0] == '\0') continue;
             const CategoryCounts& category = counts.category[s][c];
-            report.rows.push_back(trafficRow(Level::kCategory, printable(configured.label),
+            report.rows.push_back(trafficRow(Level::kCategory, configured.label,
                                              asTraffic(category), asTraffic(added.category[s][c]),
                                              seconds));
             report.rows.back().meanResponse = meanResponse(category);
-            addTo(ofSite, category);
+            ofSite.add(category);
         }
         report.rows[siteRow].meanResponse = meanResponse(ofSite);
-        addTo(everywhere, ofSite);
+        everywhere.add(ofSite);
     }
     report.rows[0].meanResponse = meanResponse(everywhere);
     return report;

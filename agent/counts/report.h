@@ -25,7 +25,7 @@ struct Report {
     std::vector<ReportRow> rows;
 };
 
-// `added` is what came on in `seconds`; it gives the rates.
+// `added` was counted in `seconds` and gives the rates.
 Report buildReport(const ConfigInfo& config, const CountSet& counts, const CountSet& added,
                    double seconds);
 

@@ -8,14 +8,12 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
-#include "export/clean_name.h"
-
 namespace tolvane::agent {
 
 namespace {
 
-// Written without a document in between, which would take several times as long
-// while the collector waits.
+// Written without a JSON document in memory, which would take several times as
+// long while the collector waits.
 std::string quoted(const std::string& name) {
     return nlohmann::json(name).dump();
 }
@@ -49,17 +47,17 @@ void appendList(std::string& text, const char* name, const std::vector<HistoryPo
 // The members of an object; empty when nothing was counted.
 std::string seriesOf(const History& history, std::time_t now) {
     std::vector<HistoryPoint> points = history.points(now);
-    // The step that `now` lies in is still growing and would look like a fall.
+    // The present step is incomplete and would look like a drop.
     if (!points.empty()) points.pop_back();
     bool any = std::any_of(points.begin(), points.end(), [](const HistoryPoint& point) {
-        return point.requests > 0 || point.errors > 0 || point.answered > 0;
+        return point.requests > 0 || point.errors > 0 || point.responses > 0;
     });
     std::string text;
     if (!any) return text;
     appendList(text, "requests", points, &HistoryPoint::requests);
     appendList(text, "errors", points, &HistoryPoint::errors);
     appendList(text, "response_seconds", points, &HistoryPoint::responseSeconds);
-    appendList(text, "answered", points, &HistoryPoint::answered);
+    appendList(text, "response_count", points, &HistoryPoint::responses);
     return text;
 }
 
@@ -69,29 +67,28 @@ void appendItem(std::string& list, const std::string& item) {
     list += item;
 }
 
-std::string siteHistory(const SiteTally& site, const std::string& name, std::time_t now) {
+std::string siteHistory(const SiteTally& site, std::time_t now) {
     std::string series = seriesOf(site.history, now);
     std::string categories;
-    CleanNames labels;
     for (const CategoryTally& category : site.categories) {
-        std::string label = quoted(labels.add(category.label));
+        std::string label = quoted(category.label);
         std::string points = seriesOf(category.history, now);
         if (!points.empty()) appendItem(categories, "{\"label\":" + label + "," + points + "}");
     }
     if (series.empty() && categories.empty()) return "";
-    return "{\"name\":" + quoted(name) + "," + (series.empty() ? "" : series + ",") +
+    return "{\"name\":" + quoted(site.name) + "," + (series.empty() ? "" : series + ",") +
            "\"categories\":[" + categories + "]}";
 }
 
-std::string serverHistory(const ServerTally& server, const std::string& name, std::time_t now) {
+std::string serverHistory(const ServerTally& server, std::time_t now) {
     std::string series = seriesOf(server.history, now);
     std::string sites;
-    CleanNames names;
     for (const SiteTally& site : server.sites) {
-        appendItem(sites, siteHistory(site, names.add(site.name), now));
+        appendItem(sites, siteHistory(site, now));
     }
     if (series.empty() && sites.empty()) return "";
-    return "{\"name\":" + quoted(name) + ",\"total\":{" + series + "},\"sites\":[" + sites + "]}";
+    return "{\"name\":" + quoted(server.name) + ",\"total\":{" + series + "},\"sites\":[" + sites +
+           "]}";
 }
 
 }  // namespace
@@ -99,10 +96,8 @@ std::string serverHistory(const ServerTally& server, const std::string& name, st
 std::string historyJson(const CollectorState& state, std::time_t now,
                         const std::optional<std::string>& server) {
     std::string servers;
-    CleanNames names;
     for (const auto& [key, tally] : state.servers) {
-        std::string name = names.add(tally.name);
-        if (!server || *server == name) appendItem(servers, serverHistory(tally, name, now));
+        if (!server || *server == tally.name) appendItem(servers, serverHistory(tally, now));
     }
     return fmt::format("{{\"step\":{},\"end\":{},\"servers\":[{}]}}", kHistoryStep,
                        now - now % kHistoryStep, servers);

@@ -1,4 +1,4 @@
-// The last minutes for programs, the page among them.
+// The last minutes as JSON, for the page and for programs.
 #pragma once
 
 #include <ctime>
@@ -9,9 +9,8 @@
 
 namespace tolvane::agent {
 
-// Of one server only when its name is given. The steps that are complete, the
-// oldest first; "end" is when the last of them ended. Rows without any count
-// are left out.
+// Of all servers, or of one. The complete steps, the oldest first; "end" is the
+// end of the last one. Rows without any count are left out.
 std::string historyJson(const CollectorState& state, std::time_t now,
                         const std::optional<std::string>& server = {});
 

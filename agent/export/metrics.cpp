@@ -7,13 +7,11 @@
 #include <variant>
 #include <vector>
 
-#include "export/clean_name.h"
-
 namespace tolvane::agent {
 
 namespace {
 
-// ---- What metrics are of, with the labels of each
+// ---- The objects that metrics describe, each with its labels
 
 struct CollectorRow {
     std::string labels;
@@ -40,7 +38,7 @@ struct SiteRow {
 struct CategoryRow {
     std::string labels;
     const CategoryCounts& counts;
-    std::uint64_t answered;
+    std::uint64_t responses;
 };
 
 struct Absent {};
@@ -61,41 +59,12 @@ struct Family {
 
 // ---- The metrics
 
-// For each server as tolvane_NAME, for each site as tolvane_site_NAME.
-struct TrafficFamily {
-    const char* name;
-    const char* help;
-    std::uint64_t TrafficCounts::*count;
-};
-constexpr TrafficFamily kTrafficFamilies[] = {
-    {"connections_total", "Connections", &TrafficCounts::connections},
-    {"requests_total", "Requests", &TrafficCounts::requests},
-    {"sent_bytes_total", "Bytes sent to clients", &TrafficCounts::bytesSent},
-    {"received_bytes_total", "Bytes received from clients", &TrafficCounts::bytesReceived},
-    {"redirects_total", "Responses with a status of 300 to 399", &TrafficCounts::redirects},
-    {"client_errors_total", "Responses with a status of 400 to 499", &TrafficCounts::clientErrors},
-    {"server_errors_total", "Responses with a status of 500 to 599", &TrafficCounts::serverErrors},
-    {"dropped_requests_total", "Requests whose connection closed before a response",
-     &TrafficCounts::dropped},
-};
-
 constexpr Family<CategoryRow> kCategoryFamilies[] = {
-    {"tolvane_category_requests_total", kCounter, "Requests whose URL is of the category.",
-     [](const CategoryRow& row) -> Number { return row.counts.requests; }},
-    {"tolvane_category_errors_total", kCounter,
-     "Responses with a status of 400 to 599, of the category.",
-     [](const CategoryRow& row) -> Number { return row.counts.errors; }},
-    {"tolvane_category_dropped_requests_total", kCounter,
-     "Requests of the category whose connection closed before a response.",
-     [](const CategoryRow& row) -> Number { return row.counts.dropped; }},
-    {"tolvane_category_sent_bytes_total", kCounter,
-     "Bytes sent to clients in responses of the category.",
-     [](const CategoryRow& row) -> Number { return row.counts.bytesSent; }},
     {"tolvane_category_response_seconds", kSummary,
-     "Time from a request of the category to the start of its response, of those that were no "
-     "error.",
+     "Time from a request to the start of its response, of responses that are no errors, by "
+     "category.",
      [](const CategoryRow& row) -> Number { return row.counts.responseTimeSum; },
-     [](const CategoryRow& row) -> Number { return row.answered; }},
+     [](const CategoryRow& row) -> Number { return row.responses; }},
 };
 
 Number unlessZero(std::time_t time) {
@@ -103,57 +72,58 @@ Number unlessZero(std::time_t time) {
 }
 
 Number isUp(const ServerRow& row) {
-    const std::vector<RunState>& runs = row.tally.runs;
-    return std::uint64_t{std::any_of(runs.begin(), runs.end(), [](const RunState& run) {
-        return run.state == WatchState::kLive;
+    const std::vector<RunStatus>& runs = row.tally.runs;
+    return std::uint64_t{std::any_of(runs.begin(), runs.end(), [](const RunStatus& run) {
+        return run.state == RunState::kLive;
     })};
 }
 
 Number newestStart(const ServerRow& row) {
     std::time_t newest = 0;
-    for (const RunState& run : row.tally.runs) newest = std::max(newest, run.started);
+    for (const RunStatus& run : row.tally.runs) newest = std::max(newest, run.started);
     return unlessZero(newest);
 }
 
 Number attachedProcesses(const ServerRow& row) {
     std::uint64_t sum = 0;
-    for (const RunState& run : row.tally.runs) sum += run.processes;
+    for (const RunStatus& run : row.tally.runs) sum += run.processes;
     return sum;
 }
 
 constexpr Family<ServerRow> kServerFamilies[] = {
-    {"tolvane_server_up", kGauge, "1 while processes of the server run and are measured.", isUp},
+    {"tolvane_server_up", kGauge, "1 while the server runs and is measured.", isUp},
     {"tolvane_server_start_time_seconds", kGauge,
-     "Unix time at which the measurement of the server's newest run started.", newestStart},
+     "Unix time at which the server's newest run started.", newestStart},
     {"tolvane_server_attached_processes", kGauge,
-     "Processes of the server that are attached to its shared memory.", attachedProcesses},
-    {"tolvane_collector_takings_total", kCounter,
-     "Times that the server's counts were taken, since the collector started.",
-     [](const ServerRow& row) -> Number { return row.tally.takings; }},
-    {"tolvane_collector_last_taking_timestamp_seconds", kGauge,
-     "Unix time at which the server's counts were taken last.",
-     [](const ServerRow& row) { return unlessZero(row.tally.lastTaking); }},
+     "Processes that have the server's shared memory attached.", attachedProcesses},
+    {"tolvane_collector_collections_total", kCounter,
+     "Collections of the server's counts since the collector started.",
+     [](const ServerRow& row) -> Number { return row.tally.collections; }},
+    {"tolvane_collector_last_collection_timestamp_seconds", kGauge,
+     "Unix time of the last collection of the server's counts.",
+     [](const ServerRow& row) { return unlessZero(row.tally.lastCollection); }},
     {"tolvane_collector_busy_records_total", kCounter,
-     "Records left for the next taking because a process of the server held their lock.",
+     "Records left for the next collection because a process of the server held their lock.",
      [](const ServerRow& row) -> Number { return row.tally.busyRecords; }},
 };
 
 constexpr Family<ServerRow> kServerInfo[] = {
-    {"tolvane_server_info", kGauge, "The kind of server, as a label; the value is always 1.",
+    {"tolvane_server_info", kGauge, "The server's type as a label; the value is always 1.",
      [](const ServerRow&) -> Number { return std::uint64_t{1}; }},
 };
 
 constexpr Family<StateRow> kStateFamilies[] = {
-    {"tolvane_collector_servers", kGauge, "Runs of servers that have shared memory, by state.",
+    {"tolvane_collector_servers", kGauge,
+     "Runs of servers that have a shared memory segment, by state.",
      [](const StateRow& row) -> Number { return row.runs; }},
 };
 
 constexpr Family<CollectorRow> kBuildInfo[] = {
-    {"tolvane_build_info", kGauge, "The program's version, as a label; the value is always 1.",
+    {"tolvane_build_info", kGauge, "The program's version as a label; the value is always 1.",
      [](const CollectorRow&) -> Number { return std::uint64_t{1}; }},
 };
 
-// Of the configuration file, when there is one.
+// A value about the configuration file, absent without one.
 template <typename Value>
 Number ofConfig(const CollectorRow& row, Value value) {
     return row.health.configFile.empty() ? Number(Absent{}) : Number(std::uint64_t{value});
@@ -161,33 +131,33 @@ Number ofConfig(const CollectorRow& row, Value value) {
 
 constexpr Family<CollectorRow> kCollectorFamilies[] = {
     {"tolvane_collector_rounds_total", kCounter,
-     "Rounds in which the collector looked for servers and took their counts.",
+     "Rounds in which the collector found servers and collected their counts.",
      [](const CollectorRow& row) -> Number { return row.health.rounds; }},
     {"tolvane_collector_last_round_timestamp_seconds", kGauge,
      "Unix time of the collector's last round.",
      [](const CollectorRow& row) { return unlessZero(row.health.lastRound); }},
-    {"tolvane_collector_round_seconds", kSummary, "Time that the collector's rounds took.",
+    {"tolvane_collector_round_seconds", kSummary, "Duration of the collector's rounds.",
      [](const CollectorRow& row) -> Number { return row.health.roundSeconds; },
      [](const CollectorRow& row) -> Number { return row.health.rounds; }},
     {"tolvane_collector_record_lock_seconds_total", kCounter,
-     "Time for which the collector held locks that a server's processes might wait for.",
+     "Time for which the collector held locks of records.",
      [](const CollectorRow& row) -> Number { return row.health.lockSeconds; }},
-    {"tolvane_collector_store_failures_total", kCounter,
-     "Rounds whose totals could not be written to disk.",
+    {"tolvane_collector_store_failures_total", kCounter, "Rounds whose totals could not be saved.",
      [](const CollectorRow& row) -> Number { return row.health.storeFailures; }},
-    {"tolvane_collector_config_valid", kGauge,
-     "1 while the configuration file is valid; servers keep the last valid one.",
+    {"tolvane_collector_configuration_valid", kGauge,
+     "1 while the configuration file is valid; servers keep the last valid configuration.",
      [](const CollectorRow& row) { return ofConfig(row, row.health.configValid); }},
-    {"tolvane_collector_config_loaded_timestamp_seconds", kGauge,
+    {"tolvane_collector_configuration_loaded_timestamp_seconds", kGauge,
      "Unix time at which the last valid configuration was read.",
      [](const CollectorRow& row) {
          return row.health.configFile.empty() ? Number(Absent{})
                                               : unlessZero(row.health.configLoaded);
      }},
-    {"tolvane_collector_configurations_written_total", kCounter, "Configurations given to servers.",
+    {"tolvane_collector_configurations_written_total", kCounter,
+     "Configurations written to servers.",
      [](const CollectorRow& row) { return ofConfig(row, row.health.configWritten); }},
     {"tolvane_collector_configuration_failures_total", kCounter,
-     "Servers that could not be given a configuration.",
+     "Configurations that could not be written to a server.",
      [](const CollectorRow& row) { return ofConfig(row, row.health.configFailures); }},
     {"process_cpu_seconds_total", kCounter, "User and system time of the collector.",
      [](const CollectorRow& row) -> Number { return row.process.cpuSeconds; }},
@@ -214,8 +184,8 @@ std::string withLabel(std::string labels, std::string_view name, std::string_vie
     return labels;
 }
 
-// What so many samples for each of the rows take at most. A text that grows
-// beyond its memory is copied, and fresh memory is what it costs most.
+// The bytes that this number of samples for each of the rows takes at most. A
+// text that outgrows its memory is copied, and new memory is the largest cost.
 template <typename Row>
 std::size_t spaceFor(std::size_t samples, const std::vector<Row>& rows) {
     constexpr std::size_t kNameAndNumber = 70;
@@ -224,6 +194,13 @@ std::size_t spaceFor(std::size_t samples, const std::vector<Row>& rows) {
     return space;
 }
 
+template <typename Block>
+constexpr const auto& tableOf(const Sums<Block>&) {
+    return countersOf<Block>();
+}
+
+// Written by hand: a client library would keep each value as a double, which is
+// inexact above 2^53.
 class Exposition {
   public:
     explicit Exposition(std::size_t space) { text_.reserve(space); }
@@ -246,13 +223,16 @@ class Exposition {
         }
     }
 
+    // The counters of a block, each as a family of its own.
     template <typename Row>
-    void addTraffic(const char* prefix, const char* of, const std::vector<Row>& rows) {
-        for (const TrafficFamily& family : kTrafficFamilies) {
-            if (rows.empty()) break;
-            std::string name = std::string(prefix) + family.name;
-            head(name, fmt::format("{}, {}.", family.help, of), kCounter);
-            for (const Row& row : rows) sample(name, "", row.labels, row.counts.*family.count);
+    void addCounters(std::string_view prefix, std::string_view by, const std::vector<Row>& rows) {
+        if (rows.empty()) return;
+        const auto& first = rows.front().counts;
+        for (std::size_t i = 0; i < first.values.size(); ++i) {
+            const auto& counter = tableOf(first)[i];
+            std::string name = fmt::format("{}{}_total", prefix, counter.name);
+            head(name, fmt::format("{}, by {}.", counter.help, by), kCounter);
+            for (const Row& row : rows) sample(name, "", row.labels, row.counts.values[i]);
         }
     }
 
@@ -310,15 +290,13 @@ struct Rows {
 };
 
 void addSites(Rows& rows, const ServerTally& tally, const std::string& serverLabel) {
-    CleanNames sites;
     for (const SiteTally& site : tally.sites) {
         if (!site.configured) continue;
-        std::string siteLabels = withLabel(serverLabel, "site", sites.add(site.name));
-        CleanNames categories;
+        std::string siteLabels = withLabel(serverLabel, "site", site.name);
         for (const CategoryTally& category : site.categories) {
             if (!category.configured) continue;
-            std::string labels = withLabel(siteLabels, "category", categories.add(category.label));
-            rows.categories.push_back({std::move(labels), category.counts, category.answered});
+            rows.categories.push_back({withLabel(siteLabels, "category", category.label),
+                                       category.counts, category.responses});
         }
         rows.sites.push_back({std::move(siteLabels), site.counts});
     }
@@ -326,12 +304,11 @@ void addSites(Rows& rows, const ServerTally& tally, const std::string& serverLab
 
 Rows makeRows(const CollectorState& state) {
     Rows rows;
-    CleanNames servers;
-    for (const auto& [key, tally] : state.servers) {
-        std::string serverLabel = withLabel("", "server", servers.add(tally.name));
-        std::string typeLabels = withLabel(serverLabel, "type", cleanName(tally.type));
+    for (const auto& [name, tally] : state.servers) {
+        std::string serverLabel = withLabel("", "server", name);
         addSites(rows, tally, serverLabel);
-        rows.serverTypes.push_back({std::move(typeLabels), tally, tally.total});
+        rows.serverTypes.push_back(
+            {withLabel(serverLabel, "type", tally.type), tally, tally.total});
         rows.servers.push_back({std::move(serverLabel), tally, tally.total});
     }
     return rows;
@@ -339,14 +316,14 @@ Rows makeRows(const CollectorState& state) {
 
 std::vector<StateRow> runsByState(const CollectorState& state) {
     std::vector<StateRow> rows;
-    for (WatchState wanted : kWatchStates) {
+    for (RunState wanted : kRunStates) {
         std::uint64_t runs = 0;
         for (const auto& [name, tally] : state.servers) {
             runs += static_cast<std::uint64_t>(
                 std::count_if(tally.runs.begin(), tally.runs.end(),
-                              [&](const RunState& run) { return run.state == wanted; }));
+                              [&](const RunStatus& run) { return run.state == wanted; }));
         }
-        rows.push_back({withLabel("", "state", watchStateName(wanted)), runs});
+        rows.push_back({withLabel("", "state", runStateName(wanted)), runs});
     }
     return rows;
 }
@@ -357,17 +334,18 @@ std::string metricsText(const CollectorState& state, const ProcessFacts& process
                         const std::string& version) {
     Rows rows = makeRows(state);
     constexpr std::size_t kHelp = 16U << 10;
-    Exposition exposition(kHelp + spaceFor(15, rows.servers) +
-                          spaceFor(std::size(kTrafficFamilies), rows.sites) +
-                          spaceFor(std::size(kCategoryFamilies) + 1, rows.categories));
+    Exposition exposition(kHelp + spaceFor(TrafficCounts::kCount + 8, rows.servers) +
+                          spaceFor(TrafficCounts::kCount, rows.sites) +
+                          spaceFor(CategoryCounts::kCount + 2, rows.categories));
     exposition.add(kBuildInfo,
                    {CollectorRow{withLabel("", "version", version), state.health, process}});
     exposition.add(kCollectorFamilies, {CollectorRow{"", state.health, process}});
     exposition.add(kStateFamilies, runsByState(state));
     exposition.add(kServerInfo, rows.serverTypes);
     exposition.add(kServerFamilies, rows.servers);
-    exposition.addTraffic("tolvane_", "by server", rows.servers);
-    exposition.addTraffic("tolvane_site_", "by site", rows.sites);
+    exposition.addCounters("tolvane_", "server", rows.servers);
+    exposition.addCounters("tolvane_site_", "site", rows.sites);
+    exposition.addCounters("tolvane_category_", "category", rows.categories);
     exposition.add(kCategoryFamilies, rows.categories);
     return std::move(exposition).text();
 }

@@ -1,4 +1,4 @@
-// The files of the page, which are part of the program.
+// The files of the page, embedded in the program.
 #pragma once
 
 #include <string>
@@ -12,7 +12,7 @@ struct PageFile {
     std::string_view content;
 };
 
-// Null when there is none under the path.
+// Null when there is no such file.
 const PageFile* pageFile(std::string_view path);
 
 }  // namespace tolvane::agent

@@ -38,7 +38,7 @@ Pages::Pages(StateReader read, std::string version)
 HttpResponse Pages::answer(const HttpRequest& request, std::time_t now) const {
     const std::string& path = request.path;
     if (const PageFile* file = pageFile(path)) {
-        // Asked for again each time: the program may have been replaced.
+        // Revalidated each time: the program may have been replaced.
         return {
             200, file->contentType, std::string(file->content), {{"Cache-Control", "no-cache"}}};
     }
@@ -73,7 +73,7 @@ std::string complaintOf(const CollectorHealth& health, std::time_t now) {
     if (silent > std::max(kPatience, kIntervals * health.interval)) {
         return fmt::format("no round for {:.0f} seconds", silent);
     }
-    if (!health.storeWorks) return "the totals cannot be written down";
+    if (!health.storeWorks) return "the totals cannot be saved";
     return "";
 }
 

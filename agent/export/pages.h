@@ -1,8 +1,8 @@
-// What is served under which path:
-//   /             the page, and the files that it is made of
+// The paths of the HTTP server:
+//   /             the page and its files
 //   /metrics      for Prometheus
-//   /api/servers  the totals, /api/history the last minutes; ?server=NAME: of one
-//   /health       200 while all is well, 503 and what is wrong otherwise
+//   /api/servers  the totals; /api/history the last minutes; ?server=NAME: of one
+//   /health       200, or 503 and the reason
 #pragma once
 
 #include <ctime>
@@ -14,7 +14,7 @@
 
 namespace tolvane::agent {
 
-// Calls what it is given with the state, while nothing changes; as
+// Calls its argument with the state while the state does not change, as
 // Collector::read does.
 using StateReader = std::function<void(const std::function<void(const CollectorState&)>&)>;
 
@@ -30,7 +30,7 @@ class Pages {
     std::string version_;
 };
 
-// One line that says what is wrong; empty while all is well.
+// What is wrong, in one line; empty when the collector works.
 std::string complaintOf(const CollectorHealth& health, std::time_t now);
 
 }  // namespace tolvane::agent

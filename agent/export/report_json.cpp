@@ -2,6 +2,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "export/counters_json.h"
+
 namespace tolvane::agent {
 
 using Json = nlohmann::ordered_json;
@@ -13,19 +15,16 @@ Json orNull(const std::optional<double>& value) {
 }
 
 Json rowToJson(const ReportRow& row) {
-    Json json = {{"requests", row.counts.requests},
-                 {"errors", row.counts.errors},
-                 {"dropped_requests", row.counts.dropped},
-                 {"bytes_sent", row.counts.bytesSent}};
-    if (row.level != ReportRow::Level::kCategory) {
-        json["connections"] = row.counts.connections;
-        json["bytes_received"] = row.counts.bytesReceived;
-        json["redirects"] = row.counts.redirects;
-        json["client_errors"] = row.counts.clientErrors;
-        json["server_errors"] = row.counts.serverErrors;
+    Json json = Json::object();
+    if (row.level == ReportRow::Level::kCategory) {
+        for (const auto& counter : kCategoryCounters) {
+            json[counter.name] = *row.counts.named(counter.name);
+        }
+    } else {
+        addCounters(json, row.counts);
     }
     json["requests_per_second"] = row.requestsPerSecond;
-    json["bytes_sent_per_second"] = row.bytesSentPerSecond;
+    json["sent_bytes_per_second"] = row.bytesSentPerSecond;
     json["error_share"] = orNull(row.errorShare);
     json["mean_response_seconds"] = orNull(row.meanResponse);
     return json;
@@ -39,8 +38,8 @@ Json serverToJson(const Server& server) {
                  {"type", server.handoff.serverType},
                  {"segment", server.handoff.shmid},
                  {"records", server.handoff.structures},
-                 {"state", stateName(server.state)},
-                 {"why", server.why}};
+                 {"state", runStateName(server.state)},
+                 {"reason", server.reason}};
     json["process"] = server.process > 0 ? Json(server.process) : Json(nullptr);
     json["processes_attached"] = server.processes;
     json["configuration_version"] =

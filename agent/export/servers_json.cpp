@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "export/clean_name.h"
+#include "export/counters_json.h"
 
 namespace tolvane::agent {
 
@@ -36,9 +36,9 @@ Json healthToJson(const CollectorHealth& health) {
     return json;
 }
 
-Json runToJson(const RunState& run) {
-    return {{"state", watchStateName(run.state)},
-            {"why", cleanName(run.why)},
+Json runToJson(const RunStatus& run) {
+    return {{"state", runStateName(run.state)},
+            {"reason", run.reason},
             {"segment", run.shmid},
             {"handoff_process", run.pid},
             {"process", run.parentPid > 0 ? Json(run.parentPid) : Json(nullptr)},
@@ -48,59 +48,39 @@ Json runToJson(const RunState& run) {
             {"processes_attached", run.processes}};
 }
 
-void addCounts(Json& json, const TrafficCounts& counts) {
-    json["requests"] = counts.requests;
-    json["errors"] = counts.errors;
-    json["dropped_requests"] = counts.dropped;
-    json["bytes_sent"] = counts.bytesSent;
-    json["connections"] = counts.connections;
-    json["bytes_received"] = counts.bytesReceived;
-    json["redirects"] = counts.redirects;
-    json["client_errors"] = counts.clientErrors;
-    json["server_errors"] = counts.serverErrors;
-}
-
-Json categoryToJson(const CategoryTally& category, std::string label) {
-    return {{"label", std::move(label)},
-            {"configured", category.configured},
-            {"requests", category.counts.requests},
-            {"errors", category.counts.errors},
-            {"dropped_requests", category.counts.dropped},
-            {"bytes_sent", category.counts.bytesSent},
-            {"response_seconds", category.counts.responseTimeSum},
-            {"answered", category.answered}};
-}
-
-Json siteToJson(const SiteTally& site, std::string name) {
-    Json json = {{"name", std::move(name)}, {"configured", site.configured}};
-    addCounts(json, site.counts);
-    Json categories = Json::array();
-    CleanNames labels;
-    for (const CategoryTally& category : site.categories) {
-        categories.push_back(categoryToJson(category, labels.add(category.label)));
-    }
-    json["categories"] = std::move(categories);
+Json categoryToJson(const CategoryTally& category) {
+    Json json = {{"label", category.label}, {"configured", category.configured}};
+    addCounters(json, category.counts);
+    json["response_seconds"] = category.counts.responseTimeSum;
+    json["response_count"] = category.responses;
     return json;
 }
 
-Json serverToJson(const ServerTally& server, std::string name) {
+Json siteToJson(const SiteTally& site) {
+    Json json = {{"name", site.name}, {"configured", site.configured}};
+    addCounters(json, site.counts);
+    json["categories"] = Json::array();
+    for (const CategoryTally& category : site.categories) {
+        json["categories"].push_back(categoryToJson(category));
+    }
+    return json;
+}
+
+Json serverToJson(const ServerTally& server) {
     bool up = std::any_of(server.runs.begin(), server.runs.end(),
-                          [](const RunState& run) { return run.state == WatchState::kLive; });
-    Json json = {{"name", std::move(name)},
-                 {"type", cleanName(server.type)},
+                          [](const RunStatus& run) { return run.state == RunState::kLive; });
+    Json json = {{"name", server.name},
+                 {"type", server.type},
                  {"up", up},
-                 {"takings", server.takings},
-                 {"last_taking", orNull(server.lastTaking)},
+                 {"collections", server.collections},
+                 {"last_collection", orNull(server.lastCollection)},
                  {"busy_records", server.busyRecords},
                  {"runs", Json::array()}};
-    for (const RunState& run : server.runs) json["runs"].push_back(runToJson(run));
+    for (const RunStatus& run : server.runs) json["runs"].push_back(runToJson(run));
     json["total"] = Json::object();
-    addCounts(json["total"], server.total);
-    Json sites = Json::array();
-    CleanNames names;
-    for (const SiteTally& site : server.sites)
-        sites.push_back(siteToJson(site, names.add(site.name)));
-    json["sites"] = std::move(sites);
+    addCounters(json["total"], server.total);
+    json["sites"] = Json::array();
+    for (const SiteTally& site : server.sites) json["sites"].push_back(siteToJson(site));
     return json;
 }
 
@@ -110,13 +90,10 @@ std::string serversJson(const CollectorState& state, const std::string& version,
                         const std::optional<std::string>& server) {
     Json json = {{"version", version}, {"time", now}, {"collector", healthToJson(state.health)}};
     json["servers"] = Json::array();
-    CleanNames names;
     for (const auto& [key, tally] : state.servers) {
-        std::string name = names.add(tally.name);
-        if (server && *server != name) continue;
-        json["servers"].push_back(serverToJson(tally, std::move(name)));
+        if (!server || *server == tally.name) json["servers"].push_back(serverToJson(tally));
     }
-    // Names are clean, but a configuration file's path may hold any byte as well.
+    // The path of the configuration file may contain any byte.
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 

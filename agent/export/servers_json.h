@@ -1,4 +1,4 @@
-// The totals for programs, the page among them.
+// The totals as JSON, for the page and for programs.
 #pragma once
 
 #include <ctime>
@@ -9,8 +9,8 @@
 
 namespace tolvane::agent {
 
-// Of one server only when its name is given. What is configured no longer is
-// among the sites and categories too, and says so.
+// Of all servers, or of one. Sites and categories that are no longer configured
+// are included and marked.
 std::string serversJson(const CollectorState& state, const std::string& version, std::time_t now,
                         const std::optional<std::string>& server = {});
 

@@ -15,11 +15,12 @@ namespace tolvane::agent {
 namespace {
 
 constexpr unsigned kMaxConnections = 64;
-constexpr unsigned kSilenceLimit = 10;  // seconds
+constexpr unsigned kIdleLimit = 10;  // seconds
 constexpr std::size_t kConnectionMemory = 32U << 10;
 
-// Responses wait in memory until their clients have read them. Beyond this,
-// there are no further ones: clients that do not read must not fill the memory.
+// Responses stay in memory until their clients have read them. Above this limit
+// there are no further ones, so that clients that do not read cannot use up the
+// memory.
 constexpr std::size_t kMaxWaiting = 64U << 20;
 
 constexpr std::pair<const char*, const char*> kSecurityHeaders[] = {
@@ -68,7 +69,7 @@ HttpResponse plainText(int status, std::string text) {
     return {status, "text/plain; charset=utf-8", std::move(text) + "\n", {}};
 }
 
-// A server's signals are for the thread that waits for them.
+// The thread of the server must not receive signals.
 class SignalsBlocked {
   public:
     SignalsBlocked() {
@@ -116,7 +117,7 @@ HttpServer::Impl::Impl(const ListenAddress& address, HttpHandler handler)
     daemon_ = ::MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, nullptr, nullptr, &Impl::onRequest, this,
         MHD_OPTION_LISTEN_SOCKET, listening, MHD_OPTION_CONNECTION_LIMIT, kMaxConnections,
-        MHD_OPTION_CONNECTION_TIMEOUT, kSilenceLimit, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
+        MHD_OPTION_CONNECTION_TIMEOUT, kIdleLimit, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
         kConnectionMemory, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_END);
     if (daemon_ == nullptr) {
         ::close(listening);
@@ -130,8 +131,8 @@ MHD_Result HttpServer::Impl::onRequest(void* self, MHD_Connection* connection, c
                                        const char* method, const char*, const char*, std::size_t*,
                                        void** requestState) {
     auto& server = *static_cast<Impl*>(self);
-    // First it is called after the headers: a response given then ends the
-    // connection, which is as it should be when a body would follow.
+    // The first call comes after the headers. A response in that call ends the
+    // connection, which is correct when a body would follow.
     bool isFirst = *requestState == nullptr;
     *requestState = self;
     if (isFirst && !announcesBody(connection)) return MHD_YES;

@@ -1,5 +1,5 @@
-// HTTP over libmicrohttpd: one thread serves all connections; their number,
-// their memory and the time that they may stay silent are bounded.
+// HTTP with libmicrohttpd: one thread serves all connections. Their number, their
+// memory and their idle time are limited.
 #pragma once
 
 #include <cstdint>
@@ -27,20 +27,20 @@ struct HttpResponse {
     std::vector<std::pair<std::string, std::string>> headers;
 };
 
-// Is called for GET and HEAD only, by the server's thread, one request at a
-// time. An exception becomes a response with status 500.
+// Called for GET and HEAD only, in the server's thread, for one request at a time.
+// An exception becomes a response with status 500.
 using HttpHandler = std::function<HttpResponse(const HttpRequest&)>;
 
 class HttpServer {
   public:
-    // Serves from now on. Throws Error that names the address when it cannot.
+    // Starts serving. Throws Error with the address.
     HttpServer(const ListenAddress& address, HttpHandler handler);
     // Ends all connections.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    std::uint16_t port() const;  // the real one, when any free one was asked for
+    std::uint16_t port() const;  // the actual one, if port 0 was requested
 
   private:
     class Impl;

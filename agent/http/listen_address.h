@@ -1,4 +1,4 @@
-// Where the pages are served: the argument of --listen.
+// The address of the HTTP server: the argument of --listen.
 #pragma once
 
 #include <cstdint>
@@ -21,11 +21,11 @@ ListenAddress parseListenAddress(std::string_view text);
 // In the same form: "[::1]:9931", "*:9931".
 std::string toString(const ListenAddress& address);
 
-// A socket that listens there. For all addresses it takes IPv6 and IPv4, or
-// IPv4 alone where the system has no IPv6. Throws Error.
+// A socket that listens on the address. For all addresses it accepts IPv6 and
+// IPv4, or IPv4 only where the system has no IPv6. Throws Error.
 int listenOn(const ListenAddress& address);
 
-// The port that the socket has got.
+// The port of the socket.
 std::uint16_t portOf(int listeningSocket);
 
 }  // namespace tolvane::agent

@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include "os/error.h"
-#include "tolvane/segment_format.h"
 
 namespace tolvane::agent {
 
@@ -28,7 +27,7 @@ void makeDirectories(const std::string& path, mode_t mode) {
         bool made = ::mkdir(directory.c_str(), 0755) == 0;
         int error = errno;  // of mkdir, before anything else sets it
         if (made) {
-            // The mode is not to depend on the caller's umask.
+            // Whatever the umask of the caller is.
             ::chmod(directory.c_str(), last ? mode : 0755);
         } else if (!isDirectory(directory)) {
             fail(ErrorKind::kFailed, "{}: cannot be created: {}", directory, std::strerror(error));
@@ -42,7 +41,7 @@ void makeAgentDirectories() {
         makeDirectories(directory.path, directory.mode);
     }
     int log = ::open(kLogFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
-    if (log < 0) return;  // it is there already
+    if (log < 0) return;  // it exists already
     ::fchmod(log, 0666);
     ::close(log);
 }

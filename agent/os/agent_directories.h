@@ -1,4 +1,4 @@
-// The directories that the measured servers and their agent share.
+// The directories that measured servers and the agent share.
 #pragma once
 
 #include <sys/types.h>
@@ -6,12 +6,18 @@
 #include <string>
 #include <vector>
 
-namespace tolvane::agent {
+#include "tolvane/paths.h"
 
-inline constexpr char kAgentDirectory[] = "/opt/tolvane/agent";
+namespace tolvane::agent {
 
 // Roots that are prepared for servers whose files lie elsewhere.
 inline constexpr char kPreparedRoots[] = "/opt/tolvane/agent/data/servers/";
+
+// Links to the libraries of both word sizes, for a build tree.
+inline constexpr char kPreloadDirectory[] = "/opt/tolvane/agent/data/preload";
+
+// Totals of the collector, unless it is told another directory.
+inline constexpr char kCollectorState[] = "/opt/tolvane/agent/data/collector";
 
 struct AgentDirectory {
     const char* path;
@@ -19,12 +25,12 @@ struct AgentDirectory {
     const char* purpose;
 };
 
-// Servers start and stop as root, so only they write handoff files and the
-// lock. Worker processes run as somebody else and write to the log.
+// Servers start and stop as root and then write handoff files and the lock file.
+// Worker processes run as another user and write to the log only.
 inline constexpr AgentDirectory kAgentDirectories[] = {
-    {"/opt/tolvane/agent/logs", 01777, "the log"},
-    {"/opt/tolvane/agent/config", 0755, "the handoff files"},
-    {"/opt/tolvane/agent/data", 0755, "the lock file"},
+    {kLogDirectory, 01777, "the log"},
+    {kConfigDirectory, 0755, "the handoff files"},
+    {kDataDirectory, 0755, "the lock file"},
 };
 
 // Creates the directory and those above it; present ones stay as they are.

@@ -1,4 +1,4 @@
-// What kind of executable a file is, and for which word size.
+// The kind and word size of an executable file.
 #pragma once
 
 #include <optional>
@@ -21,7 +21,7 @@ Executable inspectExecutable(const std::string& path);
 // The class and machine of an ELF header; kUnknown for anything but x86.
 WordSize elfWordSize(std::string_view header);
 
-// The file that execvp would start, or nothing.
+// The file that execvp would execute.
 std::optional<std::string> findInPath(const std::string& name);
 
 }  // namespace tolvane::agent

@@ -1,4 +1,4 @@
-// Who listens on a TCP port.
+// Processes that listen on a TCP port.
 #pragma once
 
 #include <sys/types.h>
@@ -7,7 +7,7 @@
 
 namespace tolvane::agent {
 
-// Only the processes that we may look into.
+// Only processes that may be examined.
 std::vector<pid_t> listenersOn(int port);
 
 }  // namespace tolvane::agent

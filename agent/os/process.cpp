@@ -16,6 +16,7 @@
 
 #include "os/error.h"
 #include "os/text.h"
+#include "tolvane/paths.h"
 
 namespace tolvane::agent {
 
@@ -41,30 +42,30 @@ struct Pipe {
     }
 };
 
-volatile pid_t listenedTo = 0;
+volatile pid_t runningChild = 0;
 
 void endWithChild(int signal) {
-    if (listenedTo > 0) ::kill(-listenedTo, SIGKILL);
+    if (runningChild > 0) ::kill(-runningChild, SIGKILL);
     ::signal(signal, SIG_DFL);
     ::raise(signal);
 }
 
-// The terminal does not signal the child: it has a process group of its own,
-// so that the time limit reaches what it has started.
-class EndsWithUs {
+// The child has its own process group, so that the time limit also ends the
+// processes it has started. The terminal does not signal that group.
+class ChildGuard {
   public:
-    EndsWithUs() {
+    ChildGuard() {
         for (std::size_t i = 0; i < kSignals.size(); ++i) {
             before_[i] = ::signal(kSignals[i], endWithChild);
             if (before_[i] == SIG_IGN) ::signal(kSignals[i], SIG_IGN);
         }
     }
-    ~EndsWithUs() {
-        listenedTo = 0;
+    ~ChildGuard() {
+        runningChild = 0;
         for (std::size_t i = 0; i < kSignals.size(); ++i) ::signal(kSignals[i], before_[i]);
     }
-    EndsWithUs(const EndsWithUs&) = delete;
-    EndsWithUs& operator=(const EndsWithUs&) = delete;
+    ChildGuard(const ChildGuard&) = delete;
+    ChildGuard& operator=(const ChildGuard&) = delete;
 
   private:
     static constexpr std::array kSignals = {SIGINT, SIGTERM, SIGHUP};
@@ -127,12 +128,12 @@ ProcessAnswer runAndListen(const std::vector<std::string>& command,
                            std::chrono::seconds limit) {
     Pipe output;
     Pipe errors;
-    EndsWithUs signals;
+    ChildGuard guard;
     pid_t child = ::fork();
     if (child < 0) fail(ErrorKind::kFailed, "fork: {}", std::strerror(errno));
     if (child == 0) becomeChild(command, environment, output, errors);
     ::setpgid(child, child);
-    listenedTo = child;
+    runningChild = child;
     output.closeEnd(1);
     errors.closeEnd(1);
     ProcessAnswer answer;
@@ -150,7 +151,7 @@ ProcessAnswer runAndListen(const std::vector<std::string>& command,
 
 bool processExists(pid_t pid) {
     if (pid <= 0 || (::kill(pid, 0) != 0 && errno != EPERM)) return false;
-    // The state follows the name, which may hold anything but ends with the
+    // The state follows the name, which may contain any character and ends at the
     // last parenthesis.
     auto status = readFile(procPath(pid, "stat"));
     std::size_t name = status ? status->rfind(')') : std::string::npos;
@@ -215,11 +216,15 @@ std::optional<std::vector<std::string>> processMappings(pid_t pid) {
     return lines;
 }
 
+bool mapsLibrary(const std::vector<std::string>& mappings) {
+    return std::any_of(mappings.begin(), mappings.end(), [](const std::string& line) {
+        return line.find(kLibraryName) != std::string::npos;
+    });
+}
+
 bool hasShimLoaded(pid_t pid) {
     auto mappings = processMappings(pid);
-    return mappings && std::any_of(mappings->begin(), mappings->end(), [](const std::string& line) {
-               return line.find("/libtolvane.so") != std::string::npos;
-           });
+    return mappings && mapsLibrary(*mappings);
 }
 
 bool sharesIpcNamespace(pid_t pid) {

@@ -1,4 +1,4 @@
-// Other processes: starting one to hear its answer, and what /proc tells.
+// Other processes: running a program for its output, and data from /proc.
 #pragma once
 
 #include <sys/types.h>
@@ -19,19 +19,19 @@ struct ProcessAnswer {
 };
 
 // Runs a program and collects what it writes. Throws Error when it cannot
-// be started. `environment` replaces or adds variables. A signal that ends us
-// in the meantime ends it as well.
+// be started. `environment` replaces or adds variables. A signal that ends this
+// process ends the program as well.
 ProcessAnswer runAndListen(const std::vector<std::string>& command,
                            const std::map<std::string, std::string>& environment,
                            std::chrono::seconds limit);
 
-// A process of that id runs (also one that we may not signal). One that has
-// ended and waits for its parent to notice does not.
+// Whether a process of that id runs, also one that must not be signalled. A zombie
+// does not run.
 bool processExists(pid_t pid);
 
 std::vector<pid_t> allProcesses();
 
-// The one whose parent is none of them; 0 when there are none.
+// The first process whose parent is not in the list; 0 for an empty list.
 pid_t oldestOf(const std::vector<pid_t>& processes);
 std::optional<pid_t> parentOf(pid_t pid);
 std::string processName(pid_t pid);  // "?" when it cannot be read
@@ -40,10 +40,13 @@ std::string processName(pid_t pid);  // "?" when it cannot be read
 std::optional<std::map<std::string, std::string>> processEnvironment(pid_t pid);
 std::optional<std::vector<std::string>> processMappings(pid_t pid);
 
-// As far as it can be looked into.
+// False when the process cannot be examined.
 bool hasShimLoaded(pid_t pid);
 
-// The process lives in our own System V IPC namespace.
+// The lines of /proc/PID/maps name the shim's library.
+bool mapsLibrary(const std::vector<std::string>& mappings);
+
+// Whether the process is in the same System V IPC namespace.
 bool sharesIpcNamespace(pid_t pid);
 
 }  // namespace tolvane::agent

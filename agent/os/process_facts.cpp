@@ -35,8 +35,8 @@ std::vector<std::string> statFields() {
                                         : splitWords(std::string_view(text).substr(nameEnd + 1));
 }
 
-// The kernel counts in ticks since it started; Unix time is told from that by
-// the clocks as they are now.
+// The kernel counts in ticks since boot; the difference of two clocks converts
+// that to Unix time.
 double startTime(const std::string& ticks) {
     double sinceBoot =
         std::strtod(ticks.c_str(), nullptr) / static_cast<double>(::sysconf(_SC_CLK_TCK));
@@ -46,7 +46,7 @@ double startTime(const std::string& ticks) {
 }  // namespace
 
 ProcessFacts readProcessFacts() {
-    // Places of the fields, from the process's state on.
+    // Indices of the fields, from the process's state on.
     constexpr std::size_t kStarted = 19;
     constexpr std::size_t kResidentPages = 21;
     ProcessFacts facts;
@@ -54,8 +54,8 @@ ProcessFacts readProcessFacts() {
     ::getrusage(RUSAGE_SELF, &usage);
     facts.cpuSeconds = secondsOf(usage.ru_utime) + secondsOf(usage.ru_stime);
     if (std::vector<std::string> fields = statFields(); fields.size() > kResidentPages) {
-        // Once: the clocks move against each other, and a start time that
-        // changes reads as a restart.
+        // Once: the difference of the clocks changes, and a changed start time would
+        // look like a restart.
         static const double started = startTime(fields[kStarted]);
         facts.started = started;
         facts.residentBytes = std::strtoull(fields[kResidentPages].c_str(), nullptr, 10) *
@@ -66,7 +66,7 @@ ProcessFacts readProcessFacts() {
          !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         ++facts.openDescriptors;
     }
-    // One of them is the listing's own.
+    // One of them is that of the listing.
     if (facts.openDescriptors > 0) --facts.openDescriptors;
     return facts;
 }

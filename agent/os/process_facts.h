@@ -1,4 +1,4 @@
-// What the collector's own process takes of the machine.
+// The resources that this process uses.
 #pragma once
 
 #include <cstdint>

@@ -1,12 +1,12 @@
-// Word to the service manager that started us, if one did: the datagrams that
-// systemd documents for its NOTIFY_SOCKET.
+// Messages to the service manager: the datagrams that systemd documents for
+// NOTIFY_SOCKET.
 #pragma once
 
 #include <string_view>
 
 namespace tolvane::agent {
 
-// "READY=1", "WATCHDOG=1", "STATUS=...". Nothing happens without a manager.
+// "READY=1", "WATCHDOG=1", "STATUS=...". Without a manager nothing happens.
 void tellServiceManager(std::string_view message);
 
 }  // namespace tolvane::agent

@@ -9,7 +9,7 @@ struct seminfo;
 
 namespace tolvane::agent {
 
-// semctl takes its fourth argument as a union that the caller declares.
+// The fourth argument of semctl is a union that the caller declares.
 union SemaphoreArgument {
     int value;
     semid_ds* status;

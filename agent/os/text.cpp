@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utf8proc.h>
 
 #include <algorithm>
 #include <cctype>
@@ -19,7 +20,7 @@
 namespace tolvane::agent {
 
 std::optional<std::string> readFile(const std::string& path, std::size_t limit, PipeWriter writer) {
-    // A FIFO planted under a name we read must not hold us up.
+    // A FIFO under that name must not block the reader.
     int waiting = writer == PipeWriter::kIgnored ? O_NONBLOCK : 0;
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | waiting);
     if (fd < 0) return std::nullopt;
@@ -47,7 +48,7 @@ std::optional<std::string> readFile(const std::string& path, std::size_t limit, 
 
 namespace {
 
-// Two starts at the same time are not to write into one file.
+// Two processes must not write the same temporary file.
 std::string temporaryBeside(const std::string& path) {
     return fmt::format("{}.{:08x}.new", path, std::random_device{}());
 }
@@ -150,59 +151,26 @@ std::optional<std::int32_t> parseInt32(std::string_view text) {
 
 namespace {
 
-// Length of the UTF-8 sequence at the start of the text, 0 when there is none.
-std::size_t sequenceLength(std::string_view text) {
-    auto first = static_cast<unsigned char>(text[0]);
-    std::size_t length = 0;
-    if (first < 0x80) return 1;
-    if (first >= 0xC2 && first <= 0xDF) length = 2;
-    if (first >= 0xE0 && first <= 0xEF) length = 3;
-    if (first >= 0xF0 && first <= 0xF4) length = 4;
-    if (length == 0 || text.size() < length) return 0;
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) return 0;
-    }
-    auto second = static_cast<unsigned char>(text[1]);
-    // Longer forms of what has a shorter one, surrogates, and what lies beyond
-    // the last character.
-    bool overlong = (first == 0xE0 && second < 0xA0) || (first == 0xF0 && second < 0x90);
-    bool none = (first == 0xED && second >= 0xA0) || (first == 0xF4 && second >= 0x90);
-    // U+0080 to U+009F are control characters that some terminals obey.
-    bool control = first == 0xC2 && second < 0xA0;
-    return overlong || none || control ? 0 : length;
-}
+// A character at the start of a text. A byte that is not valid UTF-8, or a control
+// character, cannot be displayed.
+struct Character {
+    std::string_view bytes;
+    std::size_t columns = 1;
+    bool displayable = false;
+};
 
-// Of a sequence that sequenceLength accepts.
-std::uint32_t codePoint(std::string_view sequence) {
-    constexpr std::uint32_t kFirstBits[] = {0, 0x7F, 0x1F, 0x0F, 0x07};
-    std::uint32_t point = static_cast<unsigned char>(sequence[0]) & kFirstBits[sequence.size()];
-    for (char c : sequence.substr(1)) point = point << 6 | (static_cast<unsigned char>(c) & 0x3F);
-    return point;
-}
-
-// The locale may be "C", in which wcwidth() knows ASCII only.
-std::size_t columnsOf(std::uint32_t point) {
-    struct Range {
-        std::uint32_t first, last;
-        std::size_t columns;
-    };
-    static constexpr Range kUnusual[] = {
-        {0x0300, 0x036F, 0},   {0x1100, 0x115F, 2},   {0x200B, 0x200F, 0},   {0x20D0, 0x20F0, 0},
-        {0x2E80, 0x303E, 2},   {0x3041, 0xA4CF, 2},   {0xA960, 0xA97C, 2},   {0xAC00, 0xD7A3, 2},
-        {0xF900, 0xFAFF, 2},   {0xFE00, 0xFE0F, 0},   {0xFE20, 0xFE2F, 0},   {0xFE30, 0xFE6F, 2},
-        {0xFF00, 0xFF60, 2},   {0xFFE0, 0xFFE6, 2},   {0x1F300, 0x1F64F, 2}, {0x1F680, 0x1F6FF, 2},
-        {0x1F900, 0x1F9FF, 2}, {0x20000, 0x3FFFD, 2},
-    };
-    for (const Range& range : kUnusual) {
-        if (point >= range.first && point <= range.last) return range.columns;
-    }
-    return 1;
-}
-
-// Takes the first character off; a byte that is not UTF-8 counts as one.
-std::string_view takeCharacter(std::string_view& text) {
-    std::string_view character = text.substr(0, std::max<std::size_t>(sequenceLength(text), 1));
-    text.remove_prefix(character.size());
+// Takes the first character off the text.
+Character takeCharacter(std::string_view& text) {
+    utf8proc_int32_t point = -1;
+    auto length = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
+                                   static_cast<utf8proc_ssize_t>(text.size()), &point);
+    Character character;
+    character.bytes =
+        text.substr(0, static_cast<std::size_t>(std::max<utf8proc_ssize_t>(length, 1)));
+    text.remove_prefix(character.bytes.size());
+    if (point < 0 || utf8proc_category(point) == UTF8PROC_CATEGORY_CC) return character;
+    character.displayable = true;
+    character.columns = static_cast<std::size_t>(std::max(utf8proc_charwidth(point), 0));
     return character;
 }
 
@@ -211,33 +179,31 @@ std::string_view takeCharacter(std::string_view& text) {
 std::string printable(std::string_view text) {
     std::string result;
     while (!text.empty()) {
-        std::size_t length = sequenceLength(text);
-        auto first = static_cast<unsigned char>(text[0]);
-        if (length == 0 || first < 0x20 || first == 0x7F) {
-            result += '?';
-            text.remove_prefix(1);
+        Character character = takeCharacter(text);
+        if (character.displayable) {
+            result += character.bytes;
         } else {
-            result += text.substr(0, length);
-            text.remove_prefix(length);
+            result.append(character.bytes.size(), '?');
         }
     }
     return result;
 }
 
+// By character, since the locale may be "C", in which wcswidth() knows ASCII only.
 std::size_t displayWidth(std::string_view text) {
     std::size_t width = 0;
-    while (!text.empty()) width += columnsOf(codePoint(takeCharacter(text)));
+    while (!text.empty()) width += takeCharacter(text).columns;
     return width;
 }
 
 std::string cutToWidth(std::string_view text, std::size_t width) {
     if (displayWidth(text) <= width) return std::string(text);
     std::string result;
-    for (std::size_t taken = 1;;) {
-        std::string_view character = takeCharacter(text);
-        taken += columnsOf(codePoint(character));
-        if (taken > width) break;
-        result += character;
+    for (std::size_t used = 1;;) {
+        Character character = takeCharacter(text);
+        used += character.columns;
+        if (used > width) break;
+        result += character.bytes;
     }
     return result + (width > 0 ? "~" : "");
 }

@@ -14,7 +14,7 @@ inline constexpr std::size_t kMaxTextFile = 4U << 20;
 
 // The file's content, or nothing when it cannot be read (errno says why). At
 // most `limit` bytes are read; a longer file counts as unreadable (EFBIG). A
-// pipe without a writer reads as empty, unless the writer is to be waited for.
+// pipe without a writer reads as empty, unless kAwaited waits for the writer.
 enum class PipeWriter { kIgnored, kAwaited };
 std::optional<std::string> readFile(const std::string& path, std::size_t limit = kMaxTextFile,
                                     PipeWriter writer = PipeWriter::kIgnored);
@@ -23,11 +23,10 @@ std::optional<std::string> readFile(const std::string& path, std::size_t limit =
 // or the new one. Throws Error.
 void replaceFile(const std::string& path, std::string_view content);
 
-// Makes a symbolic link, in the place of an older one. Throws Error.
+// Makes or replaces a symbolic link. Throws Error.
 void replaceLink(const std::string& path, const std::string& target);
 
-// Absolute and without links; nothing when there is no such file (errno says
-// why).
+// Absolute and without links; nothing, with errno, when there is no such file.
 std::optional<std::string> realPath(const std::string& path);
 
 // What follows the last slash.
@@ -42,15 +41,15 @@ std::string lower(std::string_view text);
 // except for a leading '-'.
 std::optional<std::int32_t> parseInt32(std::string_view text);
 
-// Text from a file or a segment, made safe for a terminal: control characters
-// and bytes that are not UTF-8 become '?'.
+// The text as valid UTF-8 without control characters: each byte of another kind
+// becomes '?', so that the text never becomes longer. Applied wherever text is
+// read from a file, a segment or the command line and shown later.
 std::string printable(std::string_view text);
 
-// Columns that the text takes on a terminal: two for an East Asian character
-// or a pictograph, none for a mark that combines with the one before.
+// Columns that the text takes on a terminal.
 std::size_t displayWidth(std::string_view text);
 
-// The text in at most so many columns; a '~' stands for what is missing.
+// The text in at most that many columns; '~' replaces what does not fit.
 std::string cutToWidth(std::string_view text, std::size_t width);
 
 // "1 server", "3 servers".

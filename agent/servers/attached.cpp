@@ -23,8 +23,8 @@ Mapping mappingOf(const std::string& line, const std::string& shmid) {
     return fields[1].find('w') != std::string::npos ? Mapping::kWritable : Mapping::kReadOnly;
 }
 
-// A server's processes may write, and so may another agent. The library may
-// have been given under another name, but none is measured without the variable.
+// Not only a server's processes have write access, also another agent may. The
+// library may have another name, but no process is measured without the variable.
 bool isServers(pid_t pid, const std::vector<std::string>& mappings) {
     if (mapsLibrary(mappings)) return true;
     auto environment = processEnvironment(pid);
@@ -32,12 +32,6 @@ bool isServers(pid_t pid, const std::vector<std::string>& mappings) {
 }
 
 }  // namespace
-
-bool mapsLibrary(const std::vector<std::string>& mappings) {
-    return std::any_of(mappings.begin(), mappings.end(), [](const std::string& line) {
-        return line.find("libtolvane.so") != std::string::npos;
-    });
-}
 
 AttachedProcesses attachedProcesses(std::int32_t shmid, pid_t mainProcess) {
     AttachedProcesses attached;

@@ -1,4 +1,4 @@
-// Which processes have a segment attached, as far as we may look into them.
+// Which processes have a segment attached, as far as they may be examined.
 #pragma once
 
 #include <sys/types.h>
@@ -11,13 +11,10 @@ namespace tolvane::agent {
 
 struct AttachedProcesses {
     std::vector<pid_t> servers;  // a measured server's processes
-    std::vector<pid_t> others;   // somebody who watches, or another agent
+    std::vector<pid_t> others;   // readers, or another agent
 };
 
-// The lines of /proc/PID/maps show the measurement's library.
-bool mapsLibrary(const std::vector<std::string>& mappings);
-
-// `mainProcess` is the one that the segment names; -1 when it names none.
+// `mainProcess` is the one in the segment; -1 while unknown.
 AttachedProcesses attachedProcesses(std::int32_t shmid, pid_t mainProcess);
 
 }  // namespace tolvane::agent

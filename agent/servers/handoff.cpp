@@ -11,6 +11,7 @@
 
 #include "os/error.h"
 #include "os/text.h"
+#include "tolvane/limits.h"
 #include "tolvane/segment_format.h"
 
 namespace tolvane::agent {
@@ -19,20 +20,20 @@ namespace {
 
 constexpr std::size_t kMaxHandoffSize = 64U << 10;
 
-// A server names at most so many addresses, and none longer than that. What
-// goes beyond would only make every message unreadable.
-constexpr std::size_t kMaxAddresses = 20;
+// Addresses that a server names at most, and bytes of each. More would only make
+// messages unreadable.
+constexpr std::size_t kMaxListen = 2 * kMaxAddresses;
 constexpr std::size_t kMaxText = 55;
 
-// Bytes of a segment must stay within a signed 32-bit count, which bounds the
-// records that any server can have.
+// The size of a segment is a signed 32-bit number, which limits the records of a
+// server.
 constexpr std::int32_t kMaxStructures = static_cast<std::int32_t>(
     (static_cast<std::size_t>(std::numeric_limits<std::int32_t>::max()) - kConfigSize) /
     kRecordSize);
 
 std::vector<std::string> splitAddresses(std::string_view text) {
     std::vector<std::string> addresses;
-    while (!text.empty() && addresses.size() < kMaxAddresses) {
+    while (!text.empty() && addresses.size() < kMaxListen) {
         std::size_t comma = std::min(text.find(','), text.size());
         if (comma > 0) addresses.push_back(printable(text.substr(0, std::min(comma, kMaxText))));
         text.remove_prefix(std::min(comma + 1, text.size()));
@@ -91,13 +92,13 @@ std::vector<Handoff> readHandoffs(const std::string& directory) {
         std::string_view name = entry->d_name;
         if (name.substr(0, prefix.size()) != prefix) continue;
         auto pid = parseInt32(name.substr(prefix.size()));
-        // No server writes leading zeros; such a file names somebody else's process.
+        // No server writes leading zeros.
         if (!pid || *pid <= 0 || std::to_string(*pid) != name.substr(prefix.size())) continue;
         Handoff handoff;
         handoff.path = directory + std::string(name);
         handoff.pid = *pid;
         struct stat status {};
-        // A name that is not a plain file is none of ours.
+        // A server writes plain files only.
         if (::lstat(handoff.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
         handoff.written = status.st_mtime;
         if (auto text = readFile(handoff.path, kMaxHandoffSize)) {

@@ -16,11 +16,11 @@ struct Handoff {
     std::string path;
     pid_t pid = 0;  // from the file's name: the process that started the measurement
     std::time_t written = 0;
-    std::vector<std::string> listen;  // "address:port", as the server's configuration names them
+    std::vector<std::string> listen;  // "address:port", as in the server's configuration
     std::int32_t shmid = -1;
     std::string serverType;
     std::int32_t structures = 0;
-    std::string problem;  // what is wrong with the file; empty when all of it was read
+    std::string problem;  // why the file is not valid; empty when it is
 };
 
 // Fills the fields that the text gives.

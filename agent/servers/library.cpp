@@ -15,8 +15,6 @@ namespace tolvane::agent {
 
 namespace {
 
-constexpr const char* kLibraryName = "/libtolvane.so";
-
 std::string ownDirectory() {
     char path[PATH_MAX];
     ssize_t length = ::readlink("/proc/self/exe", path, sizeof path);
@@ -25,20 +23,19 @@ std::string ownDirectory() {
     return text.substr(0, text.rfind('/'));
 }
 
-// LD_PRELOAD separates its entries by blanks and colons, without a way to
-// write either in a name.
+// Blanks and colons separate the entries of LD_PRELOAD and cannot be quoted.
 void refuseUnpreloadable(const std::string& path) {
     if (path.find_first_of(" \t\n:;") == std::string::npos) return;
     fail(ErrorKind::kInvalidInput,
          "{}: the dynamic linker takes no library from a path with a blank or colon", path);
 }
 
-// The dynamic linker puts its own word for the library directory in the place
-// of $LIB; which one depends on how it was built.
+// The dynamic linker replaces $LIB by the name of its library directory, which
+// depends on its build.
 const std::vector<const char*> kNames64 = {"lib/x86_64-linux-gnu", "lib64"};
 const std::vector<const char*> kNames32 = {"lib/i386-linux-gnu", "lib32", "lib"};
 
-// Where an installation has both libraries, below the names above.
+// The directory of an installation that contains both libraries.
 std::string installedDirectory() {
     std::string directory = ownDirectory() + "/../lib/tolvane";
     return realPath(directory).value_or(directory);
@@ -48,7 +45,7 @@ bool areInstalled(const Libraries& libraries) {
     std::string directory = installedDirectory() + "/";
     auto at = [&](WordSize size, const char* name) {
         auto found = libraries.find(size);
-        return found != libraries.end() && found->second == directory + name + kLibraryName;
+        return found != libraries.end() && found->second == directory + name + "/" + kLibraryName;
     };
     return at(WordSize::k64, kNames64.front()) && at(WordSize::k32, kNames32.front());
 }
@@ -56,7 +53,7 @@ bool areInstalled(const Libraries& libraries) {
 void link(const std::string& directory, const char* name, const std::string& library) {
     std::string place = directory + "/" + name;
     makeDirectories(place, 0755);
-    replaceLink(place + kLibraryName, library);
+    replaceLink(place + "/" + kLibraryName, library);
 }
 
 }  // namespace
@@ -77,7 +74,7 @@ std::vector<std::string> libraryDirectories() {
 Libraries findLibraries() {
     Libraries found;
     for (const std::string& directory : libraryDirectories()) {
-        std::string path = directory + kLibraryName;
+        std::string path = directory + "/" + kLibraryName;
         Executable file = inspectExecutable(path);
         if (file.wordSize == WordSize::kUnknown) continue;
         found.emplace(file.wordSize, realPath(path).value_or(path));
@@ -97,12 +94,12 @@ Libraries givenLibrary(const std::string& path) {
 }
 
 std::string preloadValue(const Libraries& libraries, WordSize server, WordSize starter) {
-    // Also for a server of the starter's word size: its programs may have the
-    // other one, and the dynamic linker complains of a library that does not fit.
+    // Also when the word sizes are equal: the server's programs may have the other
+    // one, and the dynamic linker reports a library of the wrong word size.
     if (areInstalled(libraries)) {
         std::string directory = installedDirectory();
         refuseUnpreloadable(directory);
-        return directory + "/$LIB" + kLibraryName;
+        return directory + "/$LIB" + "/" + kLibraryName;
     }
     bool choose = server == WordSize::kUnknown || starter != server;
     if (!choose || libraries.size() == 1) {
@@ -117,12 +114,12 @@ std::string preloadValue(const Libraries& libraries, WordSize server, WordSize s
         refuseUnpreloadable(found->second);
         return found->second;
     }
-    std::string directory = std::string(kAgentDirectory) + "/data/preload";
+    std::string directory = kPreloadDirectory;
     for (const auto& [size, library] : libraries) {
         for (const char* name : size == WordSize::k64 ? kNames64 : kNames32)
             link(directory, name, library);
     }
-    return directory + "/$LIB" + kLibraryName;
+    return directory + "/$LIB" + "/" + kLibraryName;
 }
 
 std::string joinPreload(const std::string& ours, const std::string& present) {
@@ -132,8 +129,8 @@ std::string joinPreload(const std::string& ours, const std::string& present) {
         std::size_t end = std::min(present.find_first_of(" :", at), present.size());
         std::string entry = present.substr(at, end - at);
         at = end + 1;
-        // A second copy of the shim would measure everything twice.
-        if (!entry.empty() && baseName(entry) != baseName(kLibraryName)) result += ":" + entry;
+        // Two copies of the shim would count twice.
+        if (!entry.empty() && baseName(entry) != kLibraryName) result += ":" + entry;
     }
     return result;
 }

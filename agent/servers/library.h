@@ -1,4 +1,4 @@
-// The shim's library for a server's word size, and how the server gets it.
+// The shim's library for a server's word size, and the value of LD_PRELOAD.
 #pragma once
 
 #include <map>
@@ -11,22 +11,21 @@ namespace tolvane::agent {
 
 using Libraries = std::map<WordSize, std::string>;
 
-// Beside this program: in its build tree, or where an installation puts them.
+// In the build tree of this program, or in its installation.
 Libraries findLibraries();
 
-// The directories that findLibraries looks into.
+// The directories that findLibraries searches.
 std::vector<std::string> libraryDirectories();
 
-// One library given by the operator. Throws Error when it is none.
+// The library at a path. Throws Error when it is not one.
 Libraries givenLibrary(const std::string& path);
 
-// What LD_PRELOAD names for a server of that word size, started through a
-// program of the other one at times. When the two differ, or the server's is
-// not known, the dynamic linker of each process chooses by itself: a directory
-// is laid out for that.
+// The entry of LD_PRELOAD for a server of that word size, whose start program may
+// have the other one. When they differ, or the server's is unknown, the entry is a
+// path with $LIB, so that the dynamic linker of each process selects the library.
 std::string preloadValue(const Libraries& libraries, WordSize server, WordSize starter);
 
-// Ours ahead of what is there already, without other copies of the shim.
+// Our entry before the present ones, without other copies of the shim.
 std::string joinPreload(const std::string& ours, const std::string& present);
 
 }  // namespace tolvane::agent

@@ -21,7 +21,7 @@ RemovalLock::RemovalLock(const WaitNotice& notice) {
     for (;;) {
         int fd = ::open(kLockFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd >= 0) ::close(fd);
-        // Without the directory there is no lock to wait for, for servers either.
+        // Without the directory servers do not lock either.
         if (fd >= 0 || errno == ENOENT) return;
         if (errno != EEXIST) fail(ErrorKind::kFailed, "{}: {}", kLockFile, std::strerror(errno));
         if (std::chrono::steady_clock::now() > deadline) {
@@ -38,7 +38,7 @@ RemovalLock::~RemovalLock() {
 }
 
 std::optional<long> abandonedLockAge() {
-    // A holder removes one segment and one file.
+    // Enough for the removal of a segment and a file.
     constexpr long kLongest = 60;
     struct stat status {};
     if (::lstat(kLockFile, &status) != 0) return std::nullopt;

@@ -1,5 +1,4 @@
-// The lock file under which segments are removed, by servers that end and by
-// `tolvane clean`.
+// The lock file that servers and `tolvane clean` hold while they remove segments.
 #pragma once
 
 #include <optional>
@@ -8,7 +7,7 @@
 
 namespace tolvane::agent {
 
-// Takes the lock, waiting as long as a server would. Throws Error.
+// Locks, and waits as long as a server does. Throws Error.
 class RemovalLock {
   public:
     explicit RemovalLock(const WaitNotice& notice = {});
@@ -17,8 +16,8 @@ class RemovalLock {
     RemovalLock& operator=(const RemovalLock&) = delete;
 };
 
-// Seconds since the lock was taken, when that is longer than any holder needs:
-// it died while holding it, and every server that ends now waits in vain.
+// Seconds since the lock file was created, if that is longer than any holder
+// needs: its holder has died, and no server can lock it.
 std::optional<long> abandonedLockAge();
 
 }  // namespace tolvane::agent

@@ -21,57 +21,43 @@ constexpr std::time_t kClockSlack = 2;
 
 void judgeAttached(Server& server, const SegmentStatus& status) {
     AttachedProcesses attached = attachedProcesses(server.handoff.shmid, server.parentPid);
-    // Whoever is not known for another one is taken for a process of the server:
-    // some may not be looked into, or live in another process namespace.
+    // A process counts as the server's unless it is known to be another one: some
+    // cannot be examined, or live in another process namespace.
     server.processes = status.attached - std::min(status.attached, attached.others.size());
-    bool parentKnown = server.parentPid > 0;
-    bool parentRuns = parentKnown && processExists(server.parentPid);
-    server.process = parentRuns ? server.parentPid : oldestOf(attached.servers);
-    std::string remain = plural(server.processes, "process");
-    if (server.processes != 1) remain = fmt::format("{} processes", server.processes);
-    if (server.processes == 0) {
-        server.state = ServerState::kStale;
-        server.why = fmt::format("no process uses segment {} any more", server.handoff.shmid);
-    } else if (server.version == kVersionRemoved || status.removalPending) {
-        server.state = ServerState::kEnding;
-        server.why = fmt::format("the server has stopped; {} still attached", remain);
-    } else if (parentKnown && !parentRuns) {
-        server.state = ServerState::kEnding;
-        server.why =
-            fmt::format("its main process {} is gone; {} still attached", server.parentPid, remain);
-    } else {
-        server.state = ServerState::kLive;
-        server.why = fmt::format("{} attached", remain);
-        if (!parentKnown) server.why += ", no connection accepted yet";
-    }
+    bool mainRuns = server.parentPid > 0 && processExists(server.parentPid);
+    server.process = mainRuns ? server.parentPid : oldestOf(attached.servers);
+    RunJudgement judgement = judgeRun({server.handoff.shmid, server.version, status.removalPending,
+                                       server.parentPid, server.processes});
+    server.state = judgement.state;
+    server.reason = std::move(judgement.reason);
 }
 
 Server judge(const Handoff& handoff) {
     Server server;
     server.handoff = handoff;
     if (!handoff.problem.empty()) {
-        server.why = "the handoff file is damaged: " + handoff.problem;
+        server.reason = "the handoff file is damaged: " + handoff.problem;
         return server;
     }
     SegmentStatus status = segmentStatus(handoff.shmid);
     if (!status.exists) {
-        server.why = fmt::format("segment {} is gone", handoff.shmid);
+        server.reason = fmt::format("segment {} is gone", handoff.shmid);
         return server;
     }
     if (status.error != 0) {
-        server.state = ServerState::kLive;
-        server.why = fmt::format("segment {} cannot be read: {}", handoff.shmid,
-                                 std::strerror(status.error));
+        server.state = RunState::kLive;
+        server.reason = fmt::format("segment {} cannot be read: {}", handoff.shmid,
+                                    std::strerror(status.error));
         return server;
     }
-    server.why = foreignSegment(handoff, status);
-    if (!server.why.empty()) return server;
+    server.reason = foreignSegment(handoff, status);
+    if (!server.reason.empty()) return server;
     try {
         Segment segment(handoff.shmid, handoff.structures, Segment::Access::kRead);
         server.version = segment.version();
         server.parentPid = segment.parentPid();
     } catch (const Error& error) {
-        server.why = error.what();
+        server.reason = error.what();
         return server;
     }
     server.ownsSegment = true;
@@ -114,18 +100,6 @@ std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) 
     return "";
 }
 
-const char* stateName(ServerState state) {
-    switch (state) {
-        case ServerState::kLive:
-            return "live";
-        case ServerState::kEnding:
-            return "ending";
-        case ServerState::kStale:
-            break;
-    }
-    return "stale";
-}
-
 std::string nameOf(const Server& server) {
     pid_t pid = server.process > 0 ? server.process : server.handoff.pid;
     if (server.handoff.listen.empty()) return fmt::format("{}", pid);
@@ -142,11 +116,11 @@ std::vector<Server> findServers() {
 Server selectServer(const std::vector<Server>& servers, const std::optional<std::string>& wanted) {
     std::vector<const Server*> found;
     for (const Server& server : servers) {
-        bool fits = wanted ? answersTo(server, *wanted) : server.state == ServerState::kLive;
+        bool fits = wanted ? answersTo(server, *wanted) : server.state == RunState::kLive;
         if (fits) found.push_back(&server);
     }
-    // A server that was restarted has left older files with the same addresses.
-    auto live = [](const Server* server) { return server->state == ServerState::kLive; };
+    // Earlier runs of a server may have left files with the same addresses.
+    auto live = [](const Server* server) { return server->state == RunState::kLive; };
     if (std::any_of(found.begin(), found.end(), live)) {
         std::erase_if(found, [&](const Server* server) { return !live(server); });
     }
@@ -158,12 +132,12 @@ Server selectServer(const std::vector<Server>& servers, const std::optional<std:
              "no measured server is running; start one with 'tolvane run -- COMMAND'");
     }
     if (found.size() > 1) {
-        fail(ErrorKind::kInvalidInput, "several servers would do: {}; choose with --server",
+        fail(ErrorKind::kInvalidInput, "several servers match: {}; choose with --server",
              choices(found));
     }
-    if (found[0]->state != ServerState::kLive) {
+    if (found[0]->state != RunState::kLive) {
         fail(ErrorKind::kFailed, "server {} is {}: {}", nameOf(*found[0]),
-             stateName(found[0]->state), found[0]->why);
+             runStateName(found[0]->state), found[0]->reason);
     }
     return *found[0];
 }

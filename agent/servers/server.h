@@ -1,5 +1,4 @@
-// Measured servers, as the handoff files, their segments and the system's
-// process table show them together.
+// Measured servers, found by their handoff files, segments and processes.
 #pragma once
 
 #include <sys/types.h>
@@ -11,27 +10,20 @@
 
 #include "segment/segment.h"
 #include "servers/handoff.h"
+#include "servers/run_state.h"
 
 namespace tolvane::agent {
 
-enum class ServerState {
-    kLive,    // processes of it count into the segment
-    kEnding,  // it has stopped, or lost its parent process; some processes remain
-    kStale,   // nothing of it runs any more
-};
-
 struct Server {
     Handoff handoff;
-    ServerState state = ServerState::kStale;
-    std::string why;
+    RunState state = RunState::kStale;
+    std::string reason;        // of the state
     bool ownsSegment = false;  // the segment that exists under the id is this server's
     std::int32_t version = 0;  // meaningful when ownsSegment
     std::int32_t parentPid = -1;
     pid_t process = 0;          // the server's main process; 0 when none is known
     std::size_t processes = 0;  // attached ones that serve
 };
-
-const char* stateName(ServerState state);
 
 // Why the segment that exists under the handoff file's id is not the one that
 // the server created; empty when it is.

@@ -2,13 +2,16 @@
 #include <gtest/gtest.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utime.h>
 
 #include <cstring>
 
+#include "collector/collector.h"
 #include "fake_server.h"
 #include "os/error.h"
+#include "segment/configuration_copy.h"
 #include "servers/server.h"
 #include "support/sandbox.h"
 
@@ -73,63 +76,78 @@ TEST(Handoff, OnlyPlainFilesWithAProcessIdCount) {
     EXPECT_EQ(handoffs[1].pid, 12);
 }
 
-void expectState(ServerState state, const std::string& why) {
+void expectState(RunState state, const std::string& why) {
     auto servers = findServers();
     ASSERT_EQ(servers.size(), 1U);
-    EXPECT_STREQ(stateName(servers[0].state), stateName(state));
-    EXPECT_NE(servers[0].why.find(why), std::string::npos) << servers[0].why;
+    EXPECT_STREQ(runStateName(servers[0].state), runStateName(state));
+    EXPECT_NE(servers[0].reason.find(why), std::string::npos) << servers[0].reason;
 }
 
 TEST(Servers, AreLiveWhileTheirProcessesRun) {
     FakeServer server(3);
-    expectState(ServerState::kLive, "1 process attached");
+    expectState(RunState::kLive, "1 process attached");
     EXPECT_EQ(findServers()[0].process, server.pid());
     server.edit([](ConfigInfo& config, ResultStruct*) { config.parentPid = kUnknownPid; });
-    expectState(ServerState::kLive, "no connection accepted yet");
+    expectState(RunState::kLive, "no connection accepted yet");
     EXPECT_EQ(findServers()[0].process, server.pid());
 }
 
 TEST(Servers, AreEndingWhileProcessesRemain) {
     FakeServer server;
     server.edit([](ConfigInfo& config, ResultStruct*) { config.version = kVersionRemoved; });
-    expectState(ServerState::kEnding, "has stopped");
+    expectState(RunState::kEnding, "has stopped");
     server.edit([](ConfigInfo& config, ResultStruct*) {
         config.version = 1;
         config.parentPid = 4194304;
     });
-    expectState(ServerState::kEnding, "main process 4194304 is gone");
+    expectState(RunState::kEnding, "main process 4194304 is gone");
     server.edit([&](ConfigInfo& config, ResultStruct*) { config.parentPid = server.pid(); });
     shmctl(server.shmid(), IPC_RMID, nullptr);
-    expectState(ServerState::kEnding, "has stopped");
+    expectState(RunState::kEnding, "has stopped");
+}
+
+TEST(Servers, AreEndingForEveryReaderWhenTheirMainProcessIsAZombie) {
+    FakeServer server;
+    pid_t zombie = fork();
+    if (zombie == 0) _exit(0);
+    waitid(P_PID, static_cast<id_t>(zombie), nullptr, WEXITED | WNOWAIT);
+    server.edit([&](ConfigInfo& config, ResultStruct*) { config.parentPid = zombie; });
+    expectState(RunState::kEnding, "is gone");
+    Collector collector({"", "/opt/state", 1});
+    collector.round();
+    collector.read([](const CollectorState& state) {
+        EXPECT_EQ(state.servers.at("*:8080").runs.at(0).state, RunState::kEnding);
+    });
+    waitpid(zombie, nullptr, 0);
 }
 
 TEST(Servers, AreStaleForAReason) {
     {
         FakeServer server;
         server.kill();
-        expectState(ServerState::kStale, "no process uses segment");
+        expectState(RunState::kStale, "no process uses segment");
         // Neither a watcher nor another agent makes it live.
         for (int access : {SHM_RDONLY, 0}) {
             void* watched = shmat(server.shmid(), nullptr, access);
-            expectState(ServerState::kStale, "no process uses segment");
+            expectState(RunState::kStale, "no process uses segment");
             shmdt(watched);
         }
         shmctl(server.shmid(), IPC_RMID, nullptr);
-        expectState(ServerState::kStale, "is gone");
+        expectState(RunState::kStale, "is gone");
         unlink(server.handoff().c_str());
     }
     FakeServer server;
     std::string text = tolvane::test::readFile(server.handoff());
     writeFile(server.handoff(), text.substr(0, text.find("Structures")) + "Structures=2\n");
-    expectState(ServerState::kStale, "belongs to something else");
+    expectState(RunState::kStale, "belongs to something else");
     writeFile(server.handoff(), text);
     utimbuf old = {0, 1000000000};
     utime(server.handoff().c_str(), &old);
-    expectState(ServerState::kStale, "younger than the handoff file");
+    expectState(RunState::kStale, "younger than the handoff file");
     std::string other = kHandoffDirectory + std::string("webadapter.1");
     rename(server.handoff().c_str(), other.c_str());
     utime(other.c_str(), nullptr);
-    expectState(ServerState::kStale, "was created by process " + std::to_string(server.pid()));
+    expectState(RunState::kStale, "was created by process " + std::to_string(server.pid()));
 }
 
 TEST(Servers, AreChosenByWhatTheOperatorSees) {
@@ -179,6 +197,39 @@ TEST(Segment, HostileCountsAreBounded) {
         }
         EXPECT_EQ(tolvane({"show", "--json"}).code, 0);
     }
+}
+
+TEST(Segment, EveryFieldOutOfItsBoundsIsReportedAndCorrected) {
+    struct Case {
+        std::function<void(ConfigInfo&)> spoil;
+        const char* complaint;
+    };
+    const Case cases[] = {
+        {[](ConfigInfo&) {}, ""},
+        {[](ConfigInfo& c) { c.numHosts[0] = 7; }, "numHosts[0] is 7 (0 to 6)"},
+        {[](ConfigInfo& c) { c.categories[0][0].sections[0].pieceLength[0] = 48; },
+         "pieceLength[0][0][0][0] is 48 (0 to 47)"},
+        {[](ConfigInfo& c) { c.categories[0][0].sections[0].pieceLength[1] = -1; }, ""},
+        {[](ConfigInfo& c) { std::memset(c.siteName[0], 'x', kNameSize); },
+         "siteName[0] is not terminated"},
+        {[](ConfigInfo& c) { std::memset(c.categories[0][0].label, '\xff', kLabelSize); },
+         "label[0][0] is not terminated"},
+    };
+    for (const Case& c : cases) {
+        ConfigInfo config{};
+        config.numSites = config.numCategories[0] = 1;
+        config.categories[0][0].numSections = config.categories[0][0].sections[0].numPieces = 1;
+        c.spoil(config);
+        EXPECT_EQ(sanitiseConfiguration(config), c.complaint);
+        EXPECT_EQ(sanitiseConfiguration(config), "") << c.complaint;
+    }
+    ConfigInfo config{};
+    config.numSites = config.numCategories[0] = 1;
+    std::strcpy(config.siteName[0], "two\nlines \xe0\x80\x80");
+    std::strcpy(config.categories[0][0].label, "caf\xc3\xa9 \xed\xa0\x80");
+    sanitiseConfiguration(config);
+    EXPECT_STREQ(config.siteName[0], "two?lines ???");
+    EXPECT_STREQ(config.categories[0][0].label, "caf\xc3\xa9 ???");
 }
 
 TEST(Segment, AnotherSizeIsNotAttached) {

@@ -14,7 +14,7 @@ async function getJson(path) {
 
 function withTimes(counts, categories) {
   const sum = (name) => categories.reduce((total, category) => total + category[name], 0);
-  return {...counts, response_seconds: sum('response_seconds'), answered: sum('answered')};
+  return {...counts, response_seconds: sum('response_seconds'), response_count: sum('response_count')};
 }
 
 // The total, and each site with its categories; what is configured no longer
@@ -40,12 +40,12 @@ export function rowsOf(groups) {
   return [groups.total, ...groups.sites.flatMap((site) => [site.row, ...site.categories])];
 }
 
-// Seconds between two readings. The times of the takings are whole seconds
-// only; the number of takings is finer, but for one that came early or late.
+// Seconds between two readings. The times of the collections are whole seconds
+// only; the number of collections is finer, but for one that came early or late.
 function secondsBetween(older, newer, interval) {
   const byClock = newer.at - older.at;
-  const byTakings = (newer.takings - older.takings) * interval;
-  return Math.min(Math.max(byTakings, byClock - 1), byClock + 1);
+  const byCollections = (newer.collections - older.collections) * interval;
+  return Math.min(Math.max(byCollections, byClock - 1), byClock + 1);
 }
 
 // Several steps as one: a round of the collector may fall into this step or the
@@ -53,7 +53,7 @@ function secondsBetween(older, newer, interval) {
 function coarser(points, step) {
   const sum = (values) => values.reduce((total, value) => total + value, 0);
   const merged = {};
-  for (const name of ['requests', 'errors', 'response_seconds', 'answered']) {
+  for (const name of ['requests', 'errors', 'response_seconds', 'response_count']) {
     const values = points[name].slice(points[name].length % kStepsAsOne);
     merged[name] = values.flatMap((value, i) =>
       i % kStepsAsOne ? [] : [sum(values.slice(i, i + kStepsAsOne))]);
@@ -64,7 +64,7 @@ function coarser(points, step) {
     requests: sum(merged.requests),
     errors: sum(merged.errors),
     seconds: sum(merged.response_seconds),
-    answered: sum(merged.answered),
+    responses: sum(merged.response_count),
   };
 }
 
@@ -76,15 +76,15 @@ class ServerModel {
     this.groups = groupsOf(server);
     const rows = rowsOf(this.groups);
     const reading = {
-      takings: server.takings,
-      at: server.last_taking ?? 0,
+      collections: server.collections,
+      at: server.last_collection ?? 0,
       interval,
       counts: new Map(rows.map((row) => [row.key, row.counts])),
     };
     const latest = this.readings.at(-1);
-    if (latest && latest.takings === reading.takings) return;
-    // A collector that was restarted counts its takings from 0 again.
-    if (latest && latest.takings > reading.takings) this.readings = [];
+    if (latest && latest.collections === reading.collections) return;
+    // A collector that was restarted counts its collections from 0 again.
+    if (latest && latest.collections > reading.collections) this.readings = [];
     this.readings.push(reading);
     while (this.readings.length > 2 && reading.at - this.readings[1].at >= kRateWindow) {
       this.readings.shift();

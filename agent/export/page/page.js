@@ -16,7 +16,7 @@ let failedSince = null;
 let lastAnswer = null;
 
 function runText(run) {
-  const parts = [run.why];
+  const parts = [run.reason];
   if (run.process) parts.push(`main process ${run.process}`);
   if (run.started) parts.push(`since ${format.time(run.started)}`);
   if (run.configuration_version) parts.push(`configuration ${run.configuration_version}`);
@@ -30,7 +30,7 @@ function stateOf(server) {
 }
 
 function whyOf(server, state) {
-  return server.runs.find((run) => run.state === state)?.why ?? 'not running; its totals are kept';
+  return server.runs.find((run) => run.state === state)?.reason ?? 'not running; its totals are kept';
 }
 
 class Section {

@@ -29,11 +29,11 @@ function errorLine(recent) {
 }
 
 function meanLine(recent) {
-  const {response_seconds: seconds, answered} = recent.points;
-  const values = seconds.map((sum, i) => ratio(sum, answered[i]));
+  const {response_seconds: seconds, response_count: responses} = recent.points;
+  const values = seconds.map((sum, i) => ratio(sum, responses[i]));
   const most = highest(values);
   return [values, most, `Mean response time in the last ${minutes(recent)} minutes: ` +
-    `${format.orNothing(format.duration)(ratio(recent.seconds, recent.answered))}, ` +
+    `${format.orNothing(format.duration)(ratio(recent.seconds, recent.responses))}, ` +
     `at most ${format.duration(most)}`];
 }
 
@@ -47,7 +47,7 @@ const kColumns = [
    text: format.rate, spark: 'requests', line: requestLine,
    value: (row, model) => model.rate(row, 'requests')},
   {id: 'sent_rate', title: 'Sent/s', hint: 'Bytes sent per second now', from: 'wide',
-   text: format.bytes, value: (row, model) => model.rate(row, 'bytes_sent')},
+   text: format.bytes, value: (row, model) => model.rate(row, 'sent_bytes')},
   {id: 'errors', title: 'Errors',
    hint: 'Responses with a status of 400 to 599, of the requests of the last 15 minutes',
    text: format.share, spark: 'errors', line: errorLine,
@@ -60,7 +60,7 @@ const kColumns = [
    text: format.duration, spark: 'mean', line: meanLine,
    value: (row, model) => {
      const recent = model.recent(row);
-     return recent && ratio(recent.seconds, recent.answered);
+     return recent && ratio(recent.seconds, recent.responses);
    }},
   {id: 'requests', title: 'Requests', hint: 'Requests counted', from: 'small',
    ...counted('requests', format.count)},
@@ -68,7 +68,7 @@ const kColumns = [
    text: format.share, value: (row) => ratio(row.counts.errors, row.counts.requests)},
   {id: 'response', title: 'Response', hint: 'Mean response time of all requests counted',
    from: 'widest', text: format.duration,
-   value: (row) => ratio(row.counts.response_seconds, row.counts.answered)},
+   value: (row) => ratio(row.counts.response_seconds, row.counts.response_count)},
   {id: 'client', title: '4xx', hint: 'Responses with a status of 400 to 499', from: 'middle',
    ...counted('client_errors', format.count)},
   {id: 'server', title: '5xx', hint: 'Responses with a status of 500 to 599', from: 'middle',
@@ -80,9 +80,9 @@ const kColumns = [
   {id: 'connections', title: 'Conns', hint: 'Connections', from: 'widest',
    ...counted('connections', format.count)},
   {id: 'sent', title: 'Sent', hint: 'Bytes sent to clients', from: 'small',
-   ...counted('bytes_sent', format.bytes)},
+   ...counted('sent_bytes', format.bytes)},
   {id: 'received', title: 'Received', hint: 'Bytes received from clients', from: 'widest',
-   ...counted('bytes_received', format.bytes)},
+   ...counted('received_bytes', format.bytes)},
 ];
 
 export function element(tag, className = '', text = '') {
@@ -132,7 +132,7 @@ class Row {
       const {cell, text, below, spark} = this.cells[i];
       if (column.id === 'name') {
         setText(below, `${format.shortCount(row.counts.requests)} req, ` +
-          format.bytes(row.counts.bytes_sent));
+          format.bytes(row.counts.sent_bytes));
         return;
       }
       const value = column.value(row, model);

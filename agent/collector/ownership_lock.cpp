@@ -1,4 +1,4 @@
-#include "collector/claims.h"
+#include "collector/ownership_lock.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,7 +13,7 @@ namespace tolvane::agent {
 
 namespace {
 
-// One byte of the file, which need not be there, stands for each number.
+// The byte at that offset; the file may be shorter.
 struct flock byteOf(std::int32_t number, short type) {
     struct flock lock {};
     lock.l_type = type;
@@ -25,27 +25,27 @@ struct flock byteOf(std::int32_t number, short type) {
 
 }  // namespace
 
-// Locks of this kind go when any descriptor of the file is closed: nothing else
-// in this process opens it.
-Claims::Claims(const std::string& path)
+// Such a lock is released when the process closes any descriptor of the file, so
+// nothing else in this process opens it.
+OwnershipLock::OwnershipLock(const std::string& path)
     : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644)) {
     if (fd_ < 0) fail(ErrorKind::kFailed, "{}: {}", path, std::strerror(errno));
 }
 
-Claims::~Claims() {
+OwnershipLock::~OwnershipLock() {
     ::close(fd_);
 }
 
-pid_t Claims::claim(std::int32_t number) const {
+pid_t OwnershipLock::acquire(std::int32_t number) const {
     struct flock lock = byteOf(number, F_WRLCK);
     if (::fcntl(fd_, F_SETLK, &lock) == 0) return 0;
     lock = byteOf(number, F_WRLCK);
-    // Who has let go meanwhile is not told any more.
+    // The holder may have released it meanwhile.
     bool held = ::fcntl(fd_, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK && lock.l_pid > 0;
     return held ? lock.l_pid : -1;
 }
 
-void Claims::release(std::int32_t number) const {
+void OwnershipLock::release(std::int32_t number) const {
     struct flock lock = byteOf(number, F_UNLCK);
     ::fcntl(fd_, F_SETLK, &lock);
 }
