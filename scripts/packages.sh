@@ -25,4 +25,4 @@ build_packages=(g++ g++-multilib cmake ninja-build binutils)
 
 # What the command-line tool is built on.
 tool_packages=(libcli11-dev libfmt-dev libtomlplusplus-dev nlohmann-json3-dev libmicrohttpd-dev
-  libsqlite3-dev)
+  libsqlite3-dev libsqlitecpp-dev libutf8proc-dev)

@@ -6,15 +6,15 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/error.h"
-#include "base/text.h"
+#include "os/error.h"
+#include "os/text.h"
+#include "tolvane/limits.h"
 
 namespace tolvane::agent {
 
 namespace {
 
-// The shim's tables of listening addresses and of SSL hosts hold that many.
-constexpr std::size_t kTableSize = 10;
+constexpr std::size_t kTableSize = kMaxAddresses;
 // What Apache allows when its configuration does not say.
 constexpr int kPreforkDefaultLimit = 256;
 constexpr int kThreadedDefaultLimit = 400;
@@ -132,7 +132,7 @@ class Walker {
 
 void Walker::walk(const IncludedFile& file) {
     auto text = readText_(file.path);
-    if (!text) fail(kExitFailed, "{}: cannot be read", file.path);
+    if (!text) fail(ErrorKind::kFailed, "{}: cannot be read", file.path);
     auto next = file.files.begin();
     for (const LogicalLine& line : logicalLines(*text)) {
         directive(line.text);
@@ -337,10 +337,10 @@ MeasuredConfig Walker::read() {
     result_.needsTranslation |= !facts_.before.empty() || !facts_.after.empty();
     result_.module = processingModule(facts_);
     if (result_.module.empty()) {
-        fail(kExitBadInput, "the server has loaded no multi-processing module");
+        fail(ErrorKind::kInvalidInput, "the server has loaded no multi-processing module");
     }
     if (result_.listen.empty()) {
-        fail(kExitBadInput,
+        fail(ErrorKind::kInvalidInput,
              "{} and its included files hold no Listen line outside of macros; lay out a root by "
              "hand as docs/operations.md tells, and give it with --root",
              facts_.mainFile.path);

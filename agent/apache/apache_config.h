@@ -1,5 +1,4 @@
-// An Apache's real configuration, reduced to what a measured server's shim
-// has to know, in words that the shim understands.
+// An Apache's configuration, reduced to the directives that the shim reads.
 #pragma once
 
 #include <functional>
@@ -7,35 +6,25 @@
 #include <string>
 #include <vector>
 
+#include "apache/endpoint.h"
 #include "apache/probe.h"
 
 namespace tolvane::agent {
-
-struct Endpoint {
-    std::string address;      // "*", "_default_", an IPv4 address or a name
-    std::optional<int> port;  // none: any port
-
-    bool operator==(const Endpoint&) const = default;
-};
 
 struct MeasuredConfig {
     std::vector<Endpoint> listen;
     std::vector<Endpoint> sslHosts;
     int processLimit = 0;
     std::string module;              // "prefork", "worker", "event"
-    bool needsTranslation = false;   // the shim could not read the file as it stands
-    std::vector<std::string> notes;  // what will not be measured as one might expect
+    bool needsTranslation = false;   // the shim cannot read the file itself
+    std::vector<std::string> notes;  // what is not measured as expected
 };
 
 using FileReader = std::function<std::optional<std::string>(const std::string& path)>;
 using VariableReader = std::function<std::optional<std::string>(const std::string& name)>;
 
-// Throws Failure when a file cannot be read or nothing listens.
+// Throws Error when a file cannot be read or nothing listens.
 MeasuredConfig readMeasuredConfig(const ServerFacts& facts, const FileReader& readText,
                                   const VariableReader& variable);
-
-// "10.0.0.1:80", "[::]:80", "80", "*": address and port, with the address as
-// the shim matches it. Nothing when the text is neither.
-std::optional<Endpoint> parseEndpoint(const std::string& text, bool bareNumberIsPort);
 
 }  // namespace tolvane::agent

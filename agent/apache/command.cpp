@@ -6,8 +6,8 @@
 #include <array>
 #include <string_view>
 
-#include "base/error.h"
-#include "base/text.h"
+#include "os/error.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 
@@ -49,13 +49,13 @@ ServerCommand inspectCommand(const std::vector<std::string>& words) {
     if (!path) {
         bool there =
             words[0].find('/') != std::string::npos && ::access(words[0].c_str(), F_OK) == 0;
-        fail(kExitBadInput, "{}: {}", words[0],
+        fail(ErrorKind::kInvalidInput, "{}: {}", words[0],
              there ? "not an executable file" : "no such executable");
     }
     command.path = *path;
     command.executable = inspectExecutable(*path);
     if (command.executable.kind == Executable::Kind::kUnreadable) {
-        fail(kExitBadInput, "{}: cannot be read", *path);
+        fail(ErrorKind::kInvalidInput, "{}: cannot be read", *path);
     }
     command.kind = kindByName(baseName(*path));
     if (command.kind == ServerKind::kApache) readArguments(command);

@@ -1,11 +1,11 @@
-// A server's command line: what is started, and which of its arguments decide
-// about its configuration.
+// A server's command line: its program, and the arguments that select its
+// configuration.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "base/elf.h"
+#include "os/elf.h"
 
 namespace tolvane::agent {
 
@@ -22,7 +22,7 @@ struct ServerCommand {
     std::string serverDirectory;  // -d
 };
 
-// Throws Failure when there is no such executable.
+// Throws Error when there is no such executable.
 ServerCommand inspectCommand(const std::vector<std::string>& words);
 
 // The executables that a script's text mentions, by absolute path or for the

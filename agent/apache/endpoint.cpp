@@ -1,17 +1,17 @@
-// The addresses of Listen and <VirtualHost>.
+#include "apache/endpoint.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 
 #include <cstring>
 
-#include "apache/apache_config.h"
-#include "base/text.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 
 namespace {
 
-constexpr const char* kAnyAddress = "*";
+constexpr const char* kEveryAddress = "*";
 
 // A socket bound to "::" counts as bound to all addresses, one bound to a
 // mapped IPv4 address by that one; any other IPv6 address only matches the
@@ -20,7 +20,7 @@ std::optional<std::string> translateIpv6(std::string text) {
     text = text.substr(0, text.find('%'));
     in6_addr address{};
     if (::inet_pton(AF_INET6, text.c_str(), &address) != 1) return std::nullopt;
-    if (!IN6_IS_ADDR_V4MAPPED(&address)) return kAnyAddress;
+    if (!IN6_IS_ADDR_V4MAPPED(&address)) return kEveryAddress;
     char dotted[INET_ADDRSTRLEN];
     return ::inet_ntop(AF_INET, address.s6_addr + 12, dotted, sizeof dotted);
 }
@@ -47,7 +47,7 @@ std::optional<Endpoint> parseEndpoint(const std::string& text, bool bareNumberIs
         return withPort({*address, std::nullopt}, text.substr(close + 2));
     }
     if (bareNumberIsPort && text.find_first_not_of("0123456789") == std::string::npos) {
-        return withPort({kAnyAddress, std::nullopt}, text);
+        return withPort({kEveryAddress, std::nullopt}, text);
     }
     std::size_t colon = text.find(':');
     if (colon == 0) return std::nullopt;

@@ -6,10 +6,9 @@
 #include <chrono>
 #include <cstdlib>
 
-#include "base/error.h"
-#include "base/process.h"
-#include "base/terminal.h"
-#include "base/text.h"
+#include "os/error.h"
+#include "os/process.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 
@@ -159,15 +158,13 @@ void parseDump(std::string_view output, ServerFacts& facts) {
     }
     if (facts.mainFile.path.empty()) {
         fail(
-            kExitBadInput,
+            ErrorKind::kInvalidInput,
             "the server does not list its configuration files (Apache does so from 2.4.24 on); lay "
             "out a root by hand as docs/operations.md tells, and give it with --root");
     }
 }
 
 ServerFacts probeServer(const ServerCommand& command) {
-    Progress progress;
-    progress.show("asking the server for its configuration");
     ServerFacts facts;
     std::string compiledRoot;
     ProcessAnswer version = runAndListen(commandWith(command, {"-V"}), {}, kPatience);
@@ -183,9 +180,10 @@ ServerFacts probeServer(const ServerCommand& command) {
                                                             "DUMP_RUN_CFG", "-D", "DUMP_MODULES"}),
                                       facts.environment, kPatience);
     if (dump.timedOut)
-        fail(kExitFailed, "{} did not answer within {} s", command.path, kPatience.count());
+        fail(ErrorKind::kFailed, "{} did not answer within {} s", command.path, kPatience.count());
     if (dump.exitStatus != 0) {
-        fail(kExitBadInput, "{} refuses its own configuration:{}", command.path, complaintOf(dump));
+        fail(ErrorKind::kInvalidInput, "{} refuses its own configuration:{}", command.path,
+             complaintOf(dump));
     }
     parseDump(dump.output, facts);
     for (std::size_t i = 0; i + 1 < command.configurationArguments.size(); i += 2) {

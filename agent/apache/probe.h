@@ -1,5 +1,5 @@
-// What an Apache says about itself when it is asked: its word size, the files
-// of its configuration, its modules, definitions and pid file.
+// What an Apache reports about itself: its word size, configuration files, modules,
+// definitions and pid file.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "apache/command.h"
-#include "base/elf.h"
+#include "os/elf.h"
 
 namespace tolvane::agent {
 
@@ -39,11 +39,11 @@ struct ServerFacts {
 std::string processingModule(const ServerFacts& facts);
 
 // The answers to -V, and to -t with DUMP_INCLUDES, DUMP_RUN_CFG and
-// DUMP_MODULES. parseDump throws Failure when no file is listed.
+// DUMP_MODULES. parseDump throws Error when no file is listed.
 void parseVersion(std::string_view output, ServerFacts& facts, std::string& compiledRoot);
 void parseDump(std::string_view output, ServerFacts& facts);
 
-// Asks the server that the command starts. Throws Failure, with the server's
+// Asks the server that the command starts. Throws Error, with the server's
 // own words, when its configuration is not valid.
 ServerFacts probeServer(const ServerCommand& command);
 

@@ -6,10 +6,11 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "base/agent_directories.h"
-#include "base/error.h"
-#include "base/process.h"
-#include "base/text.h"
+#include "os/agent_directories.h"
+#include "os/error.h"
+#include "os/process.h"
+#include "os/text.h"
+#include "tolvane/paths.h"
 
 namespace tolvane::agent {
 
@@ -26,25 +27,25 @@ void refuseForeign(const std::string& file) {
     auto present = readFile(file);
     if (!present && errno == ENOENT) return;
     if (present && present->compare(0, kMark.size(), kMark) == 0) return;
-    fail(kExitBadInput, "{} was not written by tolvane; choose another directory with --root",
-         file);
+    fail(ErrorKind::kInvalidInput,
+         "{} was not written by tolvane; choose another directory with --root", file);
 }
 
 // A root serves one server at a time: of the second one, the start would
 // remove the first one's segment, and the first one's end would go unnoticed.
 void refuseUsed(const std::string& root, const std::string& pidFile) {
-    std::string link = root + "/logs/httpd.pid";
+    std::string link = root + "/" + kApachePidFile;
     std::error_code error;
     auto status = std::filesystem::symlink_status(link, error);
     if (!std::filesystem::exists(status)) return;
     if (!std::filesystem::is_symlink(status)) {
-        fail(kExitBadInput, "{} was not made by tolvane; choose another directory with --root",
-             link);
+        fail(ErrorKind::kInvalidInput,
+             "{} was not made by tolvane; choose another directory with --root", link);
     }
     if (std::filesystem::read_symlink(link, error) == pidFile) return;
     pid_t process = parseInt32(trim(readFile(link).value_or(""))).value_or(0);
     if (!processExists(process) || !hasShimLoaded(process)) return;
-    fail(kExitBadInput,
+    fail(ErrorKind::kInvalidInput,
          "{} belongs to process {}, which runs; choose another directory with --root", root,
          process);
 }
@@ -89,16 +90,16 @@ std::string renderHttpdConf(const MeasuredConfig& config, const std::string& sou
 bool ownRootSuits(const ServerFacts& facts, const MeasuredConfig& config) {
     std::string root = withoutTrailingSlash(facts.serverRoot);
     if (config.needsTranslation || !facts.mainFile.files.empty()) return false;
-    if (facts.mainFile.path != root + "/conf/httpd.conf" ||
-        facts.pidFile != root + "/logs/httpd.pid") {
+    if (facts.mainFile.path != root + "/" + kApacheConfigurationFile ||
+        facts.pidFile != root + "/" + kApachePidFile) {
         return false;
     }
-    auto module = readFile(root + "/logs/.tolvane_info");
+    auto module = readFile(root + "/" + kApacheModuleFile);
     return module ? trim(*module) == config.module : config.module == "prefork";
 }
 
 bool isPreparedRoot(const std::string& root) {
-    auto text = readFile(root + "/conf/httpd.conf");
+    auto text = readFile(root + "/" + kApacheConfigurationFile);
     return text && text->compare(0, kMark.size(), kMark) == 0;
 }
 
@@ -109,14 +110,14 @@ std::string defaultRoot(const ServerFacts& facts) {
 
 void writeServerRoot(const std::string& root, const ServerFacts& facts,
                      const MeasuredConfig& config) {
-    std::string file = root + "/conf/httpd.conf";
+    std::string file = root + "/" + kApacheConfigurationFile;
     refuseForeign(file);
     refuseUsed(root, facts.pidFile);
     makeDirectories(root + "/conf", 0755);
     makeDirectories(root + "/logs", 0755);
     replaceFile(file, renderHttpdConf(config, facts.mainFile.path));
-    replaceFile(root + "/logs/.tolvane_info", config.module + "\n");
-    replaceLink(root + "/logs/httpd.pid", facts.pidFile);
+    replaceFile(root + "/" + kApacheModuleFile, config.module + "\n");
+    replaceLink(root + "/" + kApachePidFile, facts.pidFile);
 }
 
 }  // namespace tolvane::agent

@@ -25,7 +25,7 @@ bool isPreparedRoot(const std::string& root);
 // and the pid file: servers that share their files are told apart by -D.
 std::string defaultRoot(const ServerFacts& facts);
 
-// Writes or refreshes the root. Throws Failure, and changes nothing, when the
+// Writes or refreshes the root. Throws Error, and changes nothing, when the
 // directory holds files that are not of our making, or those of another server
 // that runs.
 void writeServerRoot(const std::string& root, const ServerFacts& facts,

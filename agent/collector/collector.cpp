@@ -9,11 +9,11 @@
 #include <mutex>
 #include <optional>
 
-#include "base/agent_directories.h"
-#include "base/error.h"
 #include "collector/log.h"
 #include "collector/run_finder.h"
 #include "collector/tally.h"
+#include "os/agent_directories.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 
@@ -42,31 +42,31 @@ class Collector::Impl {
         reader(state_);
     }
     void round();
-    void reload() { configurer_.lookNow(); }
+    void reload() { configurer_.reload(); }
 
   private:
-    void claimDirectory(const std::string& directory);
-    void forgetEndedRuns();
-    void takeFrom(Watched& watched);
-    void learnNames(Watched& watched, NamesTaken taken);
+    void lockDirectory(const std::string& directory);
+    void findLostRuns();
+    void collectFrom(Watched& watched);
+    void updateNames(Watched& watched, NameUpdate update);
     void configure(Watched& watched);
     void publishRuns();
-    bool keep();
-    void forgetOld(std::time_t now);
+    bool save();
+    void dropOld(std::time_t now);
     void write(TotalsStore::Rows rows);
-    void noteKept();
+    void markSaved();
     void dropEnded();
 
     const Clock::time_point began_ = Clock::now();
     std::string stateDirectory_;
-    std::optional<Claims> directoryClaim_;
+    std::optional<OwnershipLock> directoryLock_;
     std::optional<TotalsStore> store_;
     std::optional<RunFinder> finder_;
     Configurer configurer_;
 
-    std::vector<RunKey> endedRuns_;  // whose rows go with the next write
-    bool keepEverything_ = false;
-    std::time_t keptEverything_ = 0;
+    std::vector<RunKey> lostRuns_;  // whose rows go with the next write
+    bool saveAll_ = false;
+    std::time_t savedAll_ = 0;
     LastingCondition storeTrouble_;
 
     mutable std::mutex mutex_;  // of state_, whose only writer is round()
@@ -76,46 +76,47 @@ class Collector::Impl {
 Collector::Impl::Impl(const CollectorOptions& options)
     : stateDirectory_(prepareStateDirectory(options.stateDirectory)),
       configurer_(options.configFile) {
-    claimDirectory(stateDirectory_);
+    lockDirectory(stateDirectory_);
     store_.emplace(stateDirectory_);
     store_->load(state_);
     finder_.emplace(*store_);
     state_.health.started = std::time(nullptr);
     state_.health.interval = options.interval;
     state_.health.configFile = options.configFile;
-    forgetEndedRuns();
+    findLostRuns();
 }
 
-void Collector::Impl::claimDirectory(const std::string& directory) {
-    directoryClaim_.emplace(directory + "/claim");
-    if (pid_t holder = directoryClaim_->claim(0); holder != 0) {
-        fail(kExitFailed, "{} is in use by the collector with process id {}", directory, holder);
+void Collector::Impl::lockDirectory(const std::string& directory) {
+    directoryLock_.emplace(directory + "/lock");
+    if (pid_t holder = directoryLock_->acquire(0); holder != 0) {
+        fail(ErrorKind::kFailed, "{} is in use by the collector with process id {}", directory,
+             holder);
     }
 }
 
-// Runs that were taken from before, and have ended while nobody looked.
-void Collector::Impl::forgetEndedRuns() {
+// Runs of an earlier collector that have ended since.
+void Collector::Impl::findLostRuns() {
     for (const RunKey& key : store_->runs()) {
         SegmentStatus status = segmentStatus(key.shmid);
         if (status.exists && status.created == key.created) continue;
-        endedRuns_.push_back(key);
+        lostRuns_.push_back(key);
         logLine(
-            "process {}'s server has ended since its counts were kept last; what it counted after "
-            "that is lost",
+            "the server of process {} has ended since its counts were last saved; what it counted "
+            "after that is lost",
             key.pid);
     }
 }
 
 void Collector::Impl::round() {
     auto began = Clock::now();
-    configurer_.look();
-    finder_->look();
+    configurer_.poll();
+    finder_->update();
     for (Watched& watched : finder_->watched()) {
-        takeFrom(watched);
-        if (watched.state.state == WatchState::kLive) configure(watched);
+        collectFrom(watched);
+        if (watched.status.state == RunState::kLive) configure(watched);
     }
     publishRuns();
-    if (keep()) dropEnded();
+    if (save()) dropEnded();
     std::lock_guard lock(mutex_);
     CollectorHealth& health = state_.health;
     ++health.rounds;
@@ -125,165 +126,166 @@ void Collector::Impl::round() {
     health.configLoaded = configurer_.loaded();
 }
 
-void Collector::Impl::takeFrom(Watched& watched) {
+void Collector::Impl::collectFrom(Watched& watched) {
     CountSet added;
-    TakingCost cost;
-    // The last look comes before the last taking: what was handed on until
-    // nobody was attached any more is then part of it.
-    watched.state = watched.run.look(watched.ended);
-    learnNames(watched, NamesTaken::kNew);
-    InHistory inHistory = watched.run.tookBefore() ? InHistory::kYes : InHistory::kNo;
-    bool changed = watched.run.take(added, cost);
+    CollectionCost cost;
+    // The status comes before the collection: once it says that no process is
+    // attached, the collection contains everything that was published.
+    watched.status = watched.run.status(watched.ended);
+    updateNames(watched, NameUpdate::kNewOnly);
+    InHistory inHistory = watched.run.collectedBefore() ? InHistory::kYes : InHistory::kNo;
+    bool changed = watched.run.collect(added, cost);
     std::time_t now = std::time(nullptr);
     {
         std::lock_guard lock(mutex_);
         ServerTally& tally = state_.servers[watched.server];
         tally.name = watched.server;
-        ++tally.takings;
-        tally.lastTaking = now;
+        ++tally.collections;
+        tally.lastCollection = now;
         tally.busyRecords += cost.busyRecords;
         state_.health.lockSeconds += secondsOf(cost.locked);
         state_.health.longestLockSeconds =
             std::max(state_.health.longestLockSeconds, secondsOf(cost.longestLock));
         if (changed) addCounts(tally, added, watched.run.names(), now, inHistory);
     }
-    watched.unkept = watched.unkept || changed;
-    learnNames(watched, NamesTaken::kAll);
+    watched.dirty = watched.dirty || changed;
+    updateNames(watched, NameUpdate::kAll);
 }
 
-// When another configuration stands in the segment: which names its indices have.
-void Collector::Impl::learnNames(Watched& watched, NamesTaken taken) {
+// Updates the names of the indices when the segment has another configuration.
+void Collector::Impl::updateNames(Watched& watched, NameUpdate update) {
     std::int32_t version = watched.run.segment().version();
-    if (version == watched.dealings.version) return;
-    // At its end the segment still has the configuration that the server worked
-    // with; before its first one, and while one is written, it has none.
+    if (version == watched.sync.version) return;
+    // At its end the segment still has the last configuration. Before the first
+    // one, and while one is written, it has none.
     if (version <= 0 && version != kVersionRemoved) return;
     ConfigCopy copy = copyConfiguration(watched.run.segment());
     if (!copy.steady) return;
-    takeNames(watched.run.names(), *copy.info, taken);
-    if (taken == NamesTaken::kNew) return;
-    bool known = watched.dealings.version != 0;
-    watched.dealings.version = copy.info->version;
-    watched.unkept = true;
-    keepEverything_ = true;
+    agent::updateNames(watched.run.names(), *copy.info, update);
+    if (update == NameUpdate::kNewOnly) return;
+    bool known = watched.sync.version != 0;
+    watched.sync.version = copy.info->version;
+    watched.dirty = true;
+    saveAll_ = true;
     std::lock_guard lock(mutex_);
-    // It may never have had one, and the next run another.
+    // It may never have had one, and the next run may have another.
     bool none = copy.info->numSites == 0;
     if (version == kVersionRemoved && (known || none)) return;
     markConfigured(state_.servers[watched.server], *copy.info, std::time(nullptr));
 }
 
 void Collector::Impl::configure(Watched& watched) {
-    std::int32_t known = watched.dealings.version;
-    if (watched.dealings.given != 0 && known > watched.dealings.written) {
-        watched.dealings.written = known;
-        logLine("server {}: another agent wrote configuration {}; it stands until {} changes",
+    std::int32_t known = watched.sync.version;
+    if (watched.sync.revision != 0 && known > watched.sync.noted) {
+        watched.sync.noted = known;
+        logLine("server {}: another agent wrote configuration {}; it stays until {} changes",
                 watched.server, known, state_.health.configFile);
     }
-    Configurer::Outcome outcome = configurer_.give(watched.run, watched.dealings, watched.server);
-    learnNames(watched, NamesTaken::kAll);
+    Configurer::Outcome outcome = configurer_.apply(watched.run, watched.sync, watched.server);
+    updateNames(watched, NameUpdate::kAll);
     if (outcome == Configurer::Outcome::kNothing) return;
     std::lock_guard lock(mutex_);
     ++(outcome == Configurer::Outcome::kWritten ? state_.health.configWritten
                                                 : state_.health.configFailures);
 }
 
-// Brings the runs of each server in state_ up to date.
+// Updates the runs of each server in state_.
 void Collector::Impl::publishRuns() {
     std::lock_guard lock(mutex_);
     std::time_t now = std::time(nullptr);
     for (auto& [name, server] : state_.servers) server.runs.clear();
-    // Files from which nothing was ever taken leave nothing behind.
+    // A handoff file whose run was never collected leaves no server.
     std::erase_if(state_.servers, [](const auto& entry) {
-        return entry.second.lastTaking == 0 && entry.second.total.connections == 0 &&
+        return entry.second.lastCollection == 0 && entry.second.total.empty() &&
                entry.second.sites.empty();
     });
-    auto add = [&](const std::string& name, const RunState& run) {
+    auto add = [&](const std::string& name, const RunStatus& run) {
         ServerTally& server = state_.servers[name];
         server.name = name;
         server.type = finder_->typeOf(name);
-        if (server.seen == 0) keepEverything_ = true;
+        if (server.seen == 0) saveAll_ = true;
         server.seen = now;
         server.runs.push_back(run);
     };
     for (const Watched& watched : finder_->watched()) {
-        if (!watched.ended) add(watched.server, watched.state);
+        if (!watched.ended) add(watched.server, watched.status);
     }
     for (const auto& [name, runs] : finder_->others()) {
-        for (const RunState& run : runs) add(name, run);
+        for (const RunStatus& run : runs) add(name, run);
     }
 }
 
-// Writes down what this round has changed, in one transaction. The state's only
-// writer is this thread, so that it may be read here without the mutex. Returns
-// whether nothing is left to be written down.
-bool Collector::Impl::keep() {
-    constexpr std::time_t kEverything = 3600;  // seconds; what is still seen must not age
+// Saves what this round has changed, in one transaction. Only this thread writes
+// the state, so it may read it without the mutex. Returns whether everything is
+// saved.
+bool Collector::Impl::save() {
+    constexpr std::time_t kSaveAll = 3600;  // seconds; refreshes the times when rows were seen
     std::time_t now = std::time(nullptr);
-    bool all = keepEverything_ || now - keptEverything_ >= kEverything;
+    bool all = saveAll_ || now - savedAll_ >= kSaveAll;
     bool anyRun =
         std::any_of(finder_->watched().begin(), finder_->watched().end(),
-                    [](const Watched& watched) { return watched.unkept || watched.ended; });
-    if (!all && !anyRun && endedRuns_.empty()) return true;
-    bool kept = false;
+                    [](const Watched& watched) { return watched.dirty || watched.ended; });
+    if (!all && !anyRun && lostRuns_.empty()) return true;
+    bool saved = false;
     try {
-        if (all) forgetOld(now);
-        write(all ? TotalsStore::Rows::kAll : TotalsStore::Rows::kUnkept);
-        kept = true;
-        noteKept();
-        if (all) keptEverything_ = now;
-        keepEverything_ = false;
-        storeTrouble_.is("");
-    } catch (const Failure& failure) {
+        if (all) dropOld(now);
+        write(all ? TotalsStore::Rows::kAll : TotalsStore::Rows::kDirty);
+        saved = true;
+        markSaved();
+        if (all) savedAll_ = now;
+        saveAll_ = false;
+        storeTrouble_.set("");
+    } catch (const Error& error) {
         store_->rollback();
-        storeTrouble_.is(
-            fmt::format("{}; counting goes on, and it is tried again", failure.what()));
+        storeTrouble_.set(fmt::format(
+            "the totals cannot be saved: {}; counting goes on, and the next round tries again",
+            error.what()));
     }
     std::lock_guard lock(mutex_);
-    state_.health.storeWorks = kept;
-    state_.health.storeFailures += kept ? 0 : 1;
-    return kept;
+    state_.health.storeWorks = saved;
+    state_.health.storeFailures += saved ? 0 : 1;
+    return saved;
 }
 
-// What was not seen for long. The clock is not asked in the first hour, in which
-// a machine may still find out what time it is.
-void Collector::Impl::forgetOld(std::time_t now) {
+// Drops what was not seen for long. Not in the first hour, in which the clock of
+// a machine that has just started may be wrong.
+void Collector::Impl::dropOld(std::time_t now) {
     if (Clock::now() - began_ < std::chrono::hours(1)) return;
-    std::time_t oldest = now - kKeptFor;
+    std::time_t oldest = now - kRetention;
     std::lock_guard lock(mutex_);
     std::erase_if(state_.servers, [&](const auto& entry) { return entry.second.seen < oldest; });
-    for (auto& [name, server] : state_.servers) forgetRows(server, oldest);
+    for (auto& [name, server] : state_.servers) dropOldRows(server, oldest);
 }
 
 void Collector::Impl::write(TotalsStore::Rows rows) {
     store_->begin();
-    if (rows == TotalsStore::Rows::kAll) store_->forgetServers();
-    for (const auto& [name, server] : state_.servers) store_->keepServer(server, rows);
+    if (rows == TotalsStore::Rows::kAll) store_->deleteServers();
+    for (const auto& [name, server] : state_.servers) store_->saveServer(server, rows);
     for (const Watched& watched : finder_->watched()) {
         if (watched.ended) {
-            store_->forgetRun(watched.run.key());
-        } else if (watched.unkept) {
-            store_->keepRun(watched.run.key(), watched.server, watched.run.taken());
+            store_->deleteRun(watched.run.key());
+        } else if (watched.dirty) {
+            store_->saveRun(watched.run.key(), watched.server, watched.run.progress());
         }
     }
-    for (const RunKey& key : endedRuns_) store_->forgetRun(key);
+    for (const RunKey& key : lostRuns_) store_->deleteRun(key);
     store_->commit();
 }
 
-void Collector::Impl::noteKept() {
-    for (Watched& watched : finder_->watched()) watched.unkept = false;
-    endedRuns_.clear();
+void Collector::Impl::markSaved() {
+    for (Watched& watched : finder_->watched()) watched.dirty = false;
+    lostRuns_.clear();
     std::lock_guard lock(mutex_);
     for (auto& [name, server] : state_.servers) {
-        server.unkept = false;
+        server.dirty = false;
         for (SiteTally& site : server.sites) {
-            site.unkept = false;
-            for (CategoryTally& category : site.categories) category.unkept = false;
+            site.dirty = false;
+            for (CategoryTally& category : site.categories) category.dirty = false;
         }
     }
 }
 
-// Lets go of runs that are over, once their last counts are kept.
+// Detaches runs that have ended, once their last counts are saved.
 void Collector::Impl::dropEnded() {
     std::list<Watched>& all = finder_->watched();
     for (auto watched = all.begin(); watched != all.end();) {
@@ -291,7 +293,7 @@ void Collector::Impl::dropEnded() {
             ++watched;
             continue;
         }
-        logLine("server {} (process {}): it has ended; its counts are kept", watched->server,
+        logLine("server {} (process {}): it has ended; its counts are saved", watched->server,
                 watched->run.key().pid);
         finder_->release(*watched);
         watched = all.erase(watched);

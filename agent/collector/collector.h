@@ -1,4 +1,4 @@
-// The loop that watches for servers, configures them and takes their counts.
+// The loop that finds servers, configures them and collects their counts.
 #pragma once
 
 #include <functional>
@@ -17,8 +17,8 @@ struct CollectorOptions {
 
 class Collector {
   public:
-    // Opens the state directory and loads what was kept. Throws Failure, with
-    // the holder's process id when another collector has the directory.
+    // Opens the state directory and loads the saved totals. Throws Error, with the
+    // process id of another collector that uses the directory.
     explicit Collector(const CollectorOptions& options);
     ~Collector();
     Collector(const Collector&) = delete;
@@ -27,11 +27,11 @@ class Collector {
     // Calls `reader` while nothing changes.
     void read(const std::function<void(const CollectorState&)>& reader) const;
 
-    // One round: looks for servers, configures those that need it, takes every
-    // server's counts and keeps them.
+    // One round: finds servers, configures those that need it, collects every
+    // server's counts and saves the totals.
     void round();
 
-    // Looks at the configuration file now, without waiting for it to settle.
+    // Reads the configuration file at once.
     void reload();
 
   private:

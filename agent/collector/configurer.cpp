@@ -5,10 +5,10 @@
 #include <cstring>
 #include <ctime>
 
-#include "base/error.h"
-#include "config/config_block.h"
-#include "config/config_load.h"
-#include "config/config_writer.h"
+#include "configuration/config_block.h"
+#include "configuration/config_load.h"
+#include "configuration/config_writer.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 
@@ -16,7 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// All that an agent writes, but for the version.
+// Compares all that an agent writes except the version.
 bool sameConfiguration(const ConfigInfo& a, const ConfigInfo& b) {
     constexpr std::size_t kFrom = offsetof(ConfigInfo, numCategories);
     constexpr std::size_t kTo = offsetof(ConfigInfo, parentPid);
@@ -28,34 +28,34 @@ bool sameConfiguration(const ConfigInfo& a, const ConfigInfo& b) {
 }  // namespace
 
 Configurer::Configurer(std::string path) : path_(std::move(path)) {
-    lookNow();
+    reload();
 }
 
-Configurer::FileMark Configurer::mark() const {
+Configurer::FileStamp Configurer::stamp() const {
     struct stat status {};
     if (::stat(path_.c_str(), &status) != 0) return {};
     return {status.st_mtim.tv_sec * 1000000000 + status.st_mtim.tv_nsec, status.st_ino,
             status.st_size};
 }
 
-void Configurer::look() {
+void Configurer::poll() {
     if (path_.empty()) return;
     constexpr auto kSettled = 1s;
-    FileMark current = mark();
+    FileStamp current = stamp();
     auto now = std::chrono::steady_clock::now();
     if (current != seen_) seenSince_ = now;
     seen_ = current;
-    if (current != taken_ && now - seenSince_ >= kSettled) load();
+    if (current != read_ && now - seenSince_ >= kSettled) load();
 }
 
-void Configurer::lookNow() {
+void Configurer::reload() {
     if (path_.empty()) return;
-    seen_ = mark();
+    seen_ = stamp();
     load();
 }
 
 void Configurer::load() {
-    taken_ = seen_;
+    read_ = seen_;
     LoadedConfig config = loadConfig(path_, WithoutSites::kRefused, PipeWriter::kIgnored);
     valid_ = config.complaints.empty();
     if (!valid_) {
@@ -72,27 +72,27 @@ void Configurer::load() {
     logLine("{}: {}", path_, summaryOf(config.model));
 }
 
-// Another agent that has begun a configuration gets some time to finish it.
-bool Configurer::othersAreWriting(WatchedRun& run, ConfigDealings& dealings) const {
+// True while another agent that has begun a configuration has time to finish it.
+bool Configurer::othersAreWriting(WatchedRun& run, ConfigSync& sync) const {
     constexpr auto kPatience = 5s;
     std::int32_t version = run.segment().version();
     auto now = std::chrono::steady_clock::now();
     if (!isBeingWritten(version) || isRewriting(version)) {
-        dealings.othersMarkSince = {};
+        sync.othersMarkSince = {};
         return false;
     }
-    if (dealings.othersMarkSince == std::chrono::steady_clock::time_point{}) {
-        dealings.othersMarkSince = now;
+    if (sync.othersMarkSince == std::chrono::steady_clock::time_point{}) {
+        sync.othersMarkSince = now;
     }
-    if (now - dealings.othersMarkSince < kPatience) return true;
+    if (now - sync.othersMarkSince < kPatience) return true;
     logLine("{}: another agent began a configuration (version {}) and did not finish it",
             run.handoff().path, version);
     return false;
 }
 
-Configurer::Outcome Configurer::give(WatchedRun& run, ConfigDealings& dealings,
-                                     const std::string& server) {
-    if (!block_ || dealings.given == revision_ || othersAreWriting(run, dealings)) {
+Configurer::Outcome Configurer::apply(WatchedRun& run, ConfigSync& sync,
+                                      const std::string& server) {
+    if (!block_ || sync.revision == revision_ || othersAreWriting(run, sync)) {
         return Outcome::kNothing;
     }
     try {
@@ -100,16 +100,16 @@ Configurer::Outcome Configurer::give(WatchedRun& run, ConfigDealings& dealings,
         ConfigLock lock(run.handoff().path, 0s);
         std::int32_t version = run.segment().version();
         bool equal = version > 0 && sameConfiguration(*run.segment().config(), *placed);
-        if (!equal) version = writeConfiguration(run.segment(), *placed, 0s);
-        dealings.given = revision_;
-        dealings.written = version;
-        dealings.trouble.is("");
+        if (!equal) version = writeConfiguration(run.segment(), *placed, 0s).version;
+        sync.revision = revision_;
+        sync.noted = version;
+        sync.trouble.set("");
         if (equal) return Outcome::kNothing;
         logLine("server {}: configuration {} written", server, version);
         return Outcome::kWritten;
-    } catch (const Failure& failure) {
-        dealings.trouble.is(fmt::format("server {}: not configured: {}; it is tried again", server,
-                                        failure.what()));
+    } catch (const Error& error) {
+        sync.trouble.set(
+            fmt::format("server {}: not configured: {}; it is tried again", server, error.what()));
         return Outcome::kFailed;
     }
 }

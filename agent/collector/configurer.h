@@ -1,4 +1,4 @@
-// Gives servers the configuration of a file, and again when the file changes.
+// Writes the configuration of a file to servers, and again when the file changes.
 #pragma once
 
 #include <chrono>
@@ -10,11 +10,11 @@
 
 namespace tolvane::agent {
 
-// One run's dealings with its configuration.
-struct ConfigDealings {
-    std::uint64_t given = 0;   // the file's revision that it was given, 0: none
-    std::int32_t version = 0;  // of the configuration whose names are known
-    std::int32_t written = 0;  // the last one that was accounted for: ours, or one that was noted
+// Which configuration a run has.
+struct ConfigSync {
+    std::uint64_t revision = 0;  // of the file, as written to the run; 0: none
+    std::int32_t version = 0;    // of the configuration whose names are known
+    std::int32_t noted = 0;      // the last version that was written here or logged
     std::chrono::steady_clock::time_point othersMarkSince{};
     LastingCondition trouble;
 };
@@ -23,37 +23,37 @@ class Configurer {
   public:
     enum class Outcome { kNothing, kWritten, kFailed };
 
-    // An empty path: there is nothing to give.
+    // With an empty path, nothing is ever written.
     explicit Configurer(std::string path);
 
-    // Looks whether the file has changed. A change is taken once the file has
-    // been left alone for a second, since it may be half written.
-    void look();
-    // Does not wait for that.
-    void lookNow();
+    // Reads the file if it has changed and was then left alone for a second,
+    // since it may be incomplete before.
+    void poll();
+    // Reads the file at once.
+    void reload();
 
     bool valid() const { return valid_; }
     std::time_t loaded() const { return loaded_; }
 
-    // Gives a live run the configuration if it has not had this revision of the
-    // file yet. Never waits: what cannot be done now is tried at the next call.
-    Outcome give(WatchedRun& run, ConfigDealings& dealings, const std::string& server);
+    // Writes the configuration to a live run that does not have this revision of
+    // the file. Never waits: what fails now is tried again at the next call.
+    Outcome apply(WatchedRun& run, ConfigSync& sync, const std::string& server);
 
   private:
-    struct FileMark {
+    struct FileStamp {
         std::int64_t modified = -1;
         std::uint64_t inode = 0;
         std::int64_t size = -1;
-        bool operator==(const FileMark&) const = default;
+        bool operator==(const FileStamp&) const = default;
     };
-    FileMark mark() const;
+    FileStamp stamp() const;
     void load();
-    bool othersAreWriting(WatchedRun& run, ConfigDealings& dealings) const;
+    bool othersAreWriting(WatchedRun& run, ConfigSync& sync) const;
 
     std::string path_;
-    FileMark seen_;
+    FileStamp seen_;
     std::chrono::steady_clock::time_point seenSince_{};
-    FileMark taken_;
+    FileStamp read_;
     bool valid_ = true;
     std::time_t loaded_ = 0;
     std::uint64_t revision_ = 0;

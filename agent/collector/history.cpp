@@ -18,8 +18,7 @@ std::size_t placeOf(std::int64_t step) {
 
 void History::add(std::time_t now, const HistoryPoint& counts) {
     std::int64_t step = stepOf(now);
-    // A clock that was set back starts it anew: what was counted until then would
-    // lie in the future.
+    // After the clock was set back, the older points would be in the future.
     if (!ring_ || step < newest_ - 1) {
         ring_ = std::make_unique<HistoryPoint[]>(kHistoryPoints);
         newest_ = step;
@@ -33,7 +32,7 @@ void History::add(std::time_t now, const HistoryPoint& counts) {
     point.requests += counts.requests;
     point.errors += counts.errors;
     point.responseSeconds += counts.responseSeconds;
-    point.answered += counts.answered;
+    point.responses += counts.responses;
 }
 
 std::vector<HistoryPoint> History::points(std::time_t now) const {

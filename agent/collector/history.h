@@ -14,11 +14,11 @@ inline constexpr int kHistoryPoints = 90;  // a quarter of an hour
 struct HistoryPoint {
     std::uint32_t requests = 0;
     std::uint32_t errors = 0;
-    float responseSeconds = 0;  // sum over `answered` responses
-    std::uint32_t answered = 0;
+    float responseSeconds = 0;  // sum over `responses`
+    std::uint32_t responses = 0;
 };
 
-// Takes no memory before the first count.
+// Allocates nothing before the first count.
 class History {
   public:
     void add(std::time_t now, const HistoryPoint& counts);

@@ -14,15 +14,16 @@ template <typename... Args>
 void logLine(fmt::format_string<Args...> format, Args&&... args) {
     std::string line = fmt::format(format, std::forward<Args>(args)...);
     line += '\n';
-    // Nobody to hear it is no reason to end.
+    // A closed standard error does not end the collector.
     std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
-// A condition that lasts is told when it begins and when its text changes.
+// A condition that lasts over many rounds, logged when it begins and when its
+// text changes.
 class LastingCondition {
   public:
-    // Empty: all is well.
-    void is(const std::string& text) {
+    // Empty: the condition has ended.
+    void set(const std::string& text) {
         if (text != text_ && !text.empty()) logLine("{}", text);
         text_ = text;
     }

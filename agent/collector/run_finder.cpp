@@ -7,21 +7,21 @@
 #include <ctime>
 #include <set>
 
-#include "base/error.h"
-#include "base/text.h"
-#include "segment/server.h"
+#include "os/error.h"
+#include "os/text.h"
+#include "servers/server.h"
 
 namespace tolvane::agent {
 
 namespace {
 
-// A server's addresses; a run that cannot be told by them goes by its file.
+// A server's addresses, or the name of the handoff file when it has none.
 std::string serverName(const Handoff& handoff) {
-    if (handoff.listen.empty()) return printable(baseName(handoff.path));
-    return printable(fmt::format("{}", fmt::join(handoff.listen, ",")));
+    if (handoff.listen.empty()) return std::string(baseName(handoff.path));
+    return fmt::format("{}", fmt::join(handoff.listen, ","));
 }
 
-bool maybeHalfWritten(const Handoff& handoff) {
+bool mayBeIncomplete(const Handoff& handoff) {
     constexpr std::time_t kWriting = 2;  // seconds
     std::time_t age = std::time(nullptr) - handoff.written;
     return age >= 0 && age < kWriting;
@@ -29,12 +29,12 @@ bool maybeHalfWritten(const Handoff& handoff) {
 
 }  // namespace
 
-Watched::Watched(const Handoff& handoff, const SegmentStatus& status)
-    : run(handoff, status), server(serverName(handoff)) {}
+Watched::Watched(const Handoff& handoff, const SegmentStatus& segment)
+    : run(handoff, segment), server(serverName(handoff)) {}
 
-RunFinder::RunFinder(TotalsStore& store) : store_(store), claims_(kClaimsFile) {}
+RunFinder::RunFinder(TotalsStore& store) : store_(store), locks_(kOwnershipFile) {}
 
-void RunFinder::look() {
+void RunFinder::update() {
     others_.clear();
     try {
         std::set<std::string> present = {kHandoffDirectory};
@@ -44,9 +44,9 @@ void RunFinder::look() {
         }
         std::erase_if(troubles_,
                       [&](const auto& trouble) { return !present.contains(trouble.first); });
-        troubles_[kHandoffDirectory].is("");
-    } catch (const Failure& failure) {
-        troubles_[kHandoffDirectory].is(failure.what());
+        troubles_[kHandoffDirectory].set("");
+    } catch (const Error& error) {
+        troubles_[kHandoffDirectory].set(error.what());
     }
 }
 
@@ -57,58 +57,59 @@ std::string RunFinder::typeOf(const std::string& server) const {
 
 void RunFinder::examine(const Handoff& handoff) {
     if (!handoff.problem.empty()) {
-        if (!maybeHalfWritten(handoff)) leave(handoff, WatchState::kUnreadable, handoff.problem);
+        if (!mayBeIncomplete(handoff)) addOther(handoff, RunState::kUnreadable, handoff.problem);
         return;
     }
     SegmentStatus status = segmentStatus(handoff.shmid);
-    if (!status.exists) return leave(handoff, WatchState::kStale, "its segment is gone");
+    if (!status.exists) return addOther(handoff, RunState::kStale, "its segment is gone");
     if (const Watched* watched = watchedRun(handoff.shmid)) {
-        // While we are attached, the identifier is that segment's.
+        // While it is attached, the identifier cannot be reused.
         if (watched->run.key().pid == handoff.pid) return;
-        return leave(handoff, WatchState::kStale, "its segment is gone");
+        return addOther(handoff, RunState::kStale, "its segment is gone");
     }
     if (std::string why = foreignSegment(handoff, status); !why.empty()) {
-        return leave(handoff, WatchState::kStale, why);
+        return addOther(handoff, RunState::kStale, why);
     }
-    if (pid_t holder = claims_.claim(handoff.shmid); holder != 0) {
-        return leave(handoff, WatchState::kHeld,
-                     fmt::format("the collector with process id {} takes its counts", holder));
+    if (pid_t holder = locks_.acquire(handoff.shmid); holder != 0) {
+        return addOther(
+            handoff, RunState::kHeld,
+            fmt::format("the collector with process id {} collects its counts", holder));
     }
     try {
         attach(handoff, status);
-        troubles_[handoff.path].is("");
+        troubles_[handoff.path].set("");
     } catch (const std::exception& error) {
-        claims_.release(handoff.shmid);
-        leave(handoff, WatchState::kUnreadable, error.what());
+        locks_.release(handoff.shmid);
+        addOther(handoff, RunState::kUnreadable, error.what());
     }
 }
 
 void RunFinder::attach(const Handoff& handoff, const SegmentStatus& status) {
     Watched& watched = watched_.emplace_back(handoff, status);
     try {
-        auto kept = store_.loadRun(watched.run.key());
-        if (kept) watched.run.resume(std::move(*kept));
+        auto saved = store_.loadRun(watched.run.key());
+        if (saved) watched.run.resume(std::move(*saved));
         types_[watched.server] = handoff.serverType;
-        logLine("server {} (process {}): taking its counts{}", watched.server, handoff.pid,
-                kept ? ", from where an earlier collector stopped" : "");
+        logLine("server {} (process {}): collecting its counts{}", watched.server, handoff.pid,
+                saved ? ", from where an earlier collector stopped" : "");
     } catch (...) {
         watched_.pop_back();
         throw;
     }
 }
 
-void RunFinder::leave(const Handoff& handoff, WatchState state, const std::string& why) {
-    RunState run;
+void RunFinder::addOther(const Handoff& handoff, RunState state, const std::string& reason) {
+    RunStatus run;
     run.state = state;
-    run.why = why;
+    run.reason = reason;
     run.shmid = handoff.shmid;
     run.pid = handoff.pid;
     run.records = handoff.structures;
     std::string server = serverName(handoff);
     others_[server].push_back(run);
     types_[server] = handoff.serverType;
-    troubles_[handoff.path].is(
-        fmt::format("{} ({}): {}", handoff.path, watchStateName(state), why));
+    troubles_[handoff.path].set(
+        fmt::format("{} ({}): {}", handoff.path, runStateName(state), reason));
 }
 
 const Watched* RunFinder::watchedRun(std::int32_t shmid) const {

@@ -1,5 +1,5 @@
-// Which runs there are: looks at the handoff files, claims the servers that
-// nobody else takes from, and attaches them.
+// Finds runs by the handoff files, locks those that no other collector owns, and
+// attaches their segments.
 #pragma once
 
 #include <list>
@@ -7,51 +7,51 @@
 #include <string>
 #include <vector>
 
-#include "collector/claims.h"
 #include "collector/configurer.h"
 #include "collector/log.h"
+#include "collector/ownership_lock.h"
 #include "collector/totals_store.h"
 #include "collector/watched_run.h"
 
 namespace tolvane::agent {
 
-// A run that we take counts from.
+// A run whose counts are collected.
 struct Watched {
-    Watched(const Handoff& handoff, const SegmentStatus& status);
+    Watched(const Handoff& handoff, const SegmentStatus& segment);
 
     WatchedRun run;
     std::string server;  // its name
-    RunState state;
-    ConfigDealings dealings;
+    RunStatus status;
+    ConfigSync sync;
     bool ended = false;
-    bool unkept = true;  // what was taken is not written down yet
+    bool dirty = true;  // its progress differs from the database
 };
 
 class RunFinder {
   public:
-    // `store` knows where an earlier collector stopped.
+    // `store` has the progress of an earlier collector.
     explicit RunFinder(TotalsStore& store);
 
-    void look();
-    void release(const Watched& watched) { claims_.release(watched.run.key().shmid); }
+    void update();
+    void release(const Watched& watched) { locks_.release(watched.run.key().shmid); }
 
     std::list<Watched>& watched() { return watched_; }
     const std::list<Watched>& watched() const { return watched_; }
-    // Those that are not taken from, by server.
-    const std::map<std::string, std::vector<RunState>>& others() const { return others_; }
+    // Runs that are not collected, by server.
+    const std::map<std::string, std::vector<RunStatus>>& others() const { return others_; }
     // "APACHE" or "NETSCAPE"; empty for a server that was never seen.
     std::string typeOf(const std::string& server) const;
 
   private:
     void examine(const Handoff& handoff);
     void attach(const Handoff& handoff, const SegmentStatus& status);
-    void leave(const Handoff& handoff, WatchState state, const std::string& why);
+    void addOther(const Handoff& handoff, RunState state, const std::string& reason);
     const Watched* watchedRun(std::int32_t shmid) const;
 
     TotalsStore& store_;
-    Claims claims_;
+    OwnershipLock locks_;
     std::list<Watched> watched_;
-    std::map<std::string, std::vector<RunState>> others_;
+    std::map<std::string, std::vector<RunStatus>> others_;
     std::map<std::string, std::string> types_;          // by server
     std::map<std::string, LastingCondition> troubles_;  // by handoff file
 };

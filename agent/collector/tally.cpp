@@ -2,64 +2,39 @@
 
 #include <algorithm>
 
-#include "base/text.h"
-
 namespace tolvane::agent {
 
 namespace {
 
-bool isEmpty(const TrafficCounts& counts) {
-    return counts.connections == 0 && counts.requests == 0 && counts.bytesSent == 0 &&
-           counts.bytesReceived == 0 && counts.errors == 0 && counts.dropped == 0 &&
-           counts.redirects == 0;
-}
-
-bool isEmpty(const CategoryCounts& counts) {
-    return counts.requests == 0 && counts.bytesSent == 0 && counts.errors == 0 &&
-           counts.dropped == 0 && counts.responseTimeSum == 0;
-}
-
-void add(TrafficCounts& sum, const TrafficCounts& counts) {
-    sum.connections += counts.connections;
-    sum.requests += counts.requests;
-    sum.bytesSent += counts.bytesSent;
-    sum.bytesReceived += counts.bytesReceived;
-    sum.errors += counts.errors;
-    sum.dropped += counts.dropped;
-    sum.redirects += counts.redirects;
-    sum.clientErrors += counts.clientErrors;
-    sum.serverErrors += counts.serverErrors;
-}
-
-// Anybody may write into a segment, and one wild sum would spoil the mean for
-// ever. Responses may be those of earlier requests.
+// Any process may write into a segment, and one huge sum would spoil the mean
+// for good. The responses may be those of earlier requests.
 bool isPlausible(const CategoryCounts& counts) {
     constexpr double kLongest = 86400;  // seconds
-    constexpr double kUnderWay = 1000;
+    constexpr double kInProgress = 1000;
     double sum = counts.responseTimeSum;
-    return sum >= 0 && sum <= kLongest * (static_cast<double>(counts.requests) + kUnderWay);
+    double requests = static_cast<double>(counts[&CategoryCounters::requests]);
+    return sum >= 0 && sum <= kLongest * (requests + kInProgress);
 }
 
-// Returns by how much `answered` grew.
+// Returns the increase of `responses`.
 std::uint64_t add(CategoryTally& tally, const CategoryCounts& counts) {
     CategoryCounts& sum = tally.counts;
-    sum.requests += counts.requests;
-    sum.bytesSent += counts.bytesSent;
-    sum.errors += counts.errors;
-    sum.dropped += counts.dropped;
+    sum.Sums::add(counts);
     if (isPlausible(counts)) sum.responseTimeSum += counts.responseTimeSum;
-    std::uint64_t without = std::min(sum.requests, sum.errors + sum.dropped);
-    std::uint64_t before = tally.answered;
-    tally.answered = std::max(before, sum.requests - without);
-    return tally.answered - before;
+    std::uint64_t requests = sum[&CategoryCounters::requests];
+    std::uint64_t without = std::min(
+        requests, sum[&CategoryCounters::errors] + sum[&CategoryCounters::droppedRequests]);
+    std::uint64_t before = tally.responses;
+    tally.responses = std::max(before, requests - without);
+    return tally.responses - before;
 }
 
-// Counts of a site and its categories may come apart, when a publication was
-// interrupted between the two.
+// A site and its categories may differ: a publication may have been interrupted
+// between the two.
 bool isEmpty(const CountSet& counts, std::size_t site) {
-    return isEmpty(counts.site[site]) &&
+    return counts.site[site].empty() &&
            std::all_of(std::begin(counts.category[site]), std::end(counts.category[site]),
-                       [](const CategoryCounts& category) { return isEmpty(category); });
+                       [](const CategoryCounts& category) { return category.empty(); });
 }
 
 HistoryPoint pointOf(std::uint64_t requests, std::uint64_t errors) {
@@ -67,6 +42,10 @@ HistoryPoint pointOf(std::uint64_t requests, std::uint64_t errors) {
     point.requests = static_cast<std::uint32_t>(requests);
     point.errors = static_cast<std::uint32_t>(errors);
     return point;
+}
+
+HistoryPoint pointOf(const TrafficCounts& counts) {
+    return pointOf(counts[&CounterBlock::requests], counts[&CounterBlock::errors]);
 }
 
 template <typename Row>
@@ -78,8 +57,8 @@ Row& rowNamed(std::vector<Row>& rows, std::string Row::*key, const std::string& 
     return rows.back();
 }
 
-// Makes the row if there is none, moves it to `place` unless it stands before
-// that, and raises `place` when it did not.
+// Moves the row of that name, made if necessary, to `place` and increments
+// `place`, unless the row is before `place` already.
 template <typename Row>
 Row& placeRow(std::vector<Row>& rows, std::string Row::*key, const std::string& name,
               std::size_t& place) {
@@ -90,28 +69,29 @@ Row& placeRow(std::vector<Row>& rows, std::string Row::*key, const std::string& 
     return rows[place++];
 }
 
-// Returns the point of the site's categories together.
+// Returns the point of all categories of the site.
 HistoryPoint addCategories(SiteTally& site, const CategoryCounts (&counts)[kMaxCategories],
-                           const SiteNames& names, std::time_t now, InHistory inHistory) {
+                           const SiteEntry& names, std::time_t now, InHistory inHistory) {
     HistoryPoint all;
     for (std::size_t c = 0; c < kMaxCategories; ++c) {
-        if (names.labels[c].empty() || isEmpty(counts[c])) continue;
+        if (names.labels[c].empty() || counts[c].empty()) continue;
         CategoryTally& category = rowNamed(site.categories, &CategoryTally::label, names.labels[c]);
-        HistoryPoint point = pointOf(counts[c].requests, counts[c].errors);
-        point.answered = static_cast<std::uint32_t>(add(category, counts[c]));
+        HistoryPoint point =
+            pointOf(counts[c][&CategoryCounters::requests], counts[c][&CategoryCounters::errors]);
+        point.responses = static_cast<std::uint32_t>(add(category, counts[c]));
         if (isPlausible(counts[c])) {
             point.responseSeconds = static_cast<float>(counts[c].responseTimeSum);
         }
         if (inHistory == InHistory::kYes) category.history.add(now, point);
-        all.answered += point.answered;
+        all.responses += point.responses;
         all.responseSeconds += point.responseSeconds;
         category.seen = now;
-        category.unkept = true;
+        category.dirty = true;
     }
     return all;
 }
 
-// Those configured longest ago stand last.
+// The rows configured longest ago are the last.
 template <typename Row>
 void dropBeyond(std::vector<Row>& rows, std::size_t most) {
     if (rows.size() > most)
@@ -120,25 +100,26 @@ void dropBeyond(std::vector<Row>& rows, std::size_t most) {
 
 }  // namespace
 
-void addCounts(ServerTally& tally, const CountSet& counts, const Names& names, std::time_t now,
+void addCounts(ServerTally& tally, const CountSet& counts, const NameTable& names, std::time_t now,
                InHistory inHistory) {
-    HistoryPoint whole = pointOf(counts.total.requests, counts.total.errors);
+    HistoryPoint whole = pointOf(counts.total);
     for (std::size_t s = 0; s < names.size(); ++s) {
         if (names[s].name.empty() || isEmpty(counts, s)) continue;
         SiteTally& site = rowNamed(tally.sites, &SiteTally::name, names[s].name);
         HistoryPoint point = addCategories(site, counts.category[s], names[s], now, inHistory);
-        whole.answered += point.answered;
+        whole.responses += point.responses;
         whole.responseSeconds += point.responseSeconds;
-        point.requests = static_cast<std::uint32_t>(counts.site[s].requests);
-        point.errors = static_cast<std::uint32_t>(counts.site[s].errors);
-        add(site.counts, counts.site[s]);
+        HistoryPoint requests = pointOf(counts.site[s]);
+        point.requests = requests.requests;
+        point.errors = requests.errors;
+        site.counts.add(counts.site[s]);
         if (inHistory == InHistory::kYes) site.history.add(now, point);
         site.seen = now;
-        site.unkept = true;
+        site.dirty = true;
     }
-    add(tally.total, counts.total);
+    tally.total.add(counts.total);
     if (inHistory == InHistory::kYes) tally.history.add(now, whole);
-    tally.unkept = true;
+    tally.dirty = true;
 }
 
 void markConfigured(ServerTally& tally, const ConfigInfo& config, std::time_t now) {
@@ -152,7 +133,7 @@ void markConfigured(ServerTally& tally, const ConfigInfo& config, std::time_t no
     }
     std::size_t place = 0;
     for (int s = 0; s < config.numSites; ++s) {
-        std::string name = printable(config.siteName[s]);
+        std::string name = config.siteName[s];
         if (name.empty()) continue;
         SiteTally& site = placeRow(tally.sites, &SiteTally::name, name, place);
         site.configured = true;
@@ -171,10 +152,10 @@ void markConfigured(ServerTally& tally, const ConfigInfo& config, std::time_t no
     dropBeyond(tally.sites, kMostRows);
 }
 
-void forgetRows(ServerTally& tally, std::time_t oldest) {
-    auto forgotten = [&](const auto& row) { return !row.configured && row.seen < oldest; };
-    std::erase_if(tally.sites, forgotten);
-    for (SiteTally& site : tally.sites) std::erase_if(site.categories, forgotten);
+void dropOldRows(ServerTally& tally, std::time_t oldest) {
+    auto old = [&](const auto& row) { return !row.configured && row.seen < oldest; };
+    std::erase_if(tally.sites, old);
+    for (SiteTally& site : tally.sites) std::erase_if(site.categories, old);
 }
 
 }  // namespace tolvane::agent

@@ -1,28 +1,28 @@
-// Adding what was taken to the long totals.
+// Adding collected counts to the totals of a server.
 #pragma once
 
 #include <ctime>
 
-#include "collector/names.h"
+#include "collector/name_table.h"
 #include "collector/state.h"
 
 namespace tolvane::agent {
 
-// Rows of sites, and of categories of a site, that are kept at most. The names in
-// a segment are anybody's.
+// Sites of a server, and categories of a site, that are kept at most: any
+// process may write names into a segment.
 inline constexpr std::size_t kMostRows = 60;
 
-// Adds counts by the names that stand at their indices. The histories show what
-// was counted just now, not what has gathered while nobody took it.
+// Adds counts under the names of their indices. Only counts that were made
+// since the collection before are for the history.
 enum class InHistory { kYes, kNo };
-void addCounts(ServerTally& tally, const CountSet& counts, const Names& names, std::time_t now,
+void addCounts(ServerTally& tally, const CountSet& counts, const NameTable& names, std::time_t now,
                InHistory inHistory);
 
-// Makes rows for everything that the configuration names, in its order and
-// ahead of all others, and says of each row whether it is configured now.
+// Makes a row for each name in the configuration, in its order and before all
+// other rows, and sets which rows are configured now.
 void markConfigured(ServerTally& tally, const ConfigInfo& config, std::time_t now);
 
 // Drops the rows that are not configured and were not seen since `oldest`.
-void forgetRows(ServerTally& tally, std::time_t oldest);
+void dropOldRows(ServerTally& tally, std::time_t oldest);
 
 }  // namespace tolvane::agent

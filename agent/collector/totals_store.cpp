@@ -1,159 +1,148 @@
 #include "collector/totals_store.h"
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <fmt/format.h>
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <cstring>
+#include <ctime>
 #include <nlohmann/json.hpp>
+#include <set>
 
-#include "base/error.h"
 #include "collector/log.h"
+#include "collector/packed_records.h"
+#include "os/error.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 
 namespace {
 
-constexpr int kFormat = 1;
+constexpr int kFormat = 2;
 
 // `level` is 0 for a server's total, 1 for a site, 2 for a category; names below
-// the level are empty.
+// the level are empty. The counters' columns are added by their names.
 constexpr char kTables[] = R"(
 CREATE TABLE IF NOT EXISTS server (name TEXT PRIMARY KEY, type TEXT NOT NULL, seen INTEGER NOT NULL)
   WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS total (
   server TEXT NOT NULL, level INTEGER NOT NULL, site TEXT NOT NULL, category TEXT NOT NULL,
-  configured INTEGER NOT NULL, connections INTEGER NOT NULL, requests INTEGER NOT NULL,
-  bytes_sent INTEGER NOT NULL, bytes_received INTEGER NOT NULL, errors INTEGER NOT NULL,
-  dropped INTEGER NOT NULL, redirects INTEGER NOT NULL, client_errors INTEGER NOT NULL,
-  server_errors INTEGER NOT NULL, response_seconds REAL NOT NULL, answered INTEGER NOT NULL,
+  configured INTEGER NOT NULL, response_seconds REAL NOT NULL, responses INTEGER NOT NULL,
   seen INTEGER NOT NULL, PRIMARY KEY (server, level, site, category)) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS run (
   shmid INTEGER NOT NULL, created INTEGER NOT NULL, pid INTEGER NOT NULL, server TEXT NOT NULL,
   names TEXT NOT NULL, records BLOB NOT NULL, PRIMARY KEY (shmid, created, pid)) WITHOUT ROWID;
 )";
 
-// Most words of a record are 0: each other one is kept with its place.
-struct PlacedWord {
-    std::uint32_t place;
-    std::uint32_t value;
-};
-constexpr std::size_t kRecordWords = sizeof(ResultStruct) / sizeof(std::uint32_t);
+constexpr char kFromFormat1[] = R"(
+ALTER TABLE total RENAME COLUMN bytes_sent TO sent_bytes;
+ALTER TABLE total RENAME COLUMN bytes_received TO received_bytes;
+ALTER TABLE total RENAME COLUMN dropped TO dropped_requests;
+ALTER TABLE total RENAME COLUMN answered TO responses;
+)";
 
-std::vector<PlacedWord> packRecords(const std::vector<ResultStruct>& records) {
-    std::vector<PlacedWord> packed;
-    packed.reserve(records.size() * kRecordWords);
-    std::uint32_t words[kRecordWords];
-    std::uint32_t place = 0;
-    for (const ResultStruct& record : records) {
-        std::memcpy(words, &record, sizeof record);
-        for (std::uint32_t word : words) {
-            if (word != 0) packed.push_back({place, word});
-            ++place;
-        }
-    }
-    return packed;
+// Every counter of either table has a column of its name.
+const std::set<std::string>& counterColumns() {
+    static const std::set<std::string> kColumns = [] {
+        std::set<std::string> columns;
+        for (const auto& counter : kTrafficCounters) columns.insert(counter.name);
+        for (const auto& counter : kCategoryCounters) columns.insert(counter.name);
+        return columns;
+    }();
+    return kColumns;
 }
 
-std::vector<ResultStruct> unpackRecords(const PlacedWord* packed, std::size_t count,
-                                        std::size_t records) {
-    std::vector<std::uint32_t> words(records * kRecordWords);
-    for (std::size_t i = 0; i < count; ++i) {
-        if (packed[i].place < words.size()) words[packed[i].place] = packed[i].value;
+std::string saveRowStatement() {
+    std::string columns = "server,level,site,category,configured,response_seconds,responses,seen";
+    std::string values =
+        ":server,:level,:site,:category,:configured,:response_seconds,:responses,:seen";
+    for (const std::string& column : counterColumns()) {
+        columns += "," + column;
+        values += ",:" + column;
     }
-    std::vector<ResultStruct> unpacked(records);
-    std::memcpy(unpacked.data(), words.data(), words.size() * sizeof(std::uint32_t));
-    return unpacked;
+    return fmt::format("REPLACE INTO total ({}) VALUES ({})", columns, values);
 }
 
-nlohmann::json namesToJson(const TakenSoFar& taken) {
+template <typename Block>
+void bindCounts(SQLite::Statement& statement, const Sums<Block>& sums) {
+    for (const std::string& column : counterColumns()) {
+        statement.bind(":" + column, static_cast<std::int64_t>(sums.named(column).value_or(0)));
+    }
+}
+
+template <typename Block>
+void readCounts(SQLite::Statement& statement, Sums<Block>& sums) {
+    for (const auto& counter : countersOf<Block>()) {
+        sums[counter.member] =
+            static_cast<std::uint64_t>(statement.getColumn(counter.name).getInt64());
+    }
+}
+
+nlohmann::json namesToJson(const RunProgress& progress) {
     nlohmann::json sites = nlohmann::json::array();
-    for (const SiteNames& site : taken.names) sites.push_back({site.name, site.labels});
-    return {{"records", taken.records.size()}, {"sites", std::move(sites)}};
+    for (const SiteEntry& site : progress.names) sites.push_back({site.name, site.labels});
+    return {{"records", progress.records.size()}, {"sites", std::move(sites)}};
 }
+
+void bindKey(SQLite::Statement& statement, const RunKey& key) {
+    statement.bind(":shmid", key.shmid);
+    statement.bind(":created", std::int64_t{key.created});
+    statement.bind(":pid", key.pid);
+}
+
+std::string nameIn(SQLite::Statement& statement, const char* column) {
+    return printable(statement.getColumn(column).getString());
+}
+
+void run(SQLite::Statement& statement) {
+    // Reset whether it succeeds or not, so that the next round can use it.
+    struct Reset {
+        SQLite::Statement& statement;
+        ~Reset() { statement.tryReset(); }
+    } reset{statement};
+    statement.exec();
+}
+
+class Damaged : public Error {
+  public:
+    using Error::Error;
+};
 
 }  // namespace
 
-class TotalsStore::Statement {
-  public:
-    Statement(TotalsStore& store, const char* sql) : store_(store) {
-        if (sqlite3_prepare_v2(store.database_, sql, -1, &statement_, nullptr) != SQLITE_OK) {
-            store.raise("cannot be used");
-        }
-    }
-    ~Statement() { sqlite3_finalize(statement_); }
-    Statement(const Statement&) = delete;
-    Statement& operator=(const Statement&) = delete;
-
-    Statement& bind(std::int64_t value) {
-        sqlite3_bind_int64(statement_, ++bound_, value);
-        return *this;
-    }
-    Statement& bind(std::uint64_t value) { return bind(static_cast<std::int64_t>(value)); }
-    Statement& bind(std::int32_t value) { return bind(std::int64_t{value}); }
-    Statement& bind(bool value) { return bind(std::int64_t{value}); }
-    Statement& bind(double value) {
-        sqlite3_bind_double(statement_, ++bound_, value);
-        return *this;
-    }
-    // The text has to stay until the statement has run.
-    Statement& bind(const std::string& text) {
-        sqlite3_bind_text(statement_, ++bound_, text.data(), static_cast<int>(text.size()),
-                          SQLITE_STATIC);
-        return *this;
-    }
-    Statement& bind(const std::vector<PlacedWord>& words) {
-        sqlite3_bind_blob(statement_, ++bound_,
-                          words.empty() ? "" : static_cast<const void*>(words.data()),
-                          static_cast<int>(words.size() * sizeof(PlacedWord)), SQLITE_STATIC);
-        return *this;
-    }
-
-    // The next row; false when there is none.
-    bool step() {
-        int result = sqlite3_step(statement_);
-        if (result == SQLITE_ROW) return true;
-        sqlite3_reset(statement_);
-        bound_ = 0;
-        if (result != SQLITE_DONE) store_.raise("cannot be written");
-        return false;
-    }
-    void run() {
-        while (step()) {
-        }
-    }
-
-    std::int64_t integer(int column) const { return sqlite3_column_int64(statement_, column); }
-    std::uint64_t count(int column) const { return static_cast<std::uint64_t>(integer(column)); }
-    double real(int column) const { return sqlite3_column_double(statement_, column); }
-    std::string text(int column) const {
-        auto text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-        return text == nullptr ? "" : text;
-    }
-    std::vector<ResultStruct> records(int column, std::size_t count) const {
-        auto packed = static_cast<const PlacedWord*>(sqlite3_column_blob(statement_, column));
-        auto bytes = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
-        return unpackRecords(packed, packed == nullptr ? 0 : bytes / sizeof(PlacedWord), count);
-    }
-
-  private:
-    TotalsStore& store_;
-    sqlite3_stmt* statement_ = nullptr;
-    int bound_ = 0;
+// Where a total belongs, and what is saved besides its counters.
+struct TotalsStore::Row {
+    const ServerTally& server;
+    const SiteTally* site = nullptr;          // null: the server's total
+    const CategoryTally* category = nullptr;  // null: the site's total
 };
+
+// SQLite's exceptions as the agent's own.
+template <typename Action>
+auto TotalsStore::guarded(Action&& action) const {
+    try {
+        return action();
+    } catch (const SQLite::Exception& error) {
+        std::string text = fmt::format("{}: {}", path_, error.what());
+        int code = error.getErrorCode() & 0xff;
+        if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB) {
+            throw Damaged(ErrorKind::kFailed, text);
+        }
+        throw Error(ErrorKind::kFailed, text);
+    }
+}
 
 TotalsStore::TotalsStore(const std::string& directory) : path_(directory + "/totals.db") {
     try {
         open();
         return;
-    } catch (const Failure& failure) {
-        int error = sqlite3_errcode(database_) & 0xff;
+    } catch (const Damaged& error) {
         close();
-        if (!damaged_ && error != SQLITE_CORRUPT && error != SQLITE_NOTADB) throw;
         std::string aside = fmt::format("{}.damaged-{}", path_, std::time(nullptr));
         if (std::rename(path_.c_str(), aside.c_str()) != 0) throw;
         std::remove((path_ + "-wal").c_str());
-        logLine("{}; it is kept as {}, and the totals start anew", failure.what(), aside);
+        logLine("{}; it is kept as {}, and the totals start anew", error.what(), aside);
     }
     open();
 }
@@ -163,129 +152,141 @@ TotalsStore::~TotalsStore() {
 }
 
 void TotalsStore::close() {
-    keepServer_.reset();
-    keepRow_.reset();
-    keepRun_.reset();
-    forgetRun_.reset();
-    sqlite3_close(database_);
-    database_ = nullptr;
+    saveServer_.reset();
+    saveRow_.reset();
+    saveRun_.reset();
+    deleteRun_.reset();
+    database_.reset();
 }
 
 void TotalsStore::open() {
-    int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-    if (sqlite3_open_v2(path_.c_str(), &database_, flags, nullptr) != SQLITE_OK) {
-        raise("cannot be opened");
-    }
-    // Nobody else writes, so no shared memory file is needed beside the log. A
-    // power failure may cost the last seconds, a killed collector nothing.
-    execute(
-        "PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL;"
-        "PRAGMA synchronous = NORMAL; PRAGMA cache_size = -1024");
-    Statement check(*this, "PRAGMA quick_check(1)");
-    if (!check.step() || check.text(0) != "ok") {
-        damaged_ = true;
-        fail(kExitFailed, "{} is damaged", path_);
-    }
-    while (check.step()) {
-    }
-    Statement version(*this, "PRAGMA user_version");
-    version.step();
-    std::int64_t format = version.integer(0);
-    if (format > kFormat) {
-        fail(kExitFailed, "{} was written by a newer version of this program", path_);
-    }
-    if (format == 0) {
-        execute(
-            fmt::format("BEGIN; {} PRAGMA user_version = {}; COMMIT", kTables, kFormat).c_str());
-    }
-    keepServer_ = std::make_unique<Statement>(*this, "REPLACE INTO server VALUES (?, ?, ?)");
-    keepRow_ = std::make_unique<Statement>(
-        *this, "REPLACE INTO total VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)");
-    keepRun_ = std::make_unique<Statement>(*this, "REPLACE INTO run VALUES (?, ?, ?, ?, ?, ?)");
-    forgetRun_ = std::make_unique<Statement>(
-        *this, "DELETE FROM run WHERE shmid = ? AND created = ? AND pid = ?");
+    guarded([&] {
+        database_ = std::make_unique<SQLite::Database>(
+            path_, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | SQLite::OPEN_NOMUTEX);
+        // No other process writes, so the log needs no shared memory file. A power
+        // failure may lose the last seconds, a killed collector nothing.
+        database_->exec(
+            "PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL;"
+            "PRAGMA synchronous = NORMAL; PRAGMA cache_size = -1024");
+        if (database_->execAndGet("PRAGMA quick_check(1)").getString() != "ok") {
+            throw Damaged(ErrorKind::kFailed, fmt::format("{} is damaged", path_));
+        }
+        int format = database_->execAndGet("PRAGMA user_version").getInt();
+        if (format > kFormat) {
+            fail(ErrorKind::kFailed, "{} was written by a newer version of this program", path_);
+        }
+        SQLite::Transaction transaction(*database_);
+        if (format == 1) database_->exec(kFromFormat1);
+        database_->exec(kTables);
+        addMissingColumns();
+        if (format != kFormat) database_->exec(fmt::format("PRAGMA user_version = {}", kFormat));
+        transaction.commit();
+        auto prepare = [&](const std::string& sql) {
+            return std::make_unique<SQLite::Statement>(*database_, sql);
+        };
+        saveServer_ =
+            prepare("REPLACE INTO server (name, type, seen) VALUES (:name, :type, :seen)");
+        saveRow_ = prepare(saveRowStatement());
+        saveRun_ = prepare(
+            "REPLACE INTO run (shmid, created, pid, server, names, records) "
+            "VALUES (:shmid, :created, :pid, :server, :names, :records)");
+        deleteRun_ =
+            prepare("DELETE FROM run WHERE shmid = :shmid AND created = :created AND pid = :pid");
+    });
 }
 
-void TotalsStore::raise(const char* what) const {
-    fail(kExitFailed, "{} {}: {}", path_, what, sqlite3_errmsg(database_));
+// A counter that is new in the tables of counters gets its column here.
+void TotalsStore::addMissingColumns() {
+    std::set<std::string> missing = counterColumns();
+    SQLite::Statement columns(*database_, "SELECT name FROM pragma_table_info('total')");
+    while (columns.executeStep()) missing.erase(columns.getColumn("name").getString());
+    for (const std::string& column : missing) {
+        database_->exec(
+            fmt::format("ALTER TABLE total ADD COLUMN {} INTEGER NOT NULL DEFAULT 0", column));
+    }
 }
 
-void TotalsStore::execute(const char* sql) {
-    if (sqlite3_exec(database_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        raise("cannot be written");
-    }
+void TotalsStore::execute(const std::string& sql) {
+    guarded([&] { database_->exec(sql); });
 }
 
 void TotalsStore::load(CollectorState& state) {
-    Statement servers(*this, "SELECT name, type, seen FROM server");
-    while (servers.step()) {
-        ServerTally& server = state.servers[servers.text(0)];
-        server.name = servers.text(0);
-        server.type = servers.text(1);
-        server.seen = servers.integer(2);
-    }
-    Statement rows(*this, "SELECT * FROM total ORDER BY server, level, site, category");
-    while (rows.step()) {
-        auto found = state.servers.find(rows.text(0));
-        if (found == state.servers.end()) continue;
-        TrafficCounts counts;
-        counts.connections = rows.count(5);
-        counts.requests = rows.count(6);
-        counts.bytesSent = rows.count(7);
-        counts.bytesReceived = rows.count(8);
-        counts.errors = rows.count(9);
-        counts.dropped = rows.count(10);
-        counts.redirects = rows.count(11);
-        counts.clientErrors = rows.count(12);
-        counts.serverErrors = rows.count(13);
-        std::vector<SiteTally>& sites = found->second.sites;
-        std::int64_t level = rows.integer(1);
-        if (level == 0) {
-            found->second.total = counts;
-        } else if (level == 1) {
-            SiteTally& site = sites.emplace_back();
-            site.name = rows.text(2);
-            site.configured = rows.integer(4) != 0;
-            site.counts = counts;
-            site.seen = rows.integer(16);
-        } else {
-            for (SiteTally& site : sites) {
-                if (site.name != rows.text(2)) continue;
-                CategoryTally& category = site.categories.emplace_back();
-                category.label = rows.text(3);
-                category.configured = rows.integer(4) != 0;
-                category.counts = {counts.requests, counts.bytesSent, counts.errors, counts.dropped,
-                                   rows.real(14)};
-                category.answered = rows.count(15);
-                category.seen = rows.integer(16);
+    guarded([&] {
+        SQLite::Statement servers(*database_, "SELECT name, type, seen FROM server");
+        while (servers.executeStep()) {
+            std::string name = nameIn(servers, "name");
+            ServerTally& server = state.servers[name];
+            server.name = name;
+            server.type = nameIn(servers, "type");
+            server.seen = servers.getColumn("seen").getInt64();
+        }
+        SQLite::Statement rows(*database_,
+                               "SELECT * FROM total ORDER BY server, level, site, category");
+        while (rows.executeStep()) {
+            auto found = state.servers.find(nameIn(rows, "server"));
+            if (found == state.servers.end()) continue;
+            std::vector<SiteTally>& sites = found->second.sites;
+            auto readRow = [&](auto& row) {
+                readCounts(rows, row.counts);
+                row.configured = rows.getColumn("configured").getInt() != 0;
+                row.seen = rows.getColumn("seen").getInt64();
+            };
+            int level = rows.getColumn("level").getInt();
+            std::string siteName = nameIn(rows, "site");
+            if (level == 0) {
+                readCounts(rows, found->second.total);
+            } else if (level == 1) {
+                SiteTally& site = sites.emplace_back();
+                site.name = siteName;
+                readRow(site);
+            } else if (!sites.empty()) {
+                auto site = std::find_if(sites.begin(), sites.end(), [&](const SiteTally& each) {
+                    return each.name == siteName;
+                });
+                if (site == sites.end()) continue;
+                CategoryTally& category = site->categories.emplace_back();
+                category.label = nameIn(rows, "category");
+                readRow(category);
+                category.counts.responseTimeSum = rows.getColumn("response_seconds").getDouble();
+                category.responses =
+                    static_cast<std::uint64_t>(rows.getColumn("responses").getInt64());
             }
         }
-    }
+    });
 }
 
 std::vector<RunKey> TotalsStore::runs() {
-    std::vector<RunKey> keys;
-    Statement rows(*this, "SELECT shmid, created, pid FROM run");
-    while (rows.step()) {
-        keys.push_back({static_cast<std::int32_t>(rows.integer(0)), rows.integer(1),
-                        static_cast<pid_t>(rows.integer(2))});
-    }
-    return keys;
+    return guarded([&] {
+        std::vector<RunKey> keys;
+        SQLite::Statement rows(*database_, "SELECT shmid, created, pid FROM run");
+        while (rows.executeStep()) {
+            keys.push_back({rows.getColumn("shmid").getInt(), rows.getColumn("created").getInt64(),
+                            rows.getColumn("pid").getInt()});
+        }
+        return keys;
+    });
 }
 
-std::optional<TakenSoFar> TotalsStore::loadRun(const RunKey& key) {
-    Statement row(*this,
-                  "SELECT names, records FROM run WHERE shmid = ? AND created = ? AND pid = ?");
-    row.bind(key.shmid).bind(std::int64_t{key.created}).bind(key.pid);
-    if (!row.step()) return std::nullopt;
-    TakenSoFar taken;
-    auto names = nlohmann::json::parse(row.text(0));
-    for (std::size_t s = 0; s < taken.names.size(); ++s) {
-        names["sites"].at(s).at(0).get_to(taken.names[s].name);
-        names["sites"].at(s).at(1).get_to(taken.names[s].labels);
-    }
-    taken.records = row.records(1, names["records"].get<std::size_t>());
-    return taken;
+std::optional<RunProgress> TotalsStore::loadRun(const RunKey& key) {
+    return guarded([&]() -> std::optional<RunProgress> {
+        SQLite::Statement row(*database_,
+                              "SELECT names, records FROM run "
+                              "WHERE shmid = :shmid AND created = :created AND pid = :pid");
+        bindKey(row, key);
+        if (!row.executeStep()) return std::nullopt;
+        RunProgress progress;
+        auto names = nlohmann::json::parse(row.getColumn("names").getString());
+        for (std::size_t s = 0; s < progress.names.size(); ++s) {
+            names["sites"].at(s).at(0).get_to(progress.names[s].name);
+            names["sites"].at(s).at(1).get_to(progress.names[s].labels);
+        }
+        SQLite::Column packed = row.getColumn("records");
+        progress.records =
+            unpackRecords(static_cast<const PackedWord*>(packed.getBlob()),
+                          static_cast<std::size_t>(packed.getBytes()) / sizeof(PackedWord),
+                          names["records"].get<std::size_t>());
+        return progress;
+    });
 }
 
 void TotalsStore::begin() {
@@ -297,76 +298,81 @@ void TotalsStore::commit() {
 }
 
 void TotalsStore::rollback() noexcept {
-    sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
+    database_->tryExec("ROLLBACK");
 }
 
-void TotalsStore::keepServer(const ServerTally& server, Rows rows) {
+void TotalsStore::saveServer(const ServerTally& server, Rows rows) {
     bool all = rows == Rows::kAll;
-    if (all) keepServer_->bind(server.name).bind(server.type).bind(std::int64_t{server.seen}).run();
-    if (all || server.unkept) keepRow(server, nullptr, nullptr);
-    for (const SiteTally& site : server.sites) {
-        if (all || site.unkept) keepRow(server, &site, nullptr);
-        for (const CategoryTally& category : site.categories) {
-            if (all || category.unkept) keepRow(server, &site, &category);
+    guarded([&] {
+        if (all) {
+            saveServer_->bind(":name", server.name);
+            saveServer_->bind(":type", server.type);
+            saveServer_->bind(":seen", std::int64_t{server.seen});
+            run(*saveServer_);
         }
-    }
+        if (all || server.dirty) saveRow({server});
+        for (const SiteTally& site : server.sites) {
+            if (all || site.dirty) saveRow({server, &site});
+            for (const CategoryTally& category : site.categories) {
+                if (all || category.dirty) saveRow({server, &site, &category});
+            }
+        }
+    });
 }
 
-// Without a category the row is the site's, and without a site the server's.
-void TotalsStore::keepRow(const ServerTally& server, const SiteTally* site,
-                          const CategoryTally* category) {
-    static const std::string kNone;
-    TrafficCounts counts = site == nullptr ? server.total : site->counts;
-    bool configured = site == nullptr || site->configured;
-    std::time_t seen = site == nullptr ? server.seen : site->seen;
+void TotalsStore::saveRow(const Row& row) {
+    SQLite::Statement& statement = *saveRow_;
+    const auto& [server, site, category] = row;
+    bool configured = true;
+    std::time_t seen = server.seen;
+    int level = 0;
     if (category != nullptr) {
-        counts = {};
-        counts.requests = category->counts.requests;
-        counts.bytesSent = category->counts.bytesSent;
-        counts.errors = category->counts.errors;
-        counts.dropped = category->counts.dropped;
+        level = 2;
         configured = category->configured;
         seen = category->seen;
+        bindCounts(statement, category->counts);
+    } else if (site != nullptr) {
+        level = 1;
+        configured = site->configured;
+        seen = site->seen;
+        bindCounts(statement, site->counts);
+    } else {
+        bindCounts(statement, server.total);
     }
-    keepRow_->bind(server.name)
-        .bind(site == nullptr       ? 0
-              : category == nullptr ? 1
-                                    : 2)
-        .bind(site == nullptr ? kNone : site->name)
-        .bind(category == nullptr ? kNone : category->label)
-        .bind(configured)
-        .bind(counts.connections)
-        .bind(counts.requests)
-        .bind(counts.bytesSent)
-        .bind(counts.bytesReceived)
-        .bind(counts.errors)
-        .bind(counts.dropped)
-        .bind(counts.redirects)
-        .bind(counts.clientErrors)
-        .bind(counts.serverErrors)
-        .bind(category == nullptr ? 0.0 : category->counts.responseTimeSum)
-        .bind(category == nullptr ? 0 : category->answered)
-        .bind(std::int64_t{seen})
-        .run();
+    statement.bind(":server", server.name);
+    statement.bind(":level", level);
+    statement.bind(":site", site == nullptr ? "" : site->name);
+    statement.bind(":category", category == nullptr ? "" : category->label);
+    statement.bind(":configured", configured ? 1 : 0);
+    statement.bind(":response_seconds",
+                   category == nullptr ? 0.0 : category->counts.responseTimeSum);
+    statement.bind(":responses",
+                   category == nullptr ? 0 : static_cast<std::int64_t>(category->responses));
+    statement.bind(":seen", std::int64_t{seen});
+    run(statement);
 }
 
-void TotalsStore::keepRun(const RunKey& key, const std::string& server, const TakenSoFar& taken) {
-    std::string names = namesToJson(taken).dump();
-    std::vector<PlacedWord> records = packRecords(taken.records);
-    keepRun_->bind(key.shmid)
-        .bind(std::int64_t{key.created})
-        .bind(key.pid)
-        .bind(server)
-        .bind(names)
-        .bind(records)
-        .run();
+void TotalsStore::saveRun(const RunKey& key, const std::string& server,
+                          const RunProgress& progress) {
+    std::vector<PackedWord> records = packRecords(progress.records);
+    guarded([&] {
+        bindKey(*saveRun_, key);
+        saveRun_->bind(":server", server);
+        saveRun_->bind(":names", namesToJson(progress).dump());
+        saveRun_->bind(":records", records.data(),
+                       static_cast<int>(records.size() * sizeof(PackedWord)));
+        run(*saveRun_);
+    });
 }
 
-void TotalsStore::forgetRun(const RunKey& key) {
-    forgetRun_->bind(key.shmid).bind(std::int64_t{key.created}).bind(key.pid).run();
+void TotalsStore::deleteRun(const RunKey& key) {
+    guarded([&] {
+        bindKey(*deleteRun_, key);
+        run(*deleteRun_);
+    });
 }
 
-void TotalsStore::forgetServers() {
+void TotalsStore::deleteServers() {
     execute("DELETE FROM total; DELETE FROM server");
 }
 

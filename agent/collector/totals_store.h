@@ -1,8 +1,7 @@
-// The totals on disk: a database that is brought up to date in one transaction
-// per round, so that totals and what they were taken from always fit together.
+// The totals on disk: a database that is updated in one transaction per round,
+// so that the totals always match the counts that were collected.
 #pragma once
 
-#include <ctime>
 #include <memory>
 #include <optional>
 #include <string>
@@ -11,15 +10,17 @@
 #include "collector/state.h"
 #include "collector/watched_run.h"
 
-struct sqlite3;
-struct sqlite3_stmt;
+namespace SQLite {
+class Database;
+class Statement;
+}  // namespace SQLite
 
 namespace tolvane::agent {
 
 class TotalsStore {
   public:
-    // Opens the database in the directory, and makes one when there is none.
-    // One that is damaged is put aside, with a message. Throws Failure.
+    // Opens the database in the directory, and creates it if there is none. A
+    // damaged one is renamed, with a message. Throws Error.
     explicit TotalsStore(const std::string& directory);
     ~TotalsStore();
     TotalsStore(const TotalsStore&) = delete;
@@ -27,35 +28,36 @@ class TotalsStore {
 
     void load(CollectorState& state);
     std::vector<RunKey> runs();
-    std::optional<TakenSoFar> loadRun(const RunKey& key);
+    std::optional<RunProgress> loadRun(const RunKey& key);
 
-    // All changes of a round stand between these two. Everything here throws
-    // Failure when the database cannot be written; it then is as before begin.
+    // All changes of a round are made between these two. Each function throws
+    // Error when the database cannot be written; it then is as before begin.
     void begin();
     void commit();
     void rollback() noexcept;
 
-    // Its rows that differ from what is written down, or all of them.
-    enum class Rows { kUnkept, kAll };
-    void keepServer(const ServerTally& server, Rows rows);
-    // All of them, before those that there are now are kept whole.
-    void forgetServers();
-    void keepRun(const RunKey& key, const std::string& server, const TakenSoFar& taken);
-    void forgetRun(const RunKey& key);
+    // The rows that differ from the database, or all of them.
+    enum class Rows { kDirty, kAll };
+    void saveServer(const ServerTally& server, Rows rows);
+    // Deletes all servers, before those that exist now are saved with all rows.
+    void deleteServers();
+    void saveRun(const RunKey& key, const std::string& server, const RunProgress& progress);
+    void deleteRun(const RunKey& key);
 
   private:
-    class Statement;
+    struct Row;
 
     void open();
     void close();
-    void execute(const char* sql);
-    void keepRow(const ServerTally& server, const SiteTally* site, const CategoryTally* category);
-    [[noreturn]] void raise(const char* what) const;
+    void addMissingColumns();
+    void saveRow(const Row& row);
+    void execute(const std::string& sql);
+    template <typename Action>
+    auto guarded(Action&& action) const;
 
     std::string path_;
-    bool damaged_ = false;
-    sqlite3* database_ = nullptr;
-    std::unique_ptr<Statement> keepServer_, keepRow_, keepRun_, forgetRun_;
+    std::unique_ptr<SQLite::Database> database_;
+    std::unique_ptr<SQLite::Statement> saveServer_, saveRow_, saveRun_, deleteRun_;
 };
 
 }  // namespace tolvane::agent

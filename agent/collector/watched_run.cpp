@@ -1,13 +1,8 @@
 #include "collector/watched_run.h"
 
-#include <fmt/format.h>
-#include <signal.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
-#include "base/text.h"
 #include "segment/record_lock.h"
 
 namespace tolvane::agent {
@@ -16,8 +11,9 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What another agent had taken before our first look is none of our counts.
-ResultStruct takenBefore(const ResultStruct& record) {
+// The counts that another agent had collected before this collector came; they
+// are not for the totals.
+ResultStruct collectedByOthers(const ResultStruct& record) {
     ResultStruct before{};
     if (record.totalDirty == 0) before.total = record.total;
     if (record.sitesDirty == 0) std::memcpy(before.site, record.site, sizeof before.site);
@@ -27,9 +23,10 @@ ResultStruct takenBefore(const ResultStruct& record) {
     return before;
 }
 
-// The record with the counts that no name is known for put back to what they
-// were: they wait for their name.
-ResultStruct withNamed(const ResultStruct& before, const ResultStruct& now, const Names& names) {
+// The record with the counts at indices without a name as they were before: they
+// are collected once the name is known.
+ResultStruct withNamed(const ResultStruct& before, const ResultStruct& now,
+                       const NameTable& names) {
     ResultStruct named = now;
     for (std::size_t s = 0; s < names.size(); ++s) {
         if (names[s].name.empty()) named.site[s] = before.site[s];
@@ -38,10 +35,6 @@ ResultStruct withNamed(const ResultStruct& before, const ResultStruct& now, cons
         }
     }
     return named;
-}
-
-bool isGone(pid_t pid) {
-    return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
 }
 
 }  // namespace
@@ -54,21 +47,21 @@ WatchedRun::WatchedRun(const Handoff& handoff, const SegmentStatus& status)
         std::int32_t id = segment_.semaphoreOf(i);
         semaphores_.push_back(isSemaphoreOf(id, status) ? id : -1);
     }
-    taken_.records.resize(semaphores_.size());
+    progress_.records.resize(semaphores_.size());
     seen_.assign(semaphores_.size(), false);
 }
 
-void WatchedRun::resume(TakenSoFar taken) {
-    if (taken.records.size() != taken_.records.size()) return;
-    taken_ = std::move(taken);
+void WatchedRun::resume(RunProgress progress) {
+    if (progress.records.size() != progress_.records.size()) return;
+    progress_ = std::move(progress);
     seen_.assign(seen_.size(), true);
 }
 
-bool WatchedRun::copyOne(std::int32_t record, ResultStruct& copy, TakingCost& cost) {
+bool WatchedRun::copyOne(std::int32_t record, ResultStruct& copy, CollectionCost& cost) {
     std::int32_t semaphore = semaphores_[static_cast<std::size_t>(record)];
     if (semaphore >= 0) {
-        // A publication is a matter of microseconds; a process that is stopped in
-        // the middle of one must not stop us.
+        // A publication takes microseconds. A process that is stopped during one
+        // must not stop the collector.
         constexpr auto kPatience = 5ms;
         std::chrono::nanoseconds held{0};
         LockedCopy result = copyUnderLock(segment_, record, semaphore, kPatience, copy, held);
@@ -80,59 +73,47 @@ bool WatchedRun::copyOne(std::int32_t record, ResultStruct& copy, TakingCost& co
     return segment_.copyRecordWithoutLock(record, copy);
 }
 
-bool WatchedRun::take(CountSet& added, TakingCost& cost) {
+bool WatchedRun::collect(CountSet& added, CollectionCost& cost) {
     bool changed = false;
     for (std::int32_t i = 0; i < segment_.structures(); ++i) {
-        ResultStruct& before = taken_.records[static_cast<std::size_t>(i)];
+        ResultStruct& before = progress_.records[static_cast<std::size_t>(i)];
         ResultStruct now;
         if (!copyOne(i, now, cost)) {
             ++cost.busyRecords;
             continue;
         }
-        if (!seen_[static_cast<std::size_t>(i)]) before = takenBefore(now);
+        if (!seen_[static_cast<std::size_t>(i)]) before = collectedByOthers(now);
         seen_[static_cast<std::size_t>(i)] = true;
         auto unchanged = [&] { return std::memcmp(&before, &now, sizeof now) == 0; };
         if (unchanged()) continue;
-        now = withNamed(before, now, taken_.names);
+        now = withNamed(before, now, progress_.names);
         if (unchanged()) continue;
         addIncrease(added, before, now, Gap::kAny);
         before = now;
         changed = true;
     }
-    dropLockNotes();
-    tookBefore_ = true;
+    dropUndoEntries();
+    collectedBefore_ = true;
     return changed;
 }
 
-RunState WatchedRun::look(bool& ended) const {
-    RunState state;
-    state.shmid = key_.shmid;
-    state.pid = key_.pid;
-    state.started = key_.created;
-    state.records = segment_.structures();
-    state.version = segment_.version();
-    state.parentPid = segment_.parentPid();
-    SegmentStatus status = segmentStatus(key_.shmid);
-    state.processes = status.attached > 0 ? status.attached - 1 : 0;
-    bool removed = !status.exists || status.removalPending;
-    ended = removed && state.processes == 0;
-    std::string attached = state.processes == 1
-                               ? "1 process attached"
-                               : fmt::format("{} processes attached", state.processes);
-    if (state.processes == 0) {
-        state.state = WatchState::kStale;
-        state.why = "no process uses its segment any more";
-    } else if (removed || state.version == kVersionRemoved) {
-        state.state = WatchState::kEnding;
-        state.why = "it has stopped; " + attached;
-    } else if (isGone(state.parentPid)) {
-        state.state = WatchState::kEnding;
-        state.why = fmt::format("its main process {} is gone; {}", state.parentPid, attached);
-    } else {
-        state.state = WatchState::kLive;
-        state.why = attached;
-    }
-    return state;
+RunStatus WatchedRun::status(bool& ended) const {
+    RunStatus run;
+    run.shmid = key_.shmid;
+    run.pid = key_.pid;
+    run.started = key_.created;
+    run.records = segment_.structures();
+    run.version = segment_.version();
+    run.parentPid = segment_.parentPid();
+    SegmentStatus segment = segmentStatus(key_.shmid);
+    run.processes = segment.attached > 0 ? segment.attached - 1 : 0;
+    bool removed = !segment.exists || segment.removalPending;
+    ended = removed && run.processes == 0;
+    RunJudgement judgement =
+        judgeRun({run.shmid, run.version, removed, run.parentPid, run.processes});
+    run.state = judgement.state;
+    run.reason = std::move(judgement.reason);
+    return run;
 }
 
 }  // namespace tolvane::agent

@@ -1,4 +1,4 @@
-// One run of a server: its segment, and what was taken from it so far.
+// One run of a server: its segment, and what was collected from it so far.
 #pragma once
 
 #include <chrono>
@@ -7,15 +7,15 @@
 #include <ctime>
 #include <vector>
 
-#include "collector/names.h"
+#include "collector/name_table.h"
 #include "collector/state.h"
 #include "counts/counts.h"
-#include "segment/handoff.h"
 #include "segment/segment.h"
+#include "servers/handoff.h"
 
 namespace tolvane::agent {
 
-// What tells a run from every other one, also after a reboot.
+// Identifies a run, also after a reboot.
 struct RunKey {
     std::int32_t shmid = -1;
     std::time_t created = 0;
@@ -24,56 +24,56 @@ struct RunKey {
     auto operator<=>(const RunKey&) const = default;
 };
 
-// What has to be kept of a run so that another collector can go on.
-struct TakenSoFar {
-    Names names;
-    std::vector<ResultStruct> records;  // as they stood at the last taking
+// What another collector needs to continue with a run.
+struct RunProgress {
+    NameTable names;
+    std::vector<ResultStruct> records;  // as they were at the last collection
 };
 
-struct TakingCost {
-    std::uint64_t busyRecords = 0;  // left for the next time
+struct CollectionCost {
+    std::uint64_t busyRecords = 0;  // left for the next collection
     std::chrono::nanoseconds locked{0};
     std::chrono::nanoseconds longestLock{0};
 };
 
-// Counts are taken as what came on since the last time, and nothing in the
-// records is changed. So taking has no half-done state: whoever is killed at any
-// point goes on from what was kept last, and counters that wrap do so unharmed.
+// A collection adds the differences to the last copy of each record and changes
+// nothing in the segment. So it has no intermediate state: a collector that is
+// killed at any point continues from what was saved last, and counters may wrap.
 class WatchedRun {
   public:
-    // Attaches the segment. Throws Failure.
+    // Attaches the segment. Throws Error.
     WatchedRun(const Handoff& handoff, const SegmentStatus& status);
 
     const Handoff& handoff() const { return handoff_; }
     const RunKey& key() const { return key_; }
     Segment& segment() { return segment_; }
-    const TakenSoFar& taken() const { return taken_; }
-    Names& names() { return taken_.names; }
+    const RunProgress& progress() const { return progress_; }
+    NameTable& names() { return progress_.names; }
 
-    // Goes on where an earlier collector was.
-    void resume(TakenSoFar taken);
+    // Continues from where an earlier collector stopped.
+    void resume(RunProgress progress);
 
-    // Adds what came on in every record since the last time, but for sites and
-    // categories without a name. Returns whether there was any change.
-    bool take(CountSet& added, TakingCost& cost);
+    // Adds what was counted in every record since the last collection, except for
+    // sites and categories without a name. Returns whether anything was.
+    bool collect(CountSet& added, CollectionCost& cost);
 
-    // This collector has taken from it before: what comes on now came on just now.
-    bool tookBefore() const { return tookBefore_; }
+    // This collector has collected from it before, so new counts are recent.
+    bool collectedBefore() const { return collectedBefore_; }
 
-    // How the run is doing, by what the system says of the segment. `ended`: it
-    // has been removed and nobody else is attached, so nothing can come on.
-    RunState look(bool& ended) const;
+    // The present state. `ended`: the segment was removed and no other process is
+    // attached, so nothing more can be counted.
+    RunStatus status(bool& ended) const;
 
   private:
-    bool copyOne(std::int32_t record, ResultStruct& copy, TakingCost& cost);
+    bool copyOne(std::int32_t record, ResultStruct& copy, CollectionCost& cost);
 
     Handoff handoff_;
     RunKey key_;
     Segment segment_;
-    std::vector<std::int32_t> semaphores_;  // -1: none that is the server's own
-    TakenSoFar taken_;
-    bool tookBefore_ = false;
-    std::vector<bool> seen_;  // per record: taken from at least once
+    std::vector<std::int32_t> semaphores_;  // -1: not one of the server's own
+    RunProgress progress_;
+    bool collectedBefore_ = false;
+    std::vector<bool> seen_;  // per record: collected at least once
 };
 
 }  // namespace tolvane::agent

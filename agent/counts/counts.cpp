@@ -8,119 +8,75 @@ namespace tolvane::agent {
 
 namespace {
 
-void add(TrafficCounts& sum, const CounterBlock& block) {
-    sum.connections += block.connections;
-    sum.requests += block.requests;
-    sum.bytesSent += block.bytesSent;
-    sum.bytesReceived += block.bytesReceived;
-    sum.errors += block.errors;
-    sum.dropped += block.droppedRequests;
-    sum.redirects += block.redirects;
-    sum.clientErrors += block.clientErrors;
-    sum.serverErrors += block.serverErrors;
-}
-
-void add(CategoryCounts& sum, const CategoryCounters& counters) {
-    sum.requests += counters.requests;
-    sum.bytesSent += counters.bytesSent;
-    sum.errors += counters.errors;
-    sum.dropped += counters.droppedRequests;
-    if (std::isfinite(counters.responseTimeSum)) sum.responseTimeSum += counters.responseTimeSum;
+void add(CategoryCounts& sum, const CategoryCounters& before, const CategoryCounters& after) {
+    sum.addDifference(before, after);
+    double seconds = after.responseTimeSum - before.responseTimeSum;
+    if (std::isfinite(seconds)) sum.responseTimeSum += seconds;
 }
 
 void add(CountSet& sum, const ResultStruct& record) {
-    add(sum.total, record.total);
+    sum.total.addDifference({}, record.total);
     for (int s = 0; s < kMaxSites; ++s) {
-        add(sum.site[s], record.site[s]);
-        for (int c = 0; c < kMaxCategories; ++c) add(sum.category[s][c], record.category[s][c]);
+        sum.site[s].addDifference({}, record.site[s]);
+        for (int c = 0; c < kMaxCategories; ++c) {
+            add(sum.category[s][c], {}, record.category[s][c]);
+        }
     }
 }
 
-// Judges whether a group was cleared between two copies. Any counter may have
-// wrapped, but only bytes come in half the range of one, and those not within
-// seconds. A group that stood taken and was then added to has been cleared when
-// any counter is lower; when none is, an exiting worker has added to it.
-class Judge {
+// Detects that a group was reset between two copies of it. Any counter may have
+// wrapped instead, but only bytes advance by half the range of a counter, and
+// not within seconds. When a group was collected by another agent before the
+// first copy and is dirty in the second, any lower counter means a reset; if no
+// counter is lower, an exiting worker has added to it without a reset.
+class ResetDetector {
   public:
-    Judge(Gap gap, std::int32_t dirtyBefore, std::int32_t dirtyAfter)
-        : gap_(gap), takenBefore_(dirtyBefore == 0 && dirtyAfter != 0) {}
+    ResetDetector(Gap gap, std::int32_t dirtyBefore, std::int32_t dirtyAfter)
+        : gap_(gap), collectedBefore_(dirtyBefore == 0 && dirtyAfter != 0) {}
 
-    bool sank(const CounterBlock& before, const CounterBlock& after) const {
-        return countSank(before.requests, after.requests) ||
-               countSank(before.connections, after.connections) ||
-               countSank(before.errors, after.errors) ||
-               countSank(before.droppedRequests, after.droppedRequests) ||
-               countSank(before.redirects, after.redirects) ||
-               countSank(before.clientErrors, after.clientErrors) ||
-               countSank(before.serverErrors, after.serverErrors) ||
-               bytesSank(before.bytesSent, after.bytesSent) ||
-               bytesSank(before.bytesReceived, after.bytesReceived);
-    }
-    bool sank(const CategoryCounters& before, const CategoryCounters& after) const {
-        return countSank(before.requests, after.requests) ||
-               countSank(before.errors, after.errors) ||
-               countSank(before.droppedRequests, after.droppedRequests) ||
-               after.responseTimeSum < before.responseTimeSum ||
-               bytesSank(before.bytesSent, after.bytesSent);
+    template <typename Block>
+    bool wasReset(const Block& before, const Block& after) const {
+        for (const Counter<Block>& counter : countersOf<Block>()) {
+            if (decreased(counter.unit, before.*counter.member, after.*counter.member)) return true;
+        }
+        if constexpr (std::is_same_v<Block, CategoryCounters>) {
+            return after.responseTimeSum < before.responseTimeSum;
+        }
+        return false;
     }
 
   private:
-    static constexpr std::uint32_t kHalfRange = 1U << 31;
-
-    bool countSank(std::uint32_t before, std::uint32_t after) const {
-        return takenBefore_ ? after < before : after - before >= kHalfRange;
-    }
-    bool bytesSank(std::uint32_t before, std::uint32_t after) const {
-        if (takenBefore_) return after < before;
-        return gap_ == Gap::kSeconds && after - before >= kHalfRange;
+    bool decreased(CounterUnit unit, std::uint32_t before, std::uint32_t after) const {
+        constexpr std::uint32_t kHalfRange = 1U << 31;
+        if (collectedBefore_) return after < before;
+        if (unit == CounterUnit::kBytes && gap_ == Gap::kAny) return false;
+        return after - before >= kHalfRange;
     }
 
     Gap gap_;
-    bool takenBefore_;
+    bool collectedBefore_;
 };
 
-CounterBlock difference(const CounterBlock& before, const CounterBlock& after) {
-    CounterBlock result{};
-    result.connections = after.connections - before.connections;
-    result.requests = after.requests - before.requests;
-    result.bytesSent = after.bytesSent - before.bytesSent;
-    result.bytesReceived = after.bytesReceived - before.bytesReceived;
-    result.errors = after.errors - before.errors;
-    result.droppedRequests = after.droppedRequests - before.droppedRequests;
-    result.redirects = after.redirects - before.redirects;
-    result.clientErrors = after.clientErrors - before.clientErrors;
-    result.serverErrors = after.serverErrors - before.serverErrors;
-    return result;
-}
-
-CategoryCounters difference(const CategoryCounters& before, const CategoryCounters& after) {
-    CategoryCounters result{};
-    result.requests = after.requests - before.requests;
-    result.bytesSent = after.bytesSent - before.bytesSent;
-    result.errors = after.errors - before.errors;
-    result.droppedRequests = after.droppedRequests - before.droppedRequests;
-    result.responseTimeSum = after.responseTimeSum - before.responseTimeSum;
-    return result;
-}
-
-// Most of a record does not change from one look to the next.
+// Most of a record does not change from one copy to the next.
 template <typename Block>
 bool differ(const Block& a, const Block& b) {
     return std::memcmp(&a, &b, sizeof a) != 0;
 }
 
-bool sitesCleared(const Judge& judge, const ResultStruct& before, const ResultStruct& after) {
+bool sitesReset(const ResetDetector& detector, const ResultStruct& before,
+                const ResultStruct& after) {
     for (int s = 0; s < kMaxSites; ++s) {
-        if (judge.sank(before.site[s], after.site[s])) return true;
+        if (detector.wasReset(before.site[s], after.site[s])) return true;
     }
     return false;
 }
 
-bool categoriesCleared(const Judge& judge, const ResultStruct& before, const ResultStruct& after) {
+bool categoriesReset(const ResetDetector& detector, const ResultStruct& before,
+                     const ResultStruct& after) {
     for (int s = 0; s < kMaxSites; ++s) {
         if (!differ(before.category[s], after.category[s])) continue;
         for (int c = 0; c < kMaxCategories; ++c) {
-            if (judge.sank(before.category[s][c], after.category[s][c])) return true;
+            if (detector.wasReset(before.category[s][c], after.category[s][c])) return true;
         }
     }
     return false;
@@ -129,7 +85,7 @@ bool categoriesCleared(const Judge& judge, const ResultStruct& before, const Res
 void addSites(CountSet& sum, const ResultStruct& before, const ResultStruct& after) {
     for (int s = 0; s < kMaxSites; ++s) {
         if (!differ(before.site[s], after.site[s])) continue;
-        add(sum.site[s], difference(before.site[s], after.site[s]));
+        sum.site[s].addDifference(before.site[s], after.site[s]);
     }
 }
 
@@ -137,15 +93,14 @@ void addCategories(CountSet& sum, const ResultStruct& before, const ResultStruct
     for (int s = 0; s < kMaxSites; ++s) {
         if (!differ(before.category[s], after.category[s])) continue;
         for (int c = 0; c < kMaxCategories; ++c) {
-            const CategoryCounters& earlier = before.category[s][c];
-            add(sum.category[s][c], difference(earlier, after.category[s][c]));
+            add(sum.category[s][c], before.category[s][c], after.category[s][c]);
         }
     }
 }
 
 }  // namespace
 
-ResultStruct withoutTaken(const ResultStruct& record) {
+ResultStruct withoutStaleGroups(const ResultStruct& record) {
     ResultStruct kept = record;
     if (kept.totalDirty == 0) kept.total = {};
     if (kept.sitesDirty == 0) std::fill(std::begin(kept.site), std::end(kept.site), CounterBlock{});
@@ -172,26 +127,26 @@ Sample takeSample(const Server& server) {
 
 CountSet countsOf(const std::vector<ResultStruct>& records) {
     CountSet sum;
-    for (const ResultStruct& record : records) add(sum, withoutTaken(record));
+    for (const ResultStruct& record : records) add(sum, withoutStaleGroups(record));
     return sum;
 }
 
 void addIncrease(CountSet& sum, const ResultStruct& before, const ResultStruct& after, Gap gap) {
     static constexpr ResultStruct kNothing{};
-    Judge ofTotal(gap, before.totalDirty, after.totalDirty);
-    Judge ofSites(gap, before.sitesDirty, after.sitesDirty);
-    Judge ofCategories(gap, before.categoriesDirty, after.categoriesDirty);
-    bool totalCleared = ofTotal.sank(before.total, after.total);
-    add(sum.total, difference(totalCleared ? kNothing.total : before.total, after.total));
-    addSites(sum, sitesCleared(ofSites, before, after) ? kNothing : before, after);
-    addCategories(sum, categoriesCleared(ofCategories, before, after) ? kNothing : before, after);
+    ResetDetector ofTotal(gap, before.totalDirty, after.totalDirty);
+    ResetDetector ofSites(gap, before.sitesDirty, after.sitesDirty);
+    ResetDetector ofCategories(gap, before.categoriesDirty, after.categoriesDirty);
+    bool totalReset = ofTotal.wasReset(before.total, after.total);
+    sum.total.addDifference(totalReset ? kNothing.total : before.total, after.total);
+    addSites(sum, sitesReset(ofSites, before, after) ? kNothing : before, after);
+    addCategories(sum, categoriesReset(ofCategories, before, after) ? kNothing : before, after);
 }
 
 void addIncrease(CountSet& sum, const std::vector<ResultStruct>& before,
                  const std::vector<ResultStruct>& after) {
     for (std::size_t i = 0; i < after.size(); ++i) {
-        ResultStruct earlier = i < before.size() ? withoutTaken(before[i]) : ResultStruct{};
-        addIncrease(sum, earlier, withoutTaken(after[i]), Gap::kSeconds);
+        ResultStruct earlier = i < before.size() ? withoutStaleGroups(before[i]) : ResultStruct{};
+        addIncrease(sum, earlier, withoutStaleGroups(after[i]), Gap::kSeconds);
     }
 }
 

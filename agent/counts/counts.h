@@ -1,4 +1,4 @@
-// What a segment has counted at one moment, and what came on between two.
+// What a segment has counted at one moment, and what was added between two.
 #pragma once
 
 #include <chrono>
@@ -7,30 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "segment/server.h"
+#include "counts/sums.h"
+#include "segment/configuration_copy.h"
+#include "servers/server.h"
 #include "tolvane/segment_format.h"
 
 namespace tolvane::agent {
-
-struct TrafficCounts {
-    std::uint64_t connections = 0;
-    std::uint64_t requests = 0;
-    std::uint64_t bytesSent = 0;
-    std::uint64_t bytesReceived = 0;
-    std::uint64_t errors = 0;
-    std::uint64_t dropped = 0;
-    std::uint64_t redirects = 0;
-    std::uint64_t clientErrors = 0;
-    std::uint64_t serverErrors = 0;
-};
-
-struct CategoryCounts {
-    std::uint64_t requests = 0;
-    std::uint64_t bytesSent = 0;
-    std::uint64_t errors = 0;
-    std::uint64_t dropped = 0;
-    double responseTimeSum = 0;  // seconds
-};
 
 // The counts of every record together, by index of site and category.
 struct CountSet {
@@ -48,21 +30,21 @@ struct Sample {
     bool steady = true;  // every record was copied between two publications
 };
 
-// Reads the segment and leaves everything in it as it is. Throws Failure.
+// Reads the segment without changing it. Throws Error.
 Sample takeSample(const Server& server);
 
-// The counts in the records. A group whose dirty flag is 0 was taken by an
-// agent: what still stands there counts no more.
+// The sum over the records. A group whose dirty flag is 0 was collected by
+// another agent, and its counters are stale: it counts as 0.
 CountSet countsOf(const std::vector<ResultStruct>& records);
 
-// The record with its taken groups emptied.
-ResultStruct withoutTaken(const ResultStruct& record);
+// The record with such groups set to 0.
+ResultStruct withoutStaleGroups(const ResultStruct& record);
 
-// How long ago the earlier of two copies of a record was made.
+// The time between two copies of a record.
 enum class Gap { kSeconds, kAny };
 
-// Adds what came on in a record between two copies of it. Counters wrap at
-// 2^32, and a group starts from 0 again after an agent has taken it.
+// Adds what was counted in a record between two copies of it. Counters wrap at
+// 2^32, and a group starts from 0 again after another agent has collected it.
 void addIncrease(CountSet& sum, const ResultStruct& before, const ResultStruct& after, Gap gap);
 
 // The same over all records of a server, between two samples.

@@ -1,14 +1,5 @@
 #include "counts/report.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
-#include <array>
-#include <numeric>
-
-#include "base/terminal.h"
-#include "base/text.h"
-
 namespace tolvane::agent {
 
 namespace {
@@ -23,16 +14,11 @@ std::optional<double> share(std::uint64_t part, std::uint64_t whole) {
 // Response times are summed over responses of status class below 4, so the
 // requests that failed or got no response do not count.
 std::optional<double> meanResponse(const CategoryCounts& counts) {
-    std::uint64_t without = counts.errors + counts.dropped;
-    if (counts.requests <= without || !(counts.responseTimeSum >= 0)) return std::nullopt;
-    return counts.responseTimeSum / static_cast<double>(counts.requests - without);
-}
-
-void addTo(CategoryCounts& sum, const CategoryCounts& counts) {
-    sum.requests += counts.requests;
-    sum.errors += counts.errors;
-    sum.dropped += counts.dropped;
-    sum.responseTimeSum += counts.responseTimeSum;
+    std::uint64_t without =
+        counts[&CategoryCounters::errors] + counts[&CategoryCounters::droppedRequests];
+    std::uint64_t requests = counts[&CategoryCounters::requests];
+    if (requests <= without || !(counts.responseTimeSum >= 0)) return std::nullopt;
+    return counts.responseTimeSum / static_cast<double>(requests - without);
 }
 
 ReportRow trafficRow(Level level, std::string name, const TrafficCounts& counts,
@@ -41,21 +27,12 @@ ReportRow trafficRow(Level level, std::string name, const TrafficCounts& counts,
     row.level = level;
     row.name = std::move(name);
     row.counts = counts;
-    row.errorShare = share(counts.errors, counts.requests);
+    row.errorShare = share(counts[&CounterBlock::errors], counts[&CounterBlock::requests]);
     if (seconds > 0) {
-        row.requestsPerSecond = static_cast<double>(added.requests) / seconds;
-        row.bytesSentPerSecond = static_cast<double>(added.bytesSent) / seconds;
+        row.requestsPerSecond = static_cast<double>(added[&CounterBlock::requests]) / seconds;
+        row.bytesSentPerSecond = static_cast<double>(added[&CounterBlock::bytesSent]) / seconds;
     }
     return row;
-}
-
-TrafficCounts asTraffic(const CategoryCounts& counts) {
-    TrafficCounts traffic;
-    traffic.requests = counts.requests;
-    traffic.bytesSent = counts.bytesSent;
-    traffic.errors = counts.errors;
-    traffic.dropped = counts.dropped;
-    return traffic;
 }
 
 }  // namespace
@@ -67,270 +44,27 @@ Report buildReport(const ConfigInfo& config, const CountSet& counts, const Count
         trafficRow(Level::kTotal, "all traffic", counts.total, added.total, seconds));
     CategoryCounts everywhere;
     for (int s = 0; s < config.numSites; ++s) {
-        // A gap that a removed site has left; a category leaves one below.
+        // A removed site or category leaves an empty entry.
         if (config.siteName[s][0] == '\0') continue;
         std::size_t siteRow = report.rows.size();
-        report.rows.push_back(trafficRow(Level::kSite, printable(config.siteName[s]),
-                                         counts.site[s], added.site[s], seconds));
+        report.rows.push_back(
+            trafficRow(Level::kSite, config.siteName[s], counts.site[s], added.site[s], seconds));
         CategoryCounts ofSite;
         for (int c = 0; c < config.numCategories[s]; ++c) {
             const CategoryConfig& configured = config.categories[s][c];
             if (configured.numSections == 0 && configured.label[0] == '\0') continue;
             const CategoryCounts& category = counts.category[s][c];
-            report.rows.push_back(trafficRow(Level::kCategory, printable(configured.label),
+            report.rows.push_back(trafficRow(Level::kCategory, configured.label,
                                              asTraffic(category), asTraffic(added.category[s][c]),
                                              seconds));
             report.rows.back().meanResponse = meanResponse(category);
-            addTo(ofSite, category);
+            ofSite.add(category);
         }
         report.rows[siteRow].meanResponse = meanResponse(ofSite);
-        addTo(everywhere, ofSite);
+        everywhere.add(ofSite);
     }
     report.rows[0].meanResponse = meanResponse(everywhere);
     return report;
-}
-
-namespace {
-
-struct ColumnStyle {
-    const char* title;
-    int importance;  // the lowest is left out first
-    bool inCategories;
-};
-
-constexpr std::array<ColumnStyle, kReportColumns> kStyles = {{
-    {"SITE / CATEGORY", 99, true},
-    {"REQUESTS", 98, true},
-    {"REQ/S", 97, true},
-    {"ERR%", 96, true},
-    {"MEAN ms", 95, true},
-    {"4XX", 60, false},
-    {"5XX", 61, false},
-    {"3XX", 50, false},
-    {"DROPPED", 55, true},
-    {"CONNS", 58, false},
-    {"SENT", 70, true},
-    {"RECEIVED", 40, false},
-    {"SENT/S", 65, true},
-}};
-
-const ColumnStyle& style(ReportColumn column) {
-    return kStyles[static_cast<std::size_t>(column)];
-}
-
-std::string withUnit(double bytes) {
-    constexpr std::array<const char*, 5> kUnits = {"", "K", "M", "G", "T"};
-    std::size_t unit = 0;
-    while (bytes >= 1000 && unit + 1 < kUnits.size()) {
-        bytes /= 1000;
-        ++unit;
-    }
-    return unit == 0 ? fmt::format("{:.0f}", bytes) : fmt::format("{:.1f}{}", bytes, kUnits[unit]);
-}
-
-std::string cell(const ReportRow& row, ReportColumn column, const ReportLayout& layout) {
-    if (row.level == Level::kCategory && !style(column).inCategories) return "";
-    auto bytes = [&](std::uint64_t count) {
-        return layout.exactBytes ? fmt::format("{}", count) : withUnit(static_cast<double>(count));
-    };
-    switch (column) {
-        case ReportColumn::kName:
-            return (row.level == Level::kCategory ? "  " : "") + row.name;
-        case ReportColumn::kRequests:
-            return fmt::format("{}", row.counts.requests);
-        case ReportColumn::kRate:
-            return fmt::format("{:.1f}", row.requestsPerSecond);
-        case ReportColumn::kErrorShare:
-            return row.errorShare ? fmt::format("{:.1f}", *row.errorShare * 100) : "-";
-        case ReportColumn::kMean:
-            return row.meanResponse ? fmt::format("{:.2f}", *row.meanResponse * 1000) : "-";
-        case ReportColumn::kClientErrors:
-            return fmt::format("{}", row.counts.clientErrors);
-        case ReportColumn::kServerErrors:
-            return fmt::format("{}", row.counts.serverErrors);
-        case ReportColumn::kRedirects:
-            return fmt::format("{}", row.counts.redirects);
-        case ReportColumn::kDropped:
-            return fmt::format("{}", row.counts.dropped);
-        case ReportColumn::kConnections:
-            return fmt::format("{}", row.counts.connections);
-        case ReportColumn::kSent:
-            return bytes(row.counts.bytesSent);
-        case ReportColumn::kReceived:
-            return bytes(row.counts.bytesReceived);
-        case ReportColumn::kSentRate:
-            return withUnit(row.bytesSentPerSecond);
-    }
-    return "";
-}
-
-double sortKey(const ReportRow& row, ReportColumn column) {
-    switch (column) {
-        case ReportColumn::kName:
-            return 0;
-        case ReportColumn::kRequests:
-            return static_cast<double>(row.counts.requests);
-        case ReportColumn::kRate:
-            return row.requestsPerSecond;
-        case ReportColumn::kErrorShare:
-            return row.errorShare.value_or(-1);
-        case ReportColumn::kMean:
-            return row.meanResponse.value_or(-1);
-        case ReportColumn::kClientErrors:
-            return static_cast<double>(row.counts.clientErrors);
-        case ReportColumn::kServerErrors:
-            return static_cast<double>(row.counts.serverErrors);
-        case ReportColumn::kRedirects:
-            return static_cast<double>(row.counts.redirects);
-        case ReportColumn::kDropped:
-            return static_cast<double>(row.counts.dropped);
-        case ReportColumn::kConnections:
-            return static_cast<double>(row.counts.connections);
-        case ReportColumn::kSent:
-            return static_cast<double>(row.counts.bytesSent);
-        case ReportColumn::kReceived:
-            return static_cast<double>(row.counts.bytesReceived);
-        case ReportColumn::kSentRate:
-            return row.bytesSentPerSecond;
-    }
-    return 0;
-}
-
-bool before(const ReportRow& a, const ReportRow& b, ReportColumn column, bool ascending) {
-    if (column == ReportColumn::kName) return ascending ? a.name > b.name : a.name < b.name;
-    double left = sortKey(a, column);
-    double right = sortKey(b, column);
-    return ascending ? left < right : left > right;
-}
-
-std::string heading(ReportColumn column, const ReportLayout& layout) {
-    std::string title = columnTitle(column);
-    if (layout.sortBy == column) title += layout.ascending ? "^" : "v";
-    return title;
-}
-
-struct Grid {
-    std::vector<ReportColumn> columns;
-    std::vector<std::size_t> widths;
-    std::vector<std::vector<std::string>> lines;  // the heading first
-};
-
-Grid makeGrid(const Report& report, const ReportLayout& layout) {
-    Grid grid;
-    for (int i = 0; i < kReportColumns; ++i) grid.columns.push_back(static_cast<ReportColumn>(i));
-    grid.widths.resize(grid.columns.size());
-    auto addLine = [&](auto&& textOf) {
-        std::vector<std::string> line;
-        for (std::size_t i = 0; i < grid.columns.size(); ++i) {
-            line.push_back(textOf(grid.columns[i]));
-            grid.widths[i] = std::max(grid.widths[i], displayWidth(line.back()));
-        }
-        grid.lines.push_back(std::move(line));
-    };
-    addLine([&](ReportColumn column) { return heading(column, layout); });
-    for (const ReportRow& row : report.rows) {
-        if (row.level == Level::kCategory && !layout.categories) continue;
-        addLine([&](ReportColumn column) { return cell(row, column, layout); });
-    }
-    return grid;
-}
-
-std::size_t lineWidth(const Grid& grid) {
-    return std::accumulate(grid.widths.begin(), grid.widths.end(), 2 * (grid.widths.size() - 1));
-}
-
-void removeColumn(Grid& grid, std::size_t index) {
-    auto at = static_cast<std::ptrdiff_t>(index);
-    grid.columns.erase(grid.columns.begin() + at);
-    grid.widths.erase(grid.widths.begin() + at);
-    for (auto& line : grid.lines) line.erase(line.begin() + at);
-}
-
-// First the names give way, down to a readable rest, then whole columns.
-void fitGrid(Grid& grid, std::size_t width) {
-    constexpr std::size_t kShortestName = 18;
-    auto shrinkName = [&](std::size_t shortest) {
-        std::size_t wide = lineWidth(grid);
-        if (wide <= width) return;
-        std::size_t excess = wide - width;
-        std::size_t name = grid.widths[0];
-        std::size_t spare = name > shortest ? name - shortest : 0;
-        grid.widths[0] = name - std::min(excess, spare);
-    };
-    shrinkName(kShortestName);
-    while (lineWidth(grid) > width && grid.columns.size() > 1) {
-        auto least = std::min_element(grid.columns.begin(), grid.columns.end(),
-                                      [](ReportColumn a, ReportColumn b) {
-                                          return style(a).importance < style(b).importance;
-                                      });
-        removeColumn(grid, static_cast<std::size_t>(least - grid.columns.begin()));
-    }
-    shrinkName(1);
-}
-
-std::string drawLine(const Grid& grid, const std::vector<std::string>& cells) {
-    std::string line;
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-        std::string text = cutToWidth(cells[i], grid.widths[i]);
-        std::string blanks(grid.widths[i] - std::min(displayWidth(text), grid.widths[i]), ' ');
-        if (i > 0) line += "  ";
-        line += grid.columns[i] == ReportColumn::kName ? text + blanks : blanks + text;
-    }
-    line.erase(line.find_last_not_of(' ') + 1);
-    return line;
-}
-
-}  // namespace
-
-const char* columnTitle(ReportColumn column) {
-    return style(column).title;
-}
-
-void sortReport(Report& report, ReportColumn column, bool ascending) {
-    struct Group {
-        ReportRow site;
-        std::vector<ReportRow> categories;
-    };
-    std::vector<Group> groups;
-    std::vector<ReportRow> sorted;
-    for (ReportRow& row : report.rows) {
-        if (row.level == Level::kTotal)
-            sorted.push_back(std::move(row));
-        else if (row.level == Level::kSite)
-            groups.push_back({std::move(row), {}});
-        else
-            groups.back().categories.push_back(std::move(row));
-    }
-    auto order = [=](const ReportRow& a, const ReportRow& b) {
-        return before(a, b, column, ascending);
-    };
-    std::stable_sort(groups.begin(), groups.end(),
-                     [&](const Group& a, const Group& b) { return order(a.site, b.site); });
-    for (Group& group : groups) {
-        std::stable_sort(group.categories.begin(), group.categories.end(), order);
-        sorted.push_back(std::move(group.site));
-        std::move(group.categories.begin(), group.categories.end(), std::back_inserter(sorted));
-    }
-    report.rows = std::move(sorted);
-}
-
-std::vector<std::string> renderReport(const Report& report, const ReportLayout& layout) {
-    Grid grid = makeGrid(report, layout);
-    if (layout.width > 0) fitGrid(grid, static_cast<std::size_t>(layout.width));
-    std::vector<std::string> lines;
-    std::size_t at = 0;
-    lines.push_back(coloured(drawLine(grid, grid.lines[at++]), Colour::kBold, layout.colour));
-    for (const ReportRow& row : report.rows) {
-        if (row.level == Level::kCategory && !layout.categories) continue;
-        Colour colour = row.level == Level::kCategory ? Colour::kDim : Colour::kPlain;
-        constexpr double kManyErrors = 0.05;
-        if (row.errorShare.value_or(0) >= kManyErrors) colour = Colour::kYellow;
-        if (row.counts.serverErrors > 0 && row.errorShare.value_or(0) >= kManyErrors) {
-            colour = Colour::kRed;
-        }
-        lines.push_back(coloured(drawLine(grid, grid.lines[at++]), colour, layout.colour));
-    }
-    return lines;
 }
 
 }  // namespace tolvane::agent

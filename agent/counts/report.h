@@ -1,4 +1,4 @@
-// The table of sites and categories that `show` and `top` print.
+// The counts of a server as rows: the total, the sites and their categories.
 #pragma once
 
 #include <optional>
@@ -25,43 +25,8 @@ struct Report {
     std::vector<ReportRow> rows;
 };
 
-// `added` is what came on in `seconds`; it gives the rates.
+// `added` was counted in `seconds` and gives the rates.
 Report buildReport(const ConfigInfo& config, const CountSet& counts, const CountSet& added,
                    double seconds);
-
-enum class ReportColumn {
-    kName,
-    kRequests,
-    kRate,
-    kErrorShare,
-    kMean,
-    kClientErrors,
-    kServerErrors,
-    kRedirects,
-    kDropped,
-    kConnections,
-    kSent,
-    kReceived,
-    kSentRate,
-};
-inline constexpr int kReportColumns = 13;
-
-struct ReportLayout {
-    int width = 0;  // columns of the terminal; 0: as wide as it gets
-    bool colour = false;
-    bool exactBytes = true;  // false: with a unit, such as 12.5M
-    bool categories = true;
-    std::optional<ReportColumn> sortBy;  // marked in the heading
-    bool ascending = false;
-};
-
-// Sites among themselves, and the categories within their site.
-void sortReport(Report& report, ReportColumn column, bool ascending);
-
-// The heading and one line per row. Columns that do not fit are left out, the
-// least telling first.
-std::vector<std::string> renderReport(const Report& report, const ReportLayout& layout);
-
-const char* columnTitle(ReportColumn column);
 
 }  // namespace tolvane::agent

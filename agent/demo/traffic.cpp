@@ -6,11 +6,8 @@
 // Before and after the mixed requests it holds CONNECTIONS open at once, so
 // that every process answers: before, to have published once and so taken the
 // configuration, and after, to publish what its last response has left.
-#include <arpa/inet.h>
 #include <fmt/format.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -24,8 +21,12 @@
 #include <thread>
 #include <vector>
 
+#include "http_client/connection.h"
+#include "http_client/response_reader.h"
+
 namespace {
 
+namespace http_client = tolvane::http_client;
 using Clock = std::chrono::steady_clock;
 
 struct Account {
@@ -74,17 +75,8 @@ std::string siteOf(const Request& request) {
 class Connection {
   public:
     explicit Connection(int port, Accounts& accounts)
-        : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), accounts_(accounts) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<std::uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        timeval limit{30, 0};
-        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-            throw std::runtime_error("the server cannot be reached");
-        }
-    }
+        : fd_(http_client::connectTo(port, "127.0.0.1", std::chrono::seconds(30))),
+          accounts_(accounts) {}
     ~Connection() { ::close(fd_); }
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -94,10 +86,7 @@ class Connection {
         account.requests = 1;
         std::string text =
             fmt::format("GET {} HTTP/1.1\r\nHost: {}\r\n\r\n", request.path, request.host);
-        if (::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) !=
-            static_cast<ssize_t>(text.size())) {
-            throw std::runtime_error("a request could not be sent");
-        }
+        http_client::sendAll(fd_, text);
         account.bytesToServer = text.size();
         int status = readResponse(account);
         if (status / 100 == 3) account.redirects = 1;
@@ -114,25 +103,17 @@ class Connection {
     }
 
   private:
-    void receive(std::string& into) {
-        char buffer[65536];
-        ssize_t got = ::recv(fd_, buffer, sizeof buffer, 0);
-        if (got <= 0) throw std::runtime_error("a response ended early");
-        into.append(buffer, static_cast<std::size_t>(got));
-    }
-
     int readResponse(Account& account) {
-        std::string response;
-        std::size_t headEnd;
-        while ((headEnd = response.find("\r\n\r\n")) == std::string::npos) receive(response);
-        std::size_t length = response.find("Content-Length: ");
-        if (length == std::string::npos || length > headEnd) {
-            throw std::runtime_error("a response without Content-Length");
+        http_client::ResponseReader response;
+        while (!response.complete()) {
+            char buffer[65536];
+            ssize_t got = ::recv(fd_, buffer, sizeof buffer, 0);
+            if (got <= 0) throw std::runtime_error("a response ended early");
+            response.feed({buffer, static_cast<std::size_t>(got)});
         }
-        std::size_t whole = headEnd + 4 + std::strtoul(response.c_str() + length + 16, nullptr, 10);
-        while (response.size() < whole) receive(response);
+        if (!response.hasLength()) throw std::runtime_error("a response without Content-Length");
         account.bytesToClient = response.size();
-        return std::atoi(response.c_str() + 9);
+        return response.status();
     }
 
     int fd_;

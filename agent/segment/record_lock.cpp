@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <ctime>
 
-#include "base/system_limits.h"
+#include "os/system_limits.h"
 
 namespace tolvane::agent {
 
@@ -15,8 +15,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Takes the semaphore's one unit, or gives it back (+1). Returns errno, 0 on
-// success.
+// Locks (-1) or unlocks (+1) the semaphore. Returns errno, 0 on success.
 int change(std::int32_t semaphoreId, short units, std::chrono::microseconds patience) {
     sembuf operation = {0, units, SEM_UNDO};
     auto seconds = std::chrono::duration_cast<std::chrono::seconds>(patience);
@@ -45,7 +44,7 @@ bool isSemaphoreOf(std::int32_t semaphoreId, const SegmentStatus& segment) {
 LockedCopy copyUnderLock(const Segment& segment, std::int32_t record, std::int32_t semaphoreId,
                          std::chrono::microseconds patience, ResultStruct& copy,
                          std::chrono::nanoseconds& held) {
-    // Its pages are there before the lock is taken, not while it is held.
+    // Allocates its pages before the lock is held.
     copy = {};
     int error = change(semaphoreId, -1, patience);
     if (error == EAGAIN || error == EINTR) return LockedCopy::kBusy;
@@ -57,7 +56,7 @@ LockedCopy copyUnderLock(const Segment& segment, std::int32_t record, std::int32
     return LockedCopy::kDone;
 }
 
-void dropLockNotes() {
+void dropUndoEntries() {
     ::unshare(CLONE_SYSVSEM);
 }
 

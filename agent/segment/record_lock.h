@@ -8,27 +8,27 @@
 
 namespace tolvane::agent {
 
-// A server creates its semaphores right after its segment, as the same user,
-// one to a set and open to everybody. Whatever does not look so was not its
-// own: anybody may write identifiers into a segment, and those in an old one
-// may have been given to somebody else since.
+// A server creates its semaphores right after its segment, as the same user, in
+// sets of one, with mode 0777. Any other semaphore is not the server's own: any
+// process may write identifiers into a segment, and the identifiers in an old
+// segment may have been reused.
 bool isSemaphoreOf(std::int32_t semaphoreId, const SegmentStatus& segment);
 
 enum class LockedCopy {
     kDone,
-    kBusy,  // a process held the lock all the time that we may wait
-    kGone,  // there is no such semaphore any more
+    kBusy,  // a process held the lock for all of the patience
+    kGone,  // the semaphore no longer exists
 };
 
-// Copies the record while holding its semaphore, which the system gives back
-// should we be killed. `held` is how long that took.
+// Copies the record while holding its semaphore, which the system releases if
+// this process is killed. `held` is the time for which it was held.
 LockedCopy copyUnderLock(const Segment& segment, std::int32_t record, std::int32_t semaphoreId,
                          std::chrono::microseconds patience, ResultStruct& copy,
                          std::chrono::nanoseconds& held);
 
-// The system keeps a note of every semaphore that was taken and looks through
-// all of them at each taking. With many servers that costs more than all else;
-// no lock may be held when the notes are dropped.
-void dropLockNotes();
+// The kernel keeps an undo entry for every semaphore that was locked, and searches
+// all of them at each lock. With many servers that is the largest cost. No lock
+// may be held when the entries are dropped.
+void dropUndoEntries();
 
 }  // namespace tolvane::agent

@@ -1,6 +1,5 @@
 #include "segment/segment.h"
 
-#include <fmt/format.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -11,7 +10,7 @@
 #include <cstring>
 #include <thread>
 
-#include "base/error.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 
@@ -25,16 +24,16 @@ Word loadWord(const Word& word, std::memory_order order = std::memory_order_rela
     return std::atomic_ref<Word>(const_cast<Word&>(word)).load(order);
 }
 
-// Servers write while we copy: word by word, so that at least no word is torn.
+// Servers write meanwhile: a copy by words has at least no torn word.
 void copyWords(void* to, const void* from, std::size_t bytes) {
     auto* target = static_cast<std::uint32_t*>(to);
     const auto* source = static_cast<const std::uint32_t*>(from);
     for (std::size_t i = 0; i < bytes / sizeof(std::uint32_t); ++i) target[i] = loadWord(source[i]);
 }
 
-// Whether a publication into the record is under way. The semaphore is looked
-// at and never taken: a reader that is stopped must not stop the server.
-bool publicationUnderWay(std::int32_t semaphoreId) {
+// Whether a publication into the record is in progress. The semaphore is read and
+// never locked: a reader that is stopped must not stop the server.
+bool publicationInProgress(std::int32_t semaphoreId) {
     return semaphoreId >= 0 && ::semctl(semaphoreId, 0, GETVAL) == 0;
 }
 
@@ -45,7 +44,7 @@ SegmentStatus segmentStatus(std::int32_t shmid) {
     shmid_ds raw{};
     if (::shmctl(shmid, IPC_STAT, &raw) != 0) {
         status.error = errno;
-        // It is there, but we may not read it.
+        // It exists, but this process may not read it.
         status.exists = errno == EACCES;
         return status;
     }
@@ -64,22 +63,23 @@ Segment::Segment(std::int32_t shmid, std::int32_t structures, Access access)
     : structures_(structures), address_(nullptr) {
     std::size_t wanted = segmentSize(static_cast<std::size_t>(structures));
     SegmentStatus before = segmentStatus(shmid);
-    if (!before.exists) fail(kExitFailed, "segment {} is gone", shmid);
-    if (before.error != 0) fail(kExitFailed, "segment {}: {}", shmid, std::strerror(before.error));
+    if (!before.exists) fail(ErrorKind::kFailed, "segment {} is gone", shmid);
+    if (before.error != 0)
+        fail(ErrorKind::kFailed, "segment {}: {}", shmid, std::strerror(before.error));
     if (before.size != wanted) {
-        fail(kExitFailed, "segment {} has {} bytes where {} records need {}", shmid, before.size,
-             structures, wanted);
+        fail(ErrorKind::kFailed, "segment {} has {} bytes where {} records need {}", shmid,
+             before.size, structures, wanted);
     }
     void* address = ::shmat(shmid, nullptr, access == Access::kRead ? SHM_RDONLY : 0);
     if (address == reinterpret_cast<void*>(-1)) {
-        fail(kExitFailed, "segment {} cannot be attached: {}", shmid, std::strerror(errno));
+        fail(ErrorKind::kFailed, "segment {} cannot be attached: {}", shmid, std::strerror(errno));
     }
-    // The identifier may have changed hands in between.
+    // The identifier may have been reused in between.
     SegmentStatus after = segmentStatus(shmid);
     if (after.size != wanted || after.creator != before.creator ||
         after.created != before.created) {
         ::shmdt(address);
-        fail(kExitFailed, "segment {} is gone", shmid);
+        fail(ErrorKind::kFailed, "segment {} is gone", shmid);
     }
     address_ = address;
 }
@@ -105,115 +105,44 @@ std::int32_t Segment::semaphoreOf(std::int32_t record) const {
     return loadWord(recordAt(record)->semaphoreId);
 }
 
-bool Segment::copySteady(std::int32_t record, std::int32_t semaphoreId, ResultStruct& copy) const {
+void Segment::copyConfig(ConfigInfo& copy) const {
+    copyWords(&copy, config(), sizeof copy);
+}
+
+bool Segment::copyStable(std::int32_t record, std::int32_t semaphoreId, ResultStruct& copy) const {
     constexpr int kTries = 50;
     const ResultStruct* source = recordAt(record);
     ResultStruct again;
     copyWords(&again, source, sizeof again);
     for (int i = 0; i < kTries; ++i) {
         if (i > 0) std::this_thread::sleep_for(1ms);
-        bool quiet = !publicationUnderWay(semaphoreId);
+        bool unlocked = !publicationInProgress(semaphoreId);
         std::atomic_thread_fence(std::memory_order_acquire);
         copyWords(&copy, source, sizeof copy);
         std::atomic_thread_fence(std::memory_order_acquire);
-        quiet = quiet && !publicationUnderWay(semaphoreId);
+        unlocked = unlocked && !publicationInProgress(semaphoreId);
         copyWords(&again, source, sizeof again);
-        if (quiet && std::memcmp(&copy, &again, sizeof copy) == 0) return true;
+        if (unlocked && std::memcmp(&copy, &again, sizeof copy) == 0) return true;
     }
     return false;
 }
 
 bool Segment::copyRecord(std::int32_t record, ResultStruct& copy) const {
-    return copySteady(record, semaphoreOf(record), copy);
+    return copyStable(record, semaphoreOf(record), copy);
 }
 
 bool Segment::copyRecordWithoutLock(std::int32_t record, ResultStruct& copy) const {
-    return copySteady(record, -1, copy);
+    return copyStable(record, -1, copy);
 }
 
 void Segment::copyRecordNow(std::int32_t record, ResultStruct& copy) const {
     copyWords(&copy, recordAt(record), sizeof copy);
 }
 
-void Segment::markSitesTaken(std::int32_t record) {
+void Segment::markSitesCollected(std::int32_t record) {
     auto* target = const_cast<ResultStruct*>(recordAt(record));
     std::atomic_ref(target->categoriesDirty).store(0);
     std::atomic_ref(target->sitesDirty).store(0);
-}
-
-ConfigCopy copyConfiguration(const Segment& segment) {
-    constexpr auto kPatience = 2s;
-    ConfigCopy copy{std::make_unique<ConfigInfo>(), false, ""};
-    auto deadline = std::chrono::steady_clock::now() + kPatience;
-    for (;;) {
-        std::int32_t before = segment.version();
-        copyWords(copy.info.get(), segment.config(), sizeof(ConfigInfo));
-        std::atomic_thread_fence(std::memory_order_acquire);
-        copy.steady = segment.version() == before && !isBeingWritten(before);
-        copy.info->version = before;
-        if (copy.steady || std::chrono::steady_clock::now() > deadline) break;
-        std::this_thread::sleep_for(1ms);
-    }
-    copy.complaint = boundConfiguration(*copy.info);
-    return copy;
-}
-
-namespace {
-
-class Bounds {
-  public:
-    void count(std::int32_t& value, std::int32_t limit, const std::string& name) {
-        if (value >= 0 && value <= limit) return;
-        note(fmt::format("{} is {} (0 to {})", name, value, limit));
-        value = value < 0 ? 0 : limit;
-    }
-    void text(char* field, std::size_t size, const std::string& name) {
-        if (std::memchr(field, '\0', size) != nullptr) return;
-        note(fmt::format("{} has no end", name));
-        field[size - 1] = '\0';
-    }
-    std::string complaint() const { return complaint_; }
-
-  private:
-    void note(const std::string& what) {
-        constexpr std::size_t kEnough = 300;
-        if (complaint_.size() > kEnough) return;
-        complaint_ += (complaint_.empty() ? "" : ", ") + what;
-    }
-    std::string complaint_;
-};
-
-void boundCategory(CategoryConfig& category, const std::string& name, Bounds& bounds) {
-    // No server looks at a label: one without an end harms nobody but us.
-    category.label[kLabelSize - 1] = '\0';
-    bounds.count(category.numSections, kMaxSections, name + ".numSections");
-    for (int k = 0; k < category.numSections; ++k) {
-        UrlSection& section = category.sections[k];
-        std::string where = fmt::format("{}.sections[{}]", name, k);
-        bounds.count(section.numPieces, kMaxPieces, where + ".numPieces");
-        for (int p = 0; p < section.numPieces; ++p) {
-            bounds.text(section.piece[p], kPieceSize, fmt::format("{}.piece[{}]", where, p));
-        }
-    }
-}
-
-}  // namespace
-
-std::string boundConfiguration(ConfigInfo& config) {
-    Bounds bounds;
-    bounds.count(config.numSites, kMaxSites, "numSites");
-    for (int s = 0; s < config.numSites; ++s) {
-        bounds.text(config.siteName[s], kNameSize, fmt::format("siteName[{}]", s));
-        bounds.count(config.numHosts[s], kMaxExtraHosts, fmt::format("numHosts[{}]", s));
-        bounds.count(config.numCategories[s], kMaxCategories, fmt::format("numCategories[{}]", s));
-        for (int h = 0; h < config.numHosts[s]; ++h) {
-            bounds.text(config.hostName[s][h], kNameSize, fmt::format("hostName[{}][{}]", s, h));
-        }
-        for (int c = 0; c < config.numCategories[s]; ++c) {
-            boundCategory(config.categories[s][c], fmt::format("categories[{}][{}]", s, c), bounds);
-        }
-    }
-    return bounds.complaint();
 }
 
 }  // namespace tolvane::agent

@@ -1,5 +1,5 @@
-// Access to a shared segment. Nothing in it is trusted: its size is settled
-// before it is attached, and whatever is copied out is bounded before use.
+// Access to a shared segment. Nothing in it is trusted: its size is checked before
+// it is attached, and copies are bounded before use.
 #pragma once
 
 #include <sys/types.h>
@@ -7,9 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "tolvane/segment_format.h"
 
@@ -29,9 +26,8 @@ struct SegmentStatus {
 
 SegmentStatus segmentStatus(std::int32_t shmid);
 
-// What `version` says while a block is being rewritten: the highest version
-// that was ever valid is kept in it, so that a writer killed half way leaves
-// nothing behind that the next one needs.
+// `version` while a block is being rewritten. It contains the highest version that
+// was ever valid, so that the next writer can continue after a killed one.
 inline constexpr std::int32_t kRewritingBase = -1000;
 inline constexpr std::int32_t kMaxVersion = 2147482000;
 constexpr std::int32_t rewritingVersion(std::int32_t highest) {
@@ -40,7 +36,7 @@ constexpr std::int32_t rewritingVersion(std::int32_t highest) {
 constexpr bool isRewriting(std::int32_t version) {
     return version <= kRewritingBase;
 }
-// The block is not valid: by our mark, or by one that another agent set.
+// The block is not valid: marked by this program or by another agent.
 constexpr bool isBeingWritten(std::int32_t version) {
     return version <= 0 && version != kVersionCreated && version != kVersionRemoved;
 }
@@ -54,8 +50,8 @@ constexpr std::int32_t highestVersion(std::int32_t version) {
 class Segment {
   public:
     enum class Access { kRead, kWrite };
-    // Throws Failure when the segment is gone, has another size than that
-    // many records need, or may not be attached.
+    // Throws Error when the segment is gone, has not the size that this number
+    // of records needs, or must not be attached.
     Segment(std::int32_t shmid, std::int32_t structures, Access access);
     ~Segment();
     Segment(const Segment&) = delete;
@@ -68,36 +64,27 @@ class Segment {
     const ConfigInfo* config() const { return static_cast<const ConfigInfo*>(address_); }
     ConfigInfo* config() { return static_cast<ConfigInfo*>(address_); }  // needs write access
 
-    // One record as it stood between two publications. False when it never
-    // stood still; the copy is then the last one made.
+    // The configuration block as it is, word by word.
+    void copyConfig(ConfigInfo& copy) const;
+
+    // One record as it was between two publications. False when it never was
+    // stable; the copy is then the last one made.
     bool copyRecord(std::int32_t record, ResultStruct& copy) const;
-    // The same of a record whose semaphore says nothing: one that stood still.
+    // The same for a record without a semaphore: two equal copies suffice.
     bool copyRecordWithoutLock(std::int32_t record, ResultStruct& copy) const;
-    // The record as it stands, for a caller that holds its semaphore.
+    // The record as it is, for a caller that holds its semaphore.
     void copyRecordNow(std::int32_t record, ResultStruct& copy) const;
 
-    // Tells the record's next publication to start sites and categories from
-    // 0. Needs write access.
-    void markSitesTaken(std::int32_t record);
+    // Makes the record's next publication reset sites and categories. Needs write
+    // access.
+    void markSitesCollected(std::int32_t record);
 
   private:
     const ResultStruct* recordAt(std::int32_t record) const;
-    bool copySteady(std::int32_t record, std::int32_t semaphoreId, ResultStruct& copy) const;
+    bool copyStable(std::int32_t record, std::int32_t semaphoreId, ResultStruct& copy) const;
 
     std::int32_t structures_;
     void* address_;
 };
-
-// The configuration block, whole, and bounded.
-struct ConfigCopy {
-    std::unique_ptr<ConfigInfo> info;
-    bool steady = false;    // it was not being rewritten
-    std::string complaint;  // what was out of range; empty when nothing was
-};
-ConfigCopy copyConfiguration(const Segment& segment);
-
-// Brings every count into its range and ends every text in use; says what it
-// had to change.
-std::string boundConfiguration(ConfigInfo& config);
 
 }  // namespace tolvane::agent

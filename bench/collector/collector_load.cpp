@@ -5,13 +5,11 @@
 //
 // Prints figures: processor time as a share of one core, memory of its own, and
 // what ten scrapes take. To be run in namespaces of its own.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +21,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "http_client/connection.h"
 #include "tolvane/segment_format.h"
 
 using namespace tolvane;
@@ -121,15 +120,9 @@ long residentKilobytes(pid_t pid) {
 // Milliseconds from the request to the last byte; `bytes` is the answer's size.
 double scrape(int port, std::size_t& bytes) {
     auto began = Clock::now();
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    require(connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0, "connect");
-    static constexpr char kRequest[] =
-        "GET /metrics HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n";
-    require(write(fd, kRequest, sizeof kRequest - 1) > 0, "write");
+    int fd = tolvane::http_client::connectTo(port);
+    tolvane::http_client::sendAll(fd,
+                                  "GET /metrics HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n");
     static char buffer[1 << 16];
     bytes = 0;
     for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) > 0;)

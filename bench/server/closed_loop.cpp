@@ -1,6 +1,5 @@
 #include "closed_loop.h"
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
@@ -8,9 +7,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+
+#include "http_client/connection.h"
 
 namespace tolvane::bench {
 namespace {
@@ -43,16 +43,8 @@ ClosedLoop::~ClosedLoop() {
 
 void ClosedLoop::open(std::size_t index) {
     Connection& connection = connections_[index];
-    connection.fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (connection.fd < 0) fail("socket");
+    connection.fd = http_client::connectTo(port_, "127.0.0.1", std::chrono::seconds(0));
     connection.served = 0;
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port_));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(connection.fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-        fail("no connection to port " + std::to_string(port_));
-    }
     const int on = 1;
     setsockopt(connection.fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     epoll_event event{};
@@ -70,9 +62,7 @@ void ClosedLoop::shut(Connection& connection) {
 void ClosedLoop::send(std::size_t index) {
     Connection& connection = connections_[index];
     if (connection.fd < 0) open(index);
-    connection.head.clear();
-    connection.bodyLeft = -1;
-    connection.closing = false;
+    connection.response.clear();
     const std::string& text = *connection.request;
     // A server that has just closed the connection is noticed by the read.
     if (::send(connection.fd, text.data(), text.size(), MSG_NOSIGNAL) < 0 && errno != EPIPE &&
@@ -90,41 +80,24 @@ void ClosedLoop::startNext() {
     send(index);
 }
 
-void ClosedLoop::readHead(Connection& connection) {
-    const std::size_t end = connection.head.find("\r\n\r\n");
-    if (end == std::string::npos) return;
-    const std::string_view head = std::string_view(connection.head).substr(0, end);
-    if (!head.starts_with("HTTP/1.1 ")) throw std::runtime_error("not a response");
-    const std::size_t length = head.find("Content-Length: ");
-    if (length == std::string_view::npos && !head.starts_with("HTTP/1.1 304")) {
-        throw std::runtime_error("a response without Content-Length");
-    }
-    connection.bodyLeft = length == std::string_view::npos
-                              ? 0
-                              : std::strtoll(connection.head.c_str() + length + 16, nullptr, 10);
-    connection.closing = head.find("Connection: close") != std::string_view::npos;
-    connection.bodyLeft -= static_cast<std::int64_t>(connection.head.size() - end - 4);
-}
-
 bool ClosedLoop::receive(std::size_t index) {
     Connection& connection = connections_[index];
     const ssize_t got = recv(connection.fd, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
     if (got < 0 && (errno == EAGAIN || errno == EINTR)) return false;
     if (got <= 0) {
-        const bool answered = connection.request != nullptr && !connection.head.empty();
+        const bool answered = connection.request != nullptr && !connection.response.empty();
         if (answered) throw std::runtime_error("a response ended early");
         shut(connection);
         if (connection.request != nullptr) send(index);
         return false;
     }
     if (connection.request == nullptr) throw std::runtime_error("a response to no request");
-    if (connection.bodyLeft < 0) {
-        connection.head.append(buffer_.data(), static_cast<std::size_t>(got));
-        readHead(connection);
-    } else {
-        connection.bodyLeft -= got;
+    http_client::ResponseReader& response = connection.response;
+    response.feed({buffer_.data(), static_cast<std::size_t>(got)});
+    if (response.complete() && !response.hasLength() && response.status() != 304) {
+        throw std::runtime_error("a response without Content-Length");
     }
-    return connection.bodyLeft == 0;
+    return response.complete();
 }
 
 std::vector<double> ClosedLoop::run(int count) {
@@ -143,7 +116,8 @@ std::vector<double> ClosedLoop::run(int count) {
             took.push_back(
                 std::chrono::duration<double, std::micro>(Clock::now() - connection.sent).count());
             connection.request = nullptr;
-            if (connection.closing || ++connection.served >= load_.requestsPerConnection) {
+            if (connection.response.closing() ||
+                ++connection.served >= load_.requestsPerConnection) {
                 shut(connection);
             }
             idle_.push_back(index);

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "http_client/response_reader.h"
+
 namespace tolvane::bench {
 
 struct Load {
@@ -35,9 +37,7 @@ class ClosedLoop {
         int served = 0;
         const std::string* request = nullptr;  // in flight, null: none
         Clock::time_point sent;
-        std::string head;
-        std::int64_t bodyLeft = -1;  // -1: the head is not complete
-        bool closing = false;        // the server said so
+        http_client::ResponseReader response;
     };
 
     void open(std::size_t index);
@@ -45,7 +45,6 @@ class ClosedLoop {
     void startNext();
     void send(std::size_t index);
     bool receive(std::size_t index);  // true when the response is complete
-    void readHead(Connection& connection);
 
     int port_;
     const Load& load_;

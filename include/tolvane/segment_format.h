@@ -1,5 +1,5 @@
-// The format that the shim shares with the agent: the System V shared memory
-// segment, and the files through which the two find each other.
+// The format of the System V shared memory segment that the shim shares with the
+// agent. paths.h has the files through which the two find each other.
 //
 // Two separately built programs, of either word size, read and write the same
 // bytes, so every size and offset is part of the format and asserted below.
@@ -21,6 +21,8 @@
 
 #include <cstddef>
 #include <cstdint>
+
+#include "tolvane/paths.h"
 
 namespace tolvane {
 
@@ -180,20 +182,5 @@ static_assert(offsetof(ResultStruct, categoriesDirty) == 4640);
 static_assert(offsetof(ResultStruct, sitesDirty) == 4644);
 static_assert(offsetof(ResultStruct, totalDirty) == 4648);
 static_assert(offsetof(ResultStruct, semaphoreId) == 4652);
-
-// The handoff file, "webadapter." and the id of the process that started the
-// measurement, tells an agent where the segment is:
-//     Listen=*:80,10.0.0.1:443
-//     Shmid=32769
-//     Server_Type=APACHE
-//     Structures=1
-inline constexpr char kHandoffDirectory[] = "/opt/tolvane/agent/config/";
-inline constexpr char kHandoffPrefix[] = "webadapter.";
-
-// Exists while some process removes a segment.
-inline constexpr char kLockFile[] = "/opt/tolvane/agent/data/web_adapter_LOCK";
-
-// Every message of every measured process, one line each.
-inline constexpr char kLogFile[] = "/opt/tolvane/agent/logs/web_log";
 
 }  // namespace tolvane

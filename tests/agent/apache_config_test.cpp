@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "apache/server_root.h"
-#include "base/error.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 namespace {
@@ -134,11 +134,11 @@ TEST(ApacheConfig, TakesDirectivesFromTheCommandLine) {
 }
 
 TEST(ApacheConfig, RefusesWhatCannotBeMeasured) {
-    EXPECT_THROW(rewritten("ServerName x\n"), Failure);
-    EXPECT_THROW(measure(factsOf("prefork"), {}), Failure);
+    EXPECT_THROW(rewritten("ServerName x\n"), Error);
+    EXPECT_THROW(measure(factsOf("prefork"), {}), Error);
     ServerFacts facts = factsOf("prefork");
     facts.modules = {"core_module"};
-    EXPECT_THROW(measure(facts, {{"/main", "Listen 80\n"}}), Failure);
+    EXPECT_THROW(measure(facts, {{"/main", "Listen 80\n"}}), Error);
 }
 
 TEST(ApacheConfig, NotesWhatWillBeMissed) {

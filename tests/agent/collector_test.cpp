@@ -2,6 +2,7 @@
 // others, and beside other collectors.
 #include "collector/collector.h"
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -15,8 +16,9 @@
 #include <cstring>
 #include <fstream>
 
-#include "base/error.h"
+#include "cli/exit_code.h"
 #include "fake_server.h"
+#include "os/error.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent::test {
@@ -77,12 +79,14 @@ Rows rowsOf(const Collector& collector, const std::string& server = "*:8080") {
             return std::to_string(requests) + "/" + std::to_string(bytes);
         };
         const ServerTally& tally = found->second;
-        rows[""] = text(tally.total.requests, tally.total.bytesSent);
+        rows[""] =
+            text(tally.total[&CounterBlock::requests], tally.total[&CounterBlock::bytesSent]);
         for (const SiteTally& site : tally.sites) {
-            rows[site.name] = text(site.counts.requests, site.counts.bytesSent);
+            rows[site.name] =
+                text(site.counts[&CounterBlock::requests], site.counts[&CounterBlock::bytesSent]);
             for (const CategoryTally& category : site.categories) {
                 rows[site.name + " " + category.label] =
-                    text(category.counts.requests,
+                    text(category.counts[&CategoryCounters::requests],
                          static_cast<std::uint64_t>(category.counts.responseTimeSum * 100));
             }
         }
@@ -90,8 +94,8 @@ Rows rowsOf(const Collector& collector, const std::string& server = "*:8080") {
     return rows;
 }
 
-WatchState stateOf(const Collector& collector) {
-    WatchState state = WatchState::kUnreadable;
+RunState stateOf(const Collector& collector) {
+    RunState state = RunState::kUnreadable;
     collector.read([&](const CollectorState& all) {
         const auto& runs = all.servers.at("*:8080").runs;
         ASSERT_EQ(runs.size(), 1U);
@@ -168,7 +172,7 @@ TEST(Collector, TakesUpToTheLastPublicationOfAServerThatEnds) {
     auto* records = reinterpret_cast<ResultStruct*>(static_cast<ConfigInfo*>(worker) + 1);
     endServer(server);
     collector.round();
-    EXPECT_EQ(stateOf(collector), WatchState::kEnding);
+    EXPECT_EQ(stateOf(collector), RunState::kEnding);
     records[0].total.requests += 10;
     shmdt(worker);
     server.kill();
@@ -195,12 +199,12 @@ TEST(Collector, IsAloneWithItsServerAndItsDirectory) {
     try {
         Collector second(options());
         FAIL() << "two collectors in one directory";
-    } catch (const Failure& failure) {
-        EXPECT_NE(std::string(failure.what()).find(std::to_string(first)), std::string::npos);
+    } catch (const Error& error) {
+        EXPECT_NE(std::string(error.what()).find(std::to_string(first)), std::string::npos);
     }
     Collector other({"", "/opt/elsewhere", 1});
     other.round();
-    EXPECT_EQ(stateOf(other), WatchState::kHeld);
+    EXPECT_EQ(stateOf(other), RunState::kHeld);
     EXPECT_EQ(rowsOf(other)[""], "0/0");
     writeSites("a.test");
     EXPECT_EQ(tolvane({"configure", kConfig, "--reset"}).code, kExitBadInput);
@@ -209,7 +213,7 @@ TEST(Collector, IsAloneWithItsServerAndItsDirectory) {
     waitpid(first, nullptr, 0);
     other.round();
     other.round();
-    EXPECT_EQ(stateOf(other), WatchState::kLive);
+    EXPECT_EQ(stateOf(other), RunState::kLive);
     EXPECT_EQ(rowsOf(other)[""], "5/5000");
 }
 
@@ -327,6 +331,36 @@ TEST(Collector, GoesOnCountingWhileItsTotalsCannotBeKept) {
     collector.round();
     EXPECT_EQ(rowsOf(collector)[""], "2/2000") << "the segment still has them";
     EXPECT_EQ(tolvane::test::filesIn(kState).size(), 4U) << "the damaged file is put aside";
+}
+
+TEST(Collector, LoadsTotalsOfAnEarlierFormat) {
+    FakeServer server(1);
+    writeSites("a.test");
+    {
+        Collector collector(options(kConfig));
+        collector.round();
+        publish(server, 0, 2);
+        collector.round();
+    }
+    Rows before;
+    {
+        Collector collector(options());
+        before = rowsOf(collector);
+    }
+    SQLite::Database(std::string(kState) + "/totals.db", SQLite::OPEN_READWRITE)
+        .exec(
+            "ALTER TABLE total RENAME COLUMN sent_bytes TO bytes_sent;"
+            "ALTER TABLE total RENAME COLUMN received_bytes TO bytes_received;"
+            "ALTER TABLE total RENAME COLUMN dropped_requests TO dropped;"
+            "ALTER TABLE total RENAME COLUMN responses TO answered;"
+            "ALTER TABLE total DROP COLUMN redirects; PRAGMA user_version = 1");
+    Collector collector(options(kConfig));
+    EXPECT_EQ(rowsOf(collector), before);
+    EXPECT_EQ(before["a.test all"], "2/50");
+    publish(server, 0, 1);
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)["a.test"], "3/3000");
+    collector.read([](const CollectorState& state) { EXPECT_TRUE(state.health.storeWorks); });
 }
 
 TEST(Collector, CountsNothingThatAnotherAgentTookBeforeIt) {

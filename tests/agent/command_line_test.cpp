@@ -156,7 +156,7 @@ TEST(CommandLine, ConfigureTellsWhenCountsChangeTheirName) {
         EXPECT_EQ(records[0].sitesDirty, 0);
         EXPECT_EQ(records[0].categoriesDirty, 0);
     });
-    EXPECT_FALSE(contains(tolvane({"doctor"}).output, "taken up by nobody"));
+    EXPECT_FALSE(contains(tolvane({"doctor"}).output, "no process uses"));
 }
 
 TEST(CommandLine, CleanRemovesWhatStaleServersLeftAndNothingElse) {
@@ -275,7 +275,7 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
                  r[0].totalDirty = r[0].sitesDirty = 1;
              });
          },
-         "configuration 1 is taken up by nobody: 9 requests"},
+         "no process uses configuration 1: 9 requests"},
         {"semaphore", [](FakeServer& s) { semctl(s.semaphores()[0], 0, IPC_RMID); },
          "the semaphore of record 0 is gone"},
         {"held semaphore",

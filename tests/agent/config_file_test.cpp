@@ -1,11 +1,11 @@
 // Configuration files: what is refused, where, and what reaches the segment.
-#include "config/config_file.h"
+#include "configuration/config_file.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
 
-#include "config/config_block.h"
+#include "configuration/config_block.h"
 
 namespace tolvane::agent {
 namespace {

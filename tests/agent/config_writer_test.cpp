@@ -1,5 +1,5 @@
 // Writing into a segment that others copy, write and remove meanwhile.
-#include "config/config_writer.h"
+#include "configuration/config_writer.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -12,8 +12,8 @@
 #include <optional>
 #include <thread>
 
-#include "base/error.h"
 #include "fake_server.h"
+#include "os/error.h"
 
 namespace tolvane::agent::test {
 namespace {
@@ -76,7 +76,7 @@ TEST(ConfigWriter, NobodyTakesAMixedBlock) {
     for (int i = 1; i <= 1000 || taken < 20; ++i) {
         // Between back to back and longer than a copy takes.
         std::this_thread::sleep_for(std::chrono::microseconds(i % 8 * 50));
-        EXPECT_EQ(writeConfiguration(segment, i % 2 == 0 ? *even : *odd), i);
+        EXPECT_EQ(writeConfiguration(segment, i % 2 == 0 ? *even : *odd).version, i);
     }
     stop = true;
     for (std::thread& process : processes) process.join();
@@ -106,10 +106,10 @@ TEST(ConfigWriter, SettlesTheVersionByTheEarlierOne) {
         Segment segment(server.shmid(), 1, Segment::Access::kWrite);
         auto block = markedBlock(7);
         if (c.after) {
-            EXPECT_EQ(writeConfiguration(segment, *block), *c.after);
+            EXPECT_EQ(writeConfiguration(segment, *block).version, *c.after);
             EXPECT_EQ(segment.config()->numSites, 7);
         } else {
-            EXPECT_THROW(writeConfiguration(segment, *block), Failure) << c.before;
+            EXPECT_THROW(writeConfiguration(segment, *block), Error) << c.before;
             EXPECT_EQ(segment.config()->numSites, 0) << c.before;
         }
         EXPECT_EQ(segment.version(), c.after.value_or(c.before));
@@ -125,10 +125,10 @@ TEST(ConfigWriter, AnotherAgentsMarkIsWaitedForAndThenReplaced) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         version = 41;
     });
-    EXPECT_EQ(writeConfiguration(segment, *markedBlock(7)), 42);
+    EXPECT_EQ(writeConfiguration(segment, *markedBlock(7)).version, 42);
     agent.join();
     version = 0;
-    EXPECT_GT(writeConfiguration(segment, *markedBlock(7)), 1700000000);
+    EXPECT_GT(writeConfiguration(segment, *markedBlock(7)).version, 1700000000);
 }
 
 TEST(ConfigWriter, ATerminatedWriterFinishesTheBlock) {
@@ -156,8 +156,8 @@ TEST(ConfigWriter, TheServersLastVersionStands) {
     });
     try {
         for (;;) writeConfiguration(segment, *block);
-    } catch (const Failure& failure) {
-        EXPECT_NE(std::string(failure.what()).find("stopped"), std::string::npos);
+    } catch (const Error& error) {
+        EXPECT_NE(std::string(error.what()).find("stopped"), std::string::npos);
     }
     ending.join();
     EXPECT_EQ(segment.version(), kVersionRemoved);

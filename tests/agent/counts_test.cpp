@@ -30,8 +30,8 @@ TEST(Counts, AddUpOverTheRecordsWithoutWhatWasTaken) {
     }
     records[2].totalDirty = records[2].categoriesDirty = 0;
     CountSet sum = countsOf(records);
-    EXPECT_EQ(sum.total.requests, 30U);
-    EXPECT_EQ(sum.site[9].bytesSent, 12000000000U);
+    EXPECT_EQ(sum.total[&CounterBlock::requests], 30U);
+    EXPECT_EQ(sum.site[9][&CounterBlock::bytesSent], 12000000000U);
     EXPECT_DOUBLE_EQ(sum.category[9][14].responseTimeSum, 1.0);
 }
 
@@ -63,12 +63,12 @@ TEST(Counts, IncreaseKnowsWrapsAndClearedGroups) {
             c.bytesAfter;
         after.totalDirty = after.sitesDirty = after.categoriesDirty = c.dirtyAfter;
         CountSet added = increase({before}, {after});
-        EXPECT_EQ(added.total.requests, c.requests) << c.what;
-        EXPECT_EQ(added.total.bytesSent, c.bytes) << c.what;
-        EXPECT_EQ(added.site[3].requests, c.requests) << c.what;
-        EXPECT_EQ(added.site[3].bytesSent, c.bytes) << c.what;
-        EXPECT_EQ(added.category[3][2].requests, c.requests) << c.what;
-        EXPECT_EQ(added.category[3][2].bytesSent, c.bytes) << c.what;
+        EXPECT_EQ(added.total[&CounterBlock::requests], c.requests) << c.what;
+        EXPECT_EQ(added.total[&CounterBlock::bytesSent], c.bytes) << c.what;
+        EXPECT_EQ(added.site[3][&CounterBlock::requests], c.requests) << c.what;
+        EXPECT_EQ(added.site[3][&CounterBlock::bytesSent], c.bytes) << c.what;
+        EXPECT_EQ(added.category[3][2][&CategoryCounters::requests], c.requests) << c.what;
+        EXPECT_EQ(added.category[3][2][&CategoryCounters::bytesSent], c.bytes) << c.what;
     }
 }
 
@@ -93,10 +93,10 @@ TEST(Counts, AnyCounterMayHaveWrappedAfterALongTime) {
         after.total.bytesSent = after.category[1][1].bytesSent = c.bytesAfter;
         CountSet added;
         addIncrease(added, before, after, Gap::kAny);
-        EXPECT_EQ(added.total.requests, c.requests) << c.what;
-        EXPECT_EQ(added.total.bytesSent, c.bytes) << c.what;
-        EXPECT_EQ(added.category[1][1].requests, c.requests) << c.what;
-        EXPECT_EQ(added.category[1][1].bytesSent, c.bytes) << c.what;
+        EXPECT_EQ(added.total[&CounterBlock::requests], c.requests) << c.what;
+        EXPECT_EQ(added.total[&CounterBlock::bytesSent], c.bytes) << c.what;
+        EXPECT_EQ(added.category[1][1][&CategoryCounters::requests], c.requests) << c.what;
+        EXPECT_EQ(added.category[1][1][&CategoryCounters::bytesSent], c.bytes) << c.what;
     }
 }
 

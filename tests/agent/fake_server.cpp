@@ -11,7 +11,7 @@
 
 #include <stdexcept>
 
-#include "base/process.h"
+#include "os/process.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent::test {

@@ -15,7 +15,7 @@ TEST(History, HoldsTheLastQuarterOfAnHour) {
     auto points = history.points(1040);
     ASSERT_EQ(points.size(), 90U);
     EXPECT_EQ(points[85].requests, 4U);
-    EXPECT_EQ(points[85].answered, 3U);
+    EXPECT_EQ(points[85].responses, 3U);
     EXPECT_EQ(points[86].requests, 0U);
     EXPECT_EQ(points[87].requests, 7U);
     EXPECT_EQ(points[89].requests, 0U);

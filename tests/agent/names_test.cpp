@@ -1,8 +1,9 @@
 // URL patterns and host names as an operator writes them.
 #include <gtest/gtest.h>
 
-#include "config/host_name.h"
-#include "config/url_pattern.h"
+#include "configuration/host_name.h"
+#include "configuration/url_pattern.h"
+#include "os/error.h"
 
 namespace tolvane::agent {
 namespace {
@@ -55,7 +56,7 @@ TEST(UrlPattern, SaysWhatIsWrongAndWhatWouldBeRight) {
         try {
             parseUrlPattern(text);
             ADD_FAILURE() << text << " was accepted";
-        } catch (const ValueError& error) {
+        } catch (const Error& error) {
             EXPECT_NE(std::string(error.what()).find(expected), std::string::npos)
                 << text << ": " << error.what();
         }
@@ -93,7 +94,7 @@ TEST(HostName, SaysWhatIsWrongAndWhatWouldBeRight) {
         try {
             checkHostName(name);
             ADD_FAILURE() << name << " was accepted";
-        } catch (const ValueError& error) {
+        } catch (const Error& error) {
             EXPECT_NE(std::string(error.what()).find(expected), std::string::npos)
                 << name << ": " << error.what();
         }

@@ -5,8 +5,8 @@
 #include <sys/stat.h>
 
 #include "apache/command.h"
-#include "base/error.h"
-#include "commands/library.h"
+#include "os/error.h"
+#include "servers/library.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent {
@@ -51,7 +51,7 @@ TEST(Probe, AServerThatListsNothingIsRefused) {
     for (const char* answer : {"", "Syntax OK\n", "Included configuration files:\n",
                                "Included configuration files:\n  (x) /a\n    (99999999999) /b\n"}) {
         ServerFacts facts;
-        EXPECT_THROW(parseDump(answer, facts), Failure) << answer;
+        EXPECT_THROW(parseDump(answer, facts), Error) << answer;
     }
 }
 
@@ -71,8 +71,8 @@ TEST(Command, KeepsTheArgumentsThatDecideAboutTheConfiguration) {
     EXPECT_EQ(command.configurationArguments,
               (std::vector<std::string>{"-d", "/srv", "-f", "x.conf", "-D", "FOO", "-D", "BAR",
                                         "-c", "Listen 8"}));
-    EXPECT_THROW(inspectCommand({"/opt/absent"}), Failure);
-    EXPECT_THROW(inspectCommand({"/opt"}), Failure);
+    EXPECT_THROW(inspectCommand({"/opt/absent"}), Error);
+    EXPECT_THROW(inspectCommand({"/opt"}), Error);
 }
 
 TEST(Command, KindsGoByName) {
@@ -142,8 +142,8 @@ TEST(Preload, FitsTheServersWordSize) {
             EXPECT_STREQ(linked, target);
         }
     }
-    EXPECT_THROW(preloadValue({{WordSize::k64, "/x"}}, WordSize::k32, WordSize::k32), Failure);
-    EXPECT_THROW(preloadValue({{WordSize::k64, "/a b"}}, WordSize::k64, WordSize::k64), Failure);
+    EXPECT_THROW(preloadValue({{WordSize::k64, "/x"}}, WordSize::k32, WordSize::k32), Error);
+    EXPECT_THROW(preloadValue({{WordSize::k64, "/a b"}}, WordSize::k64, WordSize::k64), Error);
 }
 
 TEST(Preload, KeepsWhatIsThere) {

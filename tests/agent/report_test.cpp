@@ -1,13 +1,12 @@
 // The table: what its numbers are, and how it fits a terminal.
-#include "counts/report.h"
-
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <limits>
 
-#include "base/text.h"
+#include "cli/report_table.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 namespace {
@@ -25,15 +24,15 @@ ConfigInfo twoSites() {
 
 Report sampleReport() {
     CountSet counts;
-    counts.total.requests = 100;
-    counts.total.errors = 5;
-    counts.site[0].requests = 40;
-    counts.site[1].requests = 60;
+    counts.total[&CounterBlock::requests] = 100;
+    counts.total[&CounterBlock::errors] = 5;
+    counts.site[0][&CounterBlock::requests] = 40;
+    counts.site[1][&CounterBlock::requests] = 60;
     counts.category[0][0] = {10, 2000, 1, 1, 4.0};
     counts.category[0][1] = {30, 3000, 0, 0, 0.3};
     CountSet added;
-    added.total.requests = 50;
-    added.total.bytesSent = 1000;
+    added.total[&CounterBlock::requests] = 50;
+    added.total[&CounterBlock::bytesSent] = 1000;
     return buildReport(twoSites(), counts, added, 10);
 }
 
@@ -117,6 +116,7 @@ TEST(Report, KeepsTheTellingColumnsInANarrowTerminal) {
 
 TEST(Text, IsCutByTheColumnsThatItTakes) {
     EXPECT_EQ(displayWidth("\u5546\u54C1 e\u0301"), 6U);
+    EXPECT_EQ(displayWidth("\U0001FA80\u05B0"), 2U);
     EXPECT_EQ(cutToWidth("\u5546\u54C1\u5238", 4), "\u5546~");
     EXPECT_EQ(cutToWidth("\u5546\u54C1\u5238", 5), "\u5546\u54C1~");
 }

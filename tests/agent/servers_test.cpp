@@ -2,14 +2,17 @@
 #include <gtest/gtest.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utime.h>
 
 #include <cstring>
 
-#include "base/error.h"
+#include "collector/collector.h"
 #include "fake_server.h"
-#include "segment/server.h"
+#include "os/error.h"
+#include "segment/configuration_copy.h"
+#include "servers/server.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent::test {
@@ -73,68 +76,83 @@ TEST(Handoff, OnlyPlainFilesWithAProcessIdCount) {
     EXPECT_EQ(handoffs[1].pid, 12);
 }
 
-void expectState(ServerState state, const std::string& why) {
+void expectState(RunState state, const std::string& why) {
     auto servers = findServers();
     ASSERT_EQ(servers.size(), 1U);
-    EXPECT_STREQ(stateName(servers[0].state), stateName(state));
-    EXPECT_NE(servers[0].why.find(why), std::string::npos) << servers[0].why;
+    EXPECT_STREQ(runStateName(servers[0].state), runStateName(state));
+    EXPECT_NE(servers[0].reason.find(why), std::string::npos) << servers[0].reason;
 }
 
 TEST(Servers, AreLiveWhileTheirProcessesRun) {
     FakeServer server(3);
-    expectState(ServerState::kLive, "1 process attached");
+    expectState(RunState::kLive, "1 process attached");
     EXPECT_EQ(findServers()[0].process, server.pid());
     server.edit([](ConfigInfo& config, ResultStruct*) { config.parentPid = kUnknownPid; });
-    expectState(ServerState::kLive, "no connection accepted yet");
+    expectState(RunState::kLive, "no connection accepted yet");
     EXPECT_EQ(findServers()[0].process, server.pid());
 }
 
 TEST(Servers, AreEndingWhileProcessesRemain) {
     FakeServer server;
     server.edit([](ConfigInfo& config, ResultStruct*) { config.version = kVersionRemoved; });
-    expectState(ServerState::kEnding, "has stopped");
+    expectState(RunState::kEnding, "has stopped");
     server.edit([](ConfigInfo& config, ResultStruct*) {
         config.version = 1;
         config.parentPid = 4194304;
     });
-    expectState(ServerState::kEnding, "main process 4194304 is gone");
+    expectState(RunState::kEnding, "main process 4194304 is gone");
     server.edit([&](ConfigInfo& config, ResultStruct*) { config.parentPid = server.pid(); });
     shmctl(server.shmid(), IPC_RMID, nullptr);
-    expectState(ServerState::kEnding, "has stopped");
+    expectState(RunState::kEnding, "has stopped");
+}
+
+TEST(Servers, AreEndingForEveryReaderWhenTheirMainProcessIsAZombie) {
+    FakeServer server;
+    pid_t zombie = fork();
+    if (zombie == 0) _exit(0);
+    waitid(P_PID, static_cast<id_t>(zombie), nullptr, WEXITED | WNOWAIT);
+    server.edit([&](ConfigInfo& config, ResultStruct*) { config.parentPid = zombie; });
+    expectState(RunState::kEnding, "is gone");
+    Collector collector({"", "/opt/state", 1});
+    collector.round();
+    collector.read([](const CollectorState& state) {
+        EXPECT_EQ(state.servers.at("*:8080").runs.at(0).state, RunState::kEnding);
+    });
+    waitpid(zombie, nullptr, 0);
 }
 
 TEST(Servers, AreStaleForAReason) {
     {
         FakeServer server;
         server.kill();
-        expectState(ServerState::kStale, "no process uses segment");
+        expectState(RunState::kStale, "no process uses segment");
         // Neither a watcher nor another agent makes it live.
         for (int access : {SHM_RDONLY, 0}) {
             void* watched = shmat(server.shmid(), nullptr, access);
-            expectState(ServerState::kStale, "no process uses segment");
+            expectState(RunState::kStale, "no process uses segment");
             shmdt(watched);
         }
         shmctl(server.shmid(), IPC_RMID, nullptr);
-        expectState(ServerState::kStale, "is gone");
+        expectState(RunState::kStale, "is gone");
         unlink(server.handoff().c_str());
     }
     FakeServer server;
     std::string text = tolvane::test::readFile(server.handoff());
     utimbuf old = {0, 1000000000};
     utime(server.handoff().c_str(), &old);
-    expectState(ServerState::kStale, "younger than the handoff file");
+    expectState(RunState::kStale, "younger than the handoff file");
     std::string other = kHandoffDirectory + std::string("webadapter.1");
     rename(server.handoff().c_str(), other.c_str());
     utime(other.c_str(), nullptr);
-    expectState(ServerState::kStale, "was created by process " + std::to_string(server.pid()));
+    expectState(RunState::kStale, "was created by process " + std::to_string(server.pid()));
     writeFile(other, text.substr(0, text.find("Structures")) + "Structures=2\n");
-    expectState(ServerState::kStale, "belongs to something else: it has");
+    expectState(RunState::kStale, "belongs to something else: it has");
     writeFile(other, text);
     shmid_ds status{};
     shmctl(server.shmid(), IPC_STAT, &status);
     status.shm_perm.mode = 0700;
     shmctl(server.shmid(), IPC_SET, &status);
-    expectState(ServerState::kStale, "is not open to all users");
+    expectState(RunState::kStale, "is not open to all users");
 }
 
 // Anybody may write into the file.
@@ -170,15 +188,15 @@ TEST(Servers, AreChosenByWhatTheOperatorSees) {
     auto codeOf = [&](std::optional<std::string> wanted) {
         try {
             selectServer(findServers(), wanted);
-        } catch (const Failure& failure) {
-            return static_cast<int>(failure.code());
+        } catch (const Error& error) {
+            return static_cast<int>(error.kind());
         }
         return -1;
     };
-    EXPECT_EQ(codeOf(std::nullopt), kExitBadInput);
-    EXPECT_EQ(codeOf("*:82"), kExitFinding);
+    EXPECT_EQ(codeOf(std::nullopt), static_cast<int>(ErrorKind::kInvalidInput));
+    EXPECT_EQ(codeOf("*:82"), static_cast<int>(ErrorKind::kNotFound));
     second.kill();
-    EXPECT_EQ(codeOf("*:81"), kExitFailed);
+    EXPECT_EQ(codeOf("*:81"), static_cast<int>(ErrorKind::kFailed));
     EXPECT_EQ(codeOf(std::nullopt), -1);
     // A restarted server has left its old file behind.
     FakeServer again(1, "*:81");
@@ -208,22 +226,44 @@ TEST(Segment, HostileCountsAreBounded) {
     }
 }
 
-TEST(Segment, LabelWithoutAnEndIsEndedAndRaisesNoAlarm) {
-    FakeServer server;
-    server.edit([](ConfigInfo& config, ResultStruct*) {
-        config.version = config.numSites = config.numCategories[0] = 1;
-        std::memset(config.categories[0][0].label, 'x', kLabelSize);
-    });
-    ConfigCopy copy = copyConfiguration(Segment(server.shmid(), 1, Segment::Access::kRead));
-    EXPECT_EQ(copy.complaint, "");
-    EXPECT_EQ(copy.info->categories[0][0].label, std::string(kLabelSize - 1, 'x'));
+TEST(Segment, EveryFieldOutOfItsBoundsIsReportedAndCorrected) {
+    struct Case {
+        std::function<void(ConfigInfo&)> spoil;
+        const char* complaint;
+    };
+    const Case cases[] = {
+        {[](ConfigInfo&) {}, ""},
+        {[](ConfigInfo& c) { c.numHosts[0] = 7; }, "numHosts[0] is 7 (0 to 6)"},
+        {[](ConfigInfo& c) { c.categories[0][0].sections[0].pieceLength[0] = 48; },
+         "pieceLength[0][0][0][0] is 48 (0 to 47)"},
+        {[](ConfigInfo& c) { c.categories[0][0].sections[0].pieceLength[1] = -1; }, ""},
+        {[](ConfigInfo& c) { std::memset(c.siteName[0], 'x', kNameSize); },
+         "siteName[0] is not terminated"},
+        // Servers do not examine labels.
+        {[](ConfigInfo& c) { std::memset(c.categories[0][0].label, '\xff', kLabelSize); }, ""},
+    };
+    for (const Case& c : cases) {
+        ConfigInfo config{};
+        config.numSites = config.numCategories[0] = 1;
+        config.categories[0][0].numSections = config.categories[0][0].sections[0].numPieces = 1;
+        c.spoil(config);
+        EXPECT_EQ(sanitiseConfiguration(config), c.complaint);
+        EXPECT_EQ(sanitiseConfiguration(config), "") << c.complaint;
+    }
+    ConfigInfo config{};
+    config.numSites = config.numCategories[0] = 1;
+    std::strcpy(config.siteName[0], "two\nlines \xe0\x80\x80");
+    std::strcpy(config.categories[0][0].label, "caf\xc3\xa9 \xed\xa0\x80");
+    sanitiseConfiguration(config);
+    EXPECT_STREQ(config.siteName[0], "two?lines ???");
+    EXPECT_STREQ(config.categories[0][0].label, "caf\xc3\xa9 ???");
 }
 
 TEST(Segment, AnotherSizeIsNotAttached) {
     int small = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
-    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Failure);
+    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Error);
     shmctl(small, IPC_RMID, nullptr);
-    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Failure);
+    EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Error);
 }
 
 }  // namespace

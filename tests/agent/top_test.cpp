@@ -10,8 +10,8 @@
 #include <chrono>
 #include <cstring>
 
-#include "base/text.h"
 #include "fake_server.h"
+#include "os/text.h"
 
 namespace tolvane::agent::test {
 namespace {

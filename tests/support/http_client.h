@@ -1,17 +1,19 @@
-// HTTP clients that keep the books a measured server should arrive at: every
-// byte that passed, every response, every request left unanswered.
+// HTTP clients that count what a measured server should count: every byte, every
+// response, every request without a response.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "http_client/connection.h"
+#include "http_client/response_reader.h"
 #include "support/segment.h"
 
 namespace tolvane::test {
 
 std::string get(const std::string& host, const std::string& url);
-int connectTo(int port, const std::string& address = "127.0.0.1");
-void sendAll(int fd, const std::string& text);
+using http_client::connectTo;
+using http_client::sendAll;
 
 // One request of a load, and where the configuration should put it.
 struct Exchange {
@@ -37,7 +39,7 @@ class HttpConnection {
     bool ended() const { return ended_; }  // the server takes no further request
 
   private:
-    std::string read();
+    http_client::ResponseReader read();
 
     int fd_;
     Counts& counts_;

@@ -1,5 +1,5 @@
 // The server on a real socket, with clients that are not always kind.
-#include "web/http_server.h"
+#include "http/http_server.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -8,7 +8,7 @@
 #include <chrono>
 #include <stdexcept>
 
-#include "base/error.h"
+#include "os/error.h"
 #include "support/http_client.h"
 #include "support/process.h"
 
@@ -151,8 +151,8 @@ TEST_F(HttpServerTest, SaysWhyItCannotListen) {
         try {
             HttpServer second(address, echo);
             ADD_FAILURE() << "listens on " << toString(address);
-        } catch (const Failure& failure) {
-            EXPECT_EQ(failure.what(), "cannot listen on " + toString(address) + ": " + why);
+        } catch (const Error& error) {
+            EXPECT_EQ(error.what(), "cannot listen on " + toString(address) + ": " + why);
         }
     }
 }
@@ -187,11 +187,11 @@ TEST(ListenAddress, TakesItsForms) {
         try {
             parseListenAddress(text);
             ADD_FAILURE() << text << " is taken";
-        } catch (const Failure& failure) {
-            std::string_view what = failure.what();
+        } catch (const Error& error) {
+            std::string_view what = error.what();
             EXPECT_NE(what.find(complaint), std::string::npos) << what;
             EXPECT_NE(what.find("'[::1]:9931'"), std::string::npos) << "no example in: " << what;
-            EXPECT_EQ(failure.code(), kExitBadInput);
+            EXPECT_EQ(error.kind(), ErrorKind::kInvalidInput);
         }
     }
 }

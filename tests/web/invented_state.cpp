@@ -19,8 +19,8 @@ History invent(std::uint64_t requests, int seed, std::time_t now) {
         HistoryPoint point;
         point.requests = static_cast<std::uint32_t>(static_cast<double>(requests) / 5000 * wave);
         if ((step + seed) % 23 < 2) point.errors = std::min(point.requests, 5U);
-        point.answered = point.requests - point.errors;
-        point.responseSeconds = static_cast<float>(point.answered * 0.008 * (2 - wave * 0.6));
+        point.responses = point.requests - point.errors;
+        point.responseSeconds = static_cast<float>(point.responses * 0.008 * (2 - wave * 0.6));
         history.add(now - step * kHistoryStep, point);
     }
     return history;
@@ -37,10 +37,10 @@ SiteTally site(const std::string& name, const std::vector<std::string>& labels, 
     SiteTally tally{name, traffic(n), {}, invent(n, seed, now), true};
     for (const std::string& label : labels) {
         n = n * 2 / 3;
-        std::uint64_t answered = n - n / 100 - n / 1000;
+        std::uint64_t responses = n - n / 100 - n / 1000;
         CategoryCounts counts{n, n * 5120, n / 100, n / 1000,
-                              static_cast<double>(answered) * 0.016};
-        tally.categories.push_back({label, counts, answered, invent(n, ++seed, now), true});
+                              static_cast<double>(responses) * 0.016};
+        tally.categories.push_back({label, counts, responses, invent(n, ++seed, now), true});
     }
     return tally;
 }
@@ -54,9 +54,9 @@ ServerTally server(const std::string& name, std::vector<SiteTally> sites, std::u
     tally.sites = std::move(sites);
     tally.history = invent(requests, 3, now);
     tally.runs = {
-        {WatchState::kLive, "12 processes attached", 98305, 811, 812, now - 90000, 16, 3, 12}};
-    tally.takings = 100;
-    tally.lastTaking = now;
+        {RunState::kLive, "12 processes attached", 98305, 811, 812, now - 90000, 16, 3, 12}};
+    tally.collections = 100;
+    tally.lastCollection = now;
     return tally;
 }
 
@@ -69,25 +69,25 @@ void addShop(CollectorState& state, std::time_t now) {
     std::vector<SiteTally> sites;
     sites.push_back(site("shop.example", {"cart", "catalogue", "search"}, 1234567, 1, now));
     sites.push_back(site("blog.example", {"posts"}, 54321, 4, now));
-    sites.push_back(site(kHostileName, {"\"quoted\\\" \xff"}, 987, 2, now));
+    sites.push_back(site(kHostileName, {"\"quoted\\\" ?"}, 987, 2, now));
     add(state, server("*:80,10.0.0.1:443", std::move(sites), 1300000, now));
 }
 
 void addStates(CollectorState& state, std::time_t now) {
-    const std::pair<WatchState, const char*> runs[] = {
-        {WatchState::kLive, "5 processes attached"},
-        {WatchState::kEnding, "the server has stopped; 2 processes remain"},
-        {WatchState::kStale, "no process of it runs"},
-        {WatchState::kHeld, "held by collector 4711"},
-        {WatchState::kUnreadable, "its segment 65538 is smaller than 16 records need"},
+    const std::pair<RunState, const char*> runs[] = {
+        {RunState::kLive, "5 processes attached"},
+        {RunState::kEnding, "the server has stopped; 2 processes remain"},
+        {RunState::kStale, "no process of it runs"},
+        {RunState::kHeld, "held by collector 4711"},
+        {RunState::kUnreadable, "its segment 65538 is smaller than 16 records need"},
     };
     int port = 8080;
-    for (const auto& [runState, why] : runs) {
+    for (const auto& [runState, reason] : runs) {
         std::vector<SiteTally> sites;
         sites.push_back(site("www.example", {"all"}, 40000, port, now));
         ServerTally tally = server("*:" + std::to_string(port++), std::move(sites), 50000, now);
         tally.runs.front().state = runState;
-        tally.runs.front().why = why;
+        tally.runs.front().reason = reason;
         add(state, std::move(tally));
     }
     ServerTally stopped = server("127.0.0.1:8090", {}, 50000, now);

@@ -8,34 +8,35 @@
 #include <mutex>
 #include <sstream>
 
-#include "web/http_server.h"
+#include "export/pages.h"
+#include "http/http_server.h"
 #include "web/invented_state.h"
-#include "web/pages.h"
 
 namespace {
 
 using namespace tolvane::agent;
 
-void take(CollectorState& state, std::uint64_t requests) {
+void collect(CollectorState& state, std::uint64_t requests) {
     ++state.health.rounds;
     state.health.lastRound = std::time(nullptr);
     for (auto& [name, server] : state.servers) {
-        ++server.takings;
-        ++server.lastTaking;  // a second for each, however long a test waited
-        server.total.requests += requests;
+        ++server.collections;
+        ++server.lastCollection;  // a second for each, however long a test waited
+        server.total[&tolvane::CounterBlock::requests] += requests;
         if (server.sites.empty()) continue;
         SiteTally& site = server.sites.front();
-        site.counts.requests += requests;
-        if (!site.categories.empty()) site.categories.front().counts.requests += requests;
+        site.counts[&tolvane::CounterBlock::requests] += requests;
+        if (!site.categories.empty())
+            site.categories.front().counts[&tolvane::CategoryCounters::requests] += requests;
     }
 }
 
-void obey(const std::string& line, CollectorState& state) {
+void handle(const std::string& line, CollectorState& state) {
     std::istringstream words(line);
     std::string word;
     std::uint64_t number = 0;
     words >> word >> number;
-    if (word == "take") take(state, number);
+    if (word == "take") collect(state, number);
     if (word == "silence") state.health.lastRound = std::time(nullptr) - 300;
     if (word == "unwritten") state.health.storeWorks = false;
     if (word == "invalid") {
@@ -63,7 +64,7 @@ int main(int argc, char** argv) {
         std::cout << server.port() << std::endl;
         for (std::string line; std::getline(std::cin, line);) {
             std::lock_guard lock(mutex);
-            obey(line, state);
+            handle(line, state);
         }
     } catch (const std::exception& error) {
         std::cerr << error.what() << "\n";

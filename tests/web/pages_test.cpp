@@ -1,12 +1,12 @@
 // What the paths answer.
-#include "web/pages.h"
+#include "export/pages.h"
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
+#include "os/process_facts.h"
 #include "web/invented_state.h"
-#include "web/process_facts.h"
 
 namespace tolvane::agent {
 namespace {
@@ -73,7 +73,7 @@ TEST(Pages, HealthNamesWhatIsWrong) {
              Case{kNow - 999, kNow - 31, 1, true, "no round for 31 seconds"},
              Case{kNow - 999, kNow - 300, 60, true, ""},
              Case{kNow - 31, 0, 1, true, "no round for 31 seconds"},
-             Case{kNow - 999, kNow, 5, false, "the totals cannot be written down"},
+             Case{kNow - 999, kNow, 5, false, "the totals cannot be saved"},
          }) {
         CollectorState state;
         state.health.started = c.started;
@@ -98,7 +98,7 @@ TEST(Pages, ServersAsJson) {
     const nlohmann::json& sites = server["sites"];
     EXPECT_EQ(sites[0]["server_errors"], 1234567 / 100 - 1234567 / 125);
     EXPECT_EQ(sites[0]["categories"][0]["label"], "cart");
-    EXPECT_EQ(sites[0]["categories"][0]["answered"], 823044 - 8230 - 823);
+    EXPECT_EQ(sites[0]["categories"][0]["response_count"], 823044 - 8230 - 823);
     EXPECT_EQ(sites[1]["configured"], false);
     EXPECT_EQ(sites[2]["name"], test::kHostileName);
     EXPECT_EQ(sites[2]["categories"][0]["label"], "\"quoted\\\" ?");
@@ -107,7 +107,7 @@ TEST(Pages, ServersAsJson) {
     EXPECT_EQ(jsonOf(many, "/api/servers")["servers"].size(), 6U);
     json = jsonOf(many, "/api/servers", {{"server", "*:8083"}});
     ASSERT_EQ(json["servers"].size(), 1U);
-    EXPECT_EQ(json["servers"][0]["runs"][0]["why"], "held by collector 4711");
+    EXPECT_EQ(json["servers"][0]["runs"][0]["reason"], "held by collector 4711");
     EXPECT_EQ(json["servers"][0]["up"], false);
 }
 
@@ -131,7 +131,7 @@ TEST(Pages, HistoryHasWholeStepsAndNoEmptyRows) {
     EXPECT_EQ(found["requests"].back(), 6) << "the step that is not over is left out";
     EXPECT_EQ(found["errors"].back(), 1);
     EXPECT_EQ(found["response_seconds"].back(), 0.5);
-    EXPECT_EQ(found["answered"].back(), 4);
+    EXPECT_EQ(found["response_count"].back(), 4);
     EXPECT_EQ(found["categories"].size(), 1U);
     EXPECT_EQ(jsonOf(state, "/api/history", {{"server", "*:8080"}})["servers"].size(), 1U);
 }

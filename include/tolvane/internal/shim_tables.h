@@ -16,6 +16,7 @@
 #include <climits>
 #include <cstdint>
 
+#include "tolvane/limits.h"
 #include "tolvane/segment_format.h"
 
 // The library reaches tables of its own without a detour.
@@ -42,7 +43,6 @@ inline constexpr int kPathSize = kRootSize + 32;  // root and the name of a file
 extern char rootDir[kRootSize];                   // server root, always ending in "/"
 extern char pidFile[kPathSize];                   // the server's own pid file
 
-inline constexpr int kMaxAddresses = 10;
 inline constexpr int kAddressNameSize = 50;
 inline constexpr std::uint32_t kAnyAddress = 0xFFFFFFFF;
 inline constexpr int kAnyPort = -1;

@@ -1,0 +1,106 @@
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "cli/commands.h"
+#include "cli/exit_code.h"
+#include "cli/terminal.h"
+#include "collector/ownership_lock.h"
+#include "configuration/config_block.h"
+#include "configuration/config_load.h"
+#include "configuration/config_writer.h"
+#include "os/error.h"
+#include "os/text.h"
+#include "segment/configuration_copy.h"
+#include "servers/server.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+ConfigModel modelIn(const std::string& path, WithoutSites withoutSites) {
+    LoadedConfig loaded = loadConfig(path, withoutSites);
+    if (loaded.complaints.empty()) return std::move(loaded.model);
+    for (const std::string& complaint : loaded.complaints) fmt::print(stderr, "{}\n", complaint);
+    fail(ErrorKind::kInvalidInput, "{} is not valid; nothing was changed", path);
+}
+
+// Marks the counts of sites and categories as collected: the next publication
+// resets them.
+void resetSiteCounts(Segment& segment) {
+    for (std::int32_t i = 0; i < segment.structures(); ++i) segment.markSitesCollected(i);
+}
+
+// A collector keeps its totals by name and adds differences. Counts that start
+// from 0 would be missing in them.
+void refuseResetOfKeptCounts(const Server& server) {
+    if (::access(kOwnershipFile, F_OK) != 0) return;
+    if (pid_t holder = OwnershipLock(kOwnershipFile).acquire(server.handoff.shmid); holder != 0) {
+        fail(ErrorKind::kInvalidInput,
+             "the collector with process id {} keeps totals of this server, by name: --reset is "
+             "not needed and would cost some of them; nothing was changed",
+             holder);
+    }
+}
+
+// Counts belong to an index. A new name at an index takes over the counts of the
+// name before it.
+std::vector<std::string> renamed(const ConfigInfo& before, const ConfigInfo& after) {
+    std::vector<std::string> changes;
+    for (int s = 0; s < std::min(before.numSites, after.numSites); ++s) {
+        if (std::string_view(before.siteName[s]) != after.siteName[s]) {
+            changes.push_back(fmt::format("{} (was {})", after.siteName[s], before.siteName[s]));
+            continue;
+        }
+        for (int c = 0; c < std::min(before.numCategories[s], after.numCategories[s]); ++c) {
+            const char* label = after.categories[s][c].label;
+            const char* earlier = before.categories[s][c].label;
+            if (std::string_view(label) == earlier) continue;
+            changes.push_back(fmt::format("{} {} (was {})", after.siteName[s], label, earlier));
+        }
+    }
+    return changes;
+}
+
+}  // namespace
+
+int checkCommand(const std::string& file) {
+    writeOut(
+        fmt::format("{}: valid: {}\n", file, summaryOf(modelIn(file, WithoutSites::kRefused))));
+    return kExitOk;
+}
+
+int configureCommand(const ConfigureOptions& options) {
+    ConfigModel model =
+        modelIn(options.file, options.removeAll ? WithoutSites::kAccepted : WithoutSites::kRefused);
+    auto block = buildConfigBlock(model);
+    Server server = selectServer(findServers(), options.server);
+    Progress progress;
+    auto notice = [&](std::string_view text) { progress.show(text); };
+    ConfigLock lock(server.handoff.path, std::chrono::seconds(10), notice);
+    Segment segment(server.handoff.shmid, server.handoff.structures, Segment::Access::kWrite);
+    if (options.reset) refuseResetOfKeptCounts(server);
+    ConfigCopy before = copyConfiguration(segment);
+    WrittenConfiguration written =
+        writeConfiguration(segment, *block, std::chrono::seconds(5), notice);
+    progress.clear();
+    if (written.replacedMark != 0) {
+        writeOut(
+            fmt::format("Note: another agent began a configuration (version {}) and did not finish "
+                        "it; it is replaced.\n",
+                        written.replacedMark));
+    }
+    if (options.reset) resetSiteCounts(segment);
+    writeOut(fmt::format("Server {}: configuration {} written: {}.\n", nameOf(server),
+                         written.version, summaryOf(model)));
+    auto changes = renamed(*before.info, *block);
+    if (!changes.empty() && !options.reset && before.info->version > 0) {
+        writeOut(
+            fmt::format("Note: counts stay with their place in the list, so {} {} earlier "
+                        "counts; --reset starts sites and categories from 0.\n",
+                        listOf(changes), changes.size() == 1 ? "takes over" : "take over"));
+    }
+    writeOut("Each process takes it at its next publication.\n");
+    return kExitOk;
+}
+
+}  // namespace tolvane::agent

@@ -1,0 +1,231 @@
+// One live server: its process's variables, library, files, semaphores and
+// configuration.
+#include <fmt/format.h>
+#include <sys/sem.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "cli/doctor_findings.h"
+#include "cli/threaded_server.h"
+#include "counts/counts.h"
+#include "os/elf.h"
+#include "os/error.h"
+#include "os/process.h"
+#include "os/text.h"
+#include "servers/library.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+using Environment = std::map<std::string, std::string>;
+
+// The semaphore's units; waits until the deadline while there are none, which
+// a publication takes away for microseconds.
+int unitsOnceFree(std::int32_t id, std::chrono::steady_clock::time_point deadline) {
+    for (;;) {
+        int value = ::semctl(id, 0, GETVAL);
+        if (value != 0 || std::chrono::steady_clock::now() > deadline) return value;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+class Examiner {
+  public:
+    Examiner(const Server& server, Findings& findings)
+        : server_(server), findings_(findings), name_("server " + nameOf(server)) {}
+
+    void examine();
+
+  private:
+    void examineHandoff();
+    void examineVariables(const Environment& environment);
+    void examineRoot(const std::string& root);
+    void examinePidFile(const std::string& root);
+    void examineLibrary();
+    void examineSemaphores(const Sample& sample);
+    void examineConfiguration(const Sample& sample);
+
+    void problem(const std::string& text, const std::string& remedy) {
+        findings_.problem(name_ + ": " + text, remedy);
+        sound_ = false;
+    }
+    void note(const std::string& text, const std::string& remedy) {
+        findings_.note(name_ + ": " + text, remedy);
+    }
+    bool isApache() const { return server_.handoff.serverType == "APACHE"; }
+
+    const Server& server_;
+    Findings& findings_;
+    std::string name_;
+    bool sound_ = true;
+};
+
+void Examiner::examineHandoff() {
+    if (server_.misled.empty()) return;
+    problem(fmt::format("{} was changed: {}, but the server created segment {}",
+                        server_.handoff.path, server_.misled, server_.handoff.shmid),
+            "find out who wrote into it, and restart the server, which writes it anew");
+}
+
+void Examiner::examineVariables(const Environment& environment) {
+    constexpr const char* kRestart = "restart it with 'tolvane run'";
+    for (const char* name : {"WEB_SERVER", "WEB_SERVER_ROOT"}) {
+        if (environment.count(name) == 0) problem(fmt::format("{} is not set", name), kRestart);
+    }
+    for (const char* name : {"NUM_SEMAPHORES", "REQUEST_INTERVAL"}) {
+        auto found = environment.find(name);
+        if (found == environment.end() || parseInt32(found->second)) continue;
+        problem(fmt::format("{}={} is not a number", name, found->second), kRestart);
+    }
+    auto interval = environment.find("REQUEST_INTERVAL");
+    if (interval != environment.end() && parseInt32(interval->second).value_or(1) <= 0) {
+        problem(fmt::format("REQUEST_INTERVAL={} is not above 0", interval->second), kRestart);
+    }
+    auto preload = environment.find("LD_PRELOAD");
+    if (preload == environment.end() || preload->second.find(kLibraryName) == std::string::npos) {
+        note(
+            "LD_PRELOAD does not name libtolvane.so, so programs that it starts anew run "
+            "unmeasured",
+            kRestart);
+    }
+    auto root = environment.find("WEB_SERVER_ROOT");
+    if (root != environment.end()) examineRoot(root->second);
+}
+
+void Examiner::examineRoot(const std::string& root) {
+    std::string file =
+        root + "/" + (isApache() ? kApacheConfigurationFile : kNetscapeConfigurationFile);
+    if (::access(file.c_str(), R_OK) != 0) {
+        problem(fmt::format("{}: {}", file, std::strerror(errno)),
+                "the next start will not be measured; prepare the root again");
+    }
+    std::string logs = root + "/logs";
+    if (isApache() && ::access(logs.c_str(), W_OK) != 0) {
+        problem(fmt::format("{}: {}", logs, std::strerror(errno)),
+                "the server must be able to write its previous-run record there");
+    }
+    if (isApache()) examinePidFile(root);
+}
+
+void Examiner::examinePidFile(const std::string& root) {
+    std::string file = root + "/" + kApachePidFile;
+    auto text = readFile(file);
+    if (!text) {
+        problem(
+            fmt::format("{}: {}", file, std::strerror(errno)),
+            "link it to the server's PidFile; without it the segment stays when the server stops");
+        return;
+    }
+    auto pid = parseInt32(trim(*text));
+    if (server_.parentPid > 0 && pid != server_.parentPid) {
+        problem(fmt::format("{} holds {}, the segment names {} as the main process", file,
+                            printable(trim(*text)), server_.parentPid),
+                "let the link lead to the PidFile of this server, and restart it");
+    }
+}
+
+void Examiner::examineLibrary() {
+    auto mappings = processMappings(server_.process);
+    if (!mappings) return;
+    bool replaced = std::any_of(mappings->begin(), mappings->end(), [](const std::string& line) {
+        return line.find(kLibraryName + std::string(" (deleted)")) != std::string::npos;
+    });
+    if (replaced)
+        note("its library file was replaced since it started", "restart it to use the new one");
+    std::string executable = fmt::format("/proc/{}/exe", server_.process);
+    WordSize size = inspectExecutable(executable).wordSize;
+    if (size != WordSize::kUnknown && findLibraries().count(size) == 0) {
+        note(fmt::format("it is a {}-bit program, and no such library lies beside this tool",
+                         static_cast<int>(size)),
+             "the next 'tolvane run' needs --library");
+    }
+}
+
+void Examiner::examineSemaphores(const Sample& sample) {
+    if (!isApache()) return;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    for (std::size_t i = 0; i < sample.records.size(); ++i) {
+        std::int32_t id = sample.records[i].semaphoreId;
+        int value = unitsOnceFree(id, deadline);
+        if (value < 0 && errno != EACCES) {
+            problem(
+                fmt::format(
+                    "the semaphore of record {} is gone, and its counts stay in the workers", i),
+                "restart the server");
+        } else if (value == 0) {
+            pid_t last = ::semctl(id, 0, GETPID);
+            problem(fmt::format("the semaphore of record {} is held, last touched by process {} "
+                                "({}), and nothing is published there",
+                                i, last, processName(last)),
+                    "continue or end that process; if it is none of the server, restart the "
+                    "server as well");
+        } else if (value > 1) {
+            problem(fmt::format("the semaphore of record {} has {} units", i, value),
+                    "restart the server");
+        }
+    }
+}
+
+void Examiner::examineConfiguration(const Sample& sample) {
+    if (sample.version == kVersionCreated) {
+        note("no configuration, so only the totals are counted", "tolvane configure FILE");
+        return;
+    }
+    if (!sample.config.steady) {
+        problem("a configuration was begun and not finished", "run 'tolvane configure FILE' again");
+        return;
+    }
+    if (!sample.config.complaint.empty()) {
+        problem("the configuration is out of range: " + sample.config.complaint,
+                "write a valid one with 'tolvane configure FILE'");
+    }
+    CountSet counts = countsOf(sample.records);
+    auto counted = [](const TrafficCounts& site) { return site[&CounterBlock::requests] > 0; };
+    bool anySite = std::any_of(std::begin(counts.site), std::end(counts.site), counted);
+    // After a reset of the sites this cannot be judged.
+    bool published = std::any_of(sample.records.begin(), sample.records.end(),
+                                 [](const ResultStruct& record) { return record.sitesDirty == 1; });
+    if (sample.config.info->numSites > 0 && counts.total[&CounterBlock::requests] > 0 &&
+        published && !anySite) {
+        note(fmt::format("no process uses configuration {}: {}, none of them for a site",
+                         sample.version, plural(counts.total[&CounterBlock::requests], "request")),
+             fmt::format("send a few requests to each worker or wait {} s, then compare the site "
+                         "names with what clients send as Host",
+                         2 * std::clamp(sample.config.info->interval, 1, 86400)));
+    }
+}
+
+void Examiner::examine() {
+    examineHandoff();
+    auto environment = server_.process > 0 ? processEnvironment(server_.process) : std::nullopt;
+    if (environment) {
+        examineVariables(*environment);
+        if (auto fault = threadsFault(server_)) problem(fault->text, fault->remedy);
+        examineLibrary();
+    } else {
+        note("its process cannot be examined", "run doctor as root");
+    }
+    try {
+        Sample sample = takeSample(server_);
+        examineSemaphores(sample);
+        examineConfiguration(sample);
+    } catch (const Error& error) {
+        problem(error.what(), "tolvane list");
+    }
+    if (sound_) findings_.ok(fmt::format("{}: {}", name_, server_.reason));
+}
+
+}  // namespace
+
+void examineLiveServer(const Server& server, Findings& findings) {
+    Examiner(server, findings).examine();
+}
+
+}  // namespace tolvane::agent

@@ -1,0 +1,29 @@
+// Reading a configuration file from the disk.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "configuration/config_file.h"
+#include "os/text.h"
+
+namespace tolvane::agent {
+
+enum class WithoutSites { kRefused, kAccepted };
+
+struct LoadedConfig {
+    ConfigModel model;
+    // "FILE:LINE:COLUMN: what is wrong", as editors and compilers have it, or
+    // "FILE: why it cannot be read"; empty when the model may be used.
+    std::vector<std::string> complaints;
+};
+
+// A file without sites is probably a mistake and would end the measurement of
+// every site: it is refused unless kAccepted.
+LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites,
+                        PipeWriter writer = PipeWriter::kAwaited);
+
+// "2 sites, 3 host names, 1 category, 2 URL patterns, interval 60 s"
+std::string summaryOf(const ConfigModel& model);
+
+}  // namespace tolvane::agent

@@ -1,0 +1,17 @@
+// The last minutes as JSON, for the page and for programs.
+#pragma once
+
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "collector/state.h"
+
+namespace tolvane::agent {
+
+// Of all servers, or of one. The complete steps, the oldest first; "end" is the
+// end of the last one. Rows without any count are left out.
+std::string historyJson(const CollectorState& state, std::time_t now,
+                        const std::optional<std::string>& server = {});
+
+}  // namespace tolvane::agent

@@ -1,0 +1,43 @@
+// The directories that measured servers and the agent share.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "tolvane/paths.h"
+
+namespace tolvane::agent {
+
+// Roots that are prepared for servers whose files lie elsewhere.
+inline constexpr char kPreparedRoots[] = "/opt/tolvane/agent/data/servers/";
+
+// Links to the libraries of both word sizes, for a build tree.
+inline constexpr char kPreloadDirectory[] = "/opt/tolvane/agent/data/preload";
+
+// Totals of the collector, unless it is told another directory.
+inline constexpr char kCollectorState[] = "/opt/tolvane/agent/data/collector";
+
+struct AgentDirectory {
+    const char* path;
+    mode_t mode;
+    const char* purpose;
+};
+
+// Servers start and stop as root and then write handoff files and the lock file.
+// Worker processes run as another user and write to the log only.
+inline constexpr AgentDirectory kAgentDirectories[] = {
+    {kLogDirectory, 01777, "the log"},
+    {kConfigDirectory, 0755, "the handoff files"},
+    {kDataDirectory, 0755, "the lock file"},
+};
+
+// Creates the directory and those above it; present ones stay as they are.
+// Throws Error.
+void makeDirectories(const std::string& path, mode_t mode);
+
+// All of the above, and a log file that every worker may append to.
+void makeAgentDirectories();
+
+}  // namespace tolvane::agent

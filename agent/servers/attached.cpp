@@ -1,0 +1,55 @@
+#include "servers/attached.h"
+
+#include <algorithm>
+
+#include "os/process.h"
+#include "os/text.h"
+
+namespace tolvane::agent {
+
+namespace {
+
+enum class Mapping { kNone, kReadOnly, kWritable };
+
+// A line of /proc/PID/maps for a System V segment, whose inode number is the
+// segment's identifier:
+//   7f3c14a00000-7f3c14a4d000 rw-s 00000000 00:01 32769   /SYSV00000000 (deleted)
+Mapping mappingOf(const std::string& line, const std::string& shmid) {
+    if (line.find("/SYSV") == std::string::npos) return Mapping::kNone;
+    auto fields = splitWords(line);
+    if (fields.size() < 6 || fields[4] != shmid || fields[5].compare(0, 5, "/SYSV") != 0) {
+        return Mapping::kNone;
+    }
+    return fields[1].find('w') != std::string::npos ? Mapping::kWritable : Mapping::kReadOnly;
+}
+
+// Not only a server's processes have write access, also another agent may. The
+// library may have another name, but no process is measured without the variable.
+bool isServers(pid_t pid, const std::vector<std::string>& mappings) {
+    if (mapsLibrary(mappings)) return true;
+    auto environment = processEnvironment(pid);
+    return !environment || environment->count("WEB_SERVER") != 0;
+}
+
+}  // namespace
+
+AttachedProcesses attachedProcesses(std::int32_t shmid, pid_t mainProcess) {
+    AttachedProcesses attached;
+    std::string wanted = std::to_string(shmid);
+    for (pid_t pid : allProcesses()) {
+        auto mappings = processMappings(pid);
+        if (!mappings) continue;
+        Mapping found = Mapping::kNone;
+        for (const std::string& line : *mappings) {
+            Mapping mapping = mappingOf(line, wanted);
+            if (mapping > found) found = mapping;
+        }
+        if (found == Mapping::kNone || !sharesIpcNamespace(pid)) continue;
+        bool servers =
+            found == Mapping::kWritable && (pid == mainProcess || isServers(pid, *mappings));
+        (servers ? attached.servers : attached.others).push_back(pid);
+    }
+    return attached;
+}
+
+}  // namespace tolvane::agent

@@ -1,0 +1,20 @@
+// Which processes have a segment attached, as far as they may be examined.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tolvane::agent {
+
+struct AttachedProcesses {
+    std::vector<pid_t> servers;  // a measured server's processes
+    std::vector<pid_t> others;   // readers, or another agent
+};
+
+// `mainProcess` is the one in the segment; -1 while unknown.
+AttachedProcesses attachedProcesses(std::int32_t shmid, pid_t mainProcess);
+
+}  // namespace tolvane::agent

@@ -1,0 +1,44 @@
+#include "servers/run_state.h"
+
+#include <fmt/format.h>
+
+#include "os/process.h"
+#include "tolvane/segment_format.h"
+
+namespace tolvane::agent {
+
+const char* runStateName(RunState state) {
+    switch (state) {
+        case RunState::kLive:
+            return "live";
+        case RunState::kEnding:
+            return "ending";
+        case RunState::kStale:
+            return "stale";
+        case RunState::kHeld:
+            return "held";
+        case RunState::kUnreadable:
+            break;
+    }
+    return "unreadable";
+}
+
+RunJudgement judgeRun(const RunFacts& facts) {
+    if (facts.processes == 0) {
+        return {RunState::kStale, fmt::format("no process uses segment {} any more", facts.shmid)};
+    }
+    std::string attached =
+        facts.processes == 1 ? "1 process" : fmt::format("{} processes", facts.processes);
+    if (facts.segmentRemoved || facts.version == kVersionRemoved) {
+        return {RunState::kEnding,
+                fmt::format("the server has stopped; {} still attached", attached)};
+    }
+    if (facts.mainProcess > 0 && !processExists(facts.mainProcess)) {
+        return {RunState::kEnding, fmt::format("its main process {} is gone; {} still attached",
+                                               facts.mainProcess, attached)};
+    }
+    const char* unknown = facts.mainProcess > 0 ? "" : ", no connection accepted yet";
+    return {RunState::kLive, fmt::format("{} attached{}", attached, unknown)};
+}
+
+}  // namespace tolvane::agent

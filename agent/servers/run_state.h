@@ -1,0 +1,40 @@
+// The state of one run of a server, judged by its segment and its processes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace tolvane::agent {
+
+enum class RunState {
+    kLive,        // its processes count into the segment
+    kEnding,      // it has stopped or lost its main process; some processes remain
+    kStale,       // no process of it remains
+    kHeld,        // another collector collects its counts
+    kUnreadable,  // the segment or the handoff file cannot be used
+};
+inline constexpr RunState kRunStates[] = {RunState::kLive, RunState::kEnding, RunState::kStale,
+                                          RunState::kHeld, RunState::kUnreadable};
+const char* runStateName(RunState state);  // "live", "ending", "stale", "held", "unreadable"
+
+struct RunFacts {
+    std::int32_t shmid = -1;
+    std::int32_t version = 0;     // of the configuration in the segment
+    bool segmentRemoved = false;  // or marked for removal
+    pid_t mainProcess = -1;       // as the segment names it; -1 while unknown
+    std::size_t processes = 0;    // attached to the segment, besides readers
+};
+
+struct RunJudgement {
+    RunState state = RunState::kStale;
+    std::string reason;  // for the operator
+};
+
+// A main process that has ended counts as gone even while its parent has not
+// reaped it.
+RunJudgement judgeRun(const RunFacts& facts);
+
+}  // namespace tolvane::agent

@@ -1,0 +1,61 @@
+// The fields of a configuration block whose values have bounds. Every process
+// that copies a block checks them before it uses the copy.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+
+#include "tolvane/segment_format.h"
+
+namespace tolvane {
+
+// The value that replaces one out of 0..limit.
+constexpr std::int32_t bounded(std::int32_t value, int limit) {
+    return value < 0 ? 0 : value > limit ? limit : value;
+}
+
+// Of one category; called by forEachBoundedField.
+template <typename Visitor>
+void forEachBoundedFieldOf(CategoryConfig& category, int s, int c, Visitor& visitor) {
+    visitor.number(category.numSections, kMaxSections, "numSections", {s, c});
+    const int sections = bounded(category.numSections, kMaxSections);
+    for (int k = 0; k < sections; ++k) {
+        UrlSection& section = category.sections[k];
+        visitor.number(section.numPieces, kMaxPieces, "numPieces", {s, c, k});
+        const int pieces = bounded(section.numPieces, kMaxPieces);
+        for (int p = 0; p < pieces; ++p) {
+            visitor.text(section.piece[p], kPieceSize, "piece", {s, c, k, p});
+            visitor.number(section.pieceLength[p], kPieceSize - 1, "pieceLength", {s, c, k, p});
+        }
+    }
+}
+
+// Calls for each field in use, counts before what they count:
+//   visitor.number(std::int32_t& value, int limit, const char* field, indices)
+//       for a number that has to be 0 to `limit`;
+//   visitor.text(char* text, int size, const char* field, indices)
+//       for a text that has to end within its `size` bytes.
+// `indices` (std::initializer_list<int>) tell which site, category, section and
+// piece. The visitor may change the values; whether it does or not, elements
+// beyond the capacity of an array are never visited. The labels of categories
+// are not among the fields, since only agents read them.
+template <typename Visitor>
+void forEachBoundedField(ConfigInfo& config, Visitor&& visitor) {
+    visitor.number(config.numSites, kMaxSites, "numSites", {});
+    const int sites = bounded(config.numSites, kMaxSites);
+    for (int s = 0; s < sites; ++s) {
+        visitor.text(config.siteName[s], kNameSize, "siteName", {s});
+        visitor.number(config.numHosts[s], kMaxExtraHosts, "numHosts", {s});
+        const int hosts = bounded(config.numHosts[s], kMaxExtraHosts);
+        for (int h = 0; h < hosts; ++h) {
+            visitor.text(config.hostName[s][h], kNameSize, "hostName", {s, h});
+        }
+        visitor.number(config.numCategories[s], kMaxCategories, "numCategories", {s});
+        const int categories = bounded(config.numCategories[s], kMaxCategories);
+        for (int c = 0; c < categories; ++c) {
+            forEachBoundedFieldOf(config.categories[s][c], s, c, visitor);
+        }
+    }
+}
+
+}  // namespace tolvane

@@ -1,0 +1,35 @@
+// Files and directories that the shim and the agent share.
+#pragma once
+
+namespace tolvane {
+
+inline constexpr char kLibraryName[] = "libtolvane.so";
+
+inline constexpr char kAgentDirectory[] = "/opt/tolvane/agent";
+inline constexpr char kLogDirectory[] = "/opt/tolvane/agent/logs";
+inline constexpr char kConfigDirectory[] = "/opt/tolvane/agent/config";
+inline constexpr char kDataDirectory[] = "/opt/tolvane/agent/data";
+
+// The handoff file, "webadapter." and the id of the process that started the
+// measurement, tells an agent where the segment is:
+//     Listen=*:80,10.0.0.1:443
+//     Shmid=32769
+//     Server_Type=APACHE
+//     Structures=1
+inline constexpr char kHandoffDirectory[] = "/opt/tolvane/agent/config/";
+inline constexpr char kHandoffPrefix[] = "webadapter.";
+
+// Exists while a process removes a segment.
+inline constexpr char kLockFile[] = "/opt/tolvane/agent/data/web_adapter_LOCK";
+
+// Every message of every measured process, one line each.
+inline constexpr char kLogFile[] = "/opt/tolvane/agent/logs/web_log";
+
+// Below a server's root directory: where Apache listens, its main process, and
+// its processing module.
+inline constexpr char kApacheConfigurationFile[] = "conf/httpd.conf";
+inline constexpr char kApachePidFile[] = "logs/httpd.pid";
+inline constexpr char kApacheModuleFile[] = "logs/.tolvane_info";
+inline constexpr char kNetscapeConfigurationFile[] = "config/magnus.conf";
+
+}  // namespace tolvane
