@@ -65,7 +65,8 @@ std::size_t MemoryFile::read(char* to, std::size_t size) {
 
 }  // namespace tolvane::fuzz
 
-// Takes the place of the C library's `fopen` in the program that it is linked to.
+// Takes the place of the C library's `fopen` in the program that it is linked to;
+// its name there is `fopen64`, for the files' offsets have 64 bits.
 extern "C" std::FILE* fopen(const char* path, const char* mode) {
     using namespace tolvane::fuzz;
     for (int i = 0; i < numFiles; ++i) {
