@@ -1,6 +1,7 @@
 #include "memory_files.h"
 
 #include <dlfcn.h>
+#include <stdio_ext.h>
 
 #include <algorithm>
 #include <cstring>
@@ -17,12 +18,7 @@ ssize_t readFile(void* file, char* to, std::size_t size) {
     return static_cast<ssize_t>(static_cast<MemoryFile*>(file)->read(to, size));
 }
 
-int closeFile(void* file) {
-    static_cast<MemoryFile*>(file)->close();
-    return 0;
-}
-
-// The C library's own: the sanitizer's is slower and guards nothing here.
+// The C library's own.
 template <typename Call>
 Call libraryCall(const char* name, Call) {
     return reinterpret_cast<Call>(dlsym(RTLD_NEXT, name));
@@ -47,13 +43,23 @@ void MemoryFile::remove() {
 }
 
 std::FILE* MemoryFile::open() {
-    static const auto openCookie = libraryCall("fopencookie", fopencookie);
     mustAgree(!open_, "file open once");
+    if (!there_) return nullptr;
     open_ = true;
     rest_ = text_;
-    std::FILE* stream = openCookie(this, "r", {readFile, nullptr, nullptr, closeFile});
-    if (stream != nullptr) std::setvbuf(stream, buffer_, _IOFBF, sizeof buffer_);
-    return stream;
+    if (stream_ == nullptr) {
+        stream_ = fopencookie(this, "r", {readFile, nullptr, nullptr, nullptr});
+        mustAgree(stream_ != nullptr, "stream");
+        std::setvbuf(stream_, buffer_, _IOFBF, sizeof buffer_);
+    }
+    __fpurge(stream_);
+    std::clearerr(stream_);
+    return stream_;
+}
+
+void MemoryFile::close() {
+    mustAgree(open_, "file closed once");
+    open_ = false;
 }
 
 std::size_t MemoryFile::read(char* to, std::size_t size) {
@@ -65,8 +71,8 @@ std::size_t MemoryFile::read(char* to, std::size_t size) {
 
 }  // namespace tolvane::fuzz
 
-// Takes the place of the C library's `fopen` in the program that it is linked to;
-// its name there is `fopen64`, for the files' offsets have 64 bits.
+// These take the place of the C library's in the program that they are linked
+// to; `fopen` is named `fopen64` there, for the files' offsets have 64 bits.
 extern "C" std::FILE* fopen(const char* path, const char* mode) {
     using namespace tolvane::fuzz;
     for (int i = 0; i < numFiles; ++i) {
@@ -74,4 +80,15 @@ extern "C" std::FILE* fopen(const char* path, const char* mode) {
     }
     static const auto openPath = libraryCall("fopen64", std::fopen);
     return openPath(path, mode);
+}
+
+extern "C" int fclose(std::FILE* stream) {
+    using namespace tolvane::fuzz;
+    for (int i = 0; i < numFiles; ++i) {
+        if (!files[i]->isBehind(stream)) continue;
+        files[i]->close();
+        return 0;
+    }
+    static const auto closeStream = libraryCall("fclose", std::fclose);
+    return closeStream(stream);
 }

@@ -1,5 +1,5 @@
 // Files that lie in memory: whoever opens the path of such a file with `fopen`
-// reads it. Other paths are opened as usual.
+// reads it, and closes it with `fclose`. Other files are real ones.
 #pragma once
 
 #include <cstdio>
@@ -17,16 +17,18 @@ class MemoryFile {
     void hold(std::string_view text);
     void remove();
 
-    bool isAt(std::string_view path) const { return there_ && path == path_; }
+    bool isAt(std::string_view path) const { return path == path_; }
+    bool isBehind(const std::FILE* stream) const { return stream == stream_; }
     std::FILE* open();
     std::size_t read(char* to, std::size_t size);
-    void close() { open_ = false; }
+    void close();
 
   private:
     std::string_view path_;
     std::string_view text_;
     std::string_view rest_;  // not read yet
     bool there_ = false;
+    std::FILE* stream_ = nullptr;  // stays for the next time
     bool open_ = false;
     char buffer_[BUFSIZ];
 };

@@ -33,7 +33,7 @@ class RepeatedText {
             if (byte != 0xFF || length_ >= kRepeats) {
                 text_[length_++] = static_cast<char>(byte);
             } else {
-                const std::size_t count = (input.take() % 16 + 1) * 64;
+                const std::size_t count = repeats(input.take());
                 std::memset(text_ + length_, static_cast<int>(input.take()), count);
                 length_ += count;
             }
@@ -43,6 +43,11 @@ class RepeatedText {
     }
 
   private:
+    // Mostly few: what is long takes long.
+    static std::size_t repeats(unsigned number) {
+        return number < 0xC0 ? number % 64 + 1 : (number % 16 + 1) * 64;
+    }
+
     static constexpr std::size_t kRepeats = 1100;  // no repeats behind so many bytes
     static constexpr std::size_t kSize = 1 << 20;
     char text_[kSize];
