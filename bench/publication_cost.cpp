@@ -10,8 +10,8 @@
 #include "shim_utils/configuration/configuration.h"
 #include "shim_utils/platform/process_memory.h"
 #include "shim_utils/publication/publication.h"
-#include "shim_utils/slots/records.h"
 #include "shim_utils/publication/semaphores.h"
+#include "shim_utils/slots/records.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/internal/shim_tables.h"
 

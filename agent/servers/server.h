@@ -18,7 +18,7 @@ struct Server {
     Handoff handoff;
     RunState state = RunState::kStale;
     std::string reason;        // of the state
-    std::string misled;           // what the handoff file, as it stood, said wrongly
+    std::string misled;        // what the handoff file, as it stood, said wrongly
     bool ownsSegment = false;  // the segment that exists under the id is this server's
     std::int32_t version = 0;  // meaningful when ownsSegment
     std::int32_t parentPid = -1;

@@ -80,7 +80,6 @@ void decodeSite(Input& input, ConfigInfo& block, int s) {
     block.numCategories[s] = categories.stated;
     for (int c = 0; c < categories.decoded; ++c) {
         CategoryConfig& category = block.categories[s][c];
-        std::memset(category.label, 'x', sizeof category.label);  // without an end
         const Count sections = decodeCount(input, kMaxSections);
         category.numSections = sections.stated;
         for (int k = 0; k < sections.decoded; ++k) {
@@ -89,10 +88,10 @@ void decodeSite(Input& input, ConfigInfo& block, int s) {
     }
 }
 
-// A text of letters and of parts that `part` picks.
+// Writes to `text` letters and parts that `part` picks.
 template <typename Part>
-std::string decodeQuery(Input& input, std::string_view letters, Part part) {
-    std::string text;
+void decodeQuery(Input& input, std::string& text, std::string_view letters, Part part) {
+    text.clear();
     for (unsigned left = input.take() % 64; left > 0; --left) {
         const unsigned byte = input.take();
         if (byte < 0xC0 || byte >= 0xF8) {
@@ -103,11 +102,45 @@ std::string decodeQuery(Input& input, std::string_view letters, Part part) {
             text += text;
         }
     }
-    return text;
 }
 
-std::string fieldText(const char* text, std::size_t size) {
-    return std::string(text, strnlen(text, size));
+std::string_view fieldText(const char* text, std::size_t size) {
+    return {text, strnlen(text, size)};
+}
+
+// Which entries of an array a decoded block may hold something in: those of a
+// bounded count, and the one behind it.
+int touched(std::int32_t count, int limit) {
+    return std::min(usable(count, limit) + 1, limit);
+}
+
+// Clears a decoded text, which holds no NUL before its end.
+template <std::size_t kSize>
+void clearText(char (&text)[kSize]) {
+    for (std::size_t i = 0; i < kSize && text[i] != '\0'; ++i) text[i] = '\0';
+}
+
+void clearSection(UrlSection& section) {
+    for (int p = 0; p < touched(section.numPieces, kMaxPieces); ++p) {
+        clearText(section.piece[p]);
+        section.pieceLength[p] = 0;
+    }
+    section.numPieces = section.leadingWildcard = section.trailingWildcard = 0;
+}
+
+void clearSite(ConfigInfo& block, int s) {
+    for (int c = 0; c < touched(block.numCategories[s], kMaxCategories); ++c) {
+        CategoryConfig& category = block.categories[s][c];
+        for (int k = 0; k < touched(category.numSections, kMaxSections); ++k) {
+            clearSection(category.sections[k]);
+        }
+        category.numSections = 0;
+    }
+    clearText(block.siteName[s]);
+    for (int h = 0; h < touched(block.numHosts[s], kMaxExtraHosts); ++h) {
+        clearText(block.hostName[s][h]);
+    }
+    block.numCategories[s] = block.numHosts[s] = 0;
 }
 
 }  // namespace
@@ -118,31 +151,34 @@ void decodeBlock(Input& input, ConfigInfo& block) {
     for (int s = 0; s < sites.decoded; ++s) decodeSite(input, block, s);
 }
 
-void clearBlock(ConfigInfo& block) {
-    const int sites = std::min(usable(block.numSites, kMaxSites) + 1, kMaxSites);
-    for (int s = 0; s < sites; ++s) {
-        const int categories = usable(block.numCategories[s], kMaxCategories) + 1;
-        for (int c = 0; c < std::min(categories, kMaxCategories); ++c) block.categories[s][c] = {};
-        std::memset(block.siteName[s], 0, kNameSize);
-        std::memset(block.hostName[s], 0, sizeof block.hostName[s]);
-        block.numCategories[s] = block.numHosts[s] = 0;
+void labelBlock(ConfigInfo& block) {
+    for (auto& site : block.categories) {
+        for (CategoryConfig& category : site) std::memset(category.label, 'x', kLabelSize);
     }
+}
+
+void clearBlock(ConfigInfo& block) {
+    for (int s = 0; s < touched(block.numSites, kMaxSites); ++s) clearSite(block, s);
     block.numSites = 0;
 }
 
-std::string decodeUrl(Input& input, const ConfigInfo& block) {
-    return decodeQuery(input, kUrlLetters, [&](unsigned which) {
+const std::string& decodeUrl(Input& input, const ConfigInfo& block) {
+    static std::string url;
+    decodeQuery(input, url, kUrlLetters, [&](unsigned which) {
         const UrlSection& section = block.categories[0][which / 8 % 3].sections[which / 4 % 2];
         return fieldText(section.piece[which % 4], kPieceSize);
     });
+    return url;
 }
 
-std::string decodeHost(Input& input, const ConfigInfo& block) {
-    std::string host = decodeQuery(input, kNameLetters, [&](unsigned which) {
+const std::string& decodeHost(Input& input, const ConfigInfo& block) {
+    static std::string host;
+    decodeQuery(input, host, kNameLetters, [&](unsigned which) {
         return which % 4 == 0 ? fieldText(block.siteName[which / 4 % 4], kNameSize)
                               : fieldText(block.hostName[0][which % 4 - 1], kNameSize);
     });
-    return host.substr(0, host.find('\0'));
+    host.resize(std::min(host.find('\0'), host.size()));
+    return host;
 }
 
 }  // namespace tolvane::fuzz

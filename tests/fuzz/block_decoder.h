@@ -9,15 +9,18 @@
 
 namespace tolvane::fuzz {
 
-// Fills `block`, which is all zero.
+// Gives all categories labels without an end, which nobody may look at. They stay.
+void labelBlock(ConfigInfo& block);
+
+// Fills `block`, which is all zero but for the labels.
 void decodeBlock(Input& input, ConfigInfo& block);
 
-// Makes a bounded block that was decoded all zero again.
+// Makes a bounded block that was decoded all zero again, but for the labels.
 void clearBlock(ConfigInfo& block);
 
 // A URL or Host value out of the same letters, and of the first site's pieces
-// or names.
-std::string decodeUrl(Input& input, const ConfigInfo& block);
-std::string decodeHost(Input& input, const ConfigInfo& block);
+// or names. It stays until the next one is decoded.
+const std::string& decodeUrl(Input& input, const ConfigInfo& block);
+const std::string& decodeHost(Input& input, const ConfigInfo& block);
 
 }  // namespace tolvane::fuzz

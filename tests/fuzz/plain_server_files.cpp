@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <utility>
 
 namespace tolvane::fuzz {
 namespace {
@@ -60,11 +61,9 @@ class File {
 
     bool next(Line& line, std::size_t bufferSize) {
         if (rest_.empty()) return false;
-        std::size_t length = 0;
-        while (length < rest_.size() && length < bufferSize - 1) {
-            if (rest_[length++] == '\n') break;
-        }
-        line.text = rest_.substr(0, length);
+        line.text = rest_.substr(0, bufferSize - 1);
+        const std::size_t length = std::min(line.text.find('\n'), line.text.size() - 1) + 1;
+        line.text = line.text.substr(0, length);
         line.text = line.text.substr(0, line.text.find('\0'));
         rest_.remove_prefix(length);
 
@@ -83,11 +82,13 @@ constexpr std::size_t kLine = 1025;
 constexpr std::size_t kSectionLine = 1024;
 
 std::uint32_t addressOf(std::string_view text) {
-    return inet_addr(std::string(text).c_str());
+    char word[kLine];
+    word[text.copy(word, sizeof word - 1)] = '\0';
+    return inet_addr(word);
 }
 
 PlainAddress entry(int port, std::uint32_t address, std::string_view text) {
-    return {port, address, std::string(text.substr(0, 49))};
+    return {port, address, text.substr(0, 49)};
 }
 
 // An Apache configuration on its way.
@@ -141,7 +142,7 @@ class Apache {
     void readListen(std::string_view value) {
         const std::size_t colon = value.find(':');
         listenSeen_ = true;
-        if (colon == std::string::npos) {
+        if (colon == std::string_view::npos) {
             server_.plain.push_back(entry(number(value), kAny, "*"));
             return;
         }
@@ -150,8 +151,8 @@ class Apache {
     }
 
     void readOther(const Line& line) {
-        if (line.text.find("<IfModule") != std::string::npos &&
-            line.text.find(module_) != std::string::npos) {
+        if (line.text.find("<IfModule") != std::string_view::npos &&
+            line.text.find(module_) != std::string_view::npos) {
             inModule_ = true;
         }
         if (inModule_ && is(module_, "perchild") && is(line.keyword, "numservers")) {
@@ -193,7 +194,7 @@ class Apache {
 
     static void readSectionAddress(std::string_view value, std::string_view& text, int& port) {
         const std::size_t colon = value.find(':');
-        if (colon == std::string::npos) {
+        if (colon == std::string_view::npos) {
             text = run(value, ">");
             port = -1;
             return;
@@ -222,8 +223,8 @@ class Apache {
         };
         firstTen(ssl);
         firstTen(plain);
-        server_.ssl = ssl;
-        server_.plain = plain;
+        server_.ssl = std::move(ssl);
+        server_.plain = std::move(plain);
     }
 
     const ApacheFiles& files_;

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <string_view>
 #include <vector>
 
@@ -12,7 +11,7 @@ namespace tolvane::fuzz {
 struct PlainAddress {
     int port;
     std::uint32_t address;
-    std::string name;
+    std::string_view name;  // in the file
 
     bool equals(const PlainAddress& other) const {
         return port == other.port && address == other.address;

@@ -1,17 +1,15 @@
 // The readers of a server's configuration files against one that goes word by
 // word. The first byte of an input says which server it is, the second one the
 // length of the module info file; the rest is the server's own file.
-#include <fcntl.h>
-#include <unistd.h>
-
+#include <cstdlib>
 #include <cstring>
 
 #include "fuzzing.h"
+#include "memory_files.h"
 #include "plain_server_files.h"
 #include "shim_utils/discovery/port_table.h"
 #include "shim_utils/discovery/server_discovery.h"
 #include "shim_utils/platform/log.h"
-#include "support/sandbox.h"
 #include "tolvane/internal/shim_tables.h"
 
 namespace tolvane {
@@ -24,48 +22,37 @@ void printErrorMsg(const char* text) {
 namespace fuzz {
 namespace {
 
-// A file that is written anew for every input.
-class FilledFile {
+// A byte of 0xFF, the number and the byte behind it stand for copies of the
+// latter: lines longer than any buffer come from short inputs. Few are enough.
+class RepeatedText {
   public:
-    explicit FilledFile(const char* name)
-        : path_(std::string(test::kServerRoot) + "/" + name), hidden_(path_ + ".hidden") {
-        file_ = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        mustAgree(file_ >= 0, "file for the input");
-    }
-
-    void fill(std::string_view text) {
-        show(true);
-        const bool done = ftruncate(file_, 0) == 0 && pwrite(file_, text.data(), text.size(), 0) ==
-                                                          static_cast<ssize_t>(text.size());
-        mustAgree(done, "writing the input");
-    }
-    // Whether there is such a file.
-    void show(bool shown) {
-        if (shown == shown_) return;
-        const std::string& from = shown ? hidden_ : path_;
-        mustAgree(rename(from.c_str(), (shown ? path_ : hidden_).c_str()) == 0, "renaming");
-        shown_ = shown;
+    std::string_view put(std::string_view text) {
+        length_ = 0;
+        for (Input input(text); !input.empty();) {
+            const unsigned byte = input.take();
+            if (byte != 0xFF || length_ >= kRepeats) {
+                text_[length_++] = static_cast<char>(byte);
+            } else {
+                const std::size_t count = repeats(input.take());
+                std::memset(text_ + length_, static_cast<int>(input.take()), count);
+                length_ += count;
+            }
+            mustAgree(length_ < kSize - 16 * 64, "room for the input");
+        }
+        return {text_, length_};
     }
 
   private:
-    std::string path_;
-    std::string hidden_;
-    bool shown_ = true;
-    int file_;
-};
-
-// A byte of 0xF0 or more stands for copies of the one behind it: lines longer
-// than any buffer come from short inputs. A few such lines are enough.
-std::string withRepeats(std::string_view text) {
-    std::string whole;
-    for (Input input(text); !input.empty();) {
-        const unsigned byte = input.take();
-        const bool repeats = byte >= 0xF0 && whole.size() < 2048;
-        whole.append(repeats ? (byte - 0xEF) * 64 : 1,
-                     static_cast<char>(repeats ? input.take() : byte));
+    // Mostly few: what is long takes long.
+    static std::size_t repeats(unsigned number) {
+        return number < 0xC0 ? number % 64 + 1 : (number % 16 + 1) * 64;
     }
-    return whole;
-}
+
+    static constexpr std::size_t kRepeats = 1100;  // no repeats behind so many bytes
+    static constexpr std::size_t kSize = 1 << 20;
+    char text_[kSize];
+    std::size_t length_ = 0;
+};
 
 void clearTables() {
     webServerType = kApacheProcesses;
@@ -91,22 +78,26 @@ void compareTables(const PlainServer& expected) {
     mustAgree(same(sslPorts, expected.ssl), "SSL addresses");
 }
 
-void compareNetscape(const std::string& magnus) {
-    static FilledFile file("config/magnus.conf");
-    file.fill(magnus);
+void compareNetscape(std::string_view magnus) {
+    static MemoryFile file("/server/config/magnus.conf");
+    file.hold(magnus);
     getNetscapeConfigInfo();
+    file.remove();
     compareTables(readNetscapeFiles(magnus));
 }
 
 void compareApache(const ApacheFiles& files) {
-    static FilledFile conf("conf/httpd.conf");
-    static FilledFile info("logs/.tolvane_info");
-    conf.fill(files.conf);
-    if (files.hasModuleInfo) info.fill(files.moduleInfo);
-    info.show(files.hasModuleInfo);
-    files.sslMode ? setenv("SSL_FACTOR", "startssl", 1) : unsetenv("SSL_FACTOR");
+    static MemoryFile conf("/server/conf/httpd.conf");
+    static MemoryFile info("/server/logs/.tolvane_info");
+    static char sslOff[] = "SSL_FACTOR=start";
+    static char sslOn[] = "SSL_FACTOR=startssl";
+    putenv(files.sslMode ? sslOn : sslOff);
+    conf.hold(files.conf);
+    if (files.hasModuleInfo) info.hold(files.moduleInfo);
 
     getApacheConfigInfo();
+    conf.remove();
+    info.remove();
     const PlainServer expected = readApacheFiles(files);
     compareTables(expected);
     mustAgree(webServerType == expected.type, "server type");
@@ -118,22 +109,24 @@ void compareApache(const ApacheFiles& files) {
 }  // namespace tolvane
 
 int LLVMFuzzerInitialize(int*, char***) {
-    tolvane::test::enterSandbox();
-    std::strcpy(tolvane::rootDir, (std::string(tolvane::test::kServerRoot) + "/").c_str());
+    std::strcpy(tolvane::rootDir, "/server/");
+    clearenv();  // the readers look for variables at every execution
     return 0;
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace tolvane::fuzz;
+    static RepeatedText info;
+    static RepeatedText file;
     Input input(textOf(data, size));
     const unsigned kind = input.take() % 5;
-    const std::string info = withRepeats(input.take(input.take()));
-    const std::string file = withRepeats(input.rest());
+    const std::string_view moduleInfo = info.put(input.take(input.take()));
+    const std::string_view ownFile = file.put(input.rest());
     tolvane::fuzz::clearTables();
     if (kind == 4) {
-        compareNetscape(file);
+        compareNetscape(ownFile);
     } else {
-        compareApache({kind % 2 != 0, kind / 2 != 0, info, file});
+        compareApache({kind % 2 != 0, kind / 2 != 0, moduleInfo, ownFile});
     }
     return 0;
 }

@@ -2,7 +2,7 @@
 // possible: name by name and pattern by pattern.
 #pragma once
 
-#include <string>
+#include <string_view>
 #include <vector>
 
 #include "shim_utils/matching/site_match.h"
@@ -11,13 +11,13 @@
 namespace tolvane::test {
 
 // Whether the configured name means the site that the Host value asks for.
-bool plainHostMatch(const std::string& host, const std::string& name, ConnectionKind kind);
+bool plainHostMatch(std::string_view host, std::string_view name, ConnectionKind kind);
 
 // The first site with such a name; -1: none. `config` is bounded, and `host`
 // holds no NUL.
-int plainSite(const ConfigInfo& config, const std::string& host, ConnectionKind kind);
+int plainSite(const ConfigInfo& config, std::string_view host, ConnectionKind kind);
 
 // The categories of the site that `url` falls in. `config` is bounded.
-std::vector<int> plainCategories(const ConfigInfo& config, const std::string& url, int site);
+std::vector<int> plainCategories(const ConfigInfo& config, std::string_view url, int site);
 
 }  // namespace tolvane::test

@@ -38,7 +38,7 @@ struct WholeFile {
 };
 using SmallFile = WholeFile<kLargestFile + 1>;
 
-enum class Found { kNothing, kSmallFile, kSomethingElse };
+enum class Found { kNothing, kSmallFile, kLongFile, kSomethingElse };
 
 // Reads the whole file, if it is one that a shim can have written. Links are
 // not followed, FIFOs not waited for.
@@ -50,9 +50,10 @@ Found readWholeFile(const char* path, WholeFile<Size>& file) {
         fstat(fd, &file.status) == 0 && S_ISREG(file.status.st_mode) && file.status.st_nlink == 1;
     long length = plain ? syscall(SYS_read, fd, file.text, sizeof file.text) : -1;
     closeOwn(fd);
-    if (length < 0 || length >= static_cast<long>(Size)) return Found::kSomethingElse;
-    file.text[length] = '\0';
-    return Found::kSmallFile;
+    if (length < 0) return Found::kSomethingElse;
+    const bool whole = length < static_cast<long>(Size);
+    file.text[whole ? length : static_cast<long>(Size) - 1] = '\0';
+    return whole ? Found::kSmallFile : Found::kLongFile;
 }
 
 // Ends the line at `text` and returns the next; null behind the last.
@@ -212,28 +213,46 @@ void logSegmentThatStays(int segment, const char* objection) {
     printErrorMsg(message.text());
 }
 
-// Returns whether the process that the handoff file is named after can have no
-// segment of that identifier any more.
-bool removeSegment(const EarlierRun& run) {
+// What the run's segment tells of its handoff file.
+enum class Segment { kRemoved, kGone, kMayBeOthers };
+
+Segment removeSegment(const EarlierRun& run) {
     shmid_ds segment;
-    if (run.segment < 0) return true;
+    if (run.segment < 0) return Segment::kGone;
     if (shmctl(run.segment, IPC_STAT, &segment) != 0) {
-        if (errno != EACCES) return true;  // it is gone
+        if (errno != EACCES) return Segment::kGone;
         logSegmentThatStays(run.segment, "mode");
-        return false;
+        return Segment::kMayBeOthers;
     }
     const char* objection = objectionTo(segment, run);
     if (objection == nullptr) {
         if (!removeListedSemaphores(run, segment)) removeRecordSemaphores(run, segment);
         shmctl(run.segment, IPC_RMID, nullptr);
-        return true;
+        return Segment::kRemoved;
     }
     logSegmentThatStays(run.segment, objection);
     // The system names no creator of another process namespace.
-    return segment.shm_cpid != run.pid && segment.shm_cpid != 0;
+    bool others = segment.shm_cpid == run.pid || segment.shm_cpid == 0;
+    return others ? Segment::kMayBeOthers : Segment::kGone;
 }
 
-void removeHandoffFile(const EarlierRun& run, bool abandoned) {
+// Whether the file leads to a segment that the process in its name has made.
+bool leadsToLiveSegment(int segment, int pid) {
+    shmid_ds status;
+    return segment >= 0 && shmctl(segment, IPC_STAT, &status) == 0 && status.shm_cpid == pid;
+}
+
+// Any user can write into the file. Where the run's segment was still there, the
+// machine has not been started since, so the file is the run's unless a later
+// process of that id has made a segment of its own.
+bool isFileOfRun(SmallFile& file, const EarlierRun& run, Segment segment) {
+    if (file.status.st_uid != run.owner || run.segment < 0) return false;
+    int named = segmentOfHandoffFile(file);
+    if (segment == Segment::kRemoved) return !leadsToLiveSegment(named, run.pid);
+    return segment == Segment::kGone && named == run.segment;
+}
+
+void removeHandoffFile(const EarlierRun& run, Segment segment) {
     if (!run.namesFile) return;
     if (run.pid == kUnknownPid) {
         printErrorMsg("The file that the earlier run's record names is no handoff file and stays");
@@ -243,8 +262,7 @@ void removeHandoffFile(const EarlierRun& run, bool abandoned) {
     SmallFile file;
     Found found = readWholeFile(path.text(), file);
     if (found == Found::kNothing) return;
-    if (abandoned && found == Found::kSmallFile && file.status.st_uid == run.owner &&
-        run.segment >= 0 && segmentOfHandoffFile(file) == run.segment) {
+    if (found != Found::kSomethingElse && isFileOfRun(file, run, segment)) {
         unlink(path.text());
         return;
     }
