@@ -248,8 +248,8 @@ bool leadsToLiveSegment(int segment, int pid) {
 bool isFileOfRun(SmallFile& file, const EarlierRun& run, Segment segment) {
     if (file.status.st_uid != run.owner || run.segment < 0) return false;
     int named = segmentOfHandoffFile(file);
-    if (segment == Segment::kRemoved) return !leadsToLiveSegment(named, run.pid);
-    return segment == Segment::kGone && named == run.segment;
+    if (named == run.segment) return segment != Segment::kMayBeOthers;
+    return segment == Segment::kRemoved && !leadsToLiveSegment(named, run.pid);
 }
 
 void removeHandoffFile(const EarlierRun& run, Segment segment) {
