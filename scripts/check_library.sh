@@ -29,5 +29,8 @@ exported=$(nm -D --defined-only "$library" | awk '{print $3}' | LC_ALL=C sort)
 [ "$exported" = "$expected" ] ||
   complain "exports other names than exports.map: $(diff <(echo "$expected") <(echo "$exported") | tr '\n' ' ')"
 
+"$(dirname "$0")/folder_dependencies.py" "$(dirname "$library")/../shim/CMakeFiles/tolvane.dir" ||
+  complain "has folders that depend on each other"
+
 [ $failed -eq 0 ] && echo "$library: $class, C library only, no text relocations, $(echo "$exported" | wc -l) names"
 exit $failed

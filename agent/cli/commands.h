@@ -9,7 +9,7 @@
 
 namespace tolvane::agent {
 
-inline constexpr int kMaxSemaphores = 32000;
+inline constexpr int kMaxSemaphores = 1024;
 inline constexpr int kMaxRequestInterval = 1000000;
 
 struct RunOptions {

@@ -146,7 +146,7 @@ TEST(Run, ValuesOfTheEnvironmentAreCheckedAsTheOptionsAre) {
     };
     const Case cases[] = {
         {"WEB_SERVER", "foo", "neither apache nor netscape", 2},
-        {"NUM_SEMAPHORES", "abc", "not a number from 1 to 32000", 2},
+        {"NUM_SEMAPHORES", "abc", "not a number from 1 to 1024", 2},
         {"REQUEST_INTERVAL", "-3", "not a number from 1 to 1000000", 2},
         {"SSL_FACTOR", "Start", "note: the server has SSL hosts", 0},
     };
