@@ -20,8 +20,10 @@ build() {
 
 build release --target tolvane
 build release32
-scripts/check_library.sh build/release/lib/libtolvane.so ELF64
-scripts/check_library.sh build/release32/lib/libtolvane.so ELF32
+for class in 64 32; do
+  preset=build/release${class#64}
+  scripts/check_library.sh "$preset/lib/libtolvane.so" "ELF$class" "$preset/shim/CMakeFiles/tolvane.dir"
+done
 
 # The end-to-end tests preload exactly what is shipped.
 build test "-DTOLVANE_LIBRARY=$PWD/build/release/lib/libtolvane.so"
