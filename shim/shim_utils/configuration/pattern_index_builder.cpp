@@ -79,7 +79,7 @@ void SiteBuilder::addSection(const UrlSection& section, int number) {
     std::uint16_t skip = 0;  // behind the piece before that has a text
     for (int i = 0; i < pieces; ++i) {
         const std::size_t length = std::strlen(section.piece[i]);
-        const std::uint16_t stated = narrow(whole ? length : section.pieceLength[i]);
+        const std::uint16_t stated = whole ? narrow(length) : narrow(section.pieceLength[i]);
         if (length > 0) {
             if (i == 0) added.atStart = section.leadingWildcard == 0;
             const int place = (number - 1) * kMaxPieces + i;
