@@ -47,6 +47,9 @@ class Page(unittest.TestCase):
         self.server = subprocess.Popen([program, scenario], stdin=subprocess.PIPE,
                                        stdout=subprocess.PIPE, text=True)
         self.addCleanup(self.stop)
+        # Runs before the above: a page complains when its server stops.
+        self.addCleanup(self.browser.open, "about:blank")
+        self.browser.complaints()  # those of the page before are not this one's
         self.browser.resize(width, 800)
         self.browser.open(f"http://127.0.0.1:{self.server.stdout.readline().strip()}/")
         self.browser.wait("return document.querySelector('.spark .line[d]:not([d=\"\"])')"
