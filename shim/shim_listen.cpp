@@ -62,11 +62,18 @@ SocketKind kindOf(const SocketAddress& socket) {
     return tableMatches(plainPorts, socket) ? kPlain : kUntracked;
 }
 
+// Makes a range close reach `fd`.
+void includeInRanges(int fd) {
+    if (!ListenTable::fits(fd) || fd < trackedLimit.load(std::memory_order_relaxed)) return;
+    trackedLimit.store(fd + 1, std::memory_order_relaxed);
+}
+
 // What `fd` was before, when its number belonged to another socket, is replaced.
 void record(int fd, const SocketAddress& socket, SocketKind kind) {
     sslHttpListenSocket.set(fd, kind == kSsl);
     httpListenSocket.set(fd, kind == kPlain);
     localListenSocket.set(fd, false);
+    includeInRanges(fd);
     if (kind == kUntracked || ListenTable::fits(fd)) return;
     Text<160> message;
     message.add("No room for another listening socket: descriptor ").add(fd);
@@ -78,6 +85,7 @@ void recordLocal(int fd) {
     sslHttpListenSocket.set(fd, false);
     httpListenSocket.set(fd, false);
     localListenSocket.set(fd, true);
+    includeInRanges(fd);
 }
 
 void discoverOnce() {
