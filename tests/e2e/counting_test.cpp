@@ -282,12 +282,23 @@ TEST_F(Listening, NumberOfAClosedSocketIsNotTakenForIt) {
         daemon->exit();
     }
     EXPECT_EQ(server.segment.counts().text(), "total: conn1") << "only that of the other port";
+    {
+        // A range close in a process without connections; listen() never gets the new number.
+        const auto daemon = server.fork(*server.parent);
+        const auto other = std::to_string((*daemon)("listen 8081 127.0.0.1").result);
+        EXPECT_EQ((*daemon)("close_range " + listener + " " + listener + " 0"), good(0));
+        EXPECT_EQ((*daemon)("dup " + other), good(server.listener));
+        Connection connection(*daemon, server.listener, kOtherPort);
+        connection.receive("read", get("a.test", "/"));
+        daemon->exit();
+    }
+    EXPECT_EQ(server.segment.counts().text(), "total: conn2") << "only that of the other port";
 
     // The process that still has the socket, and a vforked child that closed it.
     EXPECT_GT((*server.worker)("vfork_briefly " + listener).result, 0);
     serve(*server.worker, server.listener);
     server.worker->exit();
-    EXPECT_EQ(server.segment.counts().text(), "total: conn2 req1 in32 out19");
+    EXPECT_EQ(server.segment.counts().text(), "total: conn3 req1 in32 out19");
 }
 
 TEST_F(Listening, SocketsAreNotLimitedInNumber) {

@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <iomanip>
@@ -115,9 +116,17 @@ std::unique_ptr<Script> ScriptServer::fork(Script& from) {
     return script;
 }
 
+// The port may still belong to a process of an earlier server that is ending:
+// the system closes its control connection before its listening socket.
 int ScriptServer::listen(int port, const std::string& address) {
-    const auto reply = (*parent)("listen " + std::to_string(port) + " " + address);
-    if (reply.result < 0) throw std::runtime_error("cannot listen on " + address);
+    Reply reply;
+    const bool listening = eventually(std::chrono::seconds(5), [&] {
+        reply = (*parent)("listen " + std::to_string(port) + " " + address);
+        return reply.result >= 0;
+    });
+    if (!listening) {
+        throw std::runtime_error("cannot listen on " + address + ": " + strerror(reply.error));
+    }
     return static_cast<int>(reply.result);
 }
 

@@ -129,7 +129,11 @@ int boundSocket(const Arguments& arguments) {
     const int fd = socket(address.any.sa_family, SOCK_STREAM, 0);
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    return bind(fd, &address.any, sizeof address.local) == 0 ? fd : -1;
+    if (bind(fd, &address.any, sizeof address.local) == 0) return fd;
+    const int error = errno;
+    close(fd);
+    errno = error;
+    return -1;
 }
 
 long listenOn(const Arguments& arguments) {
@@ -295,6 +299,7 @@ const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
     {"accept4", [](auto& a) { return accept4(number(a, 0), nullptr, nullptr, 0); }},
     {"open", [](auto& a) { return open(a[0].c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); }},
     {"close", [](auto& a) { return close(number(a, 0)); }},
+    {"dup", [](auto& a) { return dup(number(a, 0)); }},
     {"dup2", [](auto& a) { return dup2(number(a, 0), number(a, 1)); }},
     {"dup3", [](auto& a) { return dup3(number(a, 0), number(a, 1), O_CLOEXEC); }},
     {"close_range",
