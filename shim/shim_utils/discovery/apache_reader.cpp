@@ -15,6 +15,7 @@
 #include "shim_utils/platform/log.h"
 #include "shim_utils/platform/text.h"
 #include "tolvane/internal/shim_tables.h"
+#include "tolvane/paths.h"
 
 namespace tolvane {
 
@@ -58,7 +59,7 @@ void readEnvironment(ApacheReader& reader) {
 
 // Every line of the info file names the module; the last one decides.
 void readModuleName(ApacheReader& reader) {
-    ServerPath path = serverPath("logs/.tolvane_info");
+    ServerPath path = serverPath(kApacheModuleFile);
     std::FILE* file = std::fopen(path.text(), "re");
     if (file == nullptr) {
         Text<1024> message;
@@ -156,7 +157,7 @@ void getApacheConfigInfo() {
     readModuleName(reader);
     setGeneration(reader);
 
-    std::FILE* file = std::fopen(serverPath("conf/httpd.conf").text(), "re");
+    std::FILE* file = std::fopen(serverPath(kApacheConfigurationFile).text(), "re");
     if (file == nullptr) {
         printErrorMsg("Could not open Apache config file!");
         return;

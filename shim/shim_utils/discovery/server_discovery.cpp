@@ -12,6 +12,7 @@
 #include "shim_utils/platform/log.h"
 #include "shim_utils/platform/text.h"
 #include "tolvane/internal/shim_tables.h"
+#include "tolvane/paths.h"
 
 namespace tolvane {
 
@@ -64,7 +65,7 @@ bool setRootDir(const char* root) {
 }  // namespace
 
 void getNetscapeConfigInfo() {
-    ServerPath path = serverPath("config/magnus.conf");
+    ServerPath path = serverPath(kNetscapeConfigurationFile);
     std::FILE* file = std::fopen(path.text(), "re");
     if (file == nullptr) {
         Text<1024> message;

@@ -18,6 +18,7 @@
 #include "shim_utils/publication/semaphores.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/internal/shim_tables.h"
+#include "tolvane/paths.h"
 
 namespace tolvane {
 
@@ -154,7 +155,7 @@ void initializeTolvaneShim() {
     if (webServerType == kNetscape) startMonitor();
     tolvaneShimEnabled.store(1, std::memory_order_release);
 
-    ServerPath path = serverPath("logs/httpd.pid");
+    ServerPath path = serverPath(kApachePidFile);
     std::memcpy(pidFile, path.text(), path.length() + 1);
     if (webServerType != kNetscape) writeSemaphoreList();
     writePreviousRunRecord();

@@ -8,6 +8,7 @@
 #include "shim_utils/publication/semaphores.h"
 #include "shim_utils/slots/connection_slots.h"
 #include "shim_utils/slots/records.h"
+#include "tolvane/counters.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/internal/shim_tables.h"
 
@@ -37,18 +38,6 @@ constexpr GaugeRules kMonitorRules = {Gauge::kAddUnlessNegative, Gauge::kAddUnle
 constexpr GaugeRules kExitRules = {Gauge::kSkip, Gauge::kAddUnlessNegative, Gauge::kSkip};
 constexpr GaugeRules kExitAgainRules = {Gauge::kSkip, Gauge::kSkip, Gauge::kSkip};
 
-constexpr std::uint32_t CounterBlock::*kBlockCounters[] = {
-    &CounterBlock::connections,   &CounterBlock::requests,     &CounterBlock::bytesSent,
-    &CounterBlock::bytesReceived, &CounterBlock::errors,       &CounterBlock::droppedRequests,
-    &CounterBlock::redirects,     &CounterBlock::clientErrors, &CounterBlock::serverErrors,
-};
-constexpr std::uint32_t CategoryCounters::*kCategoryCounters[] = {
-    &CategoryCounters::bytesSent,
-    &CategoryCounters::requests,
-    &CategoryCounters::errors,
-    &CategoryCounters::droppedRequests,
-};
-
 void addGauge(std::int32_t& shared, const std::int32_t& local, Gauge rule) {
     std::int32_t value = valueOf(local);
     if (value == 0 || rule == Gauge::kSkip) return;
@@ -57,14 +46,14 @@ void addGauge(std::int32_t& shared, const std::int32_t& local, Gauge rule) {
 }
 
 // Adds to `shared` what `local` has counted beyond `published`.
-template <typename Block, std::size_t N>
-void addCounters(Block& shared, const Block& local, Block& published,
-                 std::uint32_t Block::*const (&counters)[N]) {
-    for (auto counter : counters) {
-        std::uint32_t now = valueOf(local.*counter);
-        if (now == published.*counter) continue;
-        addTo(shared.*counter, now - published.*counter);
-        published.*counter = now;
+template <typename Block>
+void addCounters(Block& shared, const Block& local, Block& published) {
+    for (const Counter<Block>& counter : countersOf<Block>()) {
+        const auto member = counter.member;
+        std::uint32_t now = valueOf(local.*member);
+        if (now == published.*member) continue;
+        addTo(shared.*member, now - published.*member);
+        published.*member = now;
     }
 }
 
@@ -103,7 +92,7 @@ void mergeCategories(const SlotView& slot, int s, int configured, ResultStruct& 
         CategoryCounters& shared = (c < configured ? record : nowhere).category[s][c];
         CategoryCounters& local = slot.local.category[s][c];
         CategoryCounters& published = slot.published.category[s][c];
-        addCounters(shared, local, published, kCategoryCounters);
+        addCounters(shared, local, published);
         addGauge(shared.inProgress, local.inProgress, rules.inProgress);
         addSum(shared, local, published, slot.state);
     }
@@ -113,7 +102,7 @@ void mergeCategories(const SlotView& slot, int s, int configured, ResultStruct& 
 // zero and left out.
 void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rules) {
     const ConfigInfo& config = configInfo().info;
-    addCounters(record.total, slot.local.total, slot.published.total, kBlockCounters);
+    addCounters(record.total, slot.local.total, slot.published.total);
     addGauge(record.total.openConnections, slot.local.total.openConnections, rules.totalOpen);
 
     std::uint32_t touched = slot.state.touchedSites.load(std::memory_order_relaxed);
@@ -122,7 +111,7 @@ void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rul
         bool configured = s < config.numSites;
         CounterBlock& shared = (configured ? record : nowhere).site[s];
         const CounterBlock& local = slot.local.site[s];
-        addCounters(shared, local, slot.published.site[s], kBlockCounters);
+        addCounters(shared, local, slot.published.site[s]);
         addGauge(shared.openConnections, local.openConnections, rules.siteOpen);
         mergeCategories(slot, s, configured ? config.numCategories[s] : 0, record, rules);
     }

@@ -5,6 +5,7 @@
 #include "shim_utils/platform/errno_guard.h"
 #include "shim_utils/platform/log.h"
 #include "shim_utils/platform/text.h"
+#include "tolvane/paths.h"
 
 namespace tolvane {
 
@@ -16,7 +17,8 @@ bool admitThread(void* thread) {
     ErrnoGuard guard;
     Text<256> message;
     message.add("This server has threads but was taken for one connection per process: process ");
-    message.add(getpid()).add(" measures nothing more; logs/.tolvane_info must name its module");
+    message.add(getpid()).add(" measures nothing more; ").add(kApacheModuleFile);
+    message.add(" must name its module");
     printErrorMsg(message.text());
     return false;
 }
