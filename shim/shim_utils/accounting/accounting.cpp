@@ -12,13 +12,13 @@ namespace {
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
-// Marks the record dirty. Comes last in a step: whoever sees the mark sees the
-// step's counts too.
+// Marks the record dirty. This is the last store of a step, so a publisher that
+// reads the mark also reads the step's counts.
 void markDirty(SlotState& state) {
     state.dirtyMarks.store(state.dirtyMarks.load(kRelaxed) + 1, std::memory_order_release);
 }
 
-// The counters of site `s`, noted as touched for the publisher.
+// The counters of site `s`, marked as touched for the publisher.
 CounterBlock& siteCounters(Slot slot, int s) {
     std::uint32_t touched = slot.state.touchedSites.load(kRelaxed);
     std::uint32_t bit = 1U << s;
@@ -77,8 +77,8 @@ void addSentBytes(Slot slot, std::uint32_t n) {
     forEachMatched(slot, [n](CategoryCounters& category) { addTo(category.bytesSent, n); });
 }
 
-// The first data of a response: takes the time and, when the text begins with
-// a status line, counts the response.
+// Handles the first data of a response. Counts the response if the text begins
+// with a status line.
 void startResponse(const Connection& connection, Bytes text) {
     connection.descriptor.seenHttpResponseHdr.store(1, kRelaxed);
     if (!connection.plain() || text.data == nullptr || text.length == 0) return;
@@ -114,7 +114,7 @@ double responseTime(const RequestInfo& request) {
 int startRequest(const Connection& connection, Bytes host, Bytes url, ConnectionKind kind) {
     Slot slot = connection.slot;
     RequestInfo& request = slot.state.requestInfo;
-    SlotWork work(slot.state);  // keeps the configuration from being replaced under us
+    SlotWork work(slot.state);  // keeps the configuration valid
     const Configuration& config = configInfo();
 
     request.siteIndex = getMatchWebSite(config, host, kind);
@@ -154,7 +154,7 @@ void countReceived(const Connection& connection, ssize_t n, Bytes text) {
         descriptor.seenHttpRequestHdr.store(1, kRelaxed);
         descriptor.owner.store(processGeneration, kRelaxed);
         addTo(slot.result.total.requests, 1U);
-        // Without a text nothing is matched, and the bytes belong to no site.
+        // A request without a text matches no site, so its bytes belong to no site.
         s = -1;
         if (text.data != nullptr && text.length > 0) {
             RequestFields fields = parseHttpHeader(text);
@@ -202,7 +202,7 @@ void countAccepted(int fd, SocketKind kind) {
     descriptor->seenHttpConnection.store(1, kRelaxed);
     descriptor->owner.store(processGeneration, kRelaxed);
     if (webServerType == kApacheProcesses && fd >= trackedLimit.load(kRelaxed)) {
-        trackedLimit.store(fd + 1, kRelaxed);  // threaded servers note it with the slot
+        trackedLimit.store(fd + 1, kRelaxed);  // threaded servers: see allocateSlot
     }
     int index = slotOf(webServerType, fd, *descriptor);
     if (index < 0) return;
@@ -224,8 +224,8 @@ void countClosed(int fd) {
     if (descriptor == nullptr) return;
     descriptor->seenHttpConnection.store(0, kRelaxed);
     if (descriptor->typeOfSocket.load(kRelaxed) == kUntracked) return;
-    // A connection that this process inherited and never served is closed by
-    // whoever serves it; here only its descriptor goes.
+    // The process that serves a connection counts its close. A process that
+    // inherited the connection and never served it closes only a descriptor.
     bool ours = descriptor->owner.load(kRelaxed) == processGeneration;
     int index = ours ? slotOf(webServerType, fd, *descriptor) : -1;
     if (index >= 0) {

@@ -1,6 +1,6 @@
-// What is counted, and when: the four steps in the life of a request, and the
-// two ends of a connection. Each stands here once; the wrappers and the
-// exported entry points only call them.
+// What is counted, and when: the four steps of a request, and the accept and the
+// close of a connection. The wrappers and the exported entry points call these
+// functions and count nothing themselves.
 #pragma once
 
 #include <sys/types.h>
@@ -12,8 +12,8 @@
 
 namespace tolvane {
 
-// One tracked connection: its descriptor's flags and its slot. Handed on by
-// reference: a copy of what has just been put together waits until it is written.
+// A tracked connection: its descriptor's flags and its slot. Passed by reference,
+// because a copy of a structure just built stalls until its stores complete.
 struct Connection {
     DescriptorState& descriptor;
     Slot slot;
@@ -21,44 +21,43 @@ struct Connection {
     bool plain() const { return descriptor.typeOfSocket.load(std::memory_order_relaxed) == kPlain; }
 };
 
-// Request start: matches the request to a site and categories and counts it there.
-// Returns the site's index, -1: none. The caller counts it in the totals.
+// Matches a request to a site and categories and counts it there. Returns the
+// site's index, -1 if no site matches. The caller counts it in the totals.
 int startRequest(const Connection& connection, Bytes host, Bytes url, ConnectionKind kind);
 
-// A request on an SSL connection, as a caller outside the shim reports it: the
-// bytes received since the last one are credited to its site.
+// Counts a request on an SSL connection that a caller outside the shim reports.
+// Credits the bytes received since the previous request to its site.
 void countReported(const Connection& connection, Bytes host, Bytes url);
 
-// Received bytes: `n` > 0 bytes were read. `text` is what may be looked at of
-// them, null when nothing may.
+// Counts `n` > 0 received bytes. `text` is the part of them that may be examined,
+// null if no part may.
 void countReceived(const Connection& connection, ssize_t n, Bytes text);
 
-// Sent bytes: a write returned `n`, an error included. `text` is what may be
-// looked at of what was written, null when nothing may.
+// Counts the result `n` of a write, also an error. `text` is the part of the
+// written bytes that may be examined, null if no part may.
 void countSent(const Connection& connection, ssize_t n, Bytes text);
 
-// Response: counts the status and ends the request. `seconds` is the response
-// time, used only when the request matched a category.
+// Counts the status of a response and ends the request. `seconds` is the response
+// time, used only if the request matched a category.
 void countResponse(Slot slot, int code, double seconds);
 
-// The response time of the slot's request if its response starts now; 0 when
-// the request matched no category and so has no start time.
+// The response time of `request` if its response starts now. 0 if the request
+// matched no category, because it then has no start time.
 double responseTime(const RequestInfo& request);
 
-// The difference of two times of day in seconds; a negative one is logged and
-// counts as 0.
+// The difference of two times of day in seconds. A negative difference is logged
+// and replaced by 0.
 double diffTime(std::int32_t startSec, std::int32_t startUsec, std::int32_t endSec,
                 std::int32_t endUsec);
 
-// A connection of `kind` was accepted as `fd`.
+// Counts a connection of `kind` that was accepted as `fd`.
 void countAccepted(int fd, SocketKind kind);
 
-// `fd` became something that is not counted: whatever is known of an earlier
-// connection of that number ends without being counted.
+// Resets the state of `fd`, which now belongs to an untracked socket. The end of
+// an earlier connection with this number is not counted.
 void forgetDescriptor(int fd);
 
-// Descriptor `fd` is about to be closed. Nothing happens unless it is a tracked
-// connection.
+// Counts the close of `fd` if it is a tracked connection. Called before the close.
 void countClosed(int fd);
 
 }  // namespace tolvane

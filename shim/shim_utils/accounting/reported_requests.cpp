@@ -1,5 +1,4 @@
-// The exported entry points through which requests and responses on SSL
-// connections are reported.
+// The exported entry points that report requests and responses on SSL connections.
 #include <cstring>
 
 #include "shim_utils/accounting/accounting.h"
@@ -15,7 +14,7 @@ bool slotExists(int slot) {
     return slot >= 0 && slot < currMaxSockets.load(std::memory_order_acquire);
 }
 
-// A negative length stands for a NUL-terminated text.
+// A negative length means a NUL-terminated text.
 Bytes reportedText(const char* text, int length) {
     if (text == nullptr) return {};
     return {text, length < 0 ? std::strlen(text) : static_cast<std::size_t>(length)};
