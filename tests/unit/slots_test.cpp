@@ -92,7 +92,7 @@ TEST(Slots, EndAtTheDescriptorLimit) {
         openConnections(0, c.limit);
         // A descriptor beyond every slot, as a table with more entries has it.
         DescriptorState extra = {};
-        const int slot = takeSlot(0, extra);
+        const int slot = allocateSlot(0, extra);
         EXPECT_EQ(slot, c.limit < 75 ? c.limit : -1);
         EXPECT_EQ(log.next(), c.messages);
         EXPECT_EQ(currMaxSockets.load(), c.slots);
@@ -100,7 +100,7 @@ TEST(Slots, EndAtTheDescriptorLimit) {
 
         // It is measured as soon as a slot is free again.
         countClosed(40);
-        EXPECT_EQ(takeSlot(0, extra), 40);
+        EXPECT_EQ(allocateSlot(0, extra), 40);
         EXPECT_TRUE(log.next().empty());
     }
 }

@@ -15,8 +15,8 @@ namespace tolvane {
 
 namespace {
 
-// Guards fdAlloc and `used` of every block, lowestFree, trackedLimit and
-// growth. Only server threads take it; the publisher never does.
+// Protects fdAlloc and `used` of every block, lowestFree, trackedLimit and
+// growth. Only server threads lock it, never the publisher.
 pthread_mutex_t mt = PTHREAD_MUTEX_INITIALIZER;
 int lowestFree = 0;  // no block below it has a free slot
 
@@ -28,8 +28,8 @@ int blockCount() {
     return (currMaxSockets.load(std::memory_order_relaxed) + kSlotStep - 1) / kSlotStep;
 }
 
-// Marks the lowest free slot as in use; -1: none. `mt` is held.
-int takeFreeSlot() {
+// Marks the lowest free slot as in use; -1 if no slot is free. `mt` is held.
+int allocateFreeSlot() {
     for (; lowestFree < blockCount(); ++lowestFree) {
         SlotBlock& block = blockOf(lowestFree * kSlotStep);
         int size = slotsInBlock(lowestFree);
@@ -44,8 +44,8 @@ int takeFreeSlot() {
     return -1;
 }
 
-// Puts a new block behind the present ones. Fresh memory is all zero, which is
-// what a slot's record and request state start with.
+// Appends a block. New memory is all zero, which is the initial state of a slot's
+// record and request.
 bool addBlock(int slots) {
     int total = currMaxSockets.load(std::memory_order_relaxed);
     auto* block = static_cast<SlotBlock*>(allocateZeroed(sizeof(SlotBlock)));
@@ -67,13 +67,13 @@ void increaseSockets() {
 
 }  // namespace
 
-int takeSlot(int fd, DescriptorState& descriptor) {
+int allocateSlot(int fd, DescriptorState& descriptor) {
     ErrnoGuard guard;
     pthread_mutex_lock(&mt);
-    int slot = takeFreeSlot();
+    int slot = allocateFreeSlot();
     if (slot < 0) {
         increaseSockets();
-        slot = takeFreeSlot();
+        slot = allocateFreeSlot();
     }
     if (fd >= trackedLimit.load(std::memory_order_relaxed)) {
         trackedLimit.store(fd + 1, std::memory_order_relaxed);
@@ -93,7 +93,7 @@ bool createSlots(int serverType) {
 int RELEASEINDEX(int fd) {
     ErrnoGuard guard;
     pthread_mutex_lock(&mt);
-    // Two threads that close the same descriptor come here twice.
+    // Two threads that close the same descriptor both call this.
     int slot = heldSlot(descriptors[fd]);
     if (slot >= 0) {
         descriptors[fd].slotPlusOne.store(0, std::memory_order_relaxed);
@@ -113,7 +113,7 @@ void freeSlotLockAfterFork() {
 void clearSlotsAfterFork() {
     int slots = currMaxSockets.load(std::memory_order_relaxed);
     for (int i = 0; i < slots; ++i) {
-        // A slot that was never used is only looked at, not written to.
+        // An unused slot is not written to, so its pages stay shared.
         Slot slot = slotAt(i);
         std::uint32_t marks = slot.state.dirtyMarks.load(std::memory_order_relaxed);
         if (marks == 0) continue;
@@ -146,7 +146,7 @@ bool waitForSlotsAtWork() {
 
 int GETINDEX(int serverType, int fd) {
     using namespace tolvane;
-    // A slot taken for another type of server would not be one of ours.
+    // A slot index of another server type is not valid in this process.
     if (serverType != webServerType || currMaxSockets.load(std::memory_order_acquire) == 0) {
         return -1;
     }

@@ -1,4 +1,4 @@
-// Taking and releasing connection slots, and access to them.
+// Allocation and release of connection slots.
 #pragma once
 
 #include "tolvane/internal/shim_tables.h"
@@ -6,37 +6,37 @@
 
 namespace tolvane {
 
-// Makes the first slots: one for a type 0 server, 75 for a threaded one.
-// False when memory is short.
+// Creates the first slots: one for a type 0 server, 75 for a threaded server.
+// False if there is not enough memory.
 bool createSlots(int serverType);
 
-// Binds the lowest free slot to `fd`, growing the table if need be; -1, after
-// logging it, when there is none to be had.
-int takeSlot(int fd, DescriptorState& descriptor);
+// Allocates the lowest free slot to `fd` and grows the table if necessary. Logs
+// an error and returns -1 if no slot is left.
+int allocateSlot(int fd, DescriptorState& descriptor);
 
-// The slot of `fd`, taking one if it has none; -1 when there is none.
+// The slot of `fd`, allocated if it has none; -1 if no slot is left.
 inline int slotOf(int serverType, int fd, DescriptorState& descriptor) {
     if (serverType == kApacheProcesses) return 0;
     int slot = heldSlot(descriptor);
-    return slot >= 0 ? slot : takeSlot(fd, descriptor);
+    return slot >= 0 ? slot : allocateSlot(fd, descriptor);
 }
 
-// Gives the slot of `fd` back, if it holds one. Returns 0.
+// Releases the slot of `fd`, if it has one. Returns 0.
 int RELEASEINDEX(int fd);
 
-// In a forked child: frees the lock that another thread may have held at the
-// fork; clears what the parent counted.
+// For a forked child: initialises the lock again, which another thread may have
+// held at the fork, and resets the parent's counts.
 void freeSlotLockAfterFork();
 void clearSlotsAfterFork();
 
-// Waits until every slot that is at work now has left that work once, so that
-// nobody can still be reading a configuration retired before the call. Gives
-// up, and returns false, after about a second.
+// Waits until every slot with a SlotWork in progress has finished it. Afterwards
+// no thread reads a configuration that was replaced before the call. Returns
+// false after about a second.
 bool waitForSlotsAtWork();
 
-// Brackets what must not be seen half done by the publisher: the sequence is
-// odd meanwhile. The sums inside are stored with release and loaded with
-// acquire, so a reader that sees one of them new also sees the odd sequence.
+// A section that the publisher must not observe half done: the slot's sequence is
+// odd during it. The sums are stored with release and loaded with acquire, so a
+// reader of a new word of a sum also reads the odd sequence.
 class SlotWork {
   public:
     explicit SlotWork(SlotState& state) : sequence_(state.sequence) {
@@ -44,7 +44,7 @@ class SlotWork {
                         std::memory_order_release);
     }
     ~SlotWork() {
-        // Not odd_ + 1: work that interrupted this one has gone past that.
+        // Reads the sequence again, because a signal handler may have advanced it.
         sequence_.store((sequence_.load(std::memory_order_relaxed) | 1) + 1,
                         std::memory_order_release);
     }

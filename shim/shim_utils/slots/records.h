@@ -12,12 +12,12 @@
 
 namespace tolvane {
 
-// One writer per word, so a count is a load and a store, never a locked
-// operation; relaxed, because dirtyMarks orders what the publisher reads.
+// Each word has one writer, so a load and a store suffice, without a locked
+// operation. They are relaxed because dirtyMarks orders the publisher's reads.
 template <typename Word>
 void addTo(Word& word, Word amount) {
     std::atomic_ref<Word> shared(word);
-    // Unsigned, since anybody may have written the largest value there.
+    // Unsigned: the segment is world-writable, and a signed sum could overflow.
     std::uint32_t sum = static_cast<std::uint32_t>(shared.load(std::memory_order_relaxed)) +
                         static_cast<std::uint32_t>(amount);
     shared.store(static_cast<Word>(sum), std::memory_order_relaxed);
@@ -28,9 +28,9 @@ Word valueOf(const Word& word) {
     return std::atomic_ref<Word>(const_cast<Word&>(word)).load(std::memory_order_relaxed);
 }
 
-// A response time sum lies at a multiple of 4 only, where no eight-byte access
-// is indivisible. It is read and written as two words; SlotWork's sequence
-// tells the publisher whether they belong together.
+// A response time sum is aligned to 4 bytes, where an eight-byte access is not
+// atomic. It is read and written as two words. The publisher checks by SlotWork's
+// sequence that both belong to the same value.
 struct SumWords {
     std::uint32_t word[2];
 };
@@ -40,7 +40,7 @@ inline std::uint32_t* sumWords(CategoryCounters& counters) {
                                             offsetof(CategoryCounters, responseTimeSum));
 }
 
-// The sum as the serving thread itself reads it.
+// The sum, read by its own writer.
 inline double ownSeconds(CategoryCounters& counters) {
     std::uint32_t* words = sumWords(counters);
     SumWords value = {{valueOf(words[0]), valueOf(words[1])}};
@@ -60,8 +60,8 @@ inline void addSeconds(CategoryCounters& counters, double seconds) {
     }
 }
 
-// Reads the sum of a slot that may be at work. False when it was changed at
-// every try; the caller then takes it next time.
+// Reads the sum of a slot that may be in use. False if the sum changed during
+// every attempt; the caller publishes it in the next cycle.
 inline bool readSeconds(const SlotState& state, CategoryCounters& counters, double& sum) {
     constexpr int kTries = 8;
     std::uint32_t* words = sumWords(counters);

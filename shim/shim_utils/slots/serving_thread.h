@@ -1,15 +1,15 @@
-// A type 0 process serves its connections in a single thread, so its slot has
-// no protection against a second one. When a second thread serves connections
-// all the same, the server was taken for the wrong type: measurement of the
-// process ends before that thread has touched anything.
+// A type 0 process serves its connections in a single thread, so its slot is not
+// protected against a second thread. If a second thread serves connections, the
+// server type was detected wrongly, and measurement of the process ends before
+// that thread changes the slot.
 #pragma once
 
 #include "tolvane/internal/shim_tables.h"
 
 namespace tolvane {
 
-// Makes `thread` the serving thread if there is none. Otherwise switches
-// measurement off, logs it once, and returns false.
+// Makes `thread` the serving thread if the process has none. If the process has
+// another serving thread, turns measurement off, logs it once and returns false.
 bool admitThread(void* thread);
 
 // Whether the calling thread may count in this process.
@@ -19,7 +19,7 @@ inline bool mayServe() {
     return servingThread.load(std::memory_order_relaxed) == self || admitThread(self);
 }
 
-// In a forked child: it has a thread of its own.
+// For a forked child, whose thread is a different one.
 void freeServingThread();
 
 }  // namespace tolvane
