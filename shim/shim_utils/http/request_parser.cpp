@@ -10,10 +10,10 @@ const char* skipSpace(const char* p, const char* end) {
     return p;
 }
 
-// Skips what is neither a blank nor one of the control characters below it.
+// Skips the characters above the space in the ASCII table.
 const char* skipVisible(const char* p, const char* end) {
-    // Several bytes at a time. Borrows only run upwards, so no byte that ends it
-    // is missed; which one it is the second loop finds out.
+    // Tests a word at a time. A borrow only affects higher bytes, so the test may
+    // report a byte falsely but misses none. The second loop tests each byte.
     using Word = std::size_t;
     constexpr Word kEach = ~Word{0} / 255;
     for (Word word; static_cast<std::size_t>(end - p) >= sizeof word; p += sizeof word) {
@@ -45,9 +45,9 @@ bool startsWith(const char* p, const char* end, const char* name, std::size_t le
     return static_cast<std::size_t>(end - p) >= length && std::memcmp(p, name, length) == 0;
 }
 
-// Calls `visit` with the start of each header line behind the line feed `p`
-// until the block ends. `visit` returns where to go on looking for the end of
-// its line; null: it has seen enough.
+// Calls `visit` with the start of each header line after the line feed `p` until
+// the block ends. `visit` returns the position from which to search for the end of
+// its line, or null to stop.
 template <typename Visit>
 void forEachHeader(const char* p, const char* end, Visit visit) {
     while (p != end) {
@@ -59,7 +59,7 @@ void forEachHeader(const char* p, const char* end, Visit visit) {
     }
 }
 
-// Characters of the method that starts at `p`, judged by its first letter.
+// Length of the method at `p`, determined by its first letter.
 int methodLength(const char* p, const char* end) {
     switch (*p) {
         case 'G':
@@ -79,7 +79,7 @@ int methodLength(const char* p, const char* end) {
     }
 }
 
-// The Host value that begins at `p`: it ends at a blank or control character.
+// The Host value at `p`, up to the next space or control character.
 Bytes hostValue(const char* p, const char* end) {
     auto length = static_cast<std::size_t>(skipVisible(p, end) - p);
     return {p, positionOf('\x7f', p, length)};

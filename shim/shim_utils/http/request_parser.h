@@ -1,6 +1,6 @@
-// Finds what is counted by in the bytes of a request or response. Pure
-// functions over the bytes that were really received or written: no copy, no
-// state, nothing read beyond them and nothing ever written to them.
+// Parses the beginning of a request or response. Pure functions over the bytes
+// that were received or written: they copy nothing, keep no state, read nothing
+// beyond the bytes and never write to them.
 #pragma once
 
 #include "shim_utils/platform/text.h"
@@ -8,20 +8,20 @@
 namespace tolvane {
 
 struct RequestFields {
-    Bytes url;   // of the request line; null when there is none
-    Bytes host;  // value of the first "Host:" header, port included; null when there is none
+    Bytes url;   // of the request line; null if absent
+    Bytes host;  // value of the first "Host:" header with its port; null if absent
 };
 
-// Parses the beginning of a request. A method is skipped by its first letter
-// alone; a header name counts only as "Host:", in exactly this case.
+// Parses the beginning of a request. The first letter alone determines how much is
+// skipped as the method. The header name "Host:" is case-sensitive.
 RequestFields parseHttpHeader(Bytes received);
 
 struct ResponseStatus {
-    int status;        // of the status line, 0 when unreadable
-    int overrideCode;  // of the last "Tv-Status:" header, 0 without one
+    int status;        // of the status line, 0 if unreadable
+    int overrideCode;  // of the last "Tv-Status:" header, 0 if absent
 };
 
-// Whether `written` begins like a status line ("HTTP" with a capital second T).
+// Whether `written` begins with "HTTP", in which only the second T must be a capital.
 bool beginsWithStatusLine(Bytes written);
 
 // Parses the beginning of a response.
