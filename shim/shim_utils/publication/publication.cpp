@@ -12,18 +12,18 @@
 #include "tolvane/entry_points.h"
 #include "tolvane/internal/shim_tables.h"
 
-// A slot's counts only ever grow, and the publisher remembers in `published`
-// what it has added to the shared record. It adds the difference, word by word,
-// from one reading of the word: what the serving thread counts after that
-// reading is in the next difference, so nothing is lost and nothing comes twice.
+// A slot's counts only grow. `published` holds the part that the publisher has
+// added to the shared record. The publisher loads each word once and adds the
+// difference. A count made after that load is part of the next difference, so no
+// count is lost or added twice.
 
 namespace tolvane {
 namespace {
 
 int currentRequestCount = 0;   // measured send calls since the last publication
-bool publishedAtExit = false;  // the gauges have been handed on for good
+bool publishedAtExit = false;  // the gauges are not published again
 
-// What becomes of a gauge, whose value is handed on as it stands.
+// How a gauge is published. Its value is added, not a difference.
 enum class Gauge { kSkip, kAdd, kAddUnlessNegative };
 
 // The three publications differ in their gauges only.
@@ -70,7 +70,7 @@ void addSum(CategoryCounters& shared, CategoryCounters& local, CategoryCounters&
     published.responseTimeSum = now;
 }
 
-// One slot as the publisher sees it.
+// The fields of a slot that the publisher uses.
 struct SlotView {
     SlotState& state;
     ResultStruct& local;
@@ -82,14 +82,14 @@ SlotView viewOf(SlotBlock& block, int i) {
     return {block.states[i], block.results[i], block.published[i], block.seenMarks[i]};
 }
 
-// Counts of sites and categories that the configuration no longer has are
-// added here instead: they go to nobody, but count as handed on.
-ResultStruct nowhere;
+// Counts of sites and categories that the configuration no longer has are added
+// here. They count as published, but no agent reads them.
+ResultStruct discarded;
 
 void mergeCategories(const SlotView& slot, int s, int configured, ResultStruct& record,
                      const GaugeRules& rules) {
     for (int c = 0; c < kMaxCategories; ++c) {
-        CategoryCounters& shared = (c < configured ? record : nowhere).category[s][c];
+        CategoryCounters& shared = (c < configured ? record : discarded).category[s][c];
         CategoryCounters& local = slot.local.category[s][c];
         CategoryCounters& published = slot.published.category[s][c];
         addCounters(shared, local, published);
@@ -98,8 +98,8 @@ void mergeCategories(const SlotView& slot, int s, int configured, ResultStruct& 
     }
 }
 
-// Adds a slot's counts into `record`. Sites that the slot never served are all
-// zero and left out.
+// Adds a slot's counts to `record`. Skips the sites that the slot never served,
+// because their counts are all zero.
 void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rules) {
     const ConfigInfo& config = configInfo().info;
     addCounters(record.total, slot.local.total, slot.published.total);
@@ -109,7 +109,7 @@ void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rul
     for (int s = 0; s < kMaxSites; ++s) {
         if ((touched >> s & 1U) == 0) continue;
         bool configured = s < config.numSites;
-        CounterBlock& shared = (configured ? record : nowhere).site[s];
+        CounterBlock& shared = (configured ? record : discarded).site[s];
         const CounterBlock& local = slot.local.site[s];
         addCounters(shared, local, slot.published.site[s]);
         addGauge(shared.openConnections, local.openConnections, rules.siteOpen);
@@ -117,8 +117,8 @@ void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rul
     }
 }
 
-// Clears each group that the agent has taken since the last publication.
-void clearTakenGroups(ResultStruct& record) {
+// Resets each group that the agent has collected since the last publication.
+void resetCollectedGroups(ResultStruct& record) {
     if (valueOf(record.totalDirty) == 0) reinitializeResult(&record, 1, kTotals);
     if (valueOf(record.sitesDirty) == 0) reinitializeResult(&record, 1, kSites);
     if (valueOf(record.categoriesDirty) == 0) reinitializeResult(&record, 1, kCategories);
@@ -130,13 +130,13 @@ void markShared(ResultStruct& record) {
     }
 }
 
-// Merges a slot that has been marked since it was last merged. A mark that
-// comes during the merge is seen the next time.
+// Merges a slot that was marked dirty since its last merge. A mark set during the
+// merge takes effect at the next one.
 void mergeIfDirty(const SlotView& slot, ResultStruct& record, const GaugeRules& rules) {
     std::uint32_t marks = slot.state.dirtyMarks.load(std::memory_order_acquire);
     if (marks == slot.seenMarks) return;
     slot.seenMarks = marks;
-    // Marked first: what a process adds before it is killed is not cleared.
+    // Marked before the merge, so that a part added by a killed process is not reset.
     markShared(record);
     mergeSlot(slot, record, rules);
 }
@@ -160,7 +160,7 @@ void writeResult() {
     if (!lockSemaphore(semaphore)) return;
     SlotView slot = viewOf(blockOf(0), 0);
     if (slot.state.dirtyMarks.load(std::memory_order_relaxed) != slot.seenMarks) {
-        clearTakenGroups(record);
+        resetCollectedGroups(record);
         mergeIfDirty(slot, record, kWorkerRules);
     }
     if (!unlockSemaphore(semaphore)) return;
@@ -178,7 +178,7 @@ void publishSlots() {
     int semaphore = semaphoreOf(bucketNumber);
     bool shared = webServerType == kApacheThreads;
     if (shared && !lockSemaphore(semaphore)) return;
-    clearTakenGroups(record);
+    resetCollectedGroups(record);
     int slots = currMaxSockets.load(std::memory_order_acquire);
     for (int first = 0; first < slots; first += kSlotStep) {
         SlotBlock& block = blockOf(first);

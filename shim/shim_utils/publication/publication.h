@@ -1,25 +1,25 @@
-// Handing a process's counts on to its shared record.
+// Publication: adds a process's counts to its shared record.
 #pragma once
 
 namespace tolvane {
 
-// Counts one measured send call of a type 0 process, and publishes when there
-// have been requestInterval of them.
+// Counts a measured send call of a type 0 process and publishes after every
+// requestInterval calls.
 void publishEveryInterval();
 
-// Publication of a type 0 worker: its counts under the record's semaphore,
-// then a newer configuration if there is one. Without the semaphore nothing is
-// handed on, and the counts stay for the next publication.
+// Publishes the counts of a type 0 worker under the record's semaphore, then
+// copies a newer configuration if there is one. If the semaphore cannot be locked,
+// the counts wait for the next publication.
 void writeResult();
 
-// One cycle of a threaded server's monitor: every slot that is not clean.
+// Publishes every dirty slot of a threaded server, once per monitor cycle.
 void publishSlots();
 
-// Publication of what a type 0 worker has counted since the last one, at its
-// exit. Called again, it hands on what has been counted meanwhile.
+// Publishes the remaining counts of a type 0 worker at its exit. A further call
+// publishes what was counted since.
 void publishAtExit();
 
-// In a forked child: nothing has been counted towards the interval yet.
+// For a forked child: resets the number of calls since the last publication.
 void resetIntervalAfterFork();
 
 }  // namespace tolvane

@@ -17,7 +17,7 @@ namespace {
 int semaphoreCount = 0;
 int* semaphores = nullptr;
 
-// A set of one semaphore with one free unit; -1 after logging what failed.
+// Creates a set of one semaphore with one free unit. Logs a failure and returns -1.
 int createSemaphore() {
     int id = semget(IPC_PRIVATE, 1, IPC_CREAT | 0777);
     if (id < 0) {
@@ -38,10 +38,10 @@ int createSemaphore() {
 constexpr int kSecond = 1'000'000;  // times are in microseconds
 constexpr int kMinute = 60 * kSecond;
 
-// What this process may still wait for its record, and since when it is less
-// than a second.
-std::atomic<int> patience{kSecond};
-std::int64_t patienceSince = 0;
+// The time that this process may still wait for its record, and the time at which
+// the first part of that second was used.
+std::atomic<int> waitBudget{kSecond};
+std::int64_t waitingSince = 0;
 
 std::int64_t now() {
     timespec time = {};
@@ -54,16 +54,16 @@ bool waitForUnit(int id, int longest) {
     return semtimedop(id, &psembuf, 1, &time) == 0;
 }
 
-bool waitPatiently(int id) {
-    int left = patience.load(std::memory_order_relaxed);
+bool waitWithinBudget(int id) {
+    int left = waitBudget.load(std::memory_order_relaxed);
     if (left == 0) return false;
     std::int64_t start = now();
-    if (left == kSecond) patienceSince = start;
+    if (left == kSecond) waitingSince = start;
     bool locked = waitForUnit(id, left);
     bool timeIsUp = !locked && errno == EAGAIN;
     std::int64_t waited = now() - start;
     left = timeIsUp || waited > left ? 0 : static_cast<int>(left - waited);
-    patience.store(left, std::memory_order_relaxed);
+    waitBudget.store(left, std::memory_order_relaxed);
     if (timeIsUp) {
         printErrorMsg(
             "A shared record's semaphore is held for long: the counts stay in the process until it "
@@ -72,9 +72,9 @@ bool waitPatiently(int id) {
     return locked;
 }
 
-void regainPatience() {
-    if (patience.load(std::memory_order_relaxed) == kSecond) return;
-    if (now() - patienceSince >= kMinute) patience.store(kSecond, std::memory_order_relaxed);
+void restoreWaitBudget() {
+    if (waitBudget.load(std::memory_order_relaxed) == kSecond) return;
+    if (now() - waitingSince >= kMinute) waitBudget.store(kSecond, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -104,10 +104,10 @@ bool lockSemaphore(int id) {
     sembuf withoutWaiting = psembuf;
     withoutWaiting.sem_flg |= IPC_NOWAIT;
     if (semop(id, &withoutWaiting, 1) == 0) {
-        regainPatience();
+        restoreWaitBudget();
         return true;
     }
-    return errno == EAGAIN && waitPatiently(id);
+    return errno == EAGAIN && waitWithinBudget(id);
 }
 
 bool lockSemaphoreAtExit(int id) {

@@ -1,6 +1,6 @@
-// The semaphore of a shared record. Exactly one unit of it is free while
-// nobody holds the record, whichever processes end and however they do: the
-// unit made at start-up carries no undo, and locking and unlocking carry it.
+// The semaphore of a shared record. It has exactly one free unit while no process
+// holds the lock. This remains true when a process is killed, because lock and
+// unlock use the undo flag and the creation of the unit does not.
 #pragma once
 
 #include <sys/sem.h>
@@ -9,35 +9,34 @@
 
 namespace tolvane {
 
-// Creates the semaphores of `count` records, each with one free unit. False
-// after logging what failed and removing those made by then.
+// Creates the semaphores of `count` records, each with one free unit. On failure,
+// logs it, removes the semaphores created so far and returns false.
 bool createSemaphores(int count);
 
-// The semaphore of record `i`; kNoSemaphore before createSemaphores. Kept in the
-// process: what stands in the segment is for the agent, and anybody can write
-// there.
+// The semaphore of record `i`; kNoSemaphore before createSemaphores. Read from the
+// process's own memory, because every user can write to the segment.
 int semaphoreOf(int i);
 
-// Takes the unit; false when that fails. Anybody can hold a semaphore for ever,
-// so the process waits a second in all and then only tries, until it has got
-// the unit again. It waits no more than a second in a minute. A wait that a
-// signal interrupts is a failure.
+// Locks the semaphore; false on failure. Any user can hold a semaphore forever, so
+// the process waits for one second in total. After that it only tries without
+// waiting, until it succeeds and at least a minute has passed since it first
+// waited. A wait that a signal interrupts fails.
 bool lockSemaphore(int id);
 
-// Takes the unit, waiting for two seconds at most, across signals.
+// Locks the semaphore. Waits for two seconds at most, and resumes after signals.
 bool lockSemaphoreAtExit(int id);
 
-// Gives the unit back; false when that fails.
+// Unlocks the semaphore; false on failure.
 bool unlockSemaphore(int id);
 
 // Whether the set still exists.
 bool semaphoreExists(int id);
 
-// Whether this process took the unit last and has not given it back: true in a
-// signal handler that interrupts a publication of its own process.
+// Whether this process holds the lock. True in a signal handler that interrupts a
+// publication of its own process.
 bool heldByThisProcess(int id);
 
-// The process that last changed the semaphore; -1 when it does not exist.
+// The process that last changed the semaphore; -1 if it does not exist.
 int lastUserOfSemaphore(int id);
 
 // Removes the set; failures are ignored.
