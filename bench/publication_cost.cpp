@@ -29,7 +29,7 @@ void startMeasurement(ServerType type, int slots) {
     shmPtr = reinterpret_cast<ResultStruct*>(segment.data() + kConfigSize);
     fullestConfiguration(*shmConfig);
     shmConfig->version = 1;
-    takeConfiguration();
+    copyConfiguration();
     maxSockets = tableSize = slots;
     const auto bytes = static_cast<std::size_t>(slots) * sizeof(DescriptorState);
     descriptors = static_cast<DescriptorState*>(allocateZeroed(bytes));

@@ -52,12 +52,12 @@ void sleepUntil(const timespec& time) {
 
 // The copy that is about to be overwritten was retired at least one sleep ago;
 // only a thread at work since then can still be reading it.
-void takeNewerConfiguration() {
+void copyNewerConfiguration() {
     static bool waiting = false;
-    if (!newerConfigurationThere()) return;
+    if (!newerConfigurationExists()) return;
     if (waitForSlotsAtWork()) {
         waiting = false;
-        takeConfiguration();
+        copyConfiguration();
     } else if (!waiting) {
         waiting = true;
         printErrorMsg("A new configuration waits for a request that has not been matched for long");
@@ -76,7 +76,7 @@ void* monitor(void*) {
     for (;;) {
         publishSlots();
         sleepUntilPublication();
-        takeNewerConfiguration();
+        copyNewerConfiguration();
     }
 }
 
@@ -114,7 +114,7 @@ void sleepUntilPublication() {
     for (std::int32_t slept = 0; slept < interval; ++slept) {
         ++wake.tv_sec;
         sleepUntil(wake);
-        newerFor = newerConfigurationThere() ? newerFor + 1 : 0;
+        newerFor = newerConfigurationExists() ? newerFor + 1 : 0;
         if (newerFor == 0) continue;
         if (config.version == 0) return;
         if (interval > kLongInterval && newerFor >= newerInterval()) return;
@@ -123,7 +123,7 @@ void sleepUntilPublication() {
 
 void startMonitor() {
     // Here and not in the thread: the first requests are matched, too.
-    takeConfiguration();
+    copyConfiguration();
     sigset_t all;
     sigset_t before;
     sigfillset(&all);

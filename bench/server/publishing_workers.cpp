@@ -167,7 +167,7 @@ void prepareShim(int records) {
     }
     smallConfiguration(*shmConfig);
     shmConfig->version = 1;
-    takeConfiguration();
+    copyConfiguration();
     countAccepted(kFd, kPlain);
 }
 

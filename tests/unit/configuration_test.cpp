@@ -34,11 +34,11 @@ TEST(Configuration, IsTakenWhenItsVersionIsGreater) {
             setOwnVersion(own);
             shmConfig->version = segment;
             shmConfig->interval = 17;
-            EXPECT_EQ(newerConfigurationThere(), newer);
-            EXPECT_EQ(takeConfiguration(), newer);
+            EXPECT_EQ(newerConfigurationExists(), newer);
+            EXPECT_EQ(copyConfiguration(), newer);
             EXPECT_EQ(configInfo().info.version, newer ? segment : own);
             EXPECT_EQ(configInfo().info.interval, newer ? 17 : 0);
-            EXPECT_FALSE(takeConfiguration());
+            EXPECT_FALSE(copyConfiguration());
             putIntoForce({});
         }
     }
@@ -83,7 +83,7 @@ TEST(Configuration, IsNeverTakenHalfWritten) {
         });
         armed = &trap;
         trap.set(places[0], PROT_NONE);
-        EXPECT_EQ(takeConfiguration(), c.version != 8);
+        EXPECT_EQ(copyConfiguration(), c.version != 8);
         trap.release();
         EXPECT_GE(trap.sprung(), c.times == 1 ? 1 : 2);
         EXPECT_EQ(configInfo().info.version, c.version);

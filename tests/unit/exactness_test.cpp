@@ -123,7 +123,7 @@ class Publisher {
         // A monitor has slept since it retired the copy it now writes to.
         std::this_thread::sleep_for(std::chrono::microseconds(200));
         EXPECT_TRUE(waitForSlotsAtWork());
-        EXPECT_TRUE(takeConfiguration());
+        EXPECT_TRUE(copyConfiguration());
     }
 
     bool reconfigure_;
@@ -138,7 +138,7 @@ TEST_P(Exactness, SharedSumsAreWhatTheThreadsDid) {
     const MeasuredProcess process(load.type);
     configureTurn(*shmConfig, 0);
     shmConfig->version = 1;
-    ASSERT_TRUE(takeConfiguration());
+    ASSERT_TRUE(copyConfiguration());
 
     std::vector<ServerThread> servers;
     for (int t = 0; t < kThreads; ++t) servers.emplace_back(t, load);

@@ -1,5 +1,5 @@
 // A new configuration is bounded and prepared once, when it is copied. Matching
-// can then trust every count and length.
+// then relies on every count and length.
 #include <cstring>
 #include <initializer_list>
 
@@ -9,8 +9,8 @@
 namespace tolvane {
 namespace {
 
-// Brings each field within its bounds and names the fields that were not, as
-// many as fit.
+// Brings each field within its bounds and reports the fields that were not, as
+// far as they fit the report.
 class Bounding {
   public:
     explicit Bounding(Text<512>& report) : report_(report) {}

@@ -11,8 +11,8 @@
 namespace tolvane {
 namespace {
 
-// One in force, one to prepare the next in. Untouched pages of them cost no
-// memory, and copying leaves equal pages untouched.
+// The copy in force and the spare copy, in which the next one is prepared. Pages
+// never written cost no memory, and copying does not write equal pages.
 Configuration copies[2];
 std::atomic<Configuration*> inForce{&copies[0]};
 
@@ -28,9 +28,9 @@ std::int32_t ownVersion() {
     return configInfo().info.version;
 }
 
-// Copies word by word, since an agent may be writing at the same time: a word is
-// never torn, and whether the words belong together the version tells. Words that
-// are equal already are not written, so their pages stay shared.
+// Copies word by word, because an agent may be writing at the same time. A word is
+// read atomically; the version shows whether the words belong together. Equal
+// words are not written, so their pages stay shared.
 void copyChangedWords(ConfigInfo& to, const ConfigInfo& from) {
     constexpr std::size_t kWords = sizeof(ConfigInfo) / sizeof(std::uint32_t);
     auto* target = reinterpret_cast<std::uint32_t*>(&to);
@@ -41,9 +41,9 @@ void copyChangedWords(ConfigInfo& to, const ConfigInfo& from) {
     }
 }
 
-// Copies the segment's block into `to`, whole: an agent that rewrites the
-// block changes the version, and then the copy is made again. False when the
-// version never stood still or sank to `above` or less.
+// Copies the whole block of the segment to `to`. If the version changes during the
+// copy, an agent has rewritten the block, and the copy is repeated. False if the
+// version changed during every attempt or is not greater than `above`.
 bool copyBlock(ConfigInfo& to, std::int32_t above) {
     constexpr int kTries = 16;
     for (int i = 0; i < kTries; ++i) {
@@ -57,7 +57,7 @@ bool copyBlock(ConfigInfo& to, std::int32_t above) {
     return false;
 }
 
-// Whether a second has passed since it last said so. Read without a system call.
+// True at most once per second. Reads the clock without a system call.
 bool aSecondHasPassed() {
     static std::int64_t next = INT64_MIN;  // milliseconds
     timespec time = {};
@@ -69,7 +69,7 @@ bool aSecondHasPassed() {
 }
 
 void logBounded(std::int32_t version, const Text<512>& report) {
-    static Text<700> message;  // this runs inside a server's send call: not on its stack
+    static Text<700> message;  // static: this runs on the stack of a server's send call
     message.clear();
     message.add("Configuration version ").add(version);
     message.add(" is out of range and was bounded: ").add(report.text());
@@ -92,7 +92,7 @@ const Configuration& configInfo() {
     return *inForce.load(std::memory_order_acquire);
 }
 
-bool newerConfigurationThere() {
+bool newerConfigurationExists() {
     return segmentVersion() > ownVersion();
 }
 
@@ -100,14 +100,14 @@ std::int32_t segmentInterval() {
     return std::atomic_ref<std::int32_t>(shmConfig->interval).load(std::memory_order_relaxed);
 }
 
-bool takeConfiguration() {
-    if (!newerConfigurationThere() || !copyBlock(spare().info, ownVersion())) return false;
+bool copyConfiguration() {
+    if (!newerConfigurationExists() || !copyBlock(spare().info, ownVersion())) return false;
     useSpare();
     return true;
 }
 
 bool checkLatestConfigInfo() {
-    return newerConfigurationThere() && aSecondHasPassed() && takeConfiguration();
+    return newerConfigurationExists() && aSecondHasPassed() && copyConfiguration();
 }
 
 ConfigInfo& editConfiguration() {

@@ -1,5 +1,5 @@
-// The process's own copy of the agent's configuration: how it is taken from
-// the segment, bounded, and prepared for matching.
+// The process's copy of the agent's configuration: it is copied from the segment,
+// bounded, and prepared for matching.
 #pragma once
 
 #include <cstddef>
@@ -12,44 +12,44 @@
 
 namespace tolvane {
 
-// A configuration and what was worked out from it when it was taken, so that
-// the server's calls do not have to.
+// A configuration and the tables built from it when it was copied, so that the
+// server's calls do not build them.
 struct Configuration {
-    ConfigInfo info;  // bounded: no count or length exceeds its capacity, every text ends
+    ConfigInfo info;  // bounded: no count or length exceeds its capacity, every text is terminated
     SiteNames names;
     PatternIndex patterns;
 };
 
-// The configuration in force; all zero until one has been taken. It stays
-// unchanged until the configuration after the next one is taken: a server
-// thread uses it within a SlotWork, and whoever takes a new one first calls
-// waitForSlotsAtWork.
+// The configuration in force; all zero until a configuration has been copied. Its
+// memory is overwritten by the copy after the next. A server thread therefore uses
+// it within a SlotWork, and the publisher calls waitForSlotsAtWork before it copies.
 const Configuration& configInfo();
 
-// Whether the segment's version is greater than ours. Ours is 0 until a
-// configuration has been taken: a block that is being written, with a version
-// of 0 or less, is never newer.
-bool newerConfigurationThere();
+// Whether the segment's version is greater than that of the configuration in
+// force, which is 0 before the first copy. A block that is being written has a
+// version of 0 or less, so it is never newer.
+bool newerConfigurationExists();
 
-// The segment's `interval`, as it stands there.
+// The segment's `interval`, not bounded.
 std::int32_t segmentInterval();
 
-// Copies the segment's block when its version is greater than ours. Returns
+// Copies the segment's block and puts it into force if it is newer. Returns
 // whether it did.
-bool takeConfiguration();
+bool copyConfiguration();
 
-// The same for a process that looks at every publication: tries at most once a
-// second, however often the version is raised. The first try comes at once.
+// The same for a process that calls it at every publication. Copies at most once
+// per second, however often the version increases. The first call does not wait.
 bool checkLatestConfigInfo();
 
-// Bounds `config` to the capacities of the format. Adds to `report` what was
-// out of range, value and limits; it stays empty when nothing was.
+// Bounds `config` to the capacities of the format. Adds each field that was out of
+// range to `report`, with its value and limits.
 void boundConfiguration(ConfigInfo& config, Text<512>& report);
 
-// Works out everything in `config` beside `info`, which is bounded.
+// Builds the tables of `config` from its `info`, which is bounded.
 void prepareConfiguration(Configuration& config);
 
-// A copy of the configuration in force, to be changed and then put into force.
+// The first returns a copy of the configuration in force for changes. The second
+// puts the changed copy into force.
 ConfigInfo& editConfiguration();
 void useEditedConfiguration();
 

@@ -9,9 +9,9 @@ namespace {
 using Section = PatternIndex::Section;
 using Site = PatternIndex::Site;
 
-// Whether a pattern without further pieces matches a URL of that length, when
-// its last piece, with a text or not, begins at `start`.
-bool endsWell(const Section& section, unsigned start, unsigned urlLength) {
+// Whether a pattern whose last piece, with or without a text, begins at `start`
+// matches a URL of that length.
+bool endMatches(const Section& section, unsigned start, unsigned urlLength) {
     return !section.atEnd || urlLength - std::min(start, urlLength) == section.lastLength;
 }
 
@@ -22,14 +22,14 @@ std::uint32_t findTextless(const Site& site, unsigned urlLength) {
         const unsigned c = (number - 1) / kMaxSections;
         const Section& section = site.sections[number];
         if ((site.textless[c] >> (number - 1) % kMaxSections & 1) != 0 &&
-            endsWell(section, section.lastReach, urlLength)) {
+            endMatches(section, section.lastReach, urlLength)) {
             categories |= 1U << c;
         }
     }
     return categories;
 }
 
-// One pass over a URL: which pattern waits for what.
+// The state of one pass over a URL.
 class Search {
   public:
     Search(const Site& site, const CategoryConfig* config, Bytes url)
@@ -40,61 +40,61 @@ class Search {
           alive_(site.numAnywhere) {
         const std::size_t used = offsetof(PatternIndex::Lists, first) + site.numPieces + 1;
         std::memcpy(&lists_, &site.lists, used);
-        for (unsigned section = site.aside, next; section != 0; section = next) {
+        for (unsigned section = site.deferred, next; section != 0; section = next) {
             next = lists_.waiters[section].next;
             const Section& waiting = site.sections[section];
-            wakeAt_[section] = waiting.reach[0];
-            wait(section);
+            dueAt_[section] = waiting.reach[0];
+            defer(section);
         }
     }
 
-    // What has been read up to `end` ends with `piece` and with no longer one.
+    // `piece` is the longest piece that ends at `end`.
     void found(unsigned piece, unsigned end) {
-        if (end >= firstWake_) wake(end);
+        if (end >= firstDue_) resumeDue(end);
         if (lists_.covered.has(piece)) occurs(piece, end);
     }
 
-    // Whether a pattern can still match, one that must begin at the start left aside.
+    // Whether a pattern can still match. A pattern that must begin the URL counts only
+    // after it has begun.
     bool alive() const { return alive_ != 0; }
     std::uint32_t categories() const { return categories_; }
 
   private:
     unsigned lengthOf(unsigned piece) const { return site_.pieces[piece].length; }
 
-    // Takes on those that wait for the piece or for one that it ends with.
+    // Advances the sections that wait for the piece or for a suffix of it.
     [[gnu::noinline]] void occurs(unsigned piece, unsigned end) {
         do {
             if (lists_.first[piece] == 0) continue;
             const unsigned start = end - lengthOf(piece);
-            unsigned section = lists_.take(piece, site_.pieces);
+            unsigned section = lists_.clear(piece, site_.pieces);
             while (section != 0) {
                 const auto [next, index] = lists_.waiters[section];
-                if (index > 0 && wakeAt_[section] > end) {
-                    wait(section);
+                if (index > 0 && dueAt_[section] > end) {
+                    defer(section);
                 } else {
-                    goOn(section, index, start, end);
+                    advance(section, index, start, end);
                 }
                 section = next;
             }
         } while (lists_.covered.has(piece = site_.pieces[piece].shorter));
     }
 
-    // Lets a section wait aside.
-    void wait(unsigned section) {
-        firstWake_ = std::min(firstWake_, wakeAt_[section]);
-        lists_.waiters[section].next = aside_;
-        aside_ = static_cast<std::uint8_t>(section);
+    void defer(unsigned section) {
+        firstDue_ = std::min(firstDue_, dueAt_[section]);
+        lists_.waiters[section].next = deferred_;
+        deferred_ = static_cast<std::uint8_t>(section);
     }
 
-    // Puts those that have waited long enough into their pieces' lists.
-    [[gnu::noinline]] void wake(unsigned end) {
-        unsigned section = aside_;
-        aside_ = 0;
-        firstWake_ = kNever;
+    // Moves the deferred sections that are due to their pieces' lists.
+    [[gnu::noinline]] void resumeDue(unsigned end) {
+        unsigned section = deferred_;
+        deferred_ = 0;
+        firstDue_ = kNever;
         while (section != 0) {
             const unsigned next = lists_.waiters[section].next;
-            if (wakeAt_[section] > end) {
-                wait(section);
+            if (dueAt_[section] > end) {
+                defer(section);
             } else {
                 const unsigned index = lists_.waiters[section].index;
                 lists_.add(section, site_.sections[section].piece[index], site_.pieces);
@@ -103,38 +103,38 @@ class Search {
         }
     }
 
-    // Takes a section further, whose piece of that index has begun at `start` and
-    // ended at `end`. One that does not wait again has matched, or cannot any
-    // more: only the first occurrence of a piece counts.
-    void goOn(unsigned number, unsigned index, unsigned start, unsigned end) {
+    // Advances a section whose piece of that index occurred at `start` to `end`. A
+    // section that does not wait afterwards has matched or cannot match, because
+    // only the first occurrence of a piece counts.
+    void advance(unsigned number, unsigned index, unsigned start, unsigned end) {
         const Section& section = site_.sections[number];
         if (section.atStart && index == 0) {
             if (start != 0) return;
             ++alive_;
         }
         if (++index == section.numPieces) return complete(number, start);
-        const unsigned wakeAt = start + section.reach[index];
-        if (wakeAt <= end) return goOnBehind(number, index, start, end);
-        waitFor(number, index, wakeAt);
+        const unsigned dueAt = start + section.reach[index];
+        if (dueAt <= end) return advanceAfterLongText(number, index, start, end);
+        waitFor(number, index, dueAt);
     }
 
-    // The same where the next piece may have occurred already, as behind a text
-    // that is longer than stated.
-    [[gnu::noinline]] void goOnBehind(unsigned number, unsigned index, unsigned start,
-                                      unsigned end) {
+    // The same if the next piece may have occurred already, which is possible after
+    // a text that is longer than stated.
+    [[gnu::noinline]] void advanceAfterLongText(unsigned number, unsigned index, unsigned start,
+                                                unsigned end) {
         const Section& section = site_.sections[number];
         for (; index < section.numPieces; ++index) {
             const unsigned piece = section.piece[index];
-            const unsigned wakeAt = start + section.reach[index];
-            if (wakeAt > end) return waitFor(number, index, wakeAt);
-            start = findBehind(piece, wakeAt - lengthOf(piece), end);
+            const unsigned dueAt = start + section.reach[index];
+            if (dueAt > end) return waitFor(number, index, dueAt);
+            start = findAfter(piece, dueAt - lengthOf(piece), end);
             if (start == end) return waitFor(number, index, end + 1);
         }
         complete(number, start);
     }
 
-    void waitFor(unsigned number, unsigned index, unsigned wakeAt) {
-        wakeAt_[number] = wakeAt;
+    void waitFor(unsigned number, unsigned index, unsigned dueAt) {
+        dueAt_[number] = dueAt;
         lists_.waiters[number].index = static_cast<std::uint8_t>(index);
         lists_.add(number, site_.sections[number].piece[index], site_.pieces);
     }
@@ -142,14 +142,14 @@ class Search {
     void complete(unsigned number, unsigned start) {
         --alive_;
         const Section& section = site_.sections[number];
-        if (endsWell(section, start + section.lastReach, urlLength_))
+        if (endMatches(section, start + section.lastReach, urlLength_))
             categories_ |= 1U << (number - 1) / kMaxSections;
     }
 
-    // Where the piece begins first within from..end, which has been read; `end`
-    // when it does not. That is looked up only behind a piece that is longer than
-    // stated, so it is less than kPieceSize bytes.
-    unsigned findBehind(unsigned piece, unsigned from, unsigned end) const {
+    // The position of the piece's first occurrence within from..end; `end` if there
+    // is none. The caller searches only after a piece that is longer than stated,
+    // so the range is shorter than kPieceSize.
+    unsigned findAfter(unsigned piece, unsigned from, unsigned end) const {
         const unsigned place = site_.pieces[piece].place;
         const UrlSection& section = config_[place / (kMaxSections * kMaxPieces)]
                                         .sections[place / kMaxPieces % kMaxSections];
@@ -168,16 +168,16 @@ class Search {
     const unsigned urlLength_;
     std::uint32_t categories_ = 0;
     unsigned alive_;  // patterns that may begin anywhere or have begun, and have not ended
-    std::uint32_t firstWake_ = kNever;  // when the first of those aside has waited enough
-    std::uint8_t aside_ = 0;            // first section that waits aside
+    std::uint32_t firstDue_ = kNever;  // position at which the first deferred section is due
+    std::uint8_t deferred_ = 0;        // first deferred section
     PatternIndex::Lists lists_;
-    // Where the piece that each waits for can end, unless it is the first.
-    std::uint32_t wakeAt_[PatternIndex::kSections + 1];
+    // Earliest end of the piece that each section waits for, unless it is the first.
+    std::uint32_t dueAt_[PatternIndex::kSections + 1];
 };
 
 }  // namespace
 
-// Makes what is covered by no piece but this no longer covered.
+// Removes from `covered` the pieces that no other piece's list covers.
 void PatternIndex::Lists::uncover(unsigned piece, const Piece* pieces) {
     const unsigned last = pieces[piece].last;
     covered.remove(piece);
@@ -189,7 +189,7 @@ void PatternIndex::Lists::uncover(unsigned piece, const Piece* pieces) {
             other = pieces[other].last;
             continue;
         }
-        std::uint64_t lists = 0;  // eight at a time while nothing is waited for
+        std::uint64_t lists = 0;  // eight empty lists at a time
         while (lists == 0 && last - other >= sizeof lists) {
             std::memcpy(&lists, first + other + 1, sizeof lists);
             if (lists == 0) other += sizeof lists;

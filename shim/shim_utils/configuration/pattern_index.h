@@ -1,20 +1,20 @@
-// Finds the URL patterns that a URL matches in one pass over it, however many
-// patterns there are and whatever they and the URL hold.
+// Finds the URL patterns that a URL matches in one pass over the URL, for any
+// number of patterns and any content.
 //
-// The pieces of all patterns of a site make one Aho-Corasick automaton, built
-// when a configuration is taken. It reports at each byte of the URL the longest
-// piece that ends there. Each pattern waits for one piece, in the list of those
-// that wait for it; when it occurs they go on to their next one.
+// The pieces of all patterns of a site form one Aho-Corasick automaton, built when
+// a configuration is copied. At each byte of the URL it reports the longest piece
+// that ends there. Each piece has a list of the patterns that wait for it. When
+// the piece occurs, each of these patterns advances to its next piece.
 //
-// Anybody local can write the patterns, so no pattern may cost more than others:
-//  - Pieces are numbered so that those that end with a given piece follow it
-//    directly. A set holds all pieces that end with some piece that is waited
-//    for; what is not in it needs no look at the shorter pieces that end there.
-//  - When a piece occurs that must not have begun yet, the pattern waits aside, in
-//    no list, until that piece can end.
-//  - A stated length other than the text's only changes where the next piece may
-//    begin, and so does a piece without text, which occurs wherever it is looked
-//    for; it is no piece here.
+// Any local user can write the patterns, so the cost of a pattern is bounded:
+//  - The pieces that end with a given piece have the numbers that follow its own.
+//    A set contains all pieces that end with a piece that a pattern waits for. If
+//    a piece is not in the set, its shorter suffixes need no examination.
+//  - If a piece occurs before the position at which it may begin, the pattern is
+//    deferred: it is in no list until the piece can end.
+//  - A stated length that differs from the text's length only changes where the
+//    next piece may begin. So does a piece without text, which matches anywhere;
+//    the index does not contain it.
 #pragma once
 
 #include <cstddef>
@@ -31,63 +31,63 @@ struct PatternIndex {
     static constexpr int kSections = kMaxCategories * kMaxSections;  // of one site
     static constexpr int kPieces = kSections * kMaxPieces;           // of one site
     // A root, and a node for every byte of every piece. Patterns of usual length
-    // need a tenth; untouched pages cost no memory.
+    // need a tenth of them; pages never written cost no memory.
     static constexpr int kSiteNodes = 1 + kPieces * (kPieceSize - 1);
     static constexpr int kNodes = kMaxSites * kSiteNodes;
-    // Roots and nodes with more children than kFewChildren have a row that holds
-    // the next node for every byte. Each of the latter adds kFewChildren ends or
-    // more to the tree, and there are no more ends than pieces.
+    // Roots and nodes with more than kFewChildren children have a row that holds the
+    // next node for every byte. Each such node adds at least kFewChildren leaves to
+    // the tree, and the tree has no more leaves than pieces.
     static constexpr int kFewChildren = 6;
     static constexpr int kRows = kMaxSites * (1 + kPieces / kFewChildren);
     static constexpr std::uint16_t kHasRow = 0xFFFF;
 
-    // The text that leads from the root to the node is the longest end of what
-    // has been read that begins some piece. Nodes are numbered within their site;
-    // node 0 is the root.
+    // The text on the path from the root to the current node is the longest suffix
+    // of the bytes read that is a prefix of a piece. Nodes are numbered within their
+    // site; node 0 is the root.
     struct Node {
-        std::uint16_t next;         // its first child, the others behind it; or its row
+        std::uint16_t next;         // first child, the others follow it; or its row
         std::uint16_t numChildren;  // or kHasRow
-        std::uint16_t shorter;      // node of the next shorter such end
+        std::uint16_t shorter;      // node of the next shorter such suffix
         std::uint16_t piece;        // longest piece that ends here; 0: none
     };
-    // A distinct text. Piece 0 is none.
+    // A distinct text. Number 0 is not used.
     struct Piece {
-        std::uint16_t shorter;  // next shorter piece that ends where this one does
-        std::uint16_t last;     // this and the following to `last` end with this piece
-        std::uint16_t place;    // of its text, among all of the site in the block
+        std::uint16_t shorter;  // longest other piece that is a suffix of this piece
+        std::uint16_t last;     // the pieces from this number to `last` end with this piece
+        std::uint16_t place;    // index of its text among all texts of the site in the block
         std::uint16_t length;
     };
-    // A pattern. Section 0 is none, the others are numbered by category.
+    // A pattern. Number 0 is not used; the others are numbered by category.
     struct Section {
         std::uint16_t piece[kMaxPieces];
-        // How far behind the beginning of the piece before, or of the URL, each
-        // piece ends at the earliest, and the pattern's last one begins, which may
-        // have no text.
+        // Distances from the beginning of the previous piece, or of the URL: to the
+        // earliest end of each piece, and to the beginning of the pattern's last
+        // piece, which may have no text.
         std::uint16_t reach[kMaxPieces];
         std::uint16_t lastReach;
-        std::uint16_t lastLength;  // that the last one is stated to have
-        std::uint8_t numPieces;    // with a text
+        std::uint16_t lastLength;  // stated length of the last piece
+        std::uint8_t numPieces;    // pieces with a text
         bool atStart;              // the first piece must begin the URL
         bool atEnd;                // the last piece must end it
     };
     using Pieces = PieceSet<kPieces + 1>;
-    // Which sections wait for which piece.
+    // For each piece, the list of sections that wait for it.
     struct Lists {
         struct {
             std::uint8_t next;   // next section that waits for the same piece
-            std::uint8_t index;  // of that piece in this one
+            std::uint8_t index;  // of that piece in this section
         } waiters[kSections + 1];
-        Pieces covered;                   // pieces that end with one that is waited for
-        std::uint8_t first[kPieces + 1];  // section that waits for each piece; only numPieces + 1
+        Pieces covered;                   // pieces that end with a piece that has waiting sections
+        std::uint8_t first[kPieces + 1];  // first section of each list; numPieces + 1 are used
 
-        // Lets a section wait for the piece.
+        // Adds a section to the piece's list.
         void add(unsigned section, unsigned piece, const Piece* pieces) {
             if (first[piece] == 0) cover(piece, pieces[piece].last);
             waiters[section].next = first[piece];
             first[piece] = static_cast<std::uint8_t>(section);
         }
-        // Empties the list of those that wait for the piece; returns its first section.
-        unsigned take(unsigned piece, const Piece* pieces) {
+        // Empties the piece's list; returns its first section.
+        unsigned clear(unsigned piece, const Piece* pieces) {
             const unsigned section = first[piece];
             first[piece] = 0;
             if (!covered.has(pieces[piece].shorter)) uncover(piece, pieces);
@@ -105,9 +105,9 @@ struct PatternIndex {
         std::uint32_t firstNode;  // in `nodes` and `bytes`
         std::uint16_t numNodes;   // 0: no pattern has a piece with a text
         std::uint16_t numPieces;
-        std::uint8_t numAnywhere;               // patterns that may begin behind the URL's start
-        std::uint8_t aside;                     // first section that must wait aside at the start
-        bool hasTextless;                       // some pattern has no piece with a text
+        std::uint8_t numAnywhere;               // patterns that may begin after the URL's start
+        std::uint8_t deferred;                  // first section that is deferred at the start
+        bool hasTextless;                       // a pattern has no piece with a text
         std::uint8_t textless[kMaxCategories];  // bit k: section k
         Piece pieces[kPieces + 1];
         Section sections[kSections + 1];
@@ -118,7 +118,7 @@ struct PatternIndex {
     int numNodes;
     int numRows;
     Node nodes[kNodes];
-    unsigned char bytes[kNodes];     // that lead to each node from its parent
+    unsigned char bytes[kNodes];     // byte that leads to each node from its parent
     std::uint16_t rows[kRows][256];  // the sites' roots come first
 };
 
@@ -133,7 +133,6 @@ class PatternAutomaton {
 
     unsigned pieceAt(unsigned node) const { return nodes_[node].piece; }
     unsigned fromRoot(unsigned char byte) const { return rootRow_[byte]; }
-    // The node that `byte` leads to.
     unsigned step(unsigned node, unsigned char byte) const {
         for (; node != 0; node = nodes_[node].shorter) {
             const PatternIndex::Node& at = nodes_[node];
@@ -155,8 +154,8 @@ class PatternAutomaton {
 // Builds the index of all patterns of `config`, which is bounded.
 void buildPatternIndex(PatternIndex& index, const ConfigInfo& config);
 
-// The categories of site `s` one of whose patterns `url` matches: bit c for
-// category c. The index is that of `config`; the URL holds no NUL.
+// The categories of site `s` with a pattern that `url` matches: bit c for category
+// c. The index is built from `config`; the URL contains no NUL.
 std::uint32_t findPatterns(const PatternIndex& index, const ConfigInfo& config, int s, Bytes url);
 
 }  // namespace tolvane

@@ -15,19 +15,19 @@ std::uint16_t narrow(Number value) {
     return static_cast<std::uint16_t>(value);
 }
 
-// One piece of one pattern.
+// A piece of a pattern.
 struct Entry {
     const char* text;
     std::uint16_t length;
     std::uint16_t place;  // among the site's pieces in the block
     std::uint8_t section;
-    std::uint8_t index;  // among those of the section that have a text
+    std::uint8_t index;  // among the section's pieces with a text
 
     bool operator<(const Entry& other) const { return std::strcmp(text, other.text) < 0; }
 };
 
 // Builds the automaton of one site, level by level. The entries are sorted, so
-// those that share a beginning stand together, and a node is a range of them.
+// entries with a common prefix are adjacent, and a node is a range of entries.
 class SiteBuilder {
   public:
     void build(PatternIndex& index, const ConfigInfo& config, int s);
@@ -37,7 +37,7 @@ class SiteBuilder {
         std::uint16_t from;
         std::uint16_t to;
     };
-    // The nodes whose texts are of one length.
+    // The nodes at one depth.
     struct Level {
         int firstNode;
         int size;
@@ -68,15 +68,15 @@ class SiteBuilder {
     Level levels_[2];
 };
 
-// Adds the section's pieces that have a text. The others, which occur wherever
-// they are looked for, only add their stated lengths to what is skipped.
+// Adds the section's pieces that have a text. Pieces without a text match
+// anywhere, so they only add their stated lengths to `skip`.
 void SiteBuilder::addSection(const UrlSection& section, int number) {
     const int pieces = section.numPieces;
     PatternIndex::Section& added = site_->sections[number];
     added.atEnd = pieces > 0 && section.trailingWildcard == 0;
-    // Such a URL is compared as a whole, whatever length is stated.
+    // The whole URL is compared with such a pattern, and the stated length is ignored.
     const bool whole = pieces == 1 && section.leadingWildcard == 0 && added.atEnd;
-    std::uint16_t skip = 0;  // behind the piece before that has a text
+    std::uint16_t skip = 0;  // distance from the previous piece with a text
     for (int i = 0; i < pieces; ++i) {
         const std::size_t length = std::strlen(section.piece[i]);
         const std::uint16_t stated = whole ? narrow(length) : narrow(section.pieceLength[i]);
@@ -110,7 +110,7 @@ void SiteBuilder::addSections(const ConfigInfo& config) {
             }
         }
     }
-    // By heap, which takes no stack: this runs inside a server's call.
+    // Heap sort uses no stack; this runs inside a server's call.
     std::make_heap(entries_, entries_ + numEntries_);
     std::sort_heap(entries_, entries_ + numEntries_);
 }
@@ -137,8 +137,8 @@ void SiteBuilder::makeRootRow() {
     nodes_[0].numChildren = PatternIndex::kHasRow;
 }
 
-// The row of a node whose children are known: those of the next shorter end,
-// which knows its own, but for these.
+// Makes the row of a node: the row of the nearest shorter suffix that has a row,
+// overwritten with the children of the nodes in between and of the node itself.
 void SiteBuilder::makeRow(int number) {
     std::uint16_t chain[kPieceSize];
     int size = 0;
@@ -160,7 +160,7 @@ void SiteBuilder::addChildren(int parent, Range range, int depth, Level& childre
     for (int from = range.from, to; from < range.to; from = to) {
         unsigned char byte = byteAt(from, depth);
         for (to = from; to < range.to && byteAt(to, depth) == byte;) ++to;
-        // Nodes of shorter texts are complete: their levels came before this one.
+        // Nodes of shorter texts are complete, because earlier levels created them.
         unsigned shorter = parent == 0 ? 0 : automaton.step(node.shorter, byte);
         bytes_[site_->numNodes] = byte;
         nodes_[site_->numNodes++] = {0, 0, narrow(shorter), 0};
@@ -199,13 +199,13 @@ void SiteBuilder::addLevels() {
     }
 }
 
-// Renumbers the pieces, so far in the order of their lengths, so that those that
-// end with a piece follow it.
+// Renumbers the pieces, which are in the order of their lengths, so that the pieces
+// that end with a given piece follow it.
 void SiteBuilder::putPiecesInOrder() {
     static Piece before[PatternIndex::kPieces + 1];
-    static std::uint16_t size[PatternIndex::kPieces + 1];    // of a piece and what ends with it
-    static std::uint16_t number[PatternIndex::kPieces + 1];  // the new one
-    static std::uint16_t unused[PatternIndex::kPieces + 1];  // first number left for those
+    static std::uint16_t size[PatternIndex::kPieces + 1];    // pieces that end with it, and itself
+    static std::uint16_t number[PatternIndex::kPieces + 1];  // new number
+    static std::uint16_t unused[PatternIndex::kPieces + 1];  // next free number after it
     const int pieces = site_->numPieces;
     std::memcpy(before, site_->pieces, sizeof before);
     std::fill_n(size, pieces + 1, std::uint16_t{1});
@@ -226,8 +226,8 @@ void SiteBuilder::putPiecesInOrder() {
     }
 }
 
-// Every pattern waits for its first piece, or aside where that must not begin
-// the URL.
+// Adds every pattern to the list of its first piece. If that piece may not begin at
+// the start of the URL, the pattern is deferred.
 void SiteBuilder::putIntoLists() {
     PatternIndex::Lists& lists = site_->lists;
     for (unsigned number = 1; number <= PatternIndex::kSections; ++number) {
@@ -236,8 +236,8 @@ void SiteBuilder::putIntoLists() {
         if (section.reach[0] == site_->pieces[section.piece[0]].length) {
             lists.add(number, section.piece[0], site_->pieces);
         } else {
-            lists.waiters[number].next = site_->aside;
-            site_->aside = static_cast<std::uint8_t>(number);
+            lists.waiters[number].next = site_->deferred;
+            site_->deferred = static_cast<std::uint8_t>(number);
         }
         if (!section.atStart) ++site_->numAnywhere;
     }

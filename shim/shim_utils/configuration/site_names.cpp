@@ -7,8 +7,8 @@
 namespace tolvane {
 
 std::uint32_t nameHash(const char* name, std::size_t length) {
-    // A word at a time. Setting the bit that tells the case of letters makes
-    // equal what differs in case, and some other characters besides.
+    // A word at a time. Setting the bit that distinguishes the case of letters makes
+    // both cases equal, and also some pairs of other characters.
     using Word = std::size_t;
     constexpr Word kCaseBits = ~Word{0} / 255 * 0x20;
     constexpr Word kFactor = static_cast<Word>(0x9E3779B97F4A7C15ULL);
@@ -36,7 +36,7 @@ const char* nameText(const ConfigInfo& config, int n) {
 
 void prepareNames(SiteNames& names, const ConfigInfo& config) {
     std::memset(names.first, 0, sizeof names.first);
-    // From the last to the first, so that each goes before those behind it.
+    // From the last to the first, because each name is inserted at the front.
     for (int n = config.numSites * SiteNames::kNamesPerSite - 1; n >= 0; --n) {
         bool extra = n % SiteNames::kNamesPerSite > config.numHosts[n / SiteNames::kNamesPerSite];
         const char* text = nameText(config, n);

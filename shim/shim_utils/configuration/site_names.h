@@ -1,5 +1,4 @@
-// The configured host names as the matching of a Host value wants them: found
-// by a hash, worked out once when a configuration is taken.
+// A hash table of the configured host names, built when a configuration is copied.
 #pragma once
 
 #include <cstddef>
@@ -16,19 +15,19 @@ struct SiteNames {
     struct Name {
         std::uint32_t hash;   // nameHash of the part before its first colon
         std::uint8_t length;  // 1 to 127
-        std::uint8_t colon;   // position of its first colon, `length` when it has none
-        std::uint8_t next;    // next name in its bucket + 1; 0: none
+        std::uint8_t colon;   // position of its first colon, `length` if it has none
+        std::uint8_t next;    // index of the next name in its bucket + 1; 0: none
     };
-    // By site, the site's own name first: the order in which a host takes the
-    // first name that matches, and so the order within a bucket.
+    // By site, with the site's own name first. A host matches the first name in this
+    // order, so each bucket has the same order.
     Name names[kMaxSites * kNamesPerSite];
-    std::uint8_t first[kBuckets];  // first name of each bucket + 1; 0: none
+    std::uint8_t first[kBuckets];  // index of each bucket's first name + 1; 0: none
 
     static std::uint32_t bucket(std::uint32_t hash) { return hash % kBuckets; }
 };
 
-// A hash that is the same for names that differ in case only. Whatever the
-// ports, two names can only mean the same host when their hashes are equal.
+// A hash of a name without its port. Names that differ in case only have the same
+// hash, so two names with different hashes never match.
 std::uint32_t nameHash(const char* name, std::size_t length);
 
 // The text of name `n` of SiteNames.

@@ -10,7 +10,7 @@ const char* skipSpace(const char* p, const char* end) {
     return p;
 }
 
-// Skips the characters above the space in the ASCII table.
+// Skips bytes greater than the space.
 const char* skipVisible(const char* p, const char* end) {
     // Tests a word at a time. A borrow only affects higher bytes, so the test may
     // report a byte falsely but misses none. The second loop tests each byte.
