@@ -1,5 +1,5 @@
-// Reads what the shim must know of an Apache server from the environment, the
-// module info file and conf/httpd.conf.
+// Reads the type, addresses and process limit of an Apache server from the
+// environment, the module info file and conf/httpd.conf.
 #include <arpa/inet.h>
 
 #include <climits>
@@ -57,7 +57,7 @@ void readEnvironment(ApacheReader& reader) {
     }
 }
 
-// Every line of the info file names the module; the last one decides.
+// Every line of the info file names the module; the last line is used.
 void readModuleName(ApacheReader& reader) {
     ServerPath path = serverPath(kApacheModuleFile);
     std::FILE* file = std::fopen(path.text(), "re");
@@ -87,7 +87,7 @@ void setGeneration(const ApacheReader& reader) {
     }
 }
 
-// With SSL off, a section conditional on the definition "SSL" does not apply.
+// With SSL off, a section that depends on the definition "SSL" does not apply.
 void readIfDefine(const Directive& directive, std::FILE* file) {
     const char* end = directive.value;
     while (lowerCase(*end) >= 'a' && lowerCase(*end) <= 'z') ++end;
@@ -107,7 +107,7 @@ void readListen(const Directive& directive, ApacheReader& reader) {
     reader.listenSeen = true;
 }
 
-// Any line without a rule of its own may open the installed module's section.
+// Any line that no other rule matches may open the installed module's section.
 void readModuleSection(const Directive& directive, const char* line, ApacheReader& reader) {
     if (std::strstr(line, "<IfModule") != nullptr && std::strstr(line, reader.module) != nullptr) {
         printErrorMsg("Type of module installed  ..");
@@ -140,7 +140,7 @@ void readDirective(const Directive& directive, char* line, std::FILE* file, Apac
     }
 }
 
-// "Port" and "BindAddress" count only in a configuration without "Listen".
+// "Port" and "BindAddress" apply only in a configuration without "Listen".
 void addPortEntry(const ApacheReader& reader) {
     if (reader.listenSeen || reader.port <= 0) return;
     bool bound = reader.bindAddress != 0 && reader.bindAddress != kAnyAddress;

@@ -1,17 +1,17 @@
-// The line scan shared by all readers of server configuration files.
+// The line parser shared by all readers of server configuration files.
 #pragma once
 
 namespace tolvane {
 
-// Bytes of the buffer that one line is read into, terminating NUL included. A
-// longer line arrives in pieces, each scanned as a line of its own.
+// Size of the buffer for one line, terminating NUL included. A longer line is read
+// in pieces, and each piece is parsed as a line.
 inline constexpr int kLineSize = 1025;
 
-// One directive, split in place: pointers into the line.
+// A directive, as pointers into its line.
 struct Directive {
     const char* keyword;
     int keywordLength;
-    const char* value;  // what follows the keyword, leading blanks skipped
+    const char* value;  // the text after the keyword, without leading blanks
 };
 
 // Splits `line`. False for comments, empty lines and lines without a keyword.
@@ -22,7 +22,7 @@ bool keywordIs(const Directive& directive, const char* name);
 
 const char* skipBlanks(const char* text);
 
-// The decimal digits at `text` as a number; 0 without any, INT_MAX when too large.
+// The decimal digits at `text` as a number; 0 if there are none, INT_MAX if too large.
 int numberValue(const char* text);
 
 // The word at `text` (up to the next blank), cut to the size of `word`.

@@ -41,9 +41,9 @@ SocketAddress boundAddress(const AddressList& list, int i) {
     return {list.port[i], all ? 0 : list.address[i]};
 }
 
-// Entry `i` of `list` found no room in the table of its kind.
+// Logs that the table of its kind has no room for entry `i` of `list`.
 void logWithoutEntry(const AddressList& list, int i, const char* kind) {
-    // Another entry may match its socket all the same.
+    // Another entry may match its socket.
     SocketAddress socket = boundAddress(list, i);
     bool covered = tableMatches(sslPorts, socket) ||
                    (&list == &plainAddresses && tableMatches(plainPorts, socket));
@@ -54,7 +54,7 @@ void logWithoutEntry(const AddressList& list, int i, const char* kind) {
     printErrorMsg(message.text());
 }
 
-// Fills `table` from `list`, leaving out what `other` holds as well.
+// Fills `table` from `list` without the entries that `other` also contains.
 void fillTable(PortTable& table, const AddressList& list, const AddressList* other,
                const char* kind) {
     table.numHttpPort = 0;

@@ -1,5 +1,5 @@
-// The addresses on which the server's configuration makes it listen: collecting
-// them, filling the port tables from them, and looking a socket up.
+// The listening addresses of the server's configuration: lists of them, the port
+// tables filled from the lists, and the lookup of a socket.
 #pragma once
 
 #include <cstdint>
@@ -14,26 +14,26 @@ struct SocketAddress {
     std::uint32_t address;  // network byte order; 0: all addresses
 };
 
-// The IPv4 address of the first `length` characters of `text`, in network byte
-// order; kAnyAddress when they are not an address.
+// The IPv4 address in the first `length` characters of `text`, in network byte
+// order; kAnyAddress if they are not an address.
 std::uint32_t addressValue(const char* text, int length);
 
-// Appends (port, address, the first `length` characters of `text` as name)
-// unless `list` holds an equal port and address. A list that is full stays as
-// it is, with a log line that names the entry.
+// Appends an entry to `list`, with the first `length` characters of `text` as its
+// name, unless `list` contains an equal port and address. A full list does not
+// change, and a log line names the entry.
 void appendAddress(AddressList& list, int port, std::uint32_t address, const char* text,
                    int length);
 
 // Fills plainPorts and sslPorts with the first ten entries of each list. An
-// address in both lists counts as SSL only. An address without a table entry
-// gets a log line that says what happens to it.
+// address in both lists counts as SSL only. For each address without a table
+// entry, a log line states whether it is measured.
 void fillPortTables();
 
-// Whether a socket bound to `socket` is one of those in `table`.
+// Whether an entry of `table` matches a socket bound to `socket`.
 bool tableMatches(const PortTable& table, const SocketAddress& socket);
 
-// Whether `socket` is bound to an SSL address that found no room in sslPorts:
-// it is not measured, whatever plainPorts says.
+// Whether `socket` is bound to an SSL address for which sslPorts had no room. Such
+// a socket is not measured, even if plainPorts matches it.
 bool isSslWithoutEntry(const SocketAddress& socket);
 
 }  // namespace tolvane

@@ -53,7 +53,7 @@ void readNetscapeFile(std::FILE* file) {
     fillPortTables();
 }
 
-// False when the root does not fit, so that no file under it could be opened.
+// False if the root is too long. No file under it could be opened.
 bool setRootDir(const char* root) {
     std::size_t length = std::strlen(root);
     if (length + 2 > sizeof rootDir) return false;

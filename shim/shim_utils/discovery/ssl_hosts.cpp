@@ -18,7 +18,7 @@ struct SectionAddress {
     int port;
 };
 
-// Only the first address of the opening line counts.
+// Only the first address of the opening line is used.
 void readSectionAddress(const char* value, SectionAddress& address) {
     const char* colon = std::strchr(value, ':');
     if (colon != nullptr) {

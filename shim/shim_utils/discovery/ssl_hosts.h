@@ -5,13 +5,13 @@
 
 namespace tolvane {
 
-// Reads the virtual host section that `line` opens to its end, and records its
-// address as an SSL address when the section switches the SSL engine on.
-// `line` has room for kLineSize bytes and is reused.
+// Reads the virtual host section that `line` opens, to its end. If the section
+// turns the SSL engine on, adds its address as an SSL address. `line` has room for
+// kLineSize bytes and is reused.
 void getSSLWebSites(std::FILE* stream, char* line);
 
-// Reads past the end of the section that the caller has just seen opened, the
-// sections nested in it included.
+// Skips the rest of the section whose opening line the caller has read, nested
+// sections included.
 void ignoreSSLdirectives(std::FILE* stream);
 
 // Appends one SSL address; `port` may be kAnyPort.
