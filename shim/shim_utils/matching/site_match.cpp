@@ -5,8 +5,8 @@
 namespace tolvane {
 namespace {
 
-// Compares like the C library's bounded comparison without case: a NUL in
-// both texts ends it early.
+// Compares like strncasecmp: a NUL at the same position in both texts ends the
+// comparison.
 bool equalLetters(const char* a, const char* b, std::size_t length) {
     if (std::memcmp(a, b, length) == 0) return true;
     for (std::size_t i = 0; i < length; ++i) {
@@ -20,15 +20,15 @@ Bytes defaultPort(ConnectionKind kind) {
     return kind == kPlainRequest ? Bytes{":80", 3} : Bytes{":443", 4};
 }
 
-// A Host value, taken apart once for all names that it is compared with.
+// A Host value, parsed once for all names that it is compared with.
 struct HostValue {
     Bytes text;
-    std::size_t colon;  // position of its first colon, its length when it has none
+    std::size_t colon;  // position of its first colon, its length if it has none
     std::uint32_t hash;
     Bytes standardPort;
 };
 
-// A host without a port means the default one.
+// A host without a port has the default port.
 bool matchWithoutPort(const HostValue& host, const char* name, const SiteNames::Name& prepared) {
     Bytes port = host.standardPort;
     std::size_t length = host.text.length;
@@ -37,7 +37,7 @@ bool matchWithoutPort(const HostValue& host, const char* name, const SiteNames::
            equalLetters(host.text.data, name, length);
 }
 
-// The host's port part need only be a beginning of the name's.
+// The host's port may be a prefix of the name's port.
 bool matchWithPort(const HostValue& host, const char* name, const SiteNames::Name& prepared) {
     std::size_t colon = host.colon;
     if (prepared.colon != colon || !equalLetters(host.text.data, name, colon)) return false;

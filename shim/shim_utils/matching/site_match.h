@@ -6,13 +6,13 @@
 
 namespace tolvane {
 
-// The kind of connection decides which port a name without one stands for.
+// The kind of connection determines the default port.
 enum ConnectionKind : int {
     kReportedRequest = 1,  // SSL, ":443"
     kPlainRequest = 2,     // ":80"
 };
 
-// Index of the first site one of whose names is `host`; -1: none.
+// Index of the first site that has the name `host`; -1 if no site has it.
 int getMatchWebSite(const Configuration& config, Bytes host, ConnectionKind kind);
 
 }  // namespace tolvane

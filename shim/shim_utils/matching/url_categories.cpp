@@ -6,7 +6,7 @@ namespace tolvane {
 void matchCategory(const Configuration& config, Bytes url, RequestInfo& request) {
     request.numMatched = 0;
     if (url.data == nullptr || url.length == 0) return;
-    // The URL counts as a string: a NUL in it is its end.
+    // A NUL ends the URL.
     url.length = positionOf('\0', url.data, url.length);
 
     const int s = request.siteIndex;

@@ -7,8 +7,8 @@
 
 namespace tolvane {
 
-// Stores the categories of site `request.siteIndex` that `url` falls in, in
-// ascending order. The site exists.
+// Stores the categories of site `request.siteIndex` that `url` matches, in
+// ascending order. The site must exist.
 void matchCategory(const Configuration& config, Bytes url, RequestInfo& request);
 
 }  // namespace tolvane

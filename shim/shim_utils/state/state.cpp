@@ -1,4 +1,4 @@
-// Every process-global table of the shim, with the value that it has at load.
+// Every process-global table of the shim, with its value at load.
 #include "tolvane/internal/shim_tables.h"
 #include "tolvane/internal/slot_tables.h"
 
