@@ -1,6 +1,6 @@
-// Identifiers and process ids are given anew after a reboot, and anybody may
-// write into an old segment: nothing is removed because a file or a segment
-// says so, but only what bears the marks of the run that wrote the record.
+// After a reboot the system assigns identifiers and process ids again, and every
+// user can write to an old segment. Therefore an object is removed only if its own
+// attributes show that the run which wrote the record created it.
 #include <fcntl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -22,15 +22,15 @@
 namespace tolvane {
 namespace {
 
-// Seconds from a segment's creation to that of its semaphores, and to the
-// writing of the record.
+// Maximum seconds from a segment's creation to the creation of its semaphores, and
+// to the writing of the record.
 constexpr time_t kSemaphoresWithin = 2;
 constexpr time_t kRecordWithin = 60;
 
-// Bytes of a record or handoff file; ours are shorter.
+// Maximum size of a record or handoff file. The shim writes shorter files.
 constexpr std::size_t kLargestFile = 2047;
 
-// The whole of a file of less than `Size` bytes.
+// The content of a file of less than `Size` bytes.
 template <std::size_t Size>
 struct WholeFile {
     struct stat status;
@@ -40,8 +40,8 @@ using SmallFile = WholeFile<kLargestFile + 1>;
 
 enum class Found { kNothing, kSmallFile, kLongFile, kSomethingElse };
 
-// Reads the whole file, if it is one that a shim can have written. Links are
-// not followed, FIFOs not waited for.
+// Reads the whole file if it is a regular file with a single name. Does not follow
+// links or wait for FIFOs.
 template <std::size_t Size>
 Found readWholeFile(const char* path, WholeFile<Size>& file) {
     int fd = openOwn(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
@@ -56,7 +56,7 @@ Found readWholeFile(const char* path, WholeFile<Size>& file) {
     return whole ? Found::kSmallFile : Found::kLongFile;
 }
 
-// Ends the line at `text` and returns the next; null behind the last.
+// Terminates the line at `text` and returns the next line; null after the last.
 char* cutLine(char* text) {
     char* end = std::strchr(text, '\n');
     if (end == nullptr) return nullptr;
@@ -64,7 +64,7 @@ char* cutLine(char* text) {
     return end + 1;
 }
 
-// The text behind `key` when `line` begins with it, else null.
+// The text after `key` if `line` begins with it, else null.
 const char* valueOfKey(const char* line, const char* key) {
     std::size_t length = std::strlen(key);
     return std::strncmp(line, key, length) == 0 ? line + length : nullptr;
@@ -75,12 +75,12 @@ int identifierAt(const char* digits) {
 }
 
 struct EarlierRun {
-    int segment = -1;        // -1: the record names none
-    bool namesFile = false;  // the record names one, whatever it is
-    int pid = kUnknownPid;   // of that file's name; unknown: it is no handoff file's
+    int segment = -1;        // -1: the record names no segment
+    bool namesFile = false;  // the record names a file of any kind
+    int pid = kUnknownPid;   // in that file's name; unknown: not the name of a handoff file
     int structures = 0;
     uid_t owner;     // of the record
-    time_t written;  // the record
+    time_t written;  // time of the record's last change
 };
 
 // The process id in the handoff file's name at `text`; unknown for any other path.
@@ -128,8 +128,9 @@ std::size_t recordsIn(std::size_t size) {
     return size < kConfigSize ? 0 : (size - kConfigSize) / kRecordSize;
 }
 
-// What shows that the segment is not the one that the run made; null: nothing.
-const char* objectionTo(const shmid_ds& segment, const EarlierRun& run) {
+// The attribute that shows that the run did not create the segment; null if no
+// attribute does.
+const char* differingAttribute(const shmid_ds& segment, const EarlierRun& run) {
     std::size_t fitting = recordsIn(segment.shm_segsz);
     if (fitting == 0 || segment.shm_segsz != segmentSize(fitting)) return "size";
     if ((segment.shm_perm.mode & 0777) != 0777) return "mode";
@@ -145,14 +146,14 @@ bool looksLikeOurs(const shmid_ds& segment, const semid_ds& set) {
            set.sem_perm.cuid == segment.shm_perm.cuid && set.sem_perm.uid == segment.shm_perm.uid;
 }
 
-bool madeWith(const shmid_ds& segment, const semid_ds& set) {
+bool createdWith(const shmid_ds& segment, const semid_ds& set) {
     return looksLikeOurs(segment, set) && set.sem_ctime >= segment.shm_ctime &&
            set.sem_ctime <= segment.shm_ctime + kSemaphoresWithin;
 }
 
-// Removes the semaphores that the run itself has listed. The segment is the run's,
-// so the machine has not been started since, and no identifier is another
-// program's by now. False when there is no such list.
+// Removes the semaphores in the run's own list. The run's segment still exists, so
+// the machine has not been restarted, and no other program has got one of these
+// identifiers. False if there is no such list.
 bool removeListedSemaphores(const EarlierRun& run, const shmid_ds& segment) {
     static WholeFile<kSemaphoreListSize> file;
     ServerPath path = semaphoreListPath();
@@ -181,39 +182,39 @@ void logSemaphoresThatStay(int count, int first, int segment) {
     printErrorMsg(message.text());
 }
 
-// Without the list: the semaphores that the segment names, as far as their times
-// show that they were made with it.
+// Without the list: removes the semaphores that the segment names, if their
+// creation times show that they were created with it.
 void removeRecordSemaphores(const EarlierRun& run, const shmid_ds& segment) {
     void* address = shmat(run.segment, nullptr, SHM_RDONLY);
     if (address == reinterpret_cast<void*>(-1)) return;
     auto* record = reinterpret_cast<const ResultStruct*>(static_cast<char*>(address) + kConfigSize);
     auto named = static_cast<std::size_t>(run.structures);
     std::size_t fitting = recordsIn(segment.shm_segsz);
-    int strangers = 0;
-    int firstStranger = -1;
+    int foreign = 0;
+    int firstForeign = -1;
     for (std::size_t i = 0; i < named && i < fitting; ++i) {
-        // Read once: who else has the segment may be writing there.
+        // Read once, because another process may write to the segment.
         int id = __atomic_load_n(&record[i].semaphoreId, __ATOMIC_RELAXED);
         semid_ds set;
         bool readable = semctl(id, 0, IPC_STAT, &set) == 0;
-        if (readable && madeWith(segment, set)) {
+        if (readable && createdWith(segment, set)) {
             removeSemaphore(id);
         } else if (readable || errno == EACCES) {
-            if (strangers++ == 0) firstStranger = id;
+            if (foreign++ == 0) firstForeign = id;
         }
     }
     shmdt(address);
-    if (strangers > 0) logSemaphoresThatStay(strangers, firstStranger, run.segment);
+    if (foreign > 0) logSemaphoresThatStay(foreign, firstForeign, run.segment);
 }
 
-void logSegmentThatStays(int segment, const char* objection) {
+void logSegmentThatStays(int segment, const char* attribute) {
     Text<160> message;
     message.add("Segment ").add(segment).add(" is not the earlier run's and stays: its ");
-    message.add(objection).add(" differs");
+    message.add(attribute).add(" differs");
     printErrorMsg(message.text());
 }
 
-// What the run's segment tells of its handoff file.
+// The state of the run's segment, which shows whether the handoff file is the run's.
 enum class Segment { kRemoved, kGone, kMayBeOthers };
 
 Segment removeSegment(const EarlierRun& run) {
@@ -224,27 +225,27 @@ Segment removeSegment(const EarlierRun& run) {
         logSegmentThatStays(run.segment, "mode");
         return Segment::kMayBeOthers;
     }
-    const char* objection = objectionTo(segment, run);
-    if (objection == nullptr) {
+    const char* attribute = differingAttribute(segment, run);
+    if (attribute == nullptr) {
         if (!removeListedSemaphores(run, segment)) removeRecordSemaphores(run, segment);
         shmctl(run.segment, IPC_RMID, nullptr);
         return Segment::kRemoved;
     }
-    logSegmentThatStays(run.segment, objection);
-    // The system names no creator of another process namespace.
+    logSegmentThatStays(run.segment, attribute);
+    // The creator's id is 0 if it belongs to another process namespace.
     bool others = segment.shm_cpid == run.pid || segment.shm_cpid == 0;
     return others ? Segment::kMayBeOthers : Segment::kGone;
 }
 
-// Whether the file leads to a segment that the process in its name has made.
+// Whether the segment exists and process `pid` created it.
 bool leadsToLiveSegment(int segment, int pid) {
     shmid_ds status;
     return segment >= 0 && shmctl(segment, IPC_STAT, &status) == 0 && status.shm_cpid == pid;
 }
 
-// Any user can write into the file. Where the run's segment was still there, the
-// machine has not been started since, so the file is the run's unless a later
-// process of that id has made a segment of its own.
+// Any user can write to the file. If the run's segment still existed, the machine
+// has not been restarted. The file is then the run's, unless a later process with
+// the same id has created another segment.
 bool isFileOfRun(SmallFile& file, const EarlierRun& run, Segment segment) {
     if (file.status.st_uid != run.owner || run.segment < 0) return false;
     int named = segmentOfHandoffFile(file);
@@ -271,7 +272,7 @@ void removeHandoffFile(const EarlierRun& run, Segment segment) {
     printErrorMsg(message.text());
 }
 
-// False after logging why there is nothing to be read.
+// Logs the reason and returns false if there is no record that can be read.
 bool findRecord(EarlierRun& run) {
     ServerPath path = recordPath();
     SmallFile file;

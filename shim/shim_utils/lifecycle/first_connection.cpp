@@ -10,8 +10,8 @@ namespace tolvane {
 
 namespace {
 
-// Error-checking: a signal handler that accepts a connection in the middle of
-// the work of its own thread goes on without waiting.
+// Error-checking: a signal handler that interrupts makeReadyForConnections and
+// accepts a connection must not wait for its own thread.
 constexpr pthread_mutex_t kUnlocked = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
 pthread_mutex_t firstConnection = kUnlocked;
 
@@ -25,7 +25,7 @@ void makeReady() {
 }  // namespace
 
 void makeReadyForConnections() {
-    // A thread that is cancelled here would leave the lock to nobody.
+    // A thread cancelled here would never unlock the mutex.
     int cancelState;
     pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
     if (pthread_mutex_lock(&firstConnection) == 0) {

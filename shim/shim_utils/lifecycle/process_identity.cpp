@@ -25,8 +25,8 @@ namespace tolvane {
 
 namespace {
 
-// What the process has found out about itself. A child starts anew, but for
-// what its parent knew of it.
+// The role that the process has found for itself. A forked child inherits only the
+// fact that its parent is the server's parent.
 enum class Role { kUnknown, kParent, kChildOfParent };
 std::atomic<Role> role{Role::kUnknown};
 
@@ -34,15 +34,15 @@ std::int32_t publishedParent() {
     return std::atomic_ref<std::int32_t>(shmConfig->parentPid).load(std::memory_order_acquire);
 }
 
-// Returns the process id in the server's pid file.
+// Sets the role if the server's pid file names this process. Returns the id in it.
 int lookWhetherParent() {
     int pid = getParentPid();
     if (pid == getpid()) role.store(Role::kParent, std::memory_order_relaxed);
     return pid;
 }
 
-// By now the server may have written its pid file. Processes that serve
-// connections have learned the parent from their accept calls.
+// The server may have written its pid file by this time. Processes that serve
+// connections discover the parent in their accept calls.
 void beforeFork() {
     if (tolvaneShimEnabled.load(std::memory_order_relaxed) == 0 || webServerType == kNetscape ||
         servesConnections.load(std::memory_order_relaxed) ||
@@ -53,8 +53,8 @@ void beforeFork() {
     lookWhetherParent();
 }
 
-// Whether any process but the one that made the semaphores has used one: a
-// trace of the workers that cannot be wiped out by writing to the segment.
+// Whether a process other than their creator has used the semaphores. This shows
+// that workers existed, and writing to the segment cannot hide it.
 bool semaphoresWereUsed() {
     for (int i = 0; i < numStructures; ++i) {
         if (lastUserOfSemaphore(semaphoreOf(i)) != listenPid) return true;
@@ -62,8 +62,8 @@ bool semaphoresWereUsed() {
     return false;
 }
 
-// A threaded server forks from a serving process only to execute something
-// else; only the child of a process that serves nothing yet is a new worker.
+// A serving process of a threaded server forks only to execute another program.
+// Only the child of a process that serves no connections is a new worker.
 bool childGoesOnMeasuring() {
     return webServerType == kApacheProcesses ||
            (webServerType == kApacheThreads && !servesConnections.load(std::memory_order_relaxed));
@@ -96,7 +96,7 @@ bool ownsMemory() {
     return owner == 0 || owner == getpid();
 }
 
-// Runs inside accept, hence the bare calls: no stream, no allocation.
+// Uses bare system calls, because it runs inside accept: no stream, no allocation.
 int getParentPid() {
     int fd = openOwn(pidFile, O_RDONLY | O_NONBLOCK);
     if (fd < 0) return kUnknownPid;
@@ -131,7 +131,7 @@ void discoverParent() {
         if (first && getpid() != listenPid) unlockSemaphores();
         known = shared.load(std::memory_order_acquire);
     } else if (known == getpid()) {
-        lookWhetherParent();  // anybody may have written that
+        lookWhetherParent();  // every user can write that id
     }
     if (known >= 0) parentPid.store(known, std::memory_order_relaxed);
 }
@@ -150,7 +150,7 @@ bool isServersParent() {
         bool learned = known != kUnknownPid || parentIsKnown() || semaphoresWereUsed();
         return published || (learned && (inFile == self || inFile == kUnknownPid));
     }
-    // Nothing contradicts the segment.
+    // The segment decides if nothing contradicts it.
     return published && role.load(std::memory_order_relaxed) == Role::kUnknown &&
            inFile == kUnknownPid && !servesConnections.load(std::memory_order_relaxed);
 }

@@ -1,35 +1,36 @@
-// Which process this is: the server's parent, a worker, or a child that a
-// worker has forked.
+// The role of this process: the server's parent, a worker, or a child of a worker.
 #pragma once
 
 namespace tolvane {
 
-// In an Apache server: learns the parent's process id, from the segment or
-// from the server's pid file, until it is known. Exactly one process fills the
-// segment's field; if it is a worker it then checks the semaphores.
+// In an Apache server: reads the parent's process id from the segment or from the
+// server's pid file, until it is known. Exactly one process writes the segment's
+// field. If that process is a worker, it then checks the semaphores.
 void discoverParent();
 
-// The process id in the server's pid file; -1 when there is none to be read.
+// The process id in the server's pid file; -1 if it cannot be read.
 int getParentPid();
 
-// Makes sure that every record's semaphore still exists. At the first one that
-// does not: logs it, marks the segment for removal and cleans up.
+// Checks that every record's semaphore still exists. At the first missing
+// semaphore: logs it, marks the segment for removal and cleans up.
 void unlockSemaphores();
 
-// Whether this process is the server's parent and some process has learned so.
-// What it found out itself counts; the segment, where anybody can write, decides
-// only in a process that never had the occasion.
+// Whether this process is the server's parent and a process has discovered that.
+// The process's own findings decide. The segment, which every user can write to,
+// decides only if the process has found nothing itself.
 bool isServersParent();
 
-// Whether this process, or some other according to the segment, knows the parent.
+// Whether this process or, according to the segment, another process has discovered
+// the parent.
 bool parentIsKnown();
 
-// Makes forked children start with empty counters, and the server's parent
-// recognise itself when it forks. False when memory is short.
+// Registers fork handlers: forked children start with empty counters, and a process
+// checks before it forks whether it is the server's parent. False if there is not
+// enough memory.
 bool watchForks();
 
-// Whether this memory is the calling process's own, and not that of a parent
-// that waits for its vforked child. A system call; true before start-up.
+// Whether the calling process owns this memory. False in a vforked child, which
+// runs in its parent's memory. Makes a system call; true before start-up.
 bool ownsMemory();
 
 }  // namespace tolvane

@@ -35,15 +35,15 @@ bool lockInTime(int fd) {
     return false;
 }
 
-// A larger file than the process may write would end it with a signal.
+// Writing beyond the process's file size limit would raise a fatal signal.
 bool withinFileLimit(std::size_t length) {
     rlimit limit;
     return getrlimit(RLIMIT_FSIZE, &limit) != 0 || length <= limit.rlim_cur;
 }
 
-// Creates `path`, in the place of a regular file if one is there. The
-// directory may be writable by others: nothing is written through a link, nor
-// into a file that another user holds. Returns the descriptor, -1: not created.
+// Creates `path` and replaces an existing regular file. Other users may be able to
+// write to the directory, so the file is never written through a link, nor is a
+// file that another user has open. Returns the descriptor, -1 if not created.
 int createAnew(const char* path, int mode) {
     constexpr int kNew = O_WRONLY | O_CREAT | O_EXCL;
     int fd = openOwn(path, kNew, mode);
@@ -56,7 +56,7 @@ int createAnew(const char* path, int mode) {
 
 enum class Access { kAsCreated, kEverybody, kOwner };
 
-// A file of exactly this text; none at all when that fails.
+// Writes a file with exactly this text. On failure, no file is left.
 template <std::size_t N>
 bool writeAnew(const char* path, const Text<N>& text, Access access) {
     int mode = access == Access::kOwner ? 0600 : 0666;
@@ -70,7 +70,7 @@ bool writeAnew(const char* path, const Text<N>& text, Access access) {
     return whole;
 }
 
-// Two full tables of addresses, each with its separators and port.
+// Room for two full tables of addresses with separators and ports.
 using HandoffText = Text<2 * kMaxAddresses*(kAddressNameSize + 16) + 128>;
 
 void addAddresses(HandoffText& text, const PortTable& table, const char* separator) {
@@ -91,12 +91,12 @@ ServerPath recordPath() {
     return serverPath("logs/.tolvane");
 }
 
-// A file of its own, which nobody but the server's user can open: everybody
-// who could would be able to delay the start.
+// A separate file that only the server's user can open, because any user who can
+// lock it can delay the start.
 RecordLock::RecordLock() {
     ServerPath path = serverPath("logs/.tolvane_lock");
     fd_ = openOwn(path.text(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK, 0600);
-    if (fd_ < 0 && errno == ENOENT) return;  // no such directory: there is no record either
+    if (fd_ < 0 && errno == ENOENT) return;  // without the directory there is no record
     struct stat status;
     if (fd_ >= 0 && fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && lockInTime(fd_)) {
         device_ = status.st_dev;
@@ -108,12 +108,13 @@ RecordLock::RecordLock() {
     fd_ = -1;
 }
 
-// Another thread may have closed the descriptor, and its number be a client's.
+// Another thread may have closed the descriptor, and the number may belong to a
+// client's connection now.
 RecordLock::~RecordLock() {
     struct stat now;
     if (fd_ < 0 || fstat(fd_, &now) != 0) return;
     if (now.st_dev != device_ || now.st_ino != inode_) return;
-    syscall(SYS_flock, fd_, LOCK_UN);  // a child forked meanwhile has it, too
+    syscall(SYS_flock, fd_, LOCK_UN);  // a child forked meanwhile also holds the lock
     closeOwn(fd_);
 }
 

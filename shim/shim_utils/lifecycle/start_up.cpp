@@ -26,8 +26,8 @@ namespace {
 
 int initialisations = 0;
 
-// The limit may be far beyond what any process opens. It stays the limit of
-// slots; the table ends where a 32-bit address space would suffer.
+// The limit may be much greater than the number of descriptors ever opened. It
+// limits the slots. The table is limited to a size that fits a 32-bit address space.
 bool readDescriptorLimit() {
     rlimit limit;
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
@@ -53,12 +53,12 @@ bool createDescriptorTable() {
     return false;
 }
 
-// Shared records, and so semaphores, that one server takes at most. No server
-// has more processes that write at the same time, and the systems' limits of
-// semaphores, 32,000 today, are for all programs.
+// Maximum number of shared records, and thus of semaphores, per server. No server
+// has more processes that publish at the same time, and all programs share the
+// system's limit of semaphores, 32,000 at present.
 constexpr int kMaxStructures = 1024;
 
-// How many shared records an Apache server has.
+// The number of shared records of an Apache server.
 int recordsWanted() {
     if (maxNumProcess <= 10) return 1;
     int wanted = numSemaphores == -1 ? 3 : numSemaphores;
@@ -113,12 +113,12 @@ bool createSegment() {
 
 void removeSegment() {
     shmctl(shmid, IPC_RMID, nullptr);
-    shmdt(shmConfig);  // the system keeps it while it is attached
+    shmdt(shmConfig);  // the segment exists until the last process detaches it
     shmConfig = nullptr;
     shmPtr = nullptr;
 }
 
-// A Netscape server's one record has no semaphore.
+// The single record of a Netscape server has no semaphore.
 bool guardRecords() {
     if (webServerType != kNetscape && !createSemaphores(numStructures)) {
         removeSegment();
@@ -145,7 +145,7 @@ void initializeTolvaneShim() {
         printErrorMsg("No memory to watch for forked children: nothing is measured");
         return;
     }
-    // Before anything is asked for: the earlier run may have all there is.
+    // Before the allocation, because the earlier run may hold the last free objects.
     RecordLock lock;
     removeEarlierRun();
     if (!createSegment() || !guardRecords()) return;

@@ -1,12 +1,11 @@
-// Turning the measurement on in the server process.
+// Start of the measurement in the server process.
 #pragma once
 
 namespace tolvane {
 
-// Makes the tables, the records, the segment and its semaphores, writes the
-// files that lead to them, and turns measurement on. Runs in the first listen
-// on one of the server's own addresses; any failure is logged and leaves
-// measurement off.
+// Creates the tables, the records, the segment and its semaphores, writes the
+// files that describe them, and turns measurement on. Runs in the first listen
+// call on a configured address. A failure is logged and leaves measurement off.
 void initializeTolvaneShim();
 
 }  // namespace tolvane
