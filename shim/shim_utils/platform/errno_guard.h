@@ -1,5 +1,5 @@
-// Restores errno: a server reads it after a call, and the bookkeeping around
-// that call must not be seen in it.
+// Restores errno. A server reads it after a call, so the shim's own work around the
+// call must not change it.
 #pragma once
 
 #include <cerrno>

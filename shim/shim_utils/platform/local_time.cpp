@@ -25,9 +25,9 @@ long long bigEndian(const unsigned char* bytes, int width) {
     return value;
 }
 
-// A time zone file, from which a few bytes are read where they are needed: it is
-// too long for a server thread's stack. The file is nothing but bytes until
-// bounded; a read that leaves it fails.
+// A time zone file. It is too long for a server thread's stack, so each value is
+// read when it is needed. The file's content is not trusted: counts are bounded,
+// and a read beyond the end fails.
 class ZoneFile {
   public:
     explicit ZoneFile(const char* zone) {
@@ -41,8 +41,8 @@ class ZoneFile {
     ZoneFile(const ZoneFile&) = delete;
     ZoneFile& operator=(const ZoneFile&) = delete;
 
-    // Files have the same block twice, first with times of 32 bits; older ones
-    // only that one.
+    // A file has a block with times of 32 bits and, from version 2 on, another block
+    // with times of 64 bits.
     bool utcOffset(long long seconds, long& offset) {
         if (fd_ < 0 || !readHeader(0, 4)) return false;
         if (version_ >= '2' && !readHeader(end_, 8)) return false;
@@ -77,7 +77,7 @@ class ZoneFile {
         return true;
     }
 
-    // How many changes there were until `seconds`; -1: they cannot be read.
+    // The number of transitions until `seconds`; -1 if they cannot be read.
     long transitionsUntil(long long seconds) const {
         long low = 0;
         for (long high = transitions_; low < high;) {
@@ -104,7 +104,7 @@ class ZoneFile {
         return offset >= -kMost && offset <= kMost;
     }
 
-    // What follows the last change stands as a rule behind the second block.
+    // A rule after the second block applies after the last transition.
     bool offsetOfFooter(long long seconds, long& offset) const {
         if (width_ != 8 || syscall(SYS_lseek, fd_, end_ + 1, SEEK_SET) != end_ + 1) return false;
         char rule[80] = {};
@@ -124,9 +124,9 @@ class ZoneFile {
     long end_ = 0;
 };
 
-// TZ at the process's first use of it: the server may change its environment
-// later, while another thread logs. Whoever comes while it is being kept, or is
-// the child of a fork just then, reads it once more.
+// The value of TZ at its first use in the process, because the server may later
+// change its environment while another thread logs. A thread that calls this during
+// the copy, or a child forked during it, reads TZ again.
 const char* timeZone() {
     enum State { kUnread, kCopying, kKept };
     static std::atomic<int> state{kUnread};
@@ -152,7 +152,7 @@ LocalTime calendarTime(long long seconds) {
     constexpr int kDaysOf400Years = 146097;
     long long day = seconds / kDay - (seconds % kDay < 0 ? 1 : 0);
     const auto second = static_cast<int>(seconds - day * kDay);
-    // Years here begin in March, so that a leap day comes last.
+    // Years begin in March here, so that a leap day is the last day.
     day += 719468;  // from 1 March of the year 0 to the epoch
     const long long era = (day >= 0 ? day : day - kDaysOf400Years + 1) / kDaysOf400Years;
     const auto dayOfEra = static_cast<int>(day - era * kDaysOf400Years);
@@ -171,9 +171,9 @@ bool utcOffset(const char* zone, long long seconds, long& offset) {
     return ZoneFile(zone).utcOffset(seconds, offset) || ruleOffset(zone, seconds, offset);
 }
 
-// A server may have changed its root directory since the last time.
+// If the server has changed its root directory, the zone may be unreadable.
 bool localTime(long long seconds, LocalTime& local) {
-    constexpr long long kLast = 67'767'976'233'532'799;  // of a year with 31 bits
+    constexpr long long kLast = 67'767'976'233'532'799;  // end of the largest year with 31 bits
     if (seconds > kLast) return false;
     static std::atomic<long> last{0};
     long offset;

@@ -1,6 +1,6 @@
-// The local date and time, without the C library's conversion: that one holds a
-// lock, which a fork can leave locked in the child, and which a server that
-// exits from a signal handler may hold itself.
+// The local date and time without the C library's conversion. That function holds
+// a lock, which a fork can leave locked in the child, and which the interrupted
+// thread may hold when a server exits from a signal handler.
 #pragma once
 
 namespace tolvane {
@@ -17,14 +17,14 @@ struct LocalTime {
 // The calendar date and time of `seconds` since the epoch.
 LocalTime calendarTime(long long seconds);
 
-// `seconds` since the epoch as the process's time zone shows it. Where the zone
-// cannot be read any more, the offset from UTC is the one known last. False: the
-// year is too large for any date.
+// Converts `seconds` since the epoch to the process's time zone. If the zone can no
+// longer be read, uses the last known offset from UTC. False if the year is too
+// large.
 bool localTime(long long seconds, LocalTime& local);
 
-// The offset from UTC, in seconds to the east, that `zone` has at `seconds`.
-// `zone` is what TZ holds: a file below /usr/share/zoneinfo or elsewhere, or
-// else a rule such as "CET-1CEST,M3.5.0,M10.5.0/3". False: neither.
+// The offset of `zone` from UTC at `seconds`, in seconds to the east. `zone` is a
+// value of TZ: a file below /usr/share/zoneinfo or elsewhere, or a rule such as
+// "CET-1CEST,M3.5.0,M10.5.0/3". False if it is neither.
 bool utcOffset(const char* zone, long long seconds, long& offset);
 
 }  // namespace tolvane

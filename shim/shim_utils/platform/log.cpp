@@ -21,15 +21,15 @@
 #include "shim_utils/platform/text.h"
 #include "tolvane/segment_format.h"
 
-// The log is written with bare system calls. The C library's stream would hold
-// a lock that a fork can leave locked, be a cancellation point, and allocate;
-// and the calls it makes would land in our own wrappers.
+// The log is written with bare system calls. A stream of the C library holds a lock
+// that a fork can leave locked, is a cancellation point, allocates, and calls the
+// shim's own wrappers.
 
 namespace tolvane {
 namespace {
 
-// High enough that a server which closes descriptors and expects the lowest
-// free number back never meets ours.
+// High enough that a server which closes a descriptor and expects the next open to
+// return the same number is not affected.
 constexpr int kLowestLogDescriptor = 64;
 
 struct FileIdentity {
@@ -40,8 +40,8 @@ struct FileIdentity {
 std::atomic<int> logFile{-1};
 FileIdentity logIdentity;  // of the file behind logFile
 
-// Whether logFile is still the log: the server may have closed the descriptor,
-// and then the number may be a client's connection by now.
+// Whether `fd` is still the log. The server may have closed the descriptor, and the
+// number may belong to a client's connection now.
 bool stillOurs(int fd) {
     struct stat now;
     return fd >= 0 && fstat(fd, &now) == 0 &&
@@ -49,10 +49,9 @@ bool stillOurs(int fd) {
            now.st_ino == logIdentity.inode.load(std::memory_order_relaxed);
 }
 
-// Whether descriptor 2 is what a server reports its troubles on: a terminal or
-// other device, a pipe, a file that is only appended to, the journal. After the
-// server has closed standard error the number is anything: a data file, a
-// client, a database.
+// Whether descriptor 2 is a usual target of error messages: a terminal or other
+// device, a pipe, a file opened for appending, or the journal. If the server has
+// closed standard error, the number may belong to a data file or a connection.
 bool isStandardError() {
     constexpr int fd = STDERR_FILENO;
     struct stat status;
@@ -68,19 +67,18 @@ bool isStandardError() {
            std::strncmp(peer.sun_path, kJournal, sizeof kJournal - 1) == 0;
 }
 
-// Says that there is no log. Waits for no reader of standard error.
-void complain() {
+// Writes to standard error that there is no log, unless the write would block.
+void reportMissingLog() {
     pollfd ready = {STDERR_FILENO, POLLOUT, 0};
     if (!isStandardError() || syscall(SYS_poll, &ready, 1, 0) != 1) return;
-    Text<128> complaint;
-    complaint.add("Log file ").add(kLogFile).add(" could not be opened\n");
-    iovec line = {const_cast<char*>(complaint.text()), complaint.length()};
+    Text<128> message;
+    message.add("Log file ").add(kLogFile).add(" could not be opened\n");
+    iovec line = {const_cast<char*>(message.text()), message.length()};
     writeQuietly(STDERR_FILENO, &line, 1);
 }
 
-// The descriptor of the log, or -1. Everybody may put something else in its place:
-// a link or a second name leads to a file of somebody else's, a pipe waits for its
-// reader, a lease for its holder.
+// The descriptor of the log, or -1. Any user may replace the log: by a symbolic or
+// hard link to another user's file, or by a pipe or a lease, which would block.
 int openLogFile() {
     constexpr int kFlags = O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK;
     static std::atomic<bool> modeSet{false};
@@ -89,7 +87,7 @@ int openLogFile() {
     if (fd < 0 && errno == ENOENT) {
         fd = openOwn(kLogFile, kFlags | O_CREAT | O_EXCL);
         created = fd >= 0;
-        // Another thread or process was faster.
+        // Another thread or process has created it.
         if (fd < 0 && errno == EEXIST) fd = openOwn(kLogFile, kFlags);
     }
     struct stat status;
@@ -106,7 +104,7 @@ int openLogFile() {
 int openLog(int old) {
     int fd = openLogFile();
     if (fd < 0) {
-        complain();
+        reportMissingLog();
         return -1;
     }
     int high = fcntl(fd, F_DUPFD_CLOEXEC, kLowestLogDescriptor);
@@ -120,7 +118,7 @@ int openLog(int old) {
         logIdentity.inode.store(identity.st_ino, std::memory_order_relaxed);
     }
     if (!logFile.compare_exchange_strong(old, fd)) {
-        closeOwn(fd);  // another thread was faster
+        closeOwn(fd);  // another thread has opened the log
         return old;
     }
     return fd;
@@ -145,7 +143,7 @@ void printErrorMsg(const char* text) {
     if (!stillOurs(fd)) fd = openLog(fd);
     if (fd < 0) return;
 
-    // One call per line: appended lines of several processes stay whole.
+    // One call per line, so that lines of several processes do not mix.
     Text<32> date;
     addTime(date, local);
     char newline[] = "\n";

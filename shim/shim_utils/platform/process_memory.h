@@ -1,4 +1,4 @@
-// Zeroed memory for tables that live as long as the process.
+// Zeroed memory for tables that exist as long as the process.
 #pragma once
 
 #include <sys/mman.h>
@@ -7,9 +7,9 @@
 
 namespace tolvane {
 
-// `size` bytes of zeroes straight from the system, null when there are none to
-// be had. A page costs memory only once it is written, huge pages excepted,
-// which are therefore declined: tables here are large and thinly used.
+// Allocates `size` zeroed bytes from the system; null on failure. The tables are
+// large and sparsely used, and a page costs memory only after it is written. Huge
+// pages are turned off, because each would cost memory for a large part of a table.
 inline void* allocateZeroed(std::size_t size) {
     void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);

@@ -11,7 +11,7 @@
 namespace tolvane {
 namespace {
 
-// The kernel's set of signals and its shorter time of a bare call.
+// The signal set and the time as the bare system calls expect them.
 using Signals = std::uint64_t;
 struct Time {
     long seconds;
@@ -22,8 +22,8 @@ constexpr Signals only(int signal) {
     return Signals{1} << (signal - 1);
 }
 
-// Takes back the signal that a failed write has raised in this thread.
-void takeBack(Signals signal) {
+// Discards the signal that a failed write has raised in this thread.
+void discardSignal(Signals signal) {
     constexpr Time kNow = {0, 0};
     while (syscall(SYS_rt_sigtimedwait, &signal, nullptr, &kNow, sizeof signal) < 0 &&
            errno == EINTR) {
@@ -36,14 +36,14 @@ void writeQuietly(int fd, const iovec* vector, int count) {
     constexpr Signals kRaised = only(SIGPIPE) | only(SIGXFSZ);
     Signals before;
     if (syscall(SYS_rt_sigprocmask, SIG_BLOCK, &kRaised, &before, sizeof before) != 0) return;
-    Signals waiting = 0;  // for the server, since before our write
+    Signals waiting = 0;  // signals of the server, pending before the write
     syscall(SYS_rt_sigpending, &waiting, sizeof waiting);
     const bool failed = syscall(SYS_writev, fd, vector, count) < 0;
     const Signals raised = !failed          ? 0
                            : errno == EPIPE ? only(SIGPIPE)
                            : errno == EFBIG ? only(SIGXFSZ)
                                             : 0;
-    if ((raised & ~waiting) != 0) takeBack(raised);
+    if ((raised & ~waiting) != 0) discardSignal(raised);
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, &before, nullptr, sizeof before);
 }
 

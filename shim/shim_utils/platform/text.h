@@ -1,6 +1,5 @@
-// Small text helpers that allocate nothing, use little stack and know nothing
-// of locales: a bounded builder for messages and paths, and the C locale's
-// character classes.
+// Text helpers that allocate nothing, use little stack and ignore the locale: a
+// bounded builder for messages and paths, and the C locale's character classes.
 #pragma once
 
 #ifdef __SSE2__
@@ -14,7 +13,7 @@
 
 namespace tolvane {
 
-// A stretch of somebody else's bytes, not NUL-terminated.
+// A range of bytes that the shim does not own, not NUL-terminated.
 struct Bytes {
     const char* data = nullptr;
     std::size_t length = 0;
@@ -30,7 +29,7 @@ inline char lowerCase(char c) {
     return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c;
 }
 
-// The number formed by the digits at `p`, INT_MAX when too large; 0 without any.
+// The number formed by the digits at `p`: INT_MAX if too large, 0 without digits.
 inline int numberAt(const char* p, const char* end) {
     int value = 0;
     for (; p != end && isDigit(*p); ++p) {
@@ -41,9 +40,9 @@ inline int numberAt(const char* p, const char* end) {
     return value;
 }
 
-// Position of the first `c` in the text, `length` when there is none. Host values,
-// URLs and header lines are short: where every processor has the instructions,
-// a call for each would cost more than the search does.
+// Position of the first `c` in the text, `length` if there is none. Host values,
+// URLs and header lines are short, so a library call costs more than the search.
+// The search is inline where every processor has the instructions.
 inline std::size_t positionOf(char c, const char* text, std::size_t length) {
 #ifdef __SSE2__
     std::size_t at = 0;
@@ -62,8 +61,7 @@ inline std::size_t positionOf(char c, const char* text, std::size_t length) {
 #endif
 }
 
-// Builds a NUL-terminated text of at most N - 1 characters; what does not fit
-// is cut.
+// Builds a NUL-terminated text of at most N - 1 characters and drops the rest.
 template <std::size_t N>
 class Text {
   public:

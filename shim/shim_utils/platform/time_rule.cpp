@@ -9,13 +9,13 @@ namespace {
 constexpr long kHour = 3600;
 constexpr long kDay = 24 * kHour;
 
-// A day of each year, and the time on it at which the clocks change.
+// The day of a year, and the time of that day, at which the clocks change.
 struct Change {
     enum Kind { kWeekday, kDayWithoutLeap, kDayOfYear } kind;
-    int month;  // the first three of a weekday only
+    int month;  // month and week: for kWeekday only
     int week;   // 5: the last
     int day;
-    long time;  // in seconds, on the clock that is about to change
+    long time;  // in seconds, on the clock before the change
 };
 
 class RuleReader {
@@ -85,7 +85,7 @@ class RuleReader {
     const char* next_;
 };
 
-// When the clocks change in `year`, as if they showed UTC.
+// The time of the change in `year`, as if the clock before the change showed UTC.
 long long changeIn(long long year, const Change& change) {
     const long long newYear = dayNumber(year, 1, 1);
     long long day = newYear + change.day;
@@ -105,7 +105,7 @@ long long changeIn(long long year, const Change& change) {
 
 }  // namespace
 
-// Years begin in March here, so that a leap day comes last.
+// Years begin in March here, so that a leap day is the last day.
 long long dayNumber(long long year, int month, int day) {
     if (month < 3) --year;
     const long long era = (year >= 0 ? year : year - 399) / 400;

@@ -1,4 +1,4 @@
-// The rule of a time zone as TZ or the end of a time zone file gives it.
+// The rule of a time zone in the syntax of TZ and of the end of a time zone file.
 #pragma once
 
 namespace tolvane {
@@ -6,8 +6,8 @@ namespace tolvane {
 // The number of the day since the epoch; `month` is 1 to 12.
 long long dayNumber(long long year, int month, int day);
 
-// The offset from UTC, in seconds to the east, that `rule` has at `seconds`.
-// False: it is no rule.
+// The offset of `rule` from UTC at `seconds`, in seconds to the east. False if
+// `rule` is not a rule.
 bool ruleOffset(const char* rule, long long seconds, long& offset);
 
 }  // namespace tolvane
