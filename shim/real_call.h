@@ -1,6 +1,6 @@
-// A call that the shim interposes: the next definition of the symbol in the
-// dynamic linker's order. It is found when the library is loaded, or on first use
-// where that comes earlier.
+// The real function behind an interposed call: the next definition of the symbol in
+// the dynamic linker's order. It is looked up when the library is loaded, or on
+// first use if that is earlier.
 #pragma once
 
 #include <dlfcn.h>
@@ -17,19 +17,19 @@ class RealCall {
   public:
     using Pointer = Signature*;
 
-    // `missing` is logged when the symbol cannot be found; null: nothing is.
+    // `missing` is logged if the symbol cannot be found; null logs nothing.
     constexpr explicit RealCall(const char* symbol, const char* missing = nullptr)
         : symbol_(symbol), missing_(missing) {}
 
-    // The call, or null after logging that it is missing. Two threads that
-    // come here first at the same time find and store the same value.
+    // The call; logs an error and returns null if it is missing. Threads that look it
+    // up at the same time store the same value.
     Pointer find() {
         Pointer call = pointer_.load(std::memory_order_relaxed);
         return call != nullptr ? call : findUnprepared();
     }
 
-    // Looks the call up ahead of its first use, silently. A call that is missing
-    // now is missing for good, and is not asked for again.
+    // Looks the call up before its first use, without logging. A missing call is not
+    // looked up again.
     void prepare() {
         if (pointer_.load(std::memory_order_relaxed) != nullptr) return;
         missingAtLoad_.store(lookUp() == nullptr, std::memory_order_relaxed);
@@ -42,8 +42,8 @@ class RealCall {
         return call;
     }
 
-    // The dynamic linker keeps one error text per thread, for the server to fetch.
-    // A look-up replaces it; the text of our own failed one is not left there.
+    // The dynamic linker keeps an error text per thread, which the server may read. A
+    // failed lookup sets that text, so it is cleared here.
     Pointer lookUp() {
         ErrnoGuard guard;
         auto call = reinterpret_cast<Pointer>(dlsym(RTLD_NEXT, symbol_));

@@ -8,9 +8,9 @@ void prepare(Calls&... calls) {
     (calls.prepare(), ...);
 }
 
-// Looks all of them up at load. Later the server may have an error text of the
-// dynamic linker's to fetch, which a look-up would replace; and in a child forked
-// by a server with threads the linker's lock may be held for good.
+// Looks all calls up at load. A later lookup could replace an error text of the
+// dynamic linker that the server has not read yet, and in a child forked by a
+// threaded server the linker's lock may be held forever.
 __attribute__((constructor)) void findRealCalls() {
     prepare(real_listen, real_accept, real_accept4, real_close, real_fclose, real_dup2, real_dup3,
             real_close_range, real_closefrom, real_read, real_read_chk, real_recv, real_recv_chk,

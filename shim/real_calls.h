@@ -1,4 +1,4 @@
-// Every call that the shim interposes, each defined beside its wrapper.
+// The real functions of all interposed calls, each defined beside its wrapper.
 #pragma once
 
 #include <sys/socket.h>
@@ -41,12 +41,12 @@ extern RealCall<ssize_t(int, const void*, size_t, int, const sockaddr*, socklen_
 extern RealCall<ssize_t(int, const iovec*, int)> real_writev;
 using SendmsgCall = ssize_t(int, const msghdr*, int);
 extern RealCall<SendmsgCall> real_sendmsg;
-// The offset is handed on untouched, whatever its width.
+// A void pointer, because the offset's width does not matter here.
 extern RealCall<ssize_t(int, int, void*, size_t)> real_sendfile;
 extern RealCall<ssize_t(int, int, void*, size_t)> real_sendfile64;
 
 #ifndef __LP64__
-// What a 32-bit program built for 64-bit times calls instead of the two above.
+// A 32-bit program built for 64-bit times calls these instead of recvmsg and sendmsg.
 extern RealCall<RecvmsgCall> real_recvmsg64;
 extern RealCall<SendmsgCall> real_sendmsg64;
 #endif

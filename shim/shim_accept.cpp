@@ -1,4 +1,4 @@
-// accept and accept4: where a connection enters the shim's view.
+// accept and accept4: tracking of a connection begins here.
 #include <sys/socket.h>
 
 #include "real_calls.h"

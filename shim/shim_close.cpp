@@ -1,6 +1,6 @@
-// close, and the calls that close descriptors besides: where a connection
-// leaves the shim's view. It does so before the descriptor is really closed,
-// so that its number cannot belong to another connection in between.
+// close and the other calls that close descriptors: tracking of a connection ends
+// here. It ends before the real close, because afterwards another connection may
+// get the same number.
 #include <linux/close_range.h>
 #include <unistd.h>
 
@@ -26,7 +26,7 @@ constinit RealCall<void(int)> real_closefrom{"closefrom"};
 
 namespace {
 
-// Whether the shim knows anything of `fd` that ends with it.
+// Whether the shim keeps state for `fd` that must be reset.
 bool isKnown(int fd) {
     if (httpListenSocket.contains(fd) || sslHttpListenSocket.contains(fd)) return true;
     if (localListenSocket.contains(fd)) return true;
@@ -57,14 +57,14 @@ void closingRange(unsigned firstFd, unsigned lastFd) {
     for (unsigned fd = firstFd; fd <= lastFd && fd < limit; ++fd) closing(static_cast<int>(fd));
 }
 
-// Whether close_range with these flags closes descriptors, and not just those of
-// a thread that parts with its siblings' table.
+// Whether close_range with these flags closes the process's descriptors, and not
+// only those in a table that the calling thread no longer shares.
 bool closesForAll(int flags) {
     return flags == 0 || (flags == CLOSE_RANGE_UNSHARE && webServerType == kApacheProcesses);
 }
 
-// Whether the call is going to close the range. Old kernels and some sandboxes
-// do not have it, which a range without descriptors tells.
+// Whether the call will close the range. Old kernels and some sandboxes do not
+// support it; a call with an empty range detects that.
 bool willClose(RealCall<int(unsigned, unsigned, int)>::Pointer call, unsigned firstFd,
                unsigned lastFd, int flags) {
     if (tolvaneShimEnabled.load(std::memory_order_relaxed) != 1) return false;
@@ -73,8 +73,8 @@ bool willClose(RealCall<int(unsigned, unsigned, int)>::Pointer call, unsigned fi
     return call(UINT_MAX, UINT_MAX, 0) == 0;
 }
 
-// A descriptor replaced by a duplicate stays in use, so here it can wait until
-// the real call has succeeded.
+// A replaced descriptor stays in use, so the state is reset after the real call has
+// succeeded.
 int replaced(int oldFd, int newFd, int result) {
     if (result >= 0 && oldFd != newFd) closing(newFd);
     return result;

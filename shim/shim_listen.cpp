@@ -1,4 +1,4 @@
-// listen: learns which of the server's sockets are its HTTP and SSL listening
+// listen: records which of the server's sockets are its HTTP and SSL listening
 // sockets, and starts the measurement at the first of them.
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -29,8 +29,8 @@ namespace {
 bool first = true;                // discovery has not run yet
 bool tolvaneInitialized = false;  // start-up has not been tried yet
 
-// An IPv6 address that is no IPv4 one matches nothing but a wildcard entry,
-// which is what this value equals.
+// Stands for an IPv6 address that is not an IPv4 address. It matches only wildcard
+// entries, which have the same value.
 constexpr std::uint32_t kNoIpv4Address = kAnyAddress;
 
 std::uint32_t ipv4Part(const in6_addr& address) {
@@ -41,7 +41,7 @@ std::uint32_t ipv4Part(const in6_addr& address) {
     return ipv4;
 }
 
-// False for sockets of any family but the Internet's.
+// False for a socket that is neither IPv4 nor IPv6.
 bool readSocketAddress(const sockaddr_storage& local, SocketAddress& result) {
     if (local.ss_family == AF_INET) {
         const auto& ipv4 = reinterpret_cast<const sockaddr_in&>(local);
@@ -62,13 +62,13 @@ SocketKind kindOf(const SocketAddress& socket) {
     return tableMatches(plainPorts, socket) ? kPlain : kUntracked;
 }
 
-// Makes a range close reach `fd`.
+// Ensures that a range close includes `fd`.
 void includeInRanges(int fd) {
     if (!ListenTable::fits(fd) || fd < trackedLimit.load(std::memory_order_relaxed)) return;
     trackedLimit.store(fd + 1, std::memory_order_relaxed);
 }
 
-// What `fd` was before, when its number belonged to another socket, is replaced.
+// Replaces the entries of an earlier socket with the same number.
 void record(int fd, const SocketAddress& socket, SocketKind kind) {
     sslHttpListenSocket.set(fd, kind == kSsl);
     httpListenSocket.set(fd, kind == kPlain);
@@ -105,46 +105,46 @@ void startOnce() {
     if (webServerType != kNetscape) parentPid.store(kUnknownPid, std::memory_order_relaxed);
 }
 
-// Lets a thread at a time through discovery and start-up. A lock of the C
-// library would stay locked in a child that another thread forks meanwhile.
-class ListenTurn {
+// A lock for discovery and start-up. A mutex of the C library would stay locked in a
+// child that another thread forks meanwhile.
+class DiscoveryLock {
   public:
-    ListenTurn() {
+    DiscoveryLock() {
         constexpr timespec kPause = {0, 1'000'000};
         constexpr int kTries = 10'000;
         const int self = getpid();
         for (int i = 0; i < kTries; ++i) {
             int holder = 0;
             if (holder_.compare_exchange_strong(holder, self, std::memory_order_acquire)) {
-                taken_ = true;
+                held_ = true;
                 return;
             }
-            if (holder != self && abandon(holder, self)) return;
+            if (holder != self && takeOver(holder, self)) return;
             nanosleep(&kPause, nullptr);
         }
     }
-    ~ListenTurn() {
-        if (taken_) holder_.store(0, std::memory_order_release);
+    ~DiscoveryLock() {
+        if (held_) holder_.store(0, std::memory_order_release);
     }
-    ListenTurn(const ListenTurn&) = delete;
-    ListenTurn& operator=(const ListenTurn&) = delete;
+    DiscoveryLock(const DiscoveryLock&) = delete;
+    DiscoveryLock& operator=(const DiscoveryLock&) = delete;
 
-    bool taken() const { return taken_; }
+    bool held() const { return held_; }
 
   private:
-    // In a child forked in the middle of the parent's turn, what that turn left
-    // half done is not used: the child stays unobserved.
-    bool abandon(int holder, int self) {
+    // The child was forked while the parent held the lock, so its tables may be
+    // incomplete. The child stays unobserved.
+    bool takeOver(int holder, int self) {
         if (!holder_.compare_exchange_strong(holder, self, std::memory_order_acquire)) return false;
         first = false;
         tolvaneInitialized = true;
         tolvaneShimEnabled.store(0, std::memory_order_relaxed);
-        taken_ = true;
+        held_ = true;
         return true;
     }
 
-    static inline std::atomic<int> holder_{0};  // process whose turn it is; 0: free
-    bool taken_ = false;
+    static inline std::atomic<int> holder_{0};  // process that holds the lock; 0: free
+    bool held_ = false;
 };
 
 void examine(int fd) {
@@ -152,8 +152,8 @@ void examine(int fd) {
     socklen_t length = sizeof local;
     if (!ownsMemory()) return;
     if (getsockname(fd, reinterpret_cast<sockaddr*>(&local), &length) != 0) return;
-    ListenTurn turn;
-    if (!turn.taken()) return;
+    DiscoveryLock lock;
+    if (!lock.held()) return;
     discoverOnce();
     SocketAddress socket;
     if (!readSocketAddress(local, socket)) {

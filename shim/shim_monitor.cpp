@@ -39,7 +39,7 @@ std::int32_t intervalOrDefault(std::int32_t interval) {
     return interval > 0 ? interval : kDefaultInterval;
 }
 
-// How long a newer configuration waits in a sleep that is too long for it.
+// The longest time that a newer configuration waits for the end of a long sleep.
 std::int32_t newerInterval() {
     std::int32_t interval = intervalOrDefault(segmentInterval());
     return interval > kLongInterval ? kDefaultInterval : interval;
@@ -50,8 +50,8 @@ void sleepUntil(const timespec& time) {
     }
 }
 
-// The copy that is about to be overwritten was retired at least one sleep ago;
-// only a thread at work since then can still be reading it.
+// The copy that is overwritten was replaced at least one sleep ago. Only a thread
+// whose SlotWork began before that can still read it.
 void copyNewerConfiguration() {
     static bool waiting = false;
     if (!newerConfigurationExists()) return;
@@ -122,7 +122,7 @@ void sleepUntilPublication() {
 }
 
 void startMonitor() {
-    // Here and not in the thread: the first requests are matched, too.
+    // Not in the monitor thread, so that the first requests are matched, too.
     copyConfiguration();
     sigset_t all;
     sigset_t before;

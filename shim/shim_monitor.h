@@ -4,15 +4,15 @@
 
 namespace tolvane {
 
-// Takes the segment's configuration, if there is one yet, and starts the
-// thread, with every signal blocked: the server's signals are for the server's
-// threads. A failure is logged.
+// Copies the segment's configuration, if there is one, and starts the thread. The
+// thread blocks every signal, so that the server's threads receive them. A failure
+// is logged.
 void startMonitor();
 
-// Sleeps as long as the configuration in force says. Without one, only until
-// there is one; and of more than an hour, only until a newer configuration has
-// been there for as long as that one says, so that a wrong interval does not
-// stand for years.
+// Sleeps for the interval of the configuration in force. Returns earlier in two
+// cases: no configuration is in force and the agent writes one; or the interval is
+// longer than an hour, and a newer configuration has existed for its own interval.
+// The second case limits the effect of a wrong interval.
 void sleepUntilPublication();
 
 // In the server's parent: removes the semaphores, the segment and the handoff
@@ -23,12 +23,11 @@ void cleanup();
 // Registers cleanup to run at exit.
 void cleanUpAtExit();
 
-// Takes the lock file that serialises removals with every other server. True
-// when taken, also when it cannot be created at all; false when somebody else
-// has held it for ten seconds.
+// Creates the lock file that serialises removals with every other server. Returns
+// true if it was created, and also if it cannot be created at all; false if another
+// process has held it for ten seconds.
 bool wa_lock();
 
-// Deletes the lock file.
 void wa_unlock();
 
 }  // namespace tolvane

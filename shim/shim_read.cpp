@@ -1,4 +1,4 @@
-// read, and its checked form in hardened binaries.
+// read, and its checked variant in hardened binaries.
 #include <unistd.h>
 
 #include "real_calls.h"

@@ -1,5 +1,5 @@
-// readv, and recvmsg, which fills a vector too: only the first entry of it is
-// looked at.
+// readv, and recvmsg, which also fills a vector. Only the vector's first entry is
+// examined.
 #include <sys/socket.h>
 #include <sys/uio.h>
 

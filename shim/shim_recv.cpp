@@ -1,4 +1,4 @@
-// recv, recvfrom, and their checked forms in hardened binaries.
+// recv, recvfrom, and their checked variants in hardened binaries.
 #include <sys/socket.h>
 
 #include "real_calls.h"

@@ -1,5 +1,5 @@
-// send, sendto, and sendfile, whose bytes never pass through the process and
-// so cannot be looked at.
+// send, sendto, and sendfile, whose bytes do not pass through the process and so
+// cannot be examined.
 #include <sys/socket.h>
 
 #include "real_calls.h"

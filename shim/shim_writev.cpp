@@ -1,5 +1,5 @@
-// writev, and sendmsg, which sends a vector too: only the first entry of it is
-// looked at.
+// writev, and sendmsg, which also sends a vector. Only the vector's first entry is
+// examined.
 #include <sys/socket.h>
 #include <sys/uio.h>
 

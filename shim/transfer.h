@@ -1,5 +1,5 @@
-// The one algorithm of all receive wrappers and the one of all send wrappers:
-// gate, count, hand the real result back.
+// The algorithm of all receive wrappers and that of all send wrappers: check whether
+// the connection is tracked, count, return the real result.
 #pragma once
 
 #include <sys/types.h>
@@ -14,8 +14,8 @@
 
 namespace tolvane {
 
-// The descriptor's state while it is a tracked connection that this thread may
-// count on, else null.
+// The state of `fd` if it is a tracked connection for which this thread may count,
+// else null.
 inline DescriptorState* trackedDescriptor(int fd) {
     if (tolvaneShimEnabled.load(std::memory_order_acquire) != 1) return nullptr;
     DescriptorState* state = descriptorState(fd);
@@ -24,20 +24,20 @@ inline DescriptorState* trackedDescriptor(int fd) {
     return mayServe() ? state : nullptr;
 }
 
-// Of a transfer of `n` bytes, those that lie in a buffer of `size` bytes.
+// The part of a transfer of `n` bytes that is in a buffer of `size` bytes.
 inline Bytes transferredText(const void* buffer, std::size_t size, ssize_t n) {
     if (buffer == nullptr || n < 1) return {};
     auto length = static_cast<std::size_t>(n);
     return {static_cast<const char*>(buffer), length < size ? length : size};
 }
 
-// The same for a vector: only its first entry is looked at.
+// The same for a vector. Only its first entry is examined.
 inline Bytes transferredText(const iovec* vector, std::size_t entries, ssize_t n) {
     if (vector == nullptr || entries == 0) return {};
     return transferredText(vector[0].iov_base, vector[0].iov_len, n);
 }
 
-// A receive call on `fd` returned `n`; `text` is what may be looked at.
+// Counts a receive call on `fd` that returned `n`. `text` may be examined.
 inline ssize_t received(int fd, ssize_t n, Bytes text) {
     if (n < 1) return n;
     DescriptorState* state = trackedDescriptor(fd);
@@ -47,8 +47,8 @@ inline ssize_t received(int fd, ssize_t n, Bytes text) {
     return n;
 }
 
-// A send call on `fd` returned `n`, an error included. A type 0 process
-// publishes from here.
+// Counts a send call on `fd` that returned `n`, also an error. A type 0 process
+// publishes here.
 inline ssize_t sent(int fd, ssize_t n, Bytes text) {
     DescriptorState* state = trackedDescriptor(fd);
     if (state == nullptr) return n;
