@@ -9,12 +9,12 @@
 
 namespace tolvane {
 
-// The value that replaces one out of 0..limit.
+// `value`, bounded to 0..limit.
 constexpr std::int32_t bounded(std::int32_t value, int limit) {
     return value < 0 ? 0 : value > limit ? limit : value;
 }
 
-// Of one category; called by forEachBoundedField.
+// The part of forEachBoundedField for one category.
 template <typename Visitor>
 void forEachBoundedFieldOf(CategoryConfig& category, int s, int c, Visitor& visitor) {
     visitor.number(category.numSections, kMaxSections, "numSections", {s, c});
@@ -30,15 +30,15 @@ void forEachBoundedFieldOf(CategoryConfig& category, int s, int c, Visitor& visi
     }
 }
 
-// Calls for each field in use, counts before what they count:
+// Calls the visitor for each field in use, a count before the elements it counts:
 //   visitor.number(std::int32_t& value, int limit, const char* field, indices)
-//       for a number that has to be 0 to `limit`;
+//       for a number that must be 0 to `limit`;
 //   visitor.text(char* text, int size, const char* field, indices)
-//       for a text that has to end within its `size` bytes.
-// `indices` (std::initializer_list<int>) tell which site, category, section and
-// piece. The visitor may change the values; whether it does or not, elements
-// beyond the capacity of an array are never visited. The labels of categories
-// are not among the fields, since only agents read them.
+//       for a text that must be terminated within its `size` bytes.
+// `indices` (std::initializer_list<int>) are those of the site, category, section
+// and piece. The visitor may change the values. Elements beyond the capacity of an
+// array are never visited, even if the visitor changes nothing. The labels of
+// categories are not visited, because only agents read them.
 template <typename Visitor>
 void forEachBoundedField(ConfigInfo& config, Visitor&& visitor) {
     visitor.number(config.numSites, kMaxSites, "numSites", {});

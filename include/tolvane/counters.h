@@ -1,8 +1,7 @@
-// The counters of a result record, one line each. Whatever lists counters
-// (sums, reports, JSON, metrics, the database of totals) does so by these
-// tables.
+// The counters of a result record, one line each. All code that lists counters
+// (sums, reports, JSON, metrics, the database of totals) uses these tables.
 //
-// Not in the tables: the gauges, since every publication adds to them, so that
+// Not in the tables: the gauges, because every publication adds to them, so that
 // their sum is meaningless, and `responseTimeSum`, which is not an integer.
 #pragma once
 
@@ -19,10 +18,10 @@ enum class CounterUnit { kEvents, kBytes };
 
 template <typename Block>
 struct Counter {
-    const char* name;  // in JSON and in the database; with "_total", in metrics
+    const char* name;  // in JSON and in the database; with "_total" in metrics
     std::uint32_t Block::*member;
     CounterUnit unit;
-    const char* help;  // begins a sentence
+    const char* help;  // beginning of a sentence
 };
 
 inline constexpr Counter<CounterBlock> kTrafficCounters[] = {
@@ -52,14 +51,13 @@ inline constexpr Counter<CategoryCounters> kCategoryCounters[] = {
      "Requests whose connection closed before a response"},
 };
 
-// One gauge in each block; a double in that of a category.
+// Each block also has one gauge, and that of a category has a double.
 static_assert(sizeof(CounterBlock) == sizeof(std::uint32_t) * (std::size(kTrafficCounters) + 1),
               "a counter is missing from the table");
 static_assert(sizeof(CategoryCounters) ==
                   sizeof(std::uint32_t) * (std::size(kCategoryCounters) + 1) + sizeof(double),
               "a counter is missing from the table");
 
-// The table of a block.
 template <typename Block>
 constexpr const auto& countersOf() {
     if constexpr (std::is_same_v<Block, CounterBlock>) {

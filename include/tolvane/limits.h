@@ -1,9 +1,9 @@
-// Limits of the shim that an agent has to know.
+// Limits of the shim that an agent needs.
 #pragma once
 
 namespace tolvane {
 
-// Entries of each of the two tables, plain and SSL, of listening addresses.
+// Capacity of each of the two tables of listening addresses, plain and SSL.
 inline constexpr int kMaxAddresses = 10;
 
 }  // namespace tolvane

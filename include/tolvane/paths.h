@@ -10,8 +10,8 @@ inline constexpr char kLogDirectory[] = "/opt/tolvane/agent/logs";
 inline constexpr char kConfigDirectory[] = "/opt/tolvane/agent/config";
 inline constexpr char kDataDirectory[] = "/opt/tolvane/agent/data";
 
-// The handoff file, "webadapter." and the id of the process that started the
-// measurement, tells an agent where the segment is:
+// The handoff file describes the segment to an agent. Its name is "webadapter." and
+// the id of the process that started the measurement:
 //     Listen=*:80,10.0.0.1:443
 //     Shmid=32769
 //     Server_Type=APACHE
@@ -22,11 +22,11 @@ inline constexpr char kHandoffPrefix[] = "webadapter.";
 // Exists while a process removes a segment.
 inline constexpr char kLockFile[] = "/opt/tolvane/agent/data/web_adapter_LOCK";
 
-// Every message of every measured process, one line each.
+// The messages of all measured processes, one line each.
 inline constexpr char kLogFile[] = "/opt/tolvane/agent/logs/web_log";
 
-// Below a server's root directory: where Apache listens, its main process, and
-// its processing module.
+// Files below a server's root directory: Apache's configuration, the id of its main
+// process, the name of its processing module, and a Netscape type's configuration.
 inline constexpr char kApacheConfigurationFile[] = "conf/httpd.conf";
 inline constexpr char kApachePidFile[] = "logs/httpd.pid";
 inline constexpr char kApacheModuleFile[] = "logs/.tolvane_info";

@@ -1,22 +1,21 @@
 // The format of the System V shared memory segment that the shim shares with the
-// agent. paths.h has the files through which the two find each other.
+// agent. paths.h names the files that lead the agent to a segment.
 //
-// Two separately built programs, of either word size, read and write the same
-// bytes, so every size and offset is part of the format and asserted below.
+// Separately built programs of either word size read and write the same bytes, so
+// every size and offset is part of the format and asserted below.
 //
 //   offset        size                    content
 //   0             310856                  one ConfigInfo
 //   310856        numStructures * 4656    the result records (ResultStruct)
 //
-// Integers are 32 bits, little-endian, two's complement; the one floating
-// point field is an IEEE 754 double; there is no padding anywhere; text fields
-// hold a NUL-terminated string. A freshly created segment is all zero.
+// Integers are 32 bits, little-endian, two's complement. The floating point field
+// is an IEEE 754 double. There is no padding. Text fields contain a NUL-terminated
+// string. A new segment is all zero.
 //
-// Who writes what: the agent owns the configuration (everything in ConfigInfo
-// but `parentPid`) and sets a record's dirty flags to 0 when it has taken a
-// group. The shim owns the counters, sets the dirty flags to 1, and writes
-// `semaphoreId`, `parentPid`, the first `interval` and the first and last
-// `version`.
+// Ownership: the agent writes the configuration (ConfigInfo except `parentPid`) and
+// sets a group's dirty flag to 0 when it has collected the group. The shim writes
+// the counters, sets the dirty flags to 1, and writes `semaphoreId`, `parentPid`,
+// the first `interval` and the first and last `version`.
 #pragma once
 
 #include <cstddef>
@@ -26,8 +25,8 @@
 
 namespace tolvane {
 
-// Capacities. Counts in the configuration block never exceed them; a shim
-// process bounds what it copies before it uses it.
+// Capacities. Counts in the configuration block must not exceed them. A process of
+// the shim bounds its copy of the block before it uses it.
 inline constexpr int kMaxSites = 10;
 inline constexpr int kMaxCategories = 15;  // per site
 inline constexpr int kMaxSections = 6;     // URL patterns per category
@@ -39,7 +38,7 @@ inline constexpr int kNameSize = 128;
 
 // Values of ConfigInfo::version that the shim writes. Any version that an
 // agent writes to make a configuration valid is 1 or more.
-inline constexpr std::int32_t kVersionCreated = -1;  // nobody has configured it yet
+inline constexpr std::int32_t kVersionCreated = -1;  // not configured yet
 inline constexpr std::int32_t kVersionRemoved = -2;  // the server has ended
 
 inline constexpr std::int32_t kDefaultInterval = 60;  // seconds
@@ -48,8 +47,8 @@ inline constexpr std::int32_t kNoSemaphore = -1;
 
 #pragma pack(push, 4)
 
-// One URL pattern: up to six literal pieces with any text between consecutive
-// ones. Piece text is literal and case-sensitive.
+// A URL pattern: up to six literal, case-sensitive pieces with any text between
+// consecutive pieces.
 struct UrlSection {
     std::int32_t numPieces;                // 0 to 6; 0 matches every URL
     char piece[kMaxPieces][kPieceSize];    // at most 47 characters each
@@ -58,17 +57,17 @@ struct UrlSection {
     std::int32_t pieceLength[kMaxPieces];  // bytes in piece[i], without its NUL
 };
 
-// One URL category of a site. A URL is in it when it matches any section.
+// A URL category of a site. A URL is in the category if it matches any section.
 struct CategoryConfig {
-    char label[kLabelSize];    // the agent's own; the shim never looks at it
+    char label[kLabelSize];    // for the agent; the shim never reads it
     std::int32_t numSections;  // 0 to 6
     UrlSection sections[kMaxSections];
 };
 
-// The configuration block, at offset 0 of the segment. A process copies it
-// whole when `version` has grown past that of its own copy (signed compare).
-// An agent that rewrites a block in use first sets `version` to a value of 0
-// or less, so that no process takes a half-written one, and raises it last.
+// The configuration block, at offset 0 of the segment. A process copies the whole
+// block when `version` is greater than that of its copy (signed comparison). An
+// agent that rewrites a block in use first sets `version` to a value of 0 or less,
+// so that no process copies an incomplete block, and sets the new version last.
 struct ConfigInfo {
     std::int32_t numSites;                  // agent: 0 to 10
     std::int32_t interval;                  // seconds between two publications of a
@@ -84,7 +83,7 @@ struct ConfigInfo {
 
 // Traffic counters, of a whole record or of one site. Counters wrap at 2^32.
 struct CounterBlock {
-    std::uint32_t connections;  // accepted; of a site: first matched request was its
+    std::uint32_t connections;  // accepted; of a site: those whose first match is the site
     std::uint32_t requests;
     std::uint32_t bytesSent;        // bytes
     std::uint32_t bytesReceived;    // bytes
@@ -96,7 +95,7 @@ struct CounterBlock {
     std::uint32_t serverErrors;     // responses of status class 5
 };
 
-// Counters of one URL category of one site.
+// Counters of a URL category of a site.
 struct CategoryCounters {
     std::uint32_t bytesSent;  // bytes
     std::uint32_t requests;
@@ -106,10 +105,10 @@ struct CategoryCounters {
     double responseTimeSum;   // seconds, over responses of status class below 4
 };
 
-// One result record. Record i of the segment lies at
-// kConfigSize + i * kRecordSize. A dirty flag of 1 says that the group holds
-// counts added since the agent last took it; the agent sets it to 0 when it
-// takes the group, and the next publication clears the group before it adds.
+// A result record. Record i is at offset kConfigSize + i * kRecordSize of the
+// segment. A dirty flag of 1 means that counts were added to the group since the
+// agent last collected it. The agent sets the flag to 0 when it collects the group,
+// and the next publication resets the group before it adds counts.
 struct ResultStruct {
     CounterBlock total;
     CounterBlock site[kMaxSites];

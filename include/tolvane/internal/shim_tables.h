@@ -1,9 +1,8 @@
-// The shim's own process-global tables: where the server listens, what is
-// known of each descriptor, and the state of the measurement in this process.
-// The connection slots are in slot_tables.h. All of
-// it is defined in shim_utils/state/.
+// The shim's process-global tables: listening addresses, descriptor states, and the
+// state of the measurement in this process. The connection slots are in
+// slot_tables.h. All tables are defined in shim_utils/state/.
 //
-// A child created by fork inherits all of it.
+// A child created by fork inherits all tables.
 #pragma once
 
 #ifndef TOLVANE_INTERNAL
@@ -19,7 +18,7 @@
 #include "tolvane/limits.h"
 #include "tolvane/segment_format.h"
 
-// The library reaches tables of its own without a detour.
+// Hidden, so that the library accesses its tables directly.
 #pragma GCC visibility push(hidden)
 
 namespace tolvane {
@@ -32,11 +31,11 @@ enum ServerType : int {
     kApacheThreads = 3,    // threads in several worker processes
 };
 
-// Written by server discovery in the process's first listen, then only read.
+// Written by server discovery in the process's first listen call, then only read.
 extern int webServerType;
 extern int numSemaphores;    // NUM_SEMAPHORES; -1: not set
 extern int requestInterval;  // measured send calls between two publications, type 0
-extern int maxNumProcess;    // the server's process limit, 1 when it names none
+extern int maxNumProcess;    // the server's process limit, 1 if it configures none
 
 inline constexpr int kRootSize = PATH_MAX;
 inline constexpr int kPathSize = kRootSize + 32;  // root and the name of a file under it
@@ -47,8 +46,8 @@ inline constexpr int kAddressNameSize = 50;
 inline constexpr std::uint32_t kAnyAddress = 0xFFFFFFFF;
 inline constexpr int kAnyPort = -1;
 
-// Addresses on which the server's configuration makes it listen. Written by
-// discovery, read by listen and by the handoff file.
+// The listening addresses of the server's configuration. Written by discovery, read
+// by listen and for the handoff file.
 struct PortTable {
     int numHttpPort;
     int httpPort[kMaxAddresses];             // host byte order; kAnyPort in the SSL table
@@ -58,8 +57,8 @@ struct PortTable {
 extern PortTable plainPorts;
 extern PortTable sslPorts;
 
-// The distinct addresses of one kind in the order of the configuration. The first
-// ten become a PortTable. Written by discovery, read by listen.
+// The distinct addresses of one kind, in the order of the configuration. The first
+// ten fill a PortTable. Written by discovery, read by listen.
 struct AddressList {
     static constexpr int kCapacity = 1024;
 
@@ -71,13 +70,13 @@ struct AddressList {
 extern AddressList plainAddresses;
 extern AddressList sslAddresses;
 
-// No process opens more descriptors than this, and a table of this many entries
-// fits a 32-bit address space without crowding it.
+// Greater than the number of descriptors that a process opens. A table of this many
+// entries leaves enough of a 32-bit address space.
 inline constexpr int kLargestTable = 1 << 22;
 
-// A set of listening sockets, by descriptor. listen adds and removes, and so
-// does whatever closes the descriptor; accept looks up. A server may do all of
-// that in several threads. Pages that no descriptor falls in cost no memory.
+// A set of listening sockets, by descriptor. listen adds and removes sockets, the
+// close calls remove them, and accept looks them up, possibly in several threads.
+// Pages without descriptors cost no memory.
 class ListenTable {
   public:
     static bool fits(int fd) {
@@ -86,7 +85,7 @@ class ListenTable {
     bool contains(int fd) const {
         return fits(fd) && (word(fd).load(std::memory_order_relaxed) & bit(fd)) != 0;
     }
-    // Makes the set contain `fd` or not.
+    // Adds or removes `fd`.
     void set(int fd, bool contained) {
         if (contained == contains(fd) || !fits(fd)) return;
         if (contained) {
@@ -106,39 +105,39 @@ class ListenTable {
 };
 extern ListenTable httpListenSocket;     // connections are plain
 extern ListenTable sslHttpListenSocket;  // connections are SSL
-extern ListenTable localListenSocket;    // of another family than the Internet's: no clients
+extern ListenTable localListenSocket;    // neither IPv4 nor IPv6: no clients
 
 // ------------------------------------------------------------- descriptors
 
-// Kinds of connection. Untracked is 0 so that an untouched page of the table
-// below is a valid stretch of it: a huge descriptor limit costs no memory.
+// Kinds of connection. Untracked is 0, so that zeroed pages of the table below are
+// valid, and a large descriptor limit costs no memory.
 enum SocketKind : std::uint8_t {
     kUntracked = 0,  // never accepted while measuring, on another socket, or closed
     kSsl = 1,
     kPlain = 2,
 };
 
-// What is known of one descriptor. Written only by the thread that serves the
-// connection, between its accept and its close; atomic (and always relaxed)
-// because a server may close a descriptor that another thread looks up.
+// The state of a descriptor. Written only by the thread that serves the connection,
+// between its accept and its close. Atomic (and always relaxed), because a server
+// may close a descriptor that another thread looks up.
 struct DescriptorState {
-    std::atomic<std::uint8_t> typeOfSocket;         // SocketKind; also says whether it is open
+    std::atomic<std::uint8_t> typeOfSocket;         // SocketKind; kUntracked when not open
     std::atomic<std::uint8_t> seenHttpRequestHdr;   // 1: further reads belong to this request
-    std::atomic<std::uint8_t> seenHttpResponseHdr;  // 1: the response has been started
+    std::atomic<std::uint8_t> seenHttpResponseHdr;  // 1: the response has started
     std::atomic<std::uint8_t> seenHttpConnection;   // 1: not yet counted for a site
-    std::atomic<std::uint8_t> seenWriteOnce;        // 1: answered since data was last read
-    std::atomic<std::uint8_t> owner;                // processGeneration of who last served it
-    std::atomic<std::int32_t> slotPlusOne;          // slot it holds + 1; 0: none (threaded servers)
+    std::atomic<std::uint8_t> seenWriteOnce;        // 1: written to since the last read
+    std::atomic<std::uint8_t> owner;        // processGeneration of the process that last served it
+    std::atomic<std::int32_t> slotPlusOne;  // its slot + 1; 0: no slot (threaded servers)
 };
 static_assert(sizeof(DescriptorState) == 12);
 
-extern int maxSockets;                // the hard limit of descriptors; most slots there can be
+extern int maxSockets;                // the hard limit of descriptors; maximum number of slots
 extern int tableSize;                 // entries of `descriptors`
 extern DescriptorState* descriptors;  // indexed by descriptor
-// One above the highest descriptor that ever got a slot: bounds a range close.
+// One above the highest descriptor ever recorded; limits a range close.
 extern std::atomic<int> trackedLimit;
 
-// The state of `fd`, or null when it is outside the table.
+// The state of `fd`, or null if it is outside the table.
 inline DescriptorState* descriptorState(int fd) {
     return static_cast<unsigned>(fd) < static_cast<unsigned>(tableSize) ? descriptors + fd
                                                                         : nullptr;
@@ -146,28 +145,28 @@ inline DescriptorState* descriptorState(int fd) {
 
 // ------------------------------------------------- measurement in this process
 
-extern std::atomic<int> tolvaneShimEnabled;  // 1: measure; 0: every call goes straight through
+extern std::atomic<int> tolvaneShimEnabled;  // 1: measure; 0: do nothing but the real calls
 extern int numStructures;                    // shared records
-extern int bucketNumber;                     // the shared record that this process adds into
+extern int bucketNumber;                     // the shared record that this process adds to
 extern int shmid;
 extern ConfigInfo* shmConfig;  // the attached segment
 extern ResultStruct* shmPtr;   // its record 0
 
 extern int listenPid;  // process that ran the start-up
 
-// The process that this memory belongs to, 0 before start-up: written there and
-// in every forked child. A vforked child has another id: it runs in its parent's
-// memory, where what it does with its own descriptors must leave no trace.
+// The process that owns this memory, 0 before start-up. Written at start-up and in
+// every forked child. A vforked child has another id, because it runs in its parent's
+// memory. Its calls must not change that memory.
 extern std::atomic<int> memoryPid;
-extern std::atomic<int> parentPid;  // the server's parent, kUnknownPid until learned
+extern std::atomic<int> parentPid;  // the server's parent, kUnknownPid until discovered
 
-// Thread pointer of the thread that serves a type 0 process; null until its
-// first connection.
+// Thread pointer of the serving thread of a type 0 process; null before its first
+// connection.
 extern std::atomic<void*> servingThread;
 
-// Whether this process has begun to serve HTTP connections, and whether it is
-// ready for them: its shared record is fixed and, with threads, its
-// configuration taken and its monitor started.
+// Whether this process has begun to serve HTTP connections, and whether it is ready
+// for them: its shared record is chosen and, in a threaded server, its configuration
+// copied and its monitor started.
 extern std::atomic<bool> servesConnections;
 extern std::atomic<bool> readyForConnections;
 
@@ -175,7 +174,7 @@ extern std::atomic<bool> readyForConnections;
 extern sembuf psembuf;
 extern sembuf vsembuf;
 
-// Raised in every forked child: tells inherited connections from own ones.
+// Incremented in every forked child, to distinguish inherited connections.
 extern std::uint8_t processGeneration;
 
 }  // namespace tolvane

@@ -5,8 +5,8 @@
 // Slots are allocated in blocks of 75 that never move, so the address of a slot is
 // valid for the life of the process. Only the thread that serves the connection
 // writes the slot's SlotState and record. The publisher reads them and keeps a
-// copy of what it has already published. The serving thread's data are never
-// reset, so neither side waits and no count is lost.
+// copy of the counts that it has published. The serving thread's counts are never
+// reset, so neither thread waits and no count is lost.
 #pragma once
 
 #ifndef TOLVANE_INTERNAL
@@ -19,14 +19,14 @@
 #include "tolvane/internal/shim_tables.h"
 #include "tolvane/segment_format.h"
 
-// The library reaches tables of its own without a detour.
+// Hidden, so that the library accesses its tables directly.
 #pragma GCC visibility push(hidden)
 
 namespace tolvane {
 
 // The request in progress on one connection.
 struct RequestInfo {
-    std::int32_t siteIndex;      // matched site, -1: none; 0 after a reset
+    std::int32_t siteIndex;      // matched site, -1: no site; 0 after a reset
     std::int32_t startSec;       // time of day at which the request began; written only
     std::int32_t startUsec;      // when it matched a category
     std::int32_t numMatched;     // 0 to 15
@@ -35,16 +35,16 @@ struct RequestInfo {
 };
 static_assert(sizeof(RequestInfo) == 80);
 
-// The serving thread's side of a slot, on cache lines of its own.
+// The part of a slot that only the serving thread writes, on separate cache lines.
 struct alignas(64) SlotState {
     RequestInfo requestInfo;
     // Odd while the serving thread reads the configuration or changes a
     // response time sum; see SlotWork.
     std::atomic<std::uint32_t> sequence;
-    // Raised at the end of every step that marks the record dirty (all three
-    // groups at once). A slot whose value the publisher has seen is clean.
+    // Incremented at the end of every step that marks the record dirty (all three
+    // groups at once). A slot is clean if its value equals seenMarks.
     std::atomic<std::uint32_t> dirtyMarks;
-    // Bit s: some count of site s may be other than 0. Never cleared.
+    // Bit s: a count of site s may be other than 0. Never cleared.
     std::atomic<std::uint32_t> touchedSites;
 };
 static_assert(sizeof(SlotState) == 128);
@@ -56,8 +56,8 @@ struct SlotBlock {
     SlotState states[kSlotStep];
     ResultStruct results[kSlotStep];  // counts only grow; dirty flags and semaphore unused
 
-    // Written by the publisher alone: the part of `results` that the
-    // shared record already contains, and the dirtyMarks at that time.
+    // Written by the publisher alone: the part of `results` that the shared record
+    // already contains, and the dirtyMarks at that time.
     ResultStruct published[kSlotStep];
     std::uint32_t seenMarks[kSlotStep];
 
@@ -66,7 +66,7 @@ struct SlotBlock {
     int used;
 };
 
-// Slots of this process; a slot below it exists for good.
+// Number of slots of this process. It never decreases.
 extern std::atomic<int> currMaxSockets;
 extern std::atomic<SlotBlock*> slotBlocks[kLargestTable / kSlotStep + 1];
 
@@ -85,7 +85,7 @@ inline Slot slotAt(int slot) {
     return {block.states[slot % kSlotStep], block.results[slot % kSlotStep]};
 }
 
-// The slot that `descriptor` holds, without taking one; -1: none.
+// The slot of `descriptor`; -1 if it has none. Allocates no slot.
 inline int heldSlot(const DescriptorState& descriptor) {
     return descriptor.slotPlusOne.load(std::memory_order_relaxed) - 1;
 }
