@@ -152,7 +152,7 @@ bool createdWith(const shmid_ds& segment, const semid_ds& set) {
 }
 
 // Removes the semaphores in the run's own list. The run's segment still exists, so
-// the machine has not been restarted, and no other program has got one of these
+// the machine has not been restarted, and no other program uses any of these
 // identifiers. False if there is no such list.
 bool removeListedSemaphores(const EarlierRun& run, const shmid_ds& segment) {
     static WholeFile<kSemaphoreListSize> file;
