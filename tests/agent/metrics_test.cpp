@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "os/text.h"
-#include "web/invented_state.h"
+#include "agent/invented_state.h"
 
 namespace tolvane::agent {
 namespace {

@@ -6,7 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "os/process_facts.h"
-#include "web/invented_state.h"
+#include "agent/invented_state.h"
 
 namespace tolvane::agent {
 namespace {

@@ -1,4 +1,4 @@
-#include "e2e/script.h"
+#include "system/e2e/script.h"
 
 #include <poll.h>
 #include <sys/socket.h>

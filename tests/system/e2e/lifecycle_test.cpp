@@ -16,7 +16,7 @@
 #include <thread>
 #include <utility>
 
-#include "e2e/script.h"
+#include "system/e2e/script.h"
 
 namespace tolvane::test {
 namespace {

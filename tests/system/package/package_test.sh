@@ -4,7 +4,7 @@
 # goes with the test, with systemd in namespaces of its own.
 set -euo pipefail
 source=$(realpath "$1") build=$(realpath "$2")
-here=$source/tests/package
+here=$source/tests/system/package
 work=$build/package
 skip() {
   echo "SKIPPED: $*"

@@ -10,7 +10,7 @@
 
 #include "export/pages.h"
 #include "http/http_server.h"
-#include "web/invented_state.h"
+#include "agent/invented_state.h"
 
 namespace {
 

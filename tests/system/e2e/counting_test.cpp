@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "e2e/script.h"
+#include "system/e2e/script.h"
 
 namespace tolvane::test {
 namespace {

@@ -1,4 +1,4 @@
-#include "web/invented_state.h"
+#include "agent/invented_state.h"
 
 #include <algorithm>
 #include <cmath>
