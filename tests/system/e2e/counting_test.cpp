@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <ctime>
+#include <thread>
 
 #include "system/e2e/script.h"
 
@@ -327,6 +329,46 @@ TEST_F(Listening, ThreadsThatListenAtTheSameMomentStartTheMeasurementOnce) {
         worker->exit();
         EXPECT_EQ(Segment().counts().text(), "total: conn1 req1 in32 out19");
     }
+}
+
+class ExampleSites : public ScriptTest {};
+
+TEST_F(ExampleSites, ReplaceTheFirstThreeUntilANewerConfiguration) {
+    Measured server;
+    server.segment.configure({{"a.test", {"/"}, {"b.test"}}, {"c.test", {"/"}}});
+    const auto request = [&](const std::string& host) {
+        serve(*server.worker, server.listener, host);
+    };
+    const auto expectRequests = [&](const std::vector<std::uint32_t>& ofSites,
+                                    std::uint32_t ofCategories) {
+        const Counts counts = server.segment.counts();
+        for (std::size_t s = 0; s < ofSites.size(); ++s) {
+            EXPECT_EQ(counts.site[s].requests, ofSites[s]) << s;
+        }
+        EXPECT_EQ(counts.category[0][0].requests + counts.category[1][0].requests, ofCategories);
+    };
+    const auto secondPasses = [] { std::this_thread::sleep_for(std::chrono::milliseconds(1010)); };
+    request("a.test");  // the worker takes the configuration
+    request("a.test");
+    const auto before = std::time(nullptr);
+    const long version = (*server.worker)("hard_code_web_sites").result;
+    EXPECT_GE(version, before);
+    EXPECT_LE(version, std::time(nullptr));
+    server.segment.raiseVersion();  // still an older one
+    secondPasses();
+    for (const std::string host : {"www.example.com", "shop.example.com", "news.example.com",
+                                   "news.example.com", "a.test", "c.test"}) {
+        request(host);
+    }
+    expectRequests({2, 1, 2}, 1);
+    request("b.test");  // a further name of the first site, which keeps it
+    expectRequests({3, 1, 2}, 1);
+    server.segment.config().version = static_cast<int>(version);
+    server.segment.raiseVersion();
+    secondPasses();
+    request("shop.example.com");  // the worker takes the configuration
+    for (const std::string host : {"shop.example.com", "a.test", "c.test"}) request(host);
+    expectRequests({4, 3, 2}, 3);
 }
 
 class Reported : public ScriptTest {};

@@ -291,6 +291,10 @@ long keepErrorText(const Arguments&) {
     return text != nullptr && std::strstr(text, "/no/such/library") != nullptr ? 0 : 2;
 }
 
+long hardCodeSites(const Arguments&) {
+    return exported<int()>("hardCodeWebSites")();
+}
+
 const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
     {"listen", listenOn},
     {"in", [](auto& a) { return transfer(a, true); }},
@@ -314,6 +318,7 @@ const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
     {"vfork_briefly", vforkBriefly},
     {"fork", forkAnother},
     {"fork_briefly", forkBriefly},
+    {"hard_code_web_sites", hardCodeSites},
     {"keep_error_text", keepErrorText},
     {"report_request", reportRequest},
     {"report_response", reportResponse},

@@ -20,7 +20,7 @@ from dashboard import Dashboard, as_regex, substitute
 from measured_machine import COLLECTOR, PROMETHEUS, SERVER_PORT, ask, eventually, query, read
 from measured_machine import value
 
-ROOT = Path(__file__).resolve().parents[2]
+ROOT = Path(__file__).resolve().parents[3]
 SHIPPED = ROOT / "monitoring"
 RULE_FILES = [SHIPPED / "tolvane.rules.yml", SHIPPED / "tolvane.alerts.yml"]
 DASHBOARD = Dashboard(SHIPPED / "grafana-dashboard.json")
