@@ -1,10 +1,18 @@
 """The page in a real browser: page_test.py PAGE_SERVER."""
 
+import shutil
 import subprocess
 import sys
 import unittest
 
-import webdriver
+try:
+    from selenium import webdriver
+    from selenium.webdriver.chrome.service import Service
+    from selenium.webdriver.common.by import By
+    from selenium.webdriver.common.keys import Keys
+    from selenium.webdriver.support.wait import WebDriverWait
+except ImportError:
+    webdriver = None
 
 NOTHING = "–"
 HOSTILE = "<img src=x onerror=\"document.title='broken'\">"
@@ -41,19 +49,39 @@ return ratios.sort((a, b) => a[0] - b[0])[0];
 class Page(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.browser = cls.enterClassContext(webdriver.Browser())
+        options = webdriver.ChromeOptions()
+        for flag in ("headless", "no-sandbox", "disable-quic", "disable-background-networking",
+                     "disable-component-update", "disable-sync", "disable-dev-shm-usage"):
+            options.add_argument("--" + flag)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        cls.browser = webdriver.Chrome(options=options, service=Service("/usr/bin/chromedriver"))
+        cls.addClassCleanup(cls.browser.quit)
+
+    def run_script(self, body, *arguments):
+        return self.browser.execute_script(body, *arguments)
+
+    def wait(self, *script):
+        WebDriverWait(self.browser, 15).until(lambda _: self.run_script(*script), script)
+
+    def complaints(self):
+        """What the page has written to the browser's console since the last call."""
+        return [entry["message"] for entry in self.browser.get_log("browser")]
+
+    def resize(self, width):
+        self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": width, "height": 800, "deviceScaleFactor": 1, "mobile": width < 600})
 
     def serve(self, scenario, width=1500):
         self.server = subprocess.Popen([program, scenario], stdin=subprocess.PIPE,
                                        stdout=subprocess.PIPE, text=True)
         self.addCleanup(self.stop)
         # Runs before the above: a page complains when its server stops.
-        self.addCleanup(self.browser.open, "about:blank")
-        self.browser.complaints()  # those of the page before are not this one's
-        self.browser.resize(width, 800)
-        self.browser.open(f"http://127.0.0.1:{self.server.stdout.readline().strip()}/")
-        self.browser.wait("return document.querySelector('.spark .line[d]:not([d=\"\"])')"
-                          if scenario != "empty" else "return !none.hidden")
+        self.addCleanup(self.browser.get, "about:blank")
+        self.complaints()  # those of the page before are not this one's
+        self.resize(width)
+        self.browser.get(f"http://127.0.0.1:{self.server.stdout.readline().strip()}/")
+        self.wait("return document.querySelector('.spark .line[d]:not([d=\"\"])')"
+                  if scenario != "empty" else "return !none.hidden")
 
     def stop(self):
         if not self.server.stdin.closed:
@@ -66,15 +94,13 @@ class Page(unittest.TestCase):
         self.server.stdin.flush()
 
     def rows(self):
-        return {row["name"]: row for row in self.browser.run(ROWS)}
+        return {row["name"]: row for row in self.run_script(ROWS)}
 
     def names(self):
         return list(self.rows())
 
     def await_notice(self, part):
-        shown = self.browser.wait(
-            "return notices.textContent.includes(arguments[0]) && notices.textContent", part)
-        self.assertTrue(shown, f"no notice with '{part}'")
+        self.wait("return notices.textContent.includes(arguments[0])", part)
 
     def test_shows_every_count(self):
         self.serve("shop")
@@ -99,15 +125,14 @@ class Page(unittest.TestCase):
         self.serve("shop")
         self.assertIn(HOSTILE, self.names())
         self.assertIn('"quoted\\" ?', self.names())
-        self.assertEqual(self.browser.run("return [document.title, document.images.length]"),
+        self.assertEqual(self.run_script("return [document.title, document.images.length]"),
                          ["Tolvane", 0])
-        self.assertEqual(self.browser.complaints(), [])
+        self.assertEqual(self.complaints(), [])
 
     def test_follows_the_counts(self):
         self.serve("shop")
         self.say("take 50")
-        self.assertTrue(self.browser.wait(
-            "return document.body.textContent.includes('1,234,617')"))
+        self.wait("return document.body.textContent.includes('1,234,617')")
         rows = self.rows()
         self.assertEqual(rows["cart"]["requests"], "823,094")
         self.assertEqual([rows[name]["rate"] for name in ("All traffic", "cart", "search")],
@@ -116,11 +141,11 @@ class Page(unittest.TestCase):
     def test_fits_every_width(self):
         for scenario in ("shop", "many", "states", "empty"):
             self.serve(scenario)
-            columns = self.browser.run("return document.querySelectorAll('thead button').length")
+            columns = self.run_script("return document.querySelectorAll('thead button').length")
             for width in (320, 360, 560, 820, 1060, 1240, 1480):
-                self.browser.resize(width, 800)
+                self.resize(width)
                 for column in range(max(min(columns, 16), 1)):
-                    wide = self.browser.run(
+                    wide = self.run_script(
                         "document.querySelectorAll('thead button')[arguments[0]]?.click();"
                         "return document.documentElement.scrollWidth", column)
                     self.assertLessEqual(wide, width, f"{scenario}, sorted by column {column}")
@@ -129,15 +154,15 @@ class Page(unittest.TestCase):
     def test_a_phone_shows_rates_and_lines(self):
         self.serve("shop", 360)
         self.assertEqual(
-            self.browser.run("return [...document.querySelectorAll('thead tr:last-child th')]"
+            self.run_script("return [...document.querySelectorAll('thead tr:last-child th')]"
                              ".filter((th) => th.checkVisibility()).map((th) => th.textContent)"),
             ["Site / category", "Req/s", "Errors", "Response"])
-        self.assertEqual(self.browser.run(
+        self.assertEqual(self.run_script(
             "return document.querySelector('.site small').innerText"), "1.2M req, 6.3 GB")
 
     def test_draws_the_last_minutes(self):
         self.serve("shop")
-        lines = self.browser.run("""
+        lines = self.run_script("""
             return Object.fromEntries([...document.querySelectorAll('tbody tr')].map((tr) => [
               tr.querySelector('th span').textContent, [...tr.querySelectorAll('svg')].map((svg) => [
                 svg.getAttribute('aria-label'), svg.querySelector('.line').getBBox().height,
@@ -156,33 +181,31 @@ class Page(unittest.TestCase):
         self.serve("shop")
         sites = ["shop.example", "blog.example", HOSTILE]
         self.assertEqual([name for name in self.names() if name in sites], sites)
-        self.browser.run("document.querySelector('th.requests button').focus()")
-        self.browser.press("\ue007")
+        self.browser.find_element(By.CSS_SELECTOR, "th.requests button").send_keys(Keys.ENTER)
         self.assertEqual(
-            self.browser.run("return document.querySelector('th.requests').ariaSort"), "ascending")
+            self.run_script("return document.querySelector('th.requests').ariaSort"), "ascending")
         self.assertEqual(self.names(), ["All traffic", HOSTILE, '"quoted\\" ?', "blog.example",
                                         "posts", "shop.example", "search", "catalogue", "cart"])
 
     def test_filters(self):
         self.serve("shop")
-        self.browser.run("filter.value = 'CAT'; filter.dispatchEvent(new Event('input'))")
+        self.run_script("filter.value = 'CAT'; filter.dispatchEvent(new Event('input'))")
         self.assertEqual(self.names(), ["All traffic", "shop.example", "catalogue"])
-        self.browser.run("categories.click()")
+        self.run_script("categories.click()")
         self.assertEqual(self.names(), ["All traffic", "shop.example"])
 
     def test_names_the_state_of_each_server(self):
         self.serve("states")
         self.assertEqual(
-            self.browser.run("return [...document.querySelectorAll('summary')].map((summary) => "
+            self.run_script("return [...document.querySelectorAll('summary')].map((summary) => "
                              "summary.innerText.replace(/\\s*\\n\\s*/g, ' | '))"),
             ["*:8080 | live", "*:8081 | ending | the server has stopped; 2 processes remain",
              "*:8082 | stale | no process of it runs", "*:8083 | held | held by collector 4711",
              "*:8084 | unreadable | its segment 65538 is smaller than 16 records need",
              "127.0.0.1:8090 | stopped | not running; its totals are kept"])
         self.assertEqual(len(self.rows()), 3)
-        self.browser.run("document.querySelectorAll('summary')[3].click()")
-        self.assertTrue(self.browser.wait(
-            "return document.querySelectorAll('details')[3].querySelector('tbody .line[d]')"))
+        self.run_script("document.querySelectorAll('summary')[3].click()")
+        self.wait("return document.querySelectorAll('details')[3].querySelector('tbody .line[d]')")
 
     def test_says_what_is_wrong(self):
         self.serve("shop")
@@ -200,16 +223,16 @@ class Page(unittest.TestCase):
             self.say("invalid")
             self.await_notice("not valid")
             for scheme in ("light", "dark"):
-                self.browser.prefer(scheme)
-                ratio, where = self.browser.run(CONTRAST)
+                self.browser.execute_cdp_cmd("Emulation.setEmulatedMedia", {
+                    "features": [{"name": "prefers-color-scheme", "value": scheme}]})
+                ratio, where = self.run_script(CONTRAST)
                 self.assertGreaterEqual(ratio, 4.5, f"{where} when {scheme}")
             self.stop()
 
 
 if __name__ == "__main__":
-    lacking = webdriver.missing()
-    if lacking:
-        print(f"Skipped: {' and '.join(lacking)} not installed (Debian: chromium, chromium-driver)")
+    if not webdriver or not shutil.which("chromium") or not shutil.which("chromedriver"):
+        print("Skipped: not all of Debian's python3-selenium, chromium, chromium-driver are there")
         sys.exit(77)
     program = sys.argv.pop(1)
     unittest.main(verbosity=2)
