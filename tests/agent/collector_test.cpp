@@ -1,12 +1,10 @@
-// The collector beside servers that count, restart, end and are taken from by
+// The collector beside servers that count, restart, end and are collected by
 // others, and beside other collectors.
 #include "collector/collector.h"
 
-#include <SQLiteCpp/SQLiteCpp.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -14,85 +12,13 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 
 #include "cli/exit_code.h"
-#include "fake_server.h"
+#include "collector_support.h"
 #include "os/error.h"
-#include "support/sandbox.h"
 
 namespace tolvane::agent::test {
 namespace {
-
-constexpr char kState[] = "/opt/state";
-constexpr char kConfig[] = "/opt/sites.toml";
-
-void change(int semaphore, short units) {
-    sembuf operation = {0, units, SEM_UNDO};
-    semop(semaphore, &operation, 1);
-}
-
-// One publication: `requests` with 1000 bytes each, for site 0 and category 0.
-void publish(const FakeServer& server, int record, std::uint32_t requests) {
-    int semaphore = server.semaphores()[static_cast<std::size_t>(record)];
-    server.edit([&](ConfigInfo&, ResultStruct* records) {
-        change(semaphore, -1);
-        ResultStruct& r = records[record];
-        for (CounterBlock* block : {&r.total, &r.site[0]}) {
-            block->requests += requests;
-            block->bytesSent += requests * 1000;
-        }
-        r.category[0][0].requests += requests;
-        r.category[0][0].responseTimeSum = r.category[0][0].responseTimeSum + 0.25 * requests;
-        r.totalDirty = r.sitesDirty = r.categoriesDirty = 1;
-        change(semaphore, 1);
-    });
-}
-
-// As the shim ends a server: the mark, then the removal.
-void endServer(const FakeServer& server) {
-    for (int semaphore : server.semaphores()) semctl(semaphore, 0, IPC_RMID);
-    server.edit([](ConfigInfo& config, ResultStruct*) { config.version = kVersionRemoved; });
-    shmctl(server.shmid(), IPC_RMID, nullptr);
-    unlink(server.handoff().c_str());
-}
-
-void writeSites(const std::string& first, const std::string& second = "") {
-    std::string text = "interval = 7\n[[site]]\nname = \"" + first +
-                       "\"\n[[site.category]]\nlabel = \"all\"\nurls = [\"*\"]\n";
-    if (!second.empty()) text += "[[site]]\nname = \"" + second + "\"\n";
-    tolvane::test::writeFile(kConfig, text);
-}
-
-CollectorOptions options(const char* config = "") {
-    return {config, kState, 1};
-}
-
-// The rows as "requests/bytes" by name, the server's own under "".
-using Rows = std::map<std::string, std::string>;
-Rows rowsOf(const Collector& collector, const std::string& server = "*:8080") {
-    Rows rows;
-    collector.read([&](const CollectorState& state) {
-        auto found = state.servers.find(server);
-        if (found == state.servers.end()) return;
-        auto text = [](std::uint64_t requests, std::uint64_t bytes) {
-            return std::to_string(requests) + "/" + std::to_string(bytes);
-        };
-        const ServerTally& tally = found->second;
-        rows[""] =
-            text(tally.total[&CounterBlock::requests], tally.total[&CounterBlock::bytesSent]);
-        for (const SiteTally& site : tally.sites) {
-            rows[site.name] =
-                text(site.counts[&CounterBlock::requests], site.counts[&CounterBlock::bytesSent]);
-            for (const CategoryTally& category : site.categories) {
-                rows[site.name + " " + category.label] =
-                    text(category.counts[&CategoryCounters::requests],
-                         static_cast<std::uint64_t>(category.counts.responseTimeSum * 100));
-            }
-        }
-    });
-    return rows;
-}
 
 RunState stateOf(const Collector& collector) {
     RunState state = RunState::kUnreadable;
@@ -241,126 +167,6 @@ TEST(Collector, LeavesARecordWhoseLockIsHeldForTheNextTime) {
     collector.round();
     EXPECT_EQ(rowsOf(collector, "*:81")[""], "9/0");
     EXPECT_EQ(semctl(others, 0, GETPID), 0);
-}
-
-TEST(Collector, GivesEveryServerTheFileAndAgainWhenItChanges) {
-    writeSites("a.test");
-    FakeServer server(1);
-    Collector collector(options(kConfig));
-    auto seen = [&] {
-        std::string text;
-        server.edit([&](ConfigInfo& config, ResultStruct*) {
-            text = std::to_string(config.version) + ":";
-            for (int s = 0; s < config.numSites; ++s) {
-                text += " " + std::string(config.siteName[s]) + "(" +
-                        std::to_string(config.numCategories[s]) + ")";
-            }
-        });
-        return text;
-    };
-    collector.round();
-    EXPECT_EQ(seen(), "1: a.test(1)");
-    publish(server, 0, 4);
-    collector.round();
-    EXPECT_EQ(seen(), "1: a.test(1)");
-
-    // Another agent's configuration stands until the file changes.
-    server.edit([](ConfigInfo& config, ResultStruct*) { config.version = 5; });
-    collector.round();
-    EXPECT_EQ(seen(), "5: a.test(1)");
-
-    tolvane::test::writeFile(kConfig, "[[site]]\nname = 7\n");
-    collector.reload();
-    collector.round();
-    EXPECT_EQ(seen(), "5: a.test(1)");
-    collector.read([](const CollectorState& state) { EXPECT_FALSE(state.health.configValid); });
-
-    // A site in front of the others moves nothing, and a removed one leaves a gap.
-    writeSites("new.test", "a.test");
-    for (int i = 0; i < 3; ++i) collector.round();
-    EXPECT_EQ(seen(), "5: a.test(1)") << "it may be half written";
-    sleep(1);
-    collector.round();
-    EXPECT_EQ(seen(), "6: a.test(0) new.test(1)");
-    publish(server, 0, 1);
-    writeSites("b.test", "new.test");
-    collector.reload();
-    collector.round();
-    EXPECT_EQ(seen(), "7: (0) new.test(0) b.test(1)");
-    // A process that has not taken the new one yet.
-    publish(server, 0, 1);
-    collector.round();
-    EXPECT_EQ(rowsOf(collector)["a.test"], "6/6000");
-    collector.read([](const CollectorState& state) {
-        for (const SiteTally& site : state.servers.at("*:8080").sites) {
-            EXPECT_EQ(site.configured, site.name != "a.test") << site.name;
-        }
-        EXPECT_EQ(state.health.configWritten, 3U);
-    });
-}
-
-TEST(Collector, GoesOnCountingWhileItsTotalsCannotBeKept) {
-    FakeServer server(1);
-    {
-        Collector collector(options());
-        collector.round();
-        signal(SIGXFSZ, SIG_IGN);
-        rlimit none = {1, RLIM_INFINITY};
-        setrlimit(RLIMIT_FSIZE, &none);
-        publish(server, 0, 2);
-        collector.round();
-        collector.read([](const CollectorState& state) {
-            EXPECT_FALSE(state.health.storeWorks);
-            EXPECT_EQ(state.health.storeFailures, 1U);
-        });
-        EXPECT_EQ(rowsOf(collector)[""], "2/2000");
-        rlimit all = {RLIM_INFINITY, RLIM_INFINITY};
-        setrlimit(RLIMIT_FSIZE, &all);
-        collector.round();
-        collector.read([](const CollectorState& state) { EXPECT_TRUE(state.health.storeWorks); });
-    }
-    {
-        Collector collector(options());
-        EXPECT_EQ(rowsOf(collector)[""], "2/2000");
-    }
-    std::fstream file(std::string(kState) + "/totals.db");
-    file.seekp(100);
-    file << std::string(3000, 'x');
-    file.close();
-    Collector collector(options());
-    collector.round();
-    EXPECT_EQ(rowsOf(collector)[""], "2/2000") << "the segment still has them";
-    EXPECT_EQ(tolvane::test::filesIn(kState).size(), 4U) << "the damaged file is put aside";
-}
-
-TEST(Collector, LoadsTotalsOfAnEarlierFormat) {
-    FakeServer server(1);
-    writeSites("a.test");
-    {
-        Collector collector(options(kConfig));
-        collector.round();
-        publish(server, 0, 2);
-        collector.round();
-    }
-    Rows before;
-    {
-        Collector collector(options());
-        before = rowsOf(collector);
-    }
-    SQLite::Database(std::string(kState) + "/totals.db", SQLite::OPEN_READWRITE)
-        .exec(
-            "ALTER TABLE total RENAME COLUMN sent_bytes TO bytes_sent;"
-            "ALTER TABLE total RENAME COLUMN received_bytes TO bytes_received;"
-            "ALTER TABLE total RENAME COLUMN dropped_requests TO dropped;"
-            "ALTER TABLE total RENAME COLUMN responses TO answered;"
-            "ALTER TABLE total DROP COLUMN redirects; PRAGMA user_version = 1");
-    Collector collector(options(kConfig));
-    EXPECT_EQ(rowsOf(collector), before);
-    EXPECT_EQ(before["a.test all"], "2/50");
-    publish(server, 0, 1);
-    collector.round();
-    EXPECT_EQ(rowsOf(collector)["a.test"], "3/3000");
-    collector.read([](const CollectorState& state) { EXPECT_TRUE(state.health.storeWorks); });
 }
 
 TEST(Collector, CountsNothingThatAnotherAgentTookBeforeIt) {

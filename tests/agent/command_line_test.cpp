@@ -27,16 +27,6 @@ bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
-TEST(CommandLine, EveryCommandExplainsItself) {
-    for (const char* command :
-         {"run", "prepare", "check", "configure", "list", "show", "top", "clean", "doctor"}) {
-        Outcome help = tolvane({command, "--help"});
-        EXPECT_EQ(help.code, 0) << command;
-        EXPECT_TRUE(contains(help.output, "Example:\n  ")) << command;
-        EXPECT_TRUE(contains(help.output, std::string("tolvane ") + command)) << command;
-    }
-}
-
 TEST(CommandLine, ExitCodesTellScriptsWhatHappened) {
     writeFile("/opt/good.toml", kSites);
     writeFile("/opt/bad.toml", "interval = 0\n");

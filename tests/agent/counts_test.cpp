@@ -35,68 +35,44 @@ TEST(Counts, AddUpOverTheRecordsWithoutWhatWasTaken) {
     EXPECT_DOUBLE_EQ(sum.category[9][14].responseTimeSum, 1.0);
 }
 
-TEST(Counts, IncreaseKnowsWrapsAndClearedGroups) {
+TEST(Counts, IncreaseHandlesWrapsAndClearedGroups) {
     struct Case {
         const char* what;
+        Gap gap;
         std::uint32_t requestsBefore, bytesBefore, requestsAfter, bytesAfter;
         std::int32_t dirtyAfter;
         std::uint64_t requests, bytes;
     };
     const Case cases[] = {
-        {"plain", 10, 100, 15, 150, 1, 5, 50},
-        {"unchanged", 10, 100, 10, 100, 1, 0, 0},
-        {"bytes wrapped", 10, 4294967290U, 11, 4, 1, 1, 10},
-        {"taken and counted anew", 10, 100, 3, 30, 1, 3, 30},
-        {"taken, and more requests since", 10, 2000000000U, 15, 1000000, 1, 15, 1000000},
-        {"taken", 10, 100, 10, 100, 0, 0, 0},
+        {"plain", Gap::kSeconds, 10, 100, 15, 150, 1, 5, 50},
+        {"unchanged", Gap::kSeconds, 10, 100, 10, 100, 1, 0, 0},
+        {"bytes wrapped", Gap::kSeconds, 10, 4294967290U, 11, 4, 1, 1, 10},
+        {"cleared, fewer since", Gap::kSeconds, 10, 100, 3, 30, 1, 3, 30},
+        {"cleared, more since", Gap::kSeconds, 10, 2000000000U, 15, 1000000, 1, 15, 1000000},
+        {"not dirty", Gap::kSeconds, 10, 100, 10, 100, 0, 0, 0},
+        {"requests wrapped", Gap::kAny, 4294967290U, 100, 4, 150, 1, 10, 50},
+        {"more bytes than half", Gap::kAny, 10, 0, 15, 3000000000U, 1, 5, 3000000000U},
+        {"bytes wrapped far", Gap::kAny, 10, 3000000000U, 15, 2000000000U, 1, 5, 3294967296U},
+        {"cleared long ago", Gap::kAny, 1000, 50000, 3, 60000, 1, 3, 60000},
     };
     for (const Case& c : cases) {
-        ResultStruct before = dirtyRecord();
-        ResultStruct after = dirtyRecord();
-        before.total.requests = before.site[3].requests = before.category[3][2].requests =
-            c.requestsBefore;
-        before.total.bytesSent = before.site[3].bytesSent = before.category[3][2].bytesSent =
-            c.bytesBefore;
-        after.total.requests = after.site[3].requests = after.category[3][2].requests =
-            c.requestsAfter;
-        after.total.bytesSent = after.site[3].bytesSent = after.category[3][2].bytesSent =
-            c.bytesAfter;
-        after.totalDirty = after.sitesDirty = after.categoriesDirty = c.dirtyAfter;
-        CountSet added = increase({before}, {after});
-        EXPECT_EQ(added.total[&CounterBlock::requests], c.requests) << c.what;
-        EXPECT_EQ(added.total[&CounterBlock::bytesSent], c.bytes) << c.what;
-        EXPECT_EQ(added.site[3][&CounterBlock::requests], c.requests) << c.what;
-        EXPECT_EQ(added.site[3][&CounterBlock::bytesSent], c.bytes) << c.what;
-        EXPECT_EQ(added.category[3][2][&CategoryCounters::requests], c.requests) << c.what;
-        EXPECT_EQ(added.category[3][2][&CategoryCounters::bytesSent], c.bytes) << c.what;
-    }
-}
-
-TEST(Counts, AnyCounterMayHaveWrappedAfterALongTime) {
-    struct Case {
-        const char* what;
-        std::uint32_t requestsBefore, bytesBefore, requestsAfter, bytesAfter;
-        std::uint64_t requests, bytes;
-    };
-    const Case cases[] = {
-        {"requests wrapped", 4294967290U, 100, 4, 150, 10, 50},
-        {"more bytes than half their range", 10, 0, 15, 3000000000U, 5, 3000000000U},
-        {"bytes wrapped far", 10, 3000000000U, 15, 2000000000U, 5, 3294967296U},
-        {"cleared by another agent", 1000, 50000, 3, 60000, 3, 60000},
-    };
-    for (const Case& c : cases) {
-        ResultStruct before{};
-        ResultStruct after{};
-        before.total.requests = before.category[1][1].requests = c.requestsBefore;
-        before.total.bytesSent = before.category[1][1].bytesSent = c.bytesBefore;
-        after.total.requests = after.category[1][1].requests = c.requestsAfter;
-        after.total.bytesSent = after.category[1][1].bytesSent = c.bytesAfter;
+        SCOPED_TRACE(c.what);
+        const auto record = [](std::uint32_t requests, std::uint32_t bytes, std::int32_t dirty) {
+            ResultStruct r{};
+            r.total.requests = r.site[3].requests = r.category[3][2].requests = requests;
+            r.total.bytesSent = r.site[3].bytesSent = r.category[3][2].bytesSent = bytes;
+            r.totalDirty = r.sitesDirty = r.categoriesDirty = dirty;
+            return r;
+        };
         CountSet added;
-        addIncrease(added, before, after, Gap::kAny);
-        EXPECT_EQ(added.total[&CounterBlock::requests], c.requests) << c.what;
-        EXPECT_EQ(added.total[&CounterBlock::bytesSent], c.bytes) << c.what;
-        EXPECT_EQ(added.category[1][1][&CategoryCounters::requests], c.requests) << c.what;
-        EXPECT_EQ(added.category[1][1][&CategoryCounters::bytesSent], c.bytes) << c.what;
+        addIncrease(added, record(c.requestsBefore, c.bytesBefore, 1),
+                    record(c.requestsAfter, c.bytesAfter, c.dirtyAfter), c.gap);
+        EXPECT_EQ(added.total[&CounterBlock::requests], c.requests);
+        EXPECT_EQ(added.total[&CounterBlock::bytesSent], c.bytes);
+        EXPECT_EQ(added.site[3][&CounterBlock::requests], c.requests);
+        EXPECT_EQ(added.site[3][&CounterBlock::bytesSent], c.bytes);
+        EXPECT_EQ(added.category[3][2][&CategoryCounters::requests], c.requests);
+        EXPECT_EQ(added.category[3][2][&CategoryCounters::bytesSent], c.bytes);
     }
 }
 

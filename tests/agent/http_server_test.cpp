@@ -96,28 +96,6 @@ TEST_F(HttpServerTest, AnswersEveryRequest) {
     }
 }
 
-TEST_F(HttpServerTest, SurvivesWhatIsNoRequest) {
-    for (const std::string& garbage :
-         {std::string("\x16\x03\x01\x02\x00\x01\x00\x01", 8), std::string(100000, '\0'),
-          std::string("GET\r\n\r\n"), std::string("GET / HTTP/9.9\r\n\r\n")}) {
-        Client client(server.port());
-        try {
-            client.send(garbage);
-        } catch (const std::runtime_error&) {  // it may not read everything
-        }
-        EXPECT_NE(answerTo(request("GET", "/")).find("200 OK"), std::string::npos);
-    }
-}
-
-TEST_F(HttpServerTest, OneConnectionServesManyRequests) {
-    Client client(server.port());
-    for (int i = 0; i < 5; ++i) client.send("HEAD /first HTTP/1.1\r\nHost: x\r\n\r\n");
-    client.send(request("GET", "/last"));
-    std::string answers = client.rest();
-    EXPECT_TRUE(answers.ends_with("GET /last"));
-    EXPECT_EQ(answers.find("Connection: close"), answers.rfind("Connection: close"));
-}
-
 TEST_F(HttpServerTest, SlowClientsHoldUpNobody) {
     std::vector<std::unique_ptr<Client>> slow;
     for (int i = 0; i < 40; ++i) {

@@ -9,8 +9,8 @@
 #include <set>
 #include <sstream>
 
-#include "os/text.h"
 #include "agent/invented_state.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 namespace {
@@ -86,18 +86,6 @@ TEST(Metrics, NamesAreEscapedAndValid) {
     }
 }
 
-// Runs promtool on the text; what it has to say, and its exit status.
-std::string promtoolOn(const std::string& text) {
-    std::string path = testing::TempDir() + "metrics." + std::to_string(::getpid());
-    replaceFile(path, text);
-    FILE* pipe = ::popen(("promtool check metrics <" + path + " 2>&1").c_str(), "r");
-    std::string said;
-    for (int c; (c = std::fgetc(pipe)) != EOF;) said += static_cast<char>(c);
-    int status = ::pclose(pipe);
-    std::remove(path.c_str());
-    return WEXITSTATUS(status) == 127 ? "not installed" : said + std::to_string(status);
-}
-
 TEST(Metrics, EverySeriesComesOnceAndInItsFamily) {
     std::set<std::string> known;
     std::string family;
@@ -112,20 +100,6 @@ TEST(Metrics, EverySeriesComesOnceAndInItsFamily) {
         EXPECT_TRUE(line[0] == '#' || known.insert(key).second) << line;
     }
     EXPECT_GT(known.size(), 100U);
-}
-
-TEST(Metrics, PromtoolHasNoComplaint) {
-    CollectorState odd = named("?\"", "\\", "}\"");
-    odd.health.configFile = "x";
-    odd.servers.begin()->second.sites[0].categories[0].counts.responseTimeSum =
-        std::numeric_limits<double>::quiet_NaN();
-    for (const CollectorState& state :
-         {std::move(odd), test::inventedState("empty", kNow), test::fullState(2, kNow)}) {
-        std::string said = promtoolOn(textOf(state));
-        if (said == "not installed") GTEST_SKIP() << "promtool is not installed";
-        EXPECT_EQ(said, "0");
-    }
-    EXPECT_NE(promtoolOn("bad{\n"), "0");
 }
 
 }  // namespace

@@ -104,16 +104,6 @@ TEST(Report, FitsEveryWidth) {
     }
 }
 
-TEST(Report, KeepsTheTellingColumnsInANarrowTerminal) {
-    ReportLayout layout;
-    layout.width = 80;
-    std::string heading = renderReport(sampleReport(), layout)[0];
-    for (const char* title : {"SITE / CATEGORY", "REQUESTS", "REQ/S", "ERR%", "MEAN ms", "SENT"}) {
-        EXPECT_NE(heading.find(title), std::string::npos) << title;
-    }
-    EXPECT_EQ(heading.find("RECEIVED"), std::string::npos);
-}
-
 TEST(Text, IsCutByTheColumnsThatItTakes) {
     EXPECT_EQ(displayWidth("\u5546\u54C1 e\u0301"), 6U);
     EXPECT_EQ(displayWidth("\U0001FA80\u05B0"), 2U);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string_view>
 
 namespace tolvane::fuzz {
@@ -108,58 +109,20 @@ std::string_view fieldText(const char* text, std::size_t size) {
     return {text, strnlen(text, size)};
 }
 
-// Which entries of an array a decoded block may hold something in: those of a
-// bounded count, and the one behind it.
-int touched(std::int32_t count, int limit) {
-    return std::min(usable(count, limit) + 1, limit);
-}
-
-// Clears a decoded text, which holds no NUL before its end.
-template <std::size_t kSize>
-void clearText(char (&text)[kSize]) {
-    for (std::size_t i = 0; i < kSize && text[i] != '\0'; ++i) text[i] = '\0';
-}
-
-void clearSection(UrlSection& section) {
-    for (int p = 0; p < touched(section.numPieces, kMaxPieces); ++p) {
-        clearText(section.piece[p]);
-        section.pieceLength[p] = 0;
-    }
-    section.numPieces = section.leadingWildcard = section.trailingWildcard = 0;
-}
-
-void clearSite(ConfigInfo& block, int s) {
-    for (int c = 0; c < touched(block.numCategories[s], kMaxCategories); ++c) {
-        CategoryConfig& category = block.categories[s][c];
-        for (int k = 0; k < touched(category.numSections, kMaxSections); ++k) {
-            clearSection(category.sections[k]);
-        }
-        category.numSections = 0;
-    }
-    clearText(block.siteName[s]);
-    for (int h = 0; h < touched(block.numHosts[s], kMaxExtraHosts); ++h) {
-        clearText(block.hostName[s][h]);
-    }
-    block.numCategories[s] = block.numHosts[s] = 0;
-}
-
 }  // namespace
 
 void decodeBlock(Input& input, ConfigInfo& block) {
+    static const auto blank = [] {
+        auto unterminated = std::make_unique<ConfigInfo>();
+        for (auto& site : unterminated->categories) {
+            for (CategoryConfig& category : site) std::memset(category.label, 'x', kLabelSize);
+        }
+        return unterminated;
+    }();
+    block = *blank;
     const Count sites = decodeCount(input, kMaxSites);
     block.numSites = sites.stated;
     for (int s = 0; s < sites.decoded; ++s) decodeSite(input, block, s);
-}
-
-void labelBlock(ConfigInfo& block) {
-    for (auto& site : block.categories) {
-        for (CategoryConfig& category : site) std::memset(category.label, 'x', kLabelSize);
-    }
-}
-
-void clearBlock(ConfigInfo& block) {
-    for (int s = 0; s < touched(block.numSites, kMaxSites); ++s) clearSite(block, s);
-    block.numSites = 0;
 }
 
 const std::string& decodeUrl(Input& input, const ConfigInfo& block) {

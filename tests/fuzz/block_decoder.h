@@ -9,14 +9,8 @@
 
 namespace tolvane::fuzz {
 
-// Gives all categories labels without an end, which nobody may look at. They stay.
-void labelBlock(ConfigInfo& block);
-
-// Fills `block`, which is all zero but for the labels.
+// Fills `block`. Labels have no end, since no code may read them.
 void decodeBlock(Input& input, ConfigInfo& block);
-
-// Makes a bounded block that was decoded all zero again, but for the labels.
-void clearBlock(ConfigInfo& block);
 
 // A URL or Host value out of the same letters, and of the first site's pieces
 // or names. It stays until the next one is decoded.

@@ -1,88 +1,71 @@
 #include "plain_headers.h"
 
+#include <algorithm>
 #include <climits>
+#include <string>
 
 namespace tolvane::fuzz {
 namespace {
 
-constexpr int kNoByte = -1;  // behind the end
+constexpr std::string_view kSpace = " \t\n\v\f\r";
 
 // A place in a text.
 class Place {
   public:
     explicit Place(std::string_view text) : text_(text) {}
 
-    int byte(long ahead = 0) const {
-        const long i = at_ + ahead;
-        return i < static_cast<long>(text_.size())
-                   ? static_cast<unsigned char>(text_[static_cast<std::size_t>(i)])
-                   : kNoByte;
+    std::size_t position() const { return at_; }
+    std::string_view rest() const { return text_.substr(at_); }
+    bool atEnd() const { return rest().empty(); }
+    void skip(std::size_t count) { at_ = std::min(at_ + count, text_.size()); }
+    void skipSpace() { at_ = std::min(text_.find_first_not_of(kSpace, at_), text_.size()); }
+    void skipTo(std::string_view ends) {
+        at_ = std::min(text_.find_first_of(ends, at_), text_.size());
     }
-    bool atEnd() const { return byte() == kNoByte; }
-    bool atSpace() const {
-        switch (byte()) {
-            case ' ':
-            case '\t':
-            case '\n':
-            case '\v':
-            case '\f':
-            case '\r':
-                return true;
-            default:
-                return false;
-        }
-    }
-    bool atControl() const { return (byte() >= 0 && byte() < 32) || byte() == 127; }
-    bool atDigit() const { return byte() >= '0' && byte() <= '9'; }
-    bool startsWith(std::string_view name) const {
-        for (std::size_t i = 0; i < name.size(); ++i) {
-            if (byte(static_cast<long>(i)) != name[i]) return false;
-        }
-        return true;
-    }
-
-    void skip(long count) {
-        for (; count > 0 && !atEnd(); --count) ++at_;
-    }
-    void skipSpace() {
-        while (atSpace()) ++at_;
-    }
-    void skipWord() {
-        while (!atEnd() && !atSpace()) ++at_;
-    }
-    void skipToLineFeed() {
-        while (!atEnd() && byte() != '\n') ++at_;
-    }
-
     int number() {
         long long value = 0;
-        for (; atDigit(); ++at_) {
-            value = value * 10 + (byte() - '0');
-            if (value > INT_MAX) value = INT_MAX;
+        for (; !atEnd() && text_[at_] >= '0' && text_[at_] <= '9'; ++at_) {
+            value = std::min<long long>(value * 10 + (text_[at_] - '0'), INT_MAX);
         }
         return static_cast<int>(value);
     }
-    long position() const { return at_; }
 
   private:
     std::string_view text_;
-    long at_ = 0;
+    std::size_t at_ = 0;
 };
 
-// At the line feed that ends a header line: whether it ends the block too.
-bool endsBlock(const Place& place) {
-    return (place.byte(1) == '\r' && place.byte(2) == '\n') || place.byte(1) == '\0';
+std::size_t methodLength(std::string_view text) {
+    if (text.starts_with('P')) return text.size() > 2 && text[2] == 'T' ? 3 : 4;
+    for (const std::string_view method : {"GET", "HEAD", "TRACE", "DELETE", "OPTIONS"}) {
+        if (text.starts_with(method[0])) return method.size();
+    }
+    return 0;
 }
 
-long methodLength(const Place& place) {
-    const int first = place.byte();
-    if (first == 'G') return 3;
-    if (first == 'P') return place.byte(2) == 'T' ? 3 : 4;
-    if (first == 'H') return 4;
-    if (first == 'T') return 5;
-    if (first == 'D') return 6;
-    if (first == 'O') return 7;
-    return 0;
+// Calls `found` behind the name and blanks of every such header, until it returns true.
+template <typename Found>
+void forEachHeader(Place place, std::string_view name, Found found) {
+    place.skipTo("\n");
+    while (!place.atEnd()) {
+        place.skipSpace();
+        if (place.rest().starts_with(name)) {
+            place.skip(name.size());
+            place.skipSpace();
+            if (found(place)) return;
+        }
+        place.skipTo("\n");
+        // An empty line ends the block, and so does a NUL.
+        if (place.rest().starts_with("\n\r\n")) return;
+        if (place.rest().starts_with(std::string_view("\n\0", 2))) return;
+        place.skip(1);
+    }
+}
+
+Stretch stretch(Place& place, std::string_view ends) {
+    const std::size_t start = place.position();
+    place.skipTo(ends);
+    return {static_cast<long>(start), static_cast<long>(place.position() - start)};
 }
 
 }  // namespace
@@ -91,29 +74,16 @@ PlainRequest readRequest(std::string_view text) {
     PlainRequest request;
     Place place(text);
     place.skipSpace();
-    place.skip(methodLength(place));
+    place.skip(methodLength(place.rest()));
     place.skipSpace();
     if (place.atEnd()) return request;
-    request.url.start = place.position();
-    place.skipWord();
-    request.url.length = place.position() - request.url.start;
-
-    place.skipToLineFeed();
-    while (!place.atEnd()) {
-        place.skipSpace();
-        if (place.startsWith("Host:")) {
-            place.skip(5);
-            place.skipSpace();
-            if (place.atEnd()) return request;
-            request.host.start = place.position();
-            while (!place.atEnd() && !place.atSpace() && !place.atControl()) place.skip(1);
-            request.host.length = place.position() - request.host.start;
-            return request;
-        }
-        place.skipToLineFeed();
-        if (place.atEnd() || endsBlock(place)) return request;
-        place.skip(1);
-    }
+    request.url = stretch(place, kSpace);
+    forEachHeader(place, "Host:", [&](Place& value) {
+        std::string ends = " \x7f";
+        for (char control = 0; control < 32; ++control) ends += control;
+        if (!value.atEnd()) request.host = stretch(value, ends);
+        return true;
+    });
     return request;
 }
 
@@ -121,30 +91,22 @@ PlainResponse readResponse(std::string_view text) {
     PlainResponse response;
     Place place(text);
     place.skipSpace();
-    place.skipWord();
+    place.skipTo(kSpace);
     place.skipSpace();
     response.status = place.number();
-
-    place.skipToLineFeed();
-    while (!place.atEnd()) {
-        place.skipSpace();
-        if (place.startsWith("Tv-Status:")) {
-            place.skip(10);
-            place.skipSpace();
-            response.overrideCode = place.number();
-        }
-        place.skipToLineFeed();
-        if (place.atEnd() || endsBlock(place)) return response;
-        place.skip(1);
-    }
+    forEachHeader(place, "Tv-Status:", [&](Place& value) {
+        response.overrideCode = value.number();
+        return false;
+    });
     return response;
 }
 
 bool isStatusLine(std::string_view text) {
-    const Place place(text);
-    return (place.byte(0) == 'h' || place.byte(0) == 'H') &&
-           (place.byte(1) == 't' || place.byte(1) == 'T') && place.byte(2) == 'T' &&
-           (place.byte(3) == 'p' || place.byte(3) == 'P');
+    constexpr std::string_view kEither[] = {"hH", "tT", "T", "pP"};
+    for (std::size_t i = 0; i < 4; ++i) {
+        if (i == text.size() || kEither[i].find(text[i]) == std::string_view::npos) return false;
+    }
+    return true;
 }
 
 }  // namespace tolvane::fuzz

@@ -79,25 +79,18 @@ void compareTables(const PlainServer& expected) {
 }
 
 void compareNetscape(std::string_view magnus) {
-    static MemoryFile file("/server/config/magnus.conf");
-    file.hold(magnus);
+    holdFile("/server/config/magnus.conf", magnus);
     getNetscapeConfigInfo();
-    file.remove();
     compareTables(readNetscapeFiles(magnus));
 }
 
 void compareApache(const ApacheFiles& files) {
-    static MemoryFile conf("/server/conf/httpd.conf");
-    static MemoryFile info("/server/logs/.tolvane_info");
     static char sslOff[] = "SSL_FACTOR=start";
     static char sslOn[] = "SSL_FACTOR=startssl";
     putenv(files.sslMode ? sslOn : sslOff);
-    conf.hold(files.conf);
-    if (files.hasModuleInfo) info.hold(files.moduleInfo);
-
+    holdFile("/server/conf/httpd.conf", files.conf);
+    if (files.hasModuleInfo) holdFile("/server/logs/.tolvane_info", files.moduleInfo);
     getApacheConfigInfo();
-    conf.remove();
-    info.remove();
     const PlainServer expected = readApacheFiles(files);
     compareTables(expected);
     mustAgree(webServerType == expected.type, "server type");
@@ -122,7 +115,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const unsigned kind = input.take() % 5;
     const std::string_view moduleInfo = info.put(input.take(input.take()));
     const std::string_view ownFile = file.put(input.rest());
-    tolvane::fuzz::clearTables();
+    clearTables();
+    removeFiles();
     if (kind == 4) {
         compareNetscape(ownFile);
     } else {
