@@ -1,4 +1,4 @@
-// An Apache's configuration in the words that the shim understands.
+// The translation of an Apache configuration to the one that the shim reads.
 #include "apache/apache_config.h"
 
 #include <gtest/gtest.h>
@@ -141,7 +141,7 @@ TEST(ApacheConfig, RefusesWhatCannotBeMeasured) {
     EXPECT_THROW(measure(facts, {{"/main", "Listen 80\n"}}), Error);
 }
 
-TEST(ApacheConfig, NotesWhatWillBeMissed) {
+TEST(ApacheConfig, NotesWhatIsNotMeasured) {
     std::string many;
     for (int port = 1; port <= 11; ++port) many += "Listen " + std::to_string(port) + "\n";
     const std::pair<std::string, const char*> cases[] = {

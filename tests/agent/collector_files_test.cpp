@@ -14,7 +14,7 @@
 namespace tolvane::agent::test {
 namespace {
 
-TEST(CollectorFiles, GivesEveryServerTheFileAndAgainWhenItChanges) {
+TEST(CollectorFiles, WritesTheConfigurationAgainWhenTheFileChanges) {
     writeSites("a.test");
     FakeServer server(1);
     Collector collector(options(kConfig));
@@ -35,7 +35,7 @@ TEST(CollectorFiles, GivesEveryServerTheFileAndAgainWhenItChanges) {
     collector.round();
     EXPECT_EQ(seen(), "1: a.test(1)");
 
-    // Another agent's configuration stands until the file changes.
+    // Another agent's configuration stays until the file changes.
     server.edit([](ConfigInfo& config, ResultStruct*) { config.version = 5; });
     collector.round();
     EXPECT_EQ(seen(), "5: a.test(1)");
@@ -58,7 +58,7 @@ TEST(CollectorFiles, GivesEveryServerTheFileAndAgainWhenItChanges) {
     collector.reload();
     collector.round();
     EXPECT_EQ(seen(), "7: (0) new.test(0) b.test(1)");
-    // A process that has not taken the new one yet.
+    // From a process that still uses the old configuration.
     publish(server, 0, 1);
     collector.round();
     EXPECT_EQ(rowsOf(collector)["a.test"], "6/6000");
@@ -70,7 +70,7 @@ TEST(CollectorFiles, GivesEveryServerTheFileAndAgainWhenItChanges) {
     });
 }
 
-TEST(CollectorFiles, GoesOnCountingWhileItsTotalsCannotBeKept) {
+TEST(CollectorFiles, CountsWhileTheDatabaseFails) {
     FakeServer server(1);
     {
         Collector collector(options());

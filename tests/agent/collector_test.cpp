@@ -52,7 +52,7 @@ TEST(Collector, KeepsLongTotalsByNameOverRestartsOfTheServer) {
                                        {"a.test all", "8/200"},
                                        {"b.test", "0/0"}}));
     FakeServer again(1);
-    // Some of it is there before anybody has given it a name.
+    // These counts come before the configuration that names them.
     publish(again, 0, 3);
     collector.round();
     publish(again, 0, 4);
@@ -61,7 +61,7 @@ TEST(Collector, KeepsLongTotalsByNameOverRestartsOfTheServer) {
     EXPECT_EQ(rowsOf(collector)["a.test"], "15/15000");
 }
 
-TEST(Collector, LosesAndDoublesNothingWhenItIsKilledAtAnyMoment) {
+TEST(Collector, LosesAndDoublesNothingWhenKilled) {
     FakeServer server(4);
     writeSites("a.test");
     std::uint32_t published = 0;
@@ -89,7 +89,7 @@ TEST(Collector, LosesAndDoublesNothingWhenItIsKilledAtAnyMoment) {
     EXPECT_EQ(semctl(server.semaphores()[0], 0, GETVAL), 1);
 }
 
-TEST(Collector, TakesUpToTheLastPublicationOfAServerThatEnds) {
+TEST(Collector, CollectsTheLastPublicationOfAStoppingServer) {
     FakeServer server(1);
     auto* worker = shmat(server.shmid(), nullptr, 0);
     Collector collector(options());
@@ -108,7 +108,7 @@ TEST(Collector, TakesUpToTheLastPublicationOfAServerThatEnds) {
     EXPECT_EQ(rowsOf(collector)[""], "11/1000");
 }
 
-TEST(Collector, IsAloneWithItsServerAndItsDirectory) {
+TEST(Collector, HasItsServerAndItsDirectoryAlone) {
     FakeServer server(1);
     publish(server, 0, 5);
     int ready[2];
@@ -143,7 +143,7 @@ TEST(Collector, IsAloneWithItsServerAndItsDirectory) {
     EXPECT_EQ(rowsOf(other)[""], "5/5000");
 }
 
-TEST(Collector, LeavesARecordWhoseLockIsHeldForTheNextTime) {
+TEST(Collector, SkipsARecordWhileItsLockIsHeld) {
     FakeServer server(2);
     Collector collector(options());
     collector.round();
@@ -156,7 +156,7 @@ TEST(Collector, LeavesARecordWhoseLockIsHeldForTheNextTime) {
     change(semaphore, 1);
     collector.round();
     EXPECT_EQ(rowsOf(collector)[""], "2/2000");
-    // Its record may name somebody else's semaphore: that one is never touched.
+    // The collector never uses a foreign semaphore that a record names.
     int others = semget(IPC_PRIVATE, 2, IPC_CREAT | 0777);
     FakeServer hostile(1, "*:81");
     hostile.edit([&](ConfigInfo&, ResultStruct* r) {
@@ -169,14 +169,14 @@ TEST(Collector, LeavesARecordWhoseLockIsHeldForTheNextTime) {
     EXPECT_EQ(semctl(others, 0, GETPID), 0);
 }
 
-TEST(Collector, CountsNothingThatAnotherAgentTookBeforeIt) {
+TEST(Collector, SkipsCountsThatAnotherAgentCollectedBefore) {
     FakeServer server(1);
     publish(server, 0, 5);
     server.edit([](ConfigInfo&, ResultStruct* r) { r[0].totalDirty = 0; });
     Collector collector(options());
     collector.round();
     EXPECT_EQ(rowsOf(collector)[""], "0/0");
-    // An exiting worker adds to what stands there; others start from 0.
+    // An exiting worker adds to collected counts; other publications start from 0.
     publish(server, 0, 2);
     collector.round();
     EXPECT_EQ(rowsOf(collector)[""], "2/2000");
@@ -184,7 +184,7 @@ TEST(Collector, CountsNothingThatAnotherAgentTookBeforeIt) {
     publish(server, 0, 1);
     collector.round();
     EXPECT_EQ(rowsOf(collector)[""], "3/3000");
-    // Taken, cleared, and more requests than before with fewer bytes.
+    // Collected and cleared; then more requests than before with fewer bytes.
     server.edit([](ConfigInfo&, ResultStruct* r) { r[0].totalDirty = 0; });
     collector.round();
     server.edit([](ConfigInfo&, ResultStruct* r) {
@@ -195,7 +195,7 @@ TEST(Collector, CountsNothingThatAnotherAgentTookBeforeIt) {
     });
     collector.round();
     EXPECT_EQ(rowsOf(collector)[""], "23/3100");
-    // Wild numbers in the segment spoil no mean.
+    // An invalid sum in the segment does not change the mean.
     server.edit([](ConfigInfo& config, ResultStruct* r) {
         std::strcpy(config.siteName[0], "a.test");
         std::strcpy(config.categories[0][0].label, "all");
@@ -208,7 +208,7 @@ TEST(Collector, CountsNothingThatAnotherAgentTookBeforeIt) {
     EXPECT_EQ(rowsOf(collector)["a.test all"], "9/0");
 }
 
-TEST(Collector, TellsByItsNameWhatEndsBeforeItWasSeen) {
+TEST(Collector, NamesCountsOfAServerThatEndsBeforeTheNextRound) {
     FakeServer server(1);
     publish(server, 0, 2);
     Collector collector(options());

@@ -67,7 +67,7 @@ TEST(CommandLine, ExitCodesTellScriptsWhatHappened) {
         contains(tolvane({"check", "/opt/bad.toml"}).errors, "/opt/bad.toml:1:12: interval is 0"));
 }
 
-TEST(CommandLine, APipeIsReadToItsEnd) {
+TEST(CommandLine, ReadsAPipeToItsEnd) {
     ASSERT_EQ(mkfifo("/opt/pipe", 0600), 0);
     std::thread writer([] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -107,7 +107,7 @@ TEST(CommandLine, ConfiguresAndShowsARunningServer) {
     std::string table = tolvane({"show"}).output;
     EXPECT_TRUE(contains(table, "all traffic")) << table;
     EXPECT_TRUE(contains(table, "  cart")) << table;
-    // Looking takes nothing from anybody.
+    // A reader changes nothing.
     server.edit([](ConfigInfo&, ResultStruct* records) {
         EXPECT_EQ(records[1].totalDirty, 1);
         EXPECT_EQ(records[1].categoriesDirty, 1);
@@ -129,7 +129,7 @@ TEST(CommandLine, ABadFileChangesNothingInTheSegment) {
     });
 }
 
-TEST(CommandLine, ConfigureTellsWhenCountsChangeTheirName) {
+TEST(CommandLine, ConfigureReportsCountsThatChangeTheirName) {
     FakeServer server;
     writeFile("/opt/sites.toml", kSites);
     EXPECT_FALSE(contains(tolvane({"configure", "/opt/sites.toml"}).output, "earlier counts"));
@@ -149,7 +149,7 @@ TEST(CommandLine, ConfigureTellsWhenCountsChangeTheirName) {
     EXPECT_FALSE(contains(tolvane({"doctor"}).output, "no process uses"));
 }
 
-TEST(CommandLine, CleanRemovesWhatStaleServersLeftAndNothingElse) {
+TEST(CommandLine, CleanRemovesOnlyWhatStaleServersLeft) {
     FakeServer dead(5);
     // What the live server makes may still pass for the dead one's.
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
@@ -171,7 +171,7 @@ TEST(CommandLine, CleanRemovesWhatStaleServersLeftAndNothingElse) {
         [&](ConfigInfo&, ResultStruct* records) { records[0].semaphoreId = foreignSemaphore; });
     std::string liveText = tolvane::test::readFile(live.handoff());
     dead.kill();
-    // A file of long ago that names a segment which is now somebody else's.
+    // An old file that names a segment of another owner.
     std::string old = kHandoffDirectory + std::string("webadapter.1");
     writeFile(old, "Listen=*:1\nShmid=" + std::to_string(foreignSegment) +
                        "\nServer_Type=APACHE\nStructures=1\n");

@@ -105,42 +105,5 @@ TEST(ConfigFile, FullCapacityFits) {
     EXPECT_EQ(last.sections[5].pieceLength[5], 47);
 }
 
-TEST(ConfigFile, ReachesTheSegmentAsWritten) {
-    ConfigFile file = parseConfigFile(R"(
-        interval = 5
-        [[site]]
-        name = "shop.example:8080"
-        hosts = ["www.shop.example"]
-        [[site.category]]
-        label = "Käse"
-        urls = ["/shop*.jsp", "*"]
-        [[site]]
-        name = "blog.example"
-    )");
-    ASSERT_TRUE(file.complaints.empty());
-    auto block = buildConfigBlock(file.model);
-    EXPECT_EQ(block->version, 0);
-    EXPECT_EQ(block->parentPid, 0);
-    EXPECT_EQ(block->interval, 5);
-    EXPECT_EQ(block->numSites, 2);
-    EXPECT_STREQ(block->siteName[0], "shop.example:8080");
-    EXPECT_STREQ(block->siteName[1], "blog.example");
-    EXPECT_EQ(block->numHosts[0], 1);
-    EXPECT_EQ(block->numCategories[0], 1);
-    EXPECT_EQ(block->numCategories[1], 0);
-    const CategoryConfig& category = block->categories[0][0];
-    EXPECT_STREQ(category.label, "Käse");
-    ASSERT_EQ(category.numSections, 2);
-    const UrlSection& section = category.sections[0];
-    EXPECT_EQ(section.numPieces, 2);
-    EXPECT_STREQ(section.piece[0], "/shop");
-    EXPECT_STREQ(section.piece[1], ".jsp");
-    EXPECT_EQ(section.pieceLength[0], 5);
-    EXPECT_EQ(section.pieceLength[1], 4);
-    EXPECT_EQ(section.leadingWildcard, 0);
-    EXPECT_EQ(section.trailingWildcard, 0);
-    EXPECT_EQ(category.sections[1].numPieces, 0);
-}
-
 }  // namespace
 }  // namespace tolvane::agent

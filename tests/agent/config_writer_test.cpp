@@ -18,7 +18,7 @@
 namespace tolvane::agent::test {
 namespace {
 
-// Every word of the block that the agent writes tells which one it is.
+// A block with the same mark in every word.
 std::unique_ptr<ConfigInfo> markedBlock(std::int32_t mark) {
     auto block = std::make_unique<ConfigInfo>();
     auto* words = reinterpret_cast<std::int32_t*>(block.get());
@@ -41,7 +41,7 @@ std::optional<std::int32_t> takeCopy(const ConfigInfo* shared, std::int32_t own,
     return before;
 }
 
-// The first word of the block that differs from the others; 0 when none does.
+// The first word of the block that differs from the others; 0: all are the same.
 std::size_t firstMixedWord(const ConfigInfo& copy) {
     const auto* words = reinterpret_cast<const std::int32_t*>(&copy);
     constexpr std::size_t kVersionWord = offsetof(ConfigInfo, version) / 4;
@@ -51,7 +51,7 @@ std::size_t firstMixedWord(const ConfigInfo& copy) {
     return 0;
 }
 
-TEST(ConfigWriter, NobodyTakesAMixedBlock) {
+TEST(ConfigWriter, NoReaderTakesAMixedBlock) {
     FakeServer server;
     Segment segment(server.shmid(), 1, Segment::Access::kWrite);
     std::atomic<bool> stop{false};
@@ -84,7 +84,7 @@ TEST(ConfigWriter, NobodyTakesAMixedBlock) {
     EXPECT_EQ(segment.parentPid(), server.pid());
 }
 
-TEST(ConfigWriter, SettlesTheVersionByTheEarlierOne) {
+TEST(ConfigWriter, DerivesTheVersionFromTheEarlierOne) {
     struct Case {
         std::int32_t before;
         std::optional<std::int32_t> after;  // nothing: refused, and left as it was
@@ -116,7 +116,7 @@ TEST(ConfigWriter, SettlesTheVersionByTheEarlierOne) {
     }
 }
 
-TEST(ConfigWriter, AnotherAgentsMarkIsWaitedForAndThenReplaced) {
+TEST(ConfigWriter, WaitsForAnotherWriterAndThenReplacesItsMark) {
     FakeServer server;
     Segment segment(server.shmid(), 1, Segment::Access::kWrite);
     std::atomic_ref<std::int32_t> version(segment.config()->version);
@@ -131,7 +131,7 @@ TEST(ConfigWriter, AnotherAgentsMarkIsWaitedForAndThenReplaced) {
     EXPECT_GT(writeConfiguration(segment, *markedBlock(7)).version, 1700000000);
 }
 
-TEST(ConfigWriter, ATerminatedWriterFinishesTheBlock) {
+TEST(ConfigWriter, TerminatedWriterFinishesTheBlock) {
     FakeServer server;
     Segment segment(server.shmid(), 1, Segment::Access::kWrite);
     auto block = markedBlock(7);
@@ -145,7 +145,7 @@ TEST(ConfigWriter, ATerminatedWriterFinishesTheBlock) {
     }
 }
 
-TEST(ConfigWriter, TheServersLastVersionStands) {
+TEST(ConfigWriter, KeepsTheVersionOfAStoppedServer) {
     FakeServer server;
     Segment segment(server.shmid(), 1, Segment::Access::kWrite);
     auto block = markedBlock(7);
@@ -163,7 +163,7 @@ TEST(ConfigWriter, TheServersLastVersionStands) {
     EXPECT_EQ(segment.version(), kVersionRemoved);
 }
 
-TEST(ConfigWriter, TwoAtOnceGoOneAfterTheOther) {
+TEST(ConfigWriter, ConcurrentWritersTakeTurns) {
     FakeServer server;
     constexpr int kWriters = 4;
     constexpr int kTimes = 50;

@@ -21,7 +21,7 @@ ResultStruct dirtyRecord() {
     return record;
 }
 
-TEST(Counts, AddUpOverTheRecordsWithoutWhatWasTaken) {
+TEST(Counts, AddUpOverTheRecordsThatAreNotCollected) {
     std::vector<ResultStruct> records(3, dirtyRecord());
     for (std::uint32_t i = 0; i < 3; ++i) {
         records[i].total.requests = 10U << i;
@@ -76,7 +76,7 @@ TEST(Counts, IncreaseHandlesWrapsAndClearedGroups) {
     }
 }
 
-TEST(Counts, ARecordIsCopiedBetweenTwoPublications) {
+TEST(Counts, RecordIsCopiedBetweenTwoPublications) {
     FakeServer server;
     int semaphore = server.semaphores()[0];
     std::atomic<bool> stop{false};
@@ -108,7 +108,7 @@ TEST(Counts, ARecordIsCopiedBetweenTwoPublications) {
     EXPECT_GT(steady, 200);
 }
 
-TEST(Counts, AReaderNeitherWaitsForNorTakesTheSemaphore) {
+TEST(Counts, ReaderDoesNotUseTheSemaphore) {
     FakeServer server;
     int semaphore = server.semaphores()[0];
     server.edit([](ConfigInfo&, ResultStruct* records) { records[0].total.requests = 42; });

@@ -1,4 +1,4 @@
-// The last minutes of a row, as steps come, stay away and begin anew.
+// The last minutes of a row: steps, gaps and changes of the clock.
 #include "collector/history.h"
 
 #include <gtest/gtest.h>
@@ -27,7 +27,7 @@ TEST(History, HoldsTheLastQuarterOfAnHour) {
     EXPECT_TRUE(history.points(1025 + 1800).empty());
 }
 
-TEST(History, BeginsAnewWhenTheClockIsSetBack) {
+TEST(History, StartsAgainWhenTheClockIsSetBack) {
     History history;
     history.add(100000, {5, 0, 0, 0});
     history.add(50000, {2, 0, 0, 0});

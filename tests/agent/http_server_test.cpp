@@ -1,4 +1,4 @@
-// The server on a real socket, with clients that are not always kind.
+// The server on a real socket, with slow, faulty and greedy clients.
 #include "http/http_server.h"
 
 #include <gtest/gtest.h>
@@ -96,7 +96,7 @@ TEST_F(HttpServerTest, AnswersEveryRequest) {
     }
 }
 
-TEST_F(HttpServerTest, SlowClientsHoldUpNobody) {
+TEST_F(HttpServerTest, SlowClientsDoNotDelayOthers) {
     std::vector<std::unique_ptr<Client>> slow;
     for (int i = 0; i < 40; ++i) {
         slow.push_back(std::make_unique<Client>(server.port(), "GET /slow HTTP/1.1\r\nHo"));
@@ -108,7 +108,7 @@ TEST_F(HttpServerTest, SlowClientsHoldUpNobody) {
     EXPECT_TRUE(slow.front()->rest().ends_with("GET /slow"));
 }
 
-TEST_F(HttpServerTest, ResponsesThatNobodyReadsAreLimited) {
+TEST_F(HttpServerTest, UnreadResponsesAreLimited) {
     auto statusOfLarge = [&] { return answerTo(request("GET", "/large")).substr(9, 3); };
     {
         Client lazy(server.port(), request("GET", "/large"));
@@ -119,7 +119,7 @@ TEST_F(HttpServerTest, ResponsesThatNobodyReadsAreLimited) {
         test::eventually(std::chrono::seconds(10), [&] { return statusOfLarge() == "200"; }));
 }
 
-TEST_F(HttpServerTest, SaysWhyItCannotListen) {
+TEST_F(HttpServerTest, ReportsWhyItCannotListen) {
     ListenAddress taken{"127.0.0.1", server.port()};
     const std::pair<ListenAddress, const char*> cases[] = {
         {taken, "Address already in use"},
@@ -135,7 +135,7 @@ TEST_F(HttpServerTest, SaysWhyItCannotListen) {
     }
 }
 
-TEST(ListenAddress, TakesItsForms) {
+TEST(ListenAddress, AcceptsItsForms) {
     const std::pair<const char*, const char*> good[] = {
         {"127.0.0.1:9931", "127.0.0.1:9931"},
         {"9000", "127.0.0.1:9000"},
@@ -174,7 +174,7 @@ TEST(ListenAddress, TakesItsForms) {
     }
 }
 
-TEST(ListenAddress, AllAddressesAreOfBothFamilies) {
+TEST(ListenAddress, WildcardAddressHasBothFamilies) {
     HttpServer server(parseListenAddress("*:0"), echo);
     EXPECT_NE(Client(server.port(), request("GET", "/")).rest().find("200 OK"), std::string::npos);
 }

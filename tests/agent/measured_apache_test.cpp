@@ -40,7 +40,7 @@ void layOutServer(const std::string& module) {
 
 class MeasuredApache : public testing::TestWithParam<const char*> {};
 
-TEST_P(MeasuredApache, IsStartedConfiguredShownAndGone) {
+TEST_P(MeasuredApache, StartsCountsAndStopsCleanly) {
     if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";
     layOutServer(GetParam());
     tolvane::test::Process server(
@@ -81,7 +81,7 @@ TEST_P(MeasuredApache, IsStartedConfiguredShownAndGone) {
 }
 
 // Started by hand, without the file that names the module.
-TEST_P(MeasuredApache, WithThreadsThatWereNotAnnouncedIsReported) {
+TEST_P(MeasuredApache, WithUnexpectedThreadsIsReported) {
     if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";
     const bool threaded = std::string(GetParam()) != "prefork";
     layOutServer(GetParam());
@@ -102,7 +102,7 @@ TEST_P(MeasuredApache, WithThreadsThatWereNotAnnouncedIsReported) {
     EXPECT_EQ(has("doctor", fault + " -> echo " + GetParam() + " > " + file), threaded);
     EXPECT_EQ(has("show", "Note: " + fault), threaded);
 
-    // Anybody may write such a line; without threads it accuses wrongly.
+    // Any local user can write such a line, so it counts only for a threaded server.
     const std::string worker = std::to_string(server.children().back());
     const std::string line =
         "  This server has threads but was taken for one connection per process: process " +

@@ -34,7 +34,7 @@ CollectorState named(const std::string& server, const std::string& site, const s
     return state;
 }
 
-TEST(Metrics, SayWhatWasCounted) {
+TEST(Metrics, ShowTheCounts) {
     CollectorState state = named("*:80", "shop.example", "cart");
     ServerTally& server = state.servers.begin()->second;
     server.total[&CounterBlock::requests] = std::numeric_limits<std::uint64_t>::max();
@@ -86,7 +86,7 @@ TEST(Metrics, NamesAreEscapedAndValid) {
     }
 }
 
-TEST(Metrics, EverySeriesComesOnceAndInItsFamily) {
+TEST(Metrics, EverySeriesStandsOnceInItsFamily) {
     std::set<std::string> known;
     std::string family;
     std::istringstream lines(textOf(test::inventedState("states", kNow)));

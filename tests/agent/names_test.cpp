@@ -36,7 +36,7 @@ TEST(UrlPattern, BecomesPiecesAndWildcards) {
     EXPECT_EQ(parseUrlPattern("/*" + longest).pieces.back(), longest);
 }
 
-TEST(UrlPattern, SaysWhatIsWrongAndWhatWouldBeRight) {
+TEST(UrlPattern, FaultsAreReportedWithARemedy) {
     const std::pair<std::string, const char*> cases[] = {
         {"", "'*' matches every URL"},
         {"shop*", "write '/shop*', or '*shop*'"},
@@ -72,7 +72,7 @@ TEST(HostName, AcceptsWhatClientsCanSend) {
     EXPECT_NO_THROW(checkHostName(std::string(127, 'x')));
 }
 
-TEST(HostName, SaysWhatIsWrongAndWhatWouldBeRight) {
+TEST(HostName, FaultsAreReportedWithARemedy) {
     const std::pair<std::string, const char*> cases[] = {
         {"", "empty name"},
         {"*.example", "no wildcards"},

@@ -1,4 +1,4 @@
-// What the paths answer.
+// The response to each path.
 #include "export/pages.h"
 
 #include <gtest/gtest.h>
@@ -49,7 +49,7 @@ TEST(Pages, EachPathHasItsKind) {
     }
 }
 
-TEST(Pages, HealthNamesWhatIsWrong) {
+TEST(Pages, HealthNamesTheProblem) {
     struct Case {
         std::time_t started, lastRound;
         double interval;
@@ -125,7 +125,7 @@ TEST(Pages, HistoryHasWholeStepsAndNoEmptyRows) {
     EXPECT_EQ(jsonOf(state, "/api/history", {{"server", "*:8080"}})["servers"].size(), 1U);
 }
 
-TEST(ProcessFacts, AreOurOwn) {
+TEST(ProcessFacts, AreOfThisProcess) {
     ProcessFacts facts = readProcessFacts();
     EXPECT_GT(facts.residentBytes, 1U << 20);
     EXPECT_LT(facts.residentBytes, 1U << 30);

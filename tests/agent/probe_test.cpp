@@ -47,7 +47,7 @@ TEST(Probe, ReadsTheServersAnswers) {
     EXPECT_EQ(processingModule(facts), "prefork");
 }
 
-TEST(Probe, AServerThatListsNothingIsRefused) {
+TEST(Probe, RefusesAnEmptyDump) {
     for (const char* answer : {"", "Syntax OK\n", "Included configuration files:\n",
                                "Included configuration files:\n  (x) /a\n    (99999999999) /b\n"}) {
         ServerFacts facts;
@@ -75,7 +75,7 @@ TEST(Command, KeepsTheArgumentsThatDecideAboutTheConfiguration) {
     EXPECT_THROW(inspectCommand({"/opt"}), Error);
 }
 
-TEST(Command, KindsGoByName) {
+TEST(Command, KindFollowsFromTheName) {
     const std::pair<const char*, ServerKind> cases[] = {
         {"apache2", ServerKind::kApache},         {"httpd.worker", ServerKind::kApache},
         {"apache2ctl-shop", ServerKind::kApache}, {"ns-httpd", ServerKind::kNetscape},
@@ -146,7 +146,7 @@ TEST(Preload, FitsTheServersWordSize) {
     EXPECT_THROW(preloadValue({{WordSize::k64, "/a b"}}, WordSize::k64, WordSize::k64), Error);
 }
 
-TEST(Preload, KeepsWhatIsThere) {
+TEST(Preload, KeepsOtherLibraries) {
     EXPECT_EQ(joinPreload("/t.so", ""), "/t.so");
     EXPECT_EQ(joinPreload("/t.so", "/a.so:/b.so /c.so"), "/t.so:/a.so:/b.so:/c.so");
     EXPECT_EQ(joinPreload("/new/libtolvane.so", "/a.so:/old/libtolvane.so"),

@@ -49,7 +49,7 @@ TEST(Report, DerivesRatesSharesAndMeans) {
     EXPECT_FALSE(report.rows[4].meanResponse);
 }
 
-TEST(Report, AbsurdSumsGiveNoMean) {
+TEST(Report, InvalidSumsGiveNoMean) {
     for (double sum : {std::numeric_limits<double>::quiet_NaN(), -1.0}) {
         CountSet counts;
         counts.category[0][0] = {5, 0, 0, 0, sum};

@@ -1,5 +1,5 @@
 // What `tolvane run` and `tolvane prepare` hand to a server. The server is a
-// script that answers as an Apache does and tells what it was started with.
+// script that answers like an Apache and prints its arguments and environment.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -77,7 +77,7 @@ TEST(Run, StartsTheServerWithEverythingItNeeds) {
     EXPECT_EQ(log.st_mode & 0777, 0666U);
 }
 
-TEST(Run, UsesARootThatTheShimCanReadAsItIs) {
+TEST(Run, UsesARootThatNeedsNoTranslation) {
     std::filesystem::create_directories("/opt/etc/conf");
     installServer("");
     std::string script = readFile("/opt/apachectl");
@@ -138,7 +138,7 @@ TEST(Run, RefusesBadInputAndChangesNothing) {
     EXPECT_EQ(readFile("/opt/own/conf/httpd.conf"), "Listen 80\n");
 }
 
-TEST(Run, ValuesOfTheEnvironmentAreCheckedAsTheOptionsAre) {
+TEST(Run, ChecksValuesOfTheEnvironment) {
     installServer("Listen 443 https\n");
     struct Case {
         const char *name, *value, *expected;
@@ -159,7 +159,7 @@ TEST(Run, ValuesOfTheEnvironmentAreCheckedAsTheOptionsAre) {
     }
 }
 
-TEST(Run, APreparedRootFollowsTheServersConfiguration) {
+TEST(Run, RefreshesAPreparedRoot) {
     installServer("Listen 80\n");
     Outcome prepared = tolvane({"prepare", "--root", "/opt/root", "--", "/opt/apachectl"});
     ASSERT_EQ(prepared.code, 0) << prepared.errors;

@@ -20,7 +20,7 @@ namespace {
 
 using tolvane::test::writeFile;
 
-TEST(Handoff, IsReadOrItsFaultIsNamed) {
+TEST(Handoff, IsReadOrItsFaultIsReported) {
     struct Case {
         std::string text;
         const char* problem;  // nullptr: none
@@ -106,7 +106,7 @@ TEST(Servers, AreEndingWhileProcessesRemain) {
     expectState(RunState::kEnding, "has stopped");
 }
 
-TEST(Servers, AreEndingForEveryReaderWhenTheirMainProcessIsAZombie) {
+TEST(Servers, AreEndingWhenTheirMainProcessIsAZombie) {
     FakeServer server;
     pid_t zombie = fork();
     if (zombie == 0) _exit(0);
@@ -126,7 +126,7 @@ TEST(Servers, AreStaleForAReason) {
         FakeServer server;
         server.kill();
         expectState(RunState::kStale, "no process uses segment");
-        // Neither a watcher nor another agent makes it live.
+        // Processes that attach it as readers or agents do not make it live.
         for (int access : {SHM_RDONLY, 0}) {
             void* watched = shmat(server.shmid(), nullptr, access);
             expectState(RunState::kStale, "no process uses segment");
@@ -155,8 +155,8 @@ TEST(Servers, AreStaleForAReason) {
     expectState(RunState::kStale, "is not open to all users");
 }
 
-// Anybody may write into the file.
-TEST(Servers, AreFoundWhateverTheirHandoffFileSays) {
+// Any local user can write into the file.
+TEST(Servers, AreFoundDespiteAWrongHandoffFile) {
     FakeServer other(2, "*:81");
     FakeServer server(3);
     const std::string otherSegment = "Shmid=" + std::to_string(other.shmid());
@@ -177,7 +177,7 @@ TEST(Servers, AreFoundWhateverTheirHandoffFileSays) {
     }
 }
 
-TEST(Servers, AreChosenByWhatTheOperatorSees) {
+TEST(Servers, AreSelectedByAddressProcessOrSegment) {
     FakeServer first(1, "*:80,10.0.0.1:443");
     FakeServer second(1, "*:81");
     auto servers = findServers();
@@ -259,7 +259,7 @@ TEST(Segment, EveryFieldOutOfItsBoundsIsReportedAndCorrected) {
     EXPECT_STREQ(config.categories[0][0].label, "caf\xc3\xa9 ???");
 }
 
-TEST(Segment, AnotherSizeIsNotAttached) {
+TEST(Segment, OfAnotherSizeIsNotAttached) {
     int small = shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600);
     EXPECT_THROW(Segment(small, 1, Segment::Access::kRead), Error);
     shmctl(small, IPC_RMID, nullptr);

@@ -127,7 +127,7 @@ TEST(Top, FitsATerminalOfAnySize) {
     }
 }
 
-TEST(Top, ObeysKeysResizingAndSignals) {
+TEST(Top, HandlesKeysResizingAndSignals) {
     FakeServer server;
     fillServer(server);
     TopInTerminal top(100, 30);
@@ -177,7 +177,7 @@ TEST(Top, WritesPlainBlocksIntoAPipe) {
     EXPECT_EQ(tolvane({"top", "--sort", "colour"}).code, 2);
 }
 
-TEST(Top, EndsWithAMessageWhenTheServerDoes) {
+TEST(Top, EndsWithTheServer) {
     FakeServer server;
     fillServer(server);
     server.edit([](ConfigInfo& config, ResultStruct*) { config.version = kVersionRemoved; });

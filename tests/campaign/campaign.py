@@ -103,7 +103,7 @@ class Round:
                 return True
             differences[:] = self.wrong(before, books)
             return False
-        # Twice: one process may have taken more than its share of connections.
+        # Twice: a process may have accepted more than its share of connections.
         if not eventually(45, lambda: probed() and probed(), 0.3):
             raise Failure("a new configuration is not in force after 45 s: " + "; ".join(differences))
 
@@ -223,15 +223,12 @@ def play(round_, place):
     return failure
 
 
-def print_table(rounds):
-    print(f"\n{'kind':<12}{'sanitizer':<11}{'rounds':>7}{'failed':>7}{'requests':>10}{'counts':>8}{'faults':>9}")
-    for key in sorted({(r.server.kind, r.server.sanitizer) for r, _ in rounds}):
-        of = [(r, failure) for r, failure in rounds if (r.server.kind, r.server.sanitizer) == key]
-        print(f"{key[0]:<12}{key[1]:<11}{len(of):>7}{sum(bool(failure) for _, failure in of):>7}"
-              f"{sum(r.counted for r, _ in of):>10}{sum(r.compared for r, _ in of):>8}"
-              f"{sum(sum(r.injected.values()) for r, _ in of):>9}")
+def print_summary(rounds):
+    failed = sum(bool(failure) for _, failure in rounds)
     injected = sum((r.injected for r, _ in rounds), Counter())
-    print("faults: " + ", ".join(f"{name} {count}" for name, count in sorted(injected.items())))
+    print(f"{len(rounds)} rounds, {failed} failed, {sum(r.counted for r, _ in rounds)} requests, "
+          f"{sum(r.compared for r, _ in rounds)} counts compared; faults: "
+          + ", ".join(f"{name} {count}" for name, count in sorted(injected.items())))
 
 
 def choice(names):
@@ -269,7 +266,7 @@ def main():
         rounds.append((round_, play(round_, place)))
         if rounds[-1][1] and not options.keep_going:
             break
-    print_table(rounds)
+    print_summary(rounds)
     failed = any(failure for _, failure in rounds)
     if not failed:
         place.rmdir()

@@ -70,7 +70,7 @@ class Chaos:
     def term(self):
         self.injected["term"] += self.server.kill_one(self.chance, signal.SIGTERM)
 
-    # Where counts are compared nobody may send a request just when the server closes the
+    # Where counts are compared no client may send a request while the server closes the
     # connection. And what a threaded process counts after its last interval goes with it, so
     # that has to be a quiet one.
     def reload(self):

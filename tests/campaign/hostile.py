@@ -48,7 +48,7 @@ class Intruder:
         self.segment.memory[at + start:at + start + length] = self.chance.choice(
             (b"*" * length, b"a" * length, self.chance.randbytes(length)))
 
-    # What is asked for between these stands, and would make a round that long.
+    # Intervals between these are valid and would make a round that long.
     def interval(self):
         self.segment.word(s.INTERVAL).value = self.chance.choice((1, 2, 3601, 2**31 - 1))
 

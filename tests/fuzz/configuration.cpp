@@ -1,5 +1,5 @@
-// A configuration block that anybody may have written: how it is bounded, and
-// what is matched against it, compared with plain forms of both. An input is
+// The bounds of a hostile configuration block, and the matching against it,
+// compared with plain forms of both. An input is
 // the block, and then Host values and URLs as long as there are bytes.
 #include "shim_utils/configuration/configuration.h"
 

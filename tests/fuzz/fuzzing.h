@@ -1,5 +1,5 @@
-// What all fuzz targets share: the bytes of an input, taken one after the other,
-// and the end of a run in which two results differ.
+// Shared by all fuzz targets: the bytes of an input, and the end of a run in
+// which two results differ.
 #pragma once
 
 #include <cstddef>

@@ -34,8 +34,8 @@ class Accounting : public testing::TestWithParam<ServerType> {};
 INSTANTIATE_TEST_SUITE_P(Types, Accounting,
                          testing::Values(kApacheProcesses, kNetscape, kApacheThreads));
 
-// Here for the gauges and the exact times, which nobody outside the server can
-// tell: a quarter of a second passes between two readings of the clock.
+// Gauges and exact times are visible only inside the process. A quarter of a
+// second passes between two readings of the clock.
 TEST_P(Accounting, KeepsGaugesAndTimes) {
     const MeasuredProcess process(GetParam());
     requestInterval = INT_MAX;
@@ -109,7 +109,7 @@ TEST(AccountingBounds, IgnoresWhatIsOutsideTheTables) {
     expectCounted("");
 }
 
-TEST(Reporting, TakesAHostUpToItsNulAndNoClosedConnection) {
+TEST(Reporting, EndsAHostAtNulAndIgnoresAClosedConnection) {
     const MeasuredProcess process(kNetscape);
     putIntoForce({{"a.test", {"/x"}}});
     countAccepted(kFd, kUntracked);
@@ -131,7 +131,7 @@ TEST(ResponseTime, IsTheDifferenceOfTwoTimesOfDay) {
     EXPECT_EQ(diffTime(11, 0, 10, 999'999), 0.0);
     EXPECT_EQ(log.next(), logged);
 
-    // It is taken before the text is looked at, so even when that is no response.
+    // The time is read before the text is examined, even if that is no response.
     const MeasuredProcess process(kNetscape);
     putIntoForce({{"a.test", {"/x"}}});
     countAccepted(kFd, kPlain);

@@ -81,7 +81,7 @@ TEST(Discovery, ReadsANetscapeConfiguration) {
     }
 }
 
-TEST(Discovery, RunsOncePerProcessWhateverComesOfIt) {
+TEST(Discovery, RunsOncePerProcessEvenIfItFails) {
     const struct {
         const char* server;
         const char* root;
@@ -165,8 +165,8 @@ std::string lines(const std::string& before, int first, int last, const std::str
     return text;
 }
 
-// Ten addresses fit, however often they are named; one more is named in the log,
-// with what happens to it. A long name is cut.
+// Ten distinct addresses fit; duplicates use no entry. A log line names each
+// further address and its effect. A long name is cut.
 TEST(Discovery, FillsATableToItsEnd) {
     const std::string host = "x" + std::string(60, '0');
     const std::string ten = lines("10.0.0.1:", 1, 10, " ");

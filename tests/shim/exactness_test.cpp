@@ -1,6 +1,6 @@
-// Threads that count as fast as they can while their counts are published back
-// to back: in the end the shared sums are what the threads did, to the last
-// count and the last bit of the response times.
+// Threads count at full speed while their counts are published without a pause.
+// The shared sums must equal the threads' own, including the last bit of the
+// response times.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -133,7 +133,7 @@ class Publisher {
 
 class Exactness : public testing::TestWithParam<Load> {};
 
-TEST_P(Exactness, SharedSumsAreWhatTheThreadsDid) {
+TEST_P(Exactness, SharedSumsEqualTheThreadsOwn) {
     const Load& load = GetParam();
     const MeasuredProcess process(load.type);
     configureTurn(*shmConfig, 0);

@@ -14,7 +14,7 @@ std::atomic<int> monotonicAhead{0};
 std::function<void()> insteadOfSleeping;
 }  // namespace tolvane::test
 
-// They stand before the C library's.
+// These functions replace the C library's.
 extern "C" int gettimeofday(timeval* time, void*) noexcept {
     tolvane::test::FakeClock& clock = tolvane::test::fakeClock();
     clock.now += clock.step;

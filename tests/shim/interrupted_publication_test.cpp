@@ -1,5 +1,5 @@
 // A publication in the middle of a server's call, and a call in the middle of a
-// publication: at the worst moments, every time.
+// publication, always at the critical access.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -81,7 +81,7 @@ TEST_F(InterruptedPublication, InTheMiddleOfACallLosesNothing) {
     }
 }
 
-TEST_F(InterruptedPublication, ByACallLosesNothing) {
+TEST_F(InterruptedPublication, InterruptedByACallLosesNothing) {
     accept();
     read();
     PageTrap trap([this] {
@@ -95,7 +95,7 @@ TEST_F(InterruptedPublication, ByACallLosesNothing) {
     expectAllPublished();
 }
 
-TEST_F(InterruptedPublication, NeverHandsOnHalfOfASum) {
+TEST_F(InterruptedPublication, NeverPublishesHalfOfASum) {
     accept();
     read();
     write(3'145'728'015'625);  // both halves of the sum change, exactly

@@ -18,7 +18,7 @@ namespace fs = std::filesystem;
 
 constexpr char kZones[] = "/usr/share/zoneinfo";
 
-// Rules as TZ and time zone files give them, and texts that are none.
+// Rules of TZ, and the names of time zone files.
 std::vector<std::string> zones() {
     std::vector<std::string> all = {
         "UTC0",
@@ -73,7 +73,7 @@ TEST(LocalTime, AgreesWithTheCLibrary) {
     setenv("TZ", before.c_str(), 1);
 }
 
-TEST(LocalTime, RefusesWhatIsNoZone) {
+TEST(LocalTime, RefusesInvalidZones) {
     long offset;
     for (const char* zone : {"", "A", "UTC", "no/zone", "AAA", "AAA1BBB,", "AAA1BBB,M3.5.0",
                              "AAA1BBB,M13.1.0,M1.1.0", "AAA1BBB,J0,J1", "AAA1BBB,1,366",

@@ -62,7 +62,7 @@ TEST(Log, WritesOneDatedLinePerMessage) {
               "01/01/2038 02:00:01  \n");
 }
 
-TEST(Log, CreatesTheFileForEverybodyAndOnlyThen) {
+TEST(Log, SetsTheModeOnlyWhenItCreatesTheFile) {
     close(logDescriptor());
     fs::remove(kLogFile);
     const mode_t mask = umask(077);
@@ -120,7 +120,7 @@ class ErrorLog {
     int before_;
 };
 
-TEST(Log, SaysOnStandardErrorThatItCannotOpenTheFile) {
+TEST(Log, ReportsOnStandardErrorThatItCannotOpenTheFile) {
     close(logDescriptor());
     fs::rename("/opt/tolvane/agent/logs", "/opt/away");
     {
@@ -143,7 +143,7 @@ TEST(Log, SaysOnStandardErrorThatItCannotOpenTheFile) {
     EXPECT_EQ(log.next(), (std::vector<std::string>{"back"}));
 }
 
-TEST(Log, RefusesWhatSomebodyElsePutInItsPlace) {
+TEST(Log, RefusesForeignFilesInItsPlace) {
     const std::string other = "/opt/other";
     const struct {
         const char* what;
@@ -227,7 +227,7 @@ TEST(Log, RaisesNoSignalInTheServer) {
 }
 
 // The C library's conversion holds a lock that the child would wait for.
-TEST(Log, WritesInAForkedChildWhateverOtherThreadsDid) {
+TEST(Log, WritesInAForkedChildOfAThreadedProcess) {
     std::atomic<bool> stop{false};
     std::thread converting([&] {
         for (time_t now = 0; !stop.load(); ++now) {

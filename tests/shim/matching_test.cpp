@@ -1,5 +1,5 @@
-// Host values against sites, URLs against categories: which of them come, and a
-// comparison of single ones with the plainest possible matcher.
+// Host values against sites and URLs against categories, by tables and by a
+// comparison with a plain matcher.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -166,8 +166,8 @@ TEST(UrlCategories, AgreesWithThePlainMatcher) {
     EXPECT_LT(matches, 320'000U);
 }
 
-// Ten sites of 540 pieces each, all of the greatest length and none beginning like
-// another, or with as many children to a node as give most rows.
+// Ten sites of 540 pieces each: first long pieces with distinct beginnings, then
+// as many children per node as need the most rows.
 TEST(UrlCategories, MatchesTheLargestConfiguration) {
     Dice dice;
     auto config = prepared({});
@@ -208,9 +208,9 @@ TEST(UrlCategories, MatchesTheLargestConfiguration) {
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// Patterns that anybody may have written, and URLs of 8 KB, that would cost much
-// if anything were looked for twice. The bound is several times what each takes.
-TEST(UrlCategories, NoPatternIsDear) {
+// Hostile patterns with URLs of 8 KB, which take long if any text is searched for
+// twice. The limit is several times the measured time.
+TEST(UrlCategories, NoPatternIsExpensive) {
     const auto run = [](int length, char letter = 'a') { return std::string(length, letter); };
     struct Case {
         const char* name;

@@ -1,5 +1,5 @@
-// The state of a measuring process, made by hand: tables, slots and a segment
-// on the heap, with no server, no wrapper and no start-up.
+// The state of a measuring process without a server, wrappers and start-up:
+// tables, slots and a segment on the heap.
 #pragma once
 
 #include <functional>
@@ -26,7 +26,7 @@ class MeasuredProcess {
 
 void putIntoForce(const std::vector<Site>& sites);
 
-// What has been logged since the last look.
+// The messages logged since the last call.
 class LogTail {
   public:
     LogTail();

@@ -14,7 +14,7 @@
 namespace tolvane::test {
 namespace {
 
-TEST(Monitor, SleepsInSecondsAndSeesWhatIsWrittenMeanwhile) {
+TEST(Monitor, SleepsUntilTheConfiguredOrAShortenedInterval) {
     struct Write {
         int second, version, interval;
     };

@@ -1,5 +1,5 @@
-// Runs a function in the middle of somebody else's work: at the next access to
-// a page of memory, on the thread that makes it, as a debugger's watchpoint would.
+// Runs a function at the next access to a page of memory, in the thread that
+// accesses it, like a watchpoint of a debugger.
 #pragma once
 
 #include <signal.h>

@@ -61,7 +61,7 @@ int freeUnits(const ResultStruct& record) {
                : semctl(semaphoreOf(static_cast<int>(&record - shmPtr)), 0, GETVAL);
 }
 
-TEST(Publication, HandsOnCountersOnceAndGaugesByItsRules) {
+TEST(Publication, AddsCountersOnceAndGaugesByTheFormsRules) {
     const struct {
         Form form;
         int gauge, totalOpen, siteOpen, inProgress;
@@ -91,7 +91,7 @@ TEST(Publication, HandsOnCountersOnceAndGaugesByItsRules) {
             EXPECT_EQ(freeUnits(shared), 1);
 
             // A gauge is added at every publication, a counter only what is new;
-            // what belonged to no site at the time belongs to none later.
+            // counts without a site stay without a site.
             setCounts(1, c.gauge);
             slotAt(0).result.total.requests = 4;
             putIntoForce({{"a.test", {"/x", "/y"}}, {"b.test", {}}, {"c.test", {}}});
@@ -99,7 +99,7 @@ TEST(Publication, HandsOnCountersOnceAndGaugesByItsRules) {
             EXPECT_EQ(shared.total.requests, 4U);
             EXPECT_EQ(shared.total.connections, 1U);
             EXPECT_EQ(int{shared.category[0][0].inProgress}, c.inProgress * 2);
-            // But for an exit, which comes once however often it is reported.
+            // The publication at exit happens once.
             EXPECT_EQ(int{shared.site[0].openConnections},
                       c.siteOpen * (c.form.publish == publishAtExit ? 1 : 2));
             EXPECT_EQ(shared.category[0][1].requests + shared.site[2].requests, 0U);
@@ -107,7 +107,7 @@ TEST(Publication, HandsOnCountersOnceAndGaugesByItsRules) {
     }
 }
 
-TEST(Publication, ClearsTheGroupsThatTheAgentHasTaken) {
+TEST(Publication, ClearsTheGroupsThatTheAgentHasCollected) {
     const struct {
         Form form;
         bool dirty;  // the slot
@@ -150,7 +150,7 @@ TEST(Publication, ClearsTheGroupsThatTheAgentHasTaken) {
     }
 }
 
-TEST(Publication, OfAWorkerComesEveryInterval) {
+TEST(Publication, HappensEveryIntervalInAWorker) {
     const MeasuredProcess process(kApacheProcesses);
     countAccepted(kFd, kPlain);
     shmConfig->version = 3;
@@ -183,12 +183,12 @@ TEST(Publication, WithoutItsSemaphoreKeepsTheCounts) {
     }
 }
 
-// As any local user can make it: forever.
+// As any local user can do it, without a limit in time.
 void holdSemaphore(bool held) {
     inChild([held] { ASSERT_EQ(semctl(semaphoreOf(0), 0, SETVAL, held ? 0 : 1), 0); });
 }
 
-TEST(Publication, AHeldSemaphoreCostsASecondInAll) {
+TEST(Publication, HeldSemaphoreDelaysOnePublicationByASecond) {
     using namespace std::chrono_literals;
     const auto now = std::chrono::steady_clock::now;
     for (const Form& form : {kWorker, kApacheMonitor}) {
@@ -236,8 +236,8 @@ TEST(Publication, AHeldSemaphoreCostsASecondInAll) {
     });
 }
 
-// A signal ends a wait in the middle of a server's call, but not one at exit.
-TEST(Publication, AnInterruptedWaitKeepsTheCounts) {
+// A signal ends the wait of a call of the server, but not the wait at exit.
+TEST(Publication, InterruptedWaitKeepsTheCounts) {
     for (const Form& form : {kWorker, kExit}) {
         SCOPED_TRACE(form.name);
         inChild([&] {
@@ -267,7 +267,7 @@ TEST(Publication, AnInterruptedWaitKeepsTheCounts) {
     }
 }
 
-TEST(Publication, AddsToWhateverSomebodyWroteIntoTheRecord) {
+TEST(Publication, AddsToAnyValuesInTheRecord) {
     for (const Form& form : {kWorker, kNetscapeMonitor, kApacheMonitor, kExit}) {
         SCOPED_TRACE(form.name);
         inChild([&form] {

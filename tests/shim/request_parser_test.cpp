@@ -106,7 +106,7 @@ const Response kResponses[] = {
     {"HTTP/1.1 2147483647 x\r\n", INT_MAX},
     {"HTTP/1.1 2147483648 x\r\n", INT_MAX},
     {"HTTP/1.1 99999999999999999999999 x\r\n", INT_MAX},
-    // The last override header of the block decides, whatever came before.
+    // The last override header of the block decides.
     {"HTTP/1.1 200\r\n\t Tv-Status:\t503", 200, 503},
     {"HTTP/1.1 200\r\nTv-Status: 503\r\nA: b\r\nTv-Status: 404\r\n\r\n", 200, 404},
     {"HTTP/1.1 200\r\nTv-Status: 503\r\nTv-Status: none\r\n\r\n", 200, 0},

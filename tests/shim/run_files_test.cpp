@@ -53,7 +53,7 @@ class Records {
     char* address_;
 };
 
-// A server starts and is killed.
+// Leaves the objects of a server that was killed.
 EarlierRun leaveBehind(std::size_t bytes, bool listed) {
     inChild([&] {
         webServerType = kApacheProcesses;
@@ -81,7 +81,7 @@ void shiftTime(const std::string& path, int seconds) {
     fs::last_write_time(path, fs::last_write_time(path) + std::chrono::seconds(seconds));
 }
 
-// Whatever the file there was, the link or FIFO takes its place.
+// Replaces the file by an object of another kind.
 void replace(const std::string& path, const std::string& kind) {
     if (kind == "hard link") fs::create_hard_link(path, kElsewhere);
     if (kind == "hard link" || kind == "file") return;
@@ -143,7 +143,7 @@ void setMode(const EarlierRun& run, unsigned short mode) {
     ASSERT_EQ(shmctl(run.segment, IPC_SET, &status), 0);
 }
 
-// Identifiers are given anew after a reboot: the record's is another server's.
+// Identifiers are reused after a reboot: the one in the record is another server's.
 void giveSegmentToAnother(const EarlierRun& run) {
     const int other = shmget(IPC_PRIVATE, segmentSize(kRecords), IPC_CREAT | 0777);
     for (int i = 0; i < kRecords; ++i)
@@ -178,8 +178,8 @@ std::function<void(const EarlierRun&)> nameSet(int semaphores, int mode, int del
     };
 }
 
-// Anybody can write into a segment. Where a record names a foreign set, its own
-// cannot be found any more.
+// Any local user can write into a segment. The set of a record that names a
+// foreign set cannot be found any more.
 TEST_F(RunFiles, OnlySemaphoresMadeWithTheSegmentAreRemoved) {
     expectRemoved({
         {"private", nameSet(1, 0600), "0 2 0", {"semaphore"}},
@@ -198,7 +198,7 @@ void touchSemaphores(const EarlierRun& run) {
     for (int i = 0; i < kRecords; ++i) semctl(Records(run.segment).semaphore(i), 0, SETVAL, 0);
 }
 
-// What any user did to the segment or to the sets then makes no difference.
+// Changes by other users to the segment or the sets then have no effect.
 TEST_F(RunFiles, ListedSemaphoresAreRemovedAndNoOthers) {
     const auto bytes = segmentSize(kRecords);
     const std::string list = "/opt/server/logs/.tolvane_semaphores";
@@ -274,7 +274,7 @@ TEST_F(RunFiles, OnlyTheHandoffFileOfTheRecordIsRemoved) {
         {"hard link", becomes("hard link"), "0 0 1", {"file"}},
         {"fifo", becomes("fifo"), "0 0 1", {"file"}},
         {"directory", becomes("directory"), "0 0 1", {"file"}},
-        // Any user can write into the file; its place and owner tell enough.
+        // Any local user can write into the file, so only its path and owner count.
         {"another segment's", holds("Listen=*:80\nShmid=2000000000\n"), "0 0 0", {}},
         {"no segment's", holds(" Shmid=0\n"), "0 0 0", {}},
         {"long", holds(std::string(100'000, 'x')), "0 0 0", {}},
@@ -290,7 +290,7 @@ TEST_F(RunFiles, OnlyTheHandoffFileOfTheRecordIsRemoved) {
     EXPECT_FALSE(fs::exists(kElsewhere));
 }
 
-TEST_F(RunFiles, ARecordThatIsNoRecordRemovesNothing) {
+TEST_F(RunFiles, InvalidRecordRemovesNothing) {
     const auto becomes = [](const std::string& kind) {
         return [=](const EarlierRun&) { replace(kRecord, kind); };
     };
@@ -310,7 +310,7 @@ TEST_F(RunFiles, ARecordThatIsNoRecordRemovesNothing) {
     });
 }
 
-TEST_F(RunFiles, NothingIsWrittenThroughWhatStandsInTheWay) {
+TEST_F(RunFiles, WritesThroughNoLinkFifoOrDirectory) {
     const std::string handoff = kHandoffDirectory + ("webadapter." + std::to_string(getpid()));
     const struct {
         std::string path;
@@ -342,8 +342,8 @@ TEST_F(RunFiles, NothingIsWrittenThroughWhatStandsInTheWay) {
     }
 }
 
-// The agent would take a part of the identifier for the whole.
-TEST_F(RunFiles, AFileThatFindsNoRoomIsNotWrittenInPart) {
+// The agent would read a part of the identifier as the whole.
+TEST_F(RunFiles, RemovesAFileThatCannotBeWrittenWhole) {
     writeFile(kLogFile, "");
     inChild([] {
         const rlimit limit{20, 20};

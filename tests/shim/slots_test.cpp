@@ -19,13 +19,13 @@ void openConnections(int first, int count) {
     }
 }
 
-TEST(Slots, OfOneConnectionPerProcessAreOne) {
+TEST(Slots, NumberOneWithOneConnectionPerProcess) {
     const MeasuredProcess process(kApacheProcesses);
     for (const int fd : {0, 5, 1023}) EXPECT_EQ(GETINDEX(kApacheProcesses, fd), 0);
     EXPECT_EQ(currMaxSockets.load(), 1);
 }
 
-TEST(Slots, AreNoneForAnotherTypeOrBeforeTheStart) {
+TEST(Slots, DoNotExistForAnotherTypeOrBeforeTheStart) {
     for (const int asked : {0, 1, 2, 3, -1}) EXPECT_EQ(GETINDEX(asked, 5), -1);
     for (const ServerType own : {kApacheProcesses, kNetscape, kApacheThreads}) {
         const MeasuredProcess process(own);

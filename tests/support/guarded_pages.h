@@ -1,6 +1,6 @@
-// Room for texts that end right before memory that must not be touched, and
-// that the code under test cannot write to: it dies when it reads on or writes.
-// What lies before a text the address sanitizer guards, where there is one.
+// Read-only memory for texts that end before an inaccessible page: code that
+// reads on or writes is killed. The address sanitizer guards the memory before a
+// text.
 #pragma once
 
 #include <sanitizer/asan_interface.h>

@@ -13,7 +13,7 @@ namespace tolvane::test {
 // Whether the configured name means the site that the Host value asks for.
 bool plainHostMatch(std::string_view host, std::string_view name, ConnectionKind kind);
 
-// The first site with such a name; -1: none. `config` is bounded, and `host`
+// The first site with such a name; -1: no site. `config` is bounded, and `host`
 // holds no NUL.
 int plainSite(const ConfigInfo& config, std::string_view host, ConnectionKind kind);
 

@@ -25,13 +25,13 @@ std::string describe(const ResultStruct& record);
 // The counts of one record, or of several together.
 struct Counts : ResultStruct {
     Counts() : ResultStruct{} {}
-    // Gauges are left out: how often one is handed on depends on when the
-    // publications fall.
+    // Without gauges: how often a gauge is added depends on the moments of the
+    // publications.
     Counts& operator+=(const ResultStruct& other);
     // A request of so many bytes and its response, of status 0 when dropped.
-    // Site and category are -1 when it belongs to none.
+    // A site or category of -1: the request has no site or category.
     void addRequest(int s, int c, std::size_t received, std::size_t sent, int status);
-    // All but the response times, which no client can tell.
+    // Without the response times, which no client knows.
     std::string text() const;
 };
 

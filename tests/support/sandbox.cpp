@@ -30,8 +30,7 @@ void require(bool done, const char* what) {
     std::exit(1);
 }
 
-// The identity stays what it was: a server must not find itself root when the
-// caller is not.
+// Keeps the identity: a server must not run as root if the caller does not.
 void mapOwnUser(uid_t user, gid_t group) {
     const auto map = [](unsigned id) {
         return std::to_string(id) + " " + std::to_string(id) + " 1";

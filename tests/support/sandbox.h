@@ -1,5 +1,5 @@
-// The tests' own machine: a private /opt, System V IPC and loopback network, so
-// that they neither need nor touch the real ones, and can tell what is left.
+// Private namespaces with an own /opt, System V IPC and loopback network. The
+// tests do not touch the real ones, and can check what is left.
 #pragma once
 
 #include <string>
@@ -27,8 +27,8 @@ std::vector<std::string> logMessages();
 // "shm" or "sem": how many of them exist.
 int systemVObjects(const std::string& kind);
 
-// What a stopped server has left of segments, semaphores, handoff and lock
-// files; empty when nothing.
+// The segments, semaphores, handoff and lock files of a stopped server; empty
+// if there are no such objects.
 std::string leftovers();
 
 }  // namespace tolvane::test

@@ -108,8 +108,8 @@ class Apache : public testing::TestWithParam<Module> {
 
     bool threaded() const { return std::string(GetParam().name) != "prefork"; }
 
-    // Prefork's processes hand on their last counts when the server stops, the
-    // others all of them within two intervals.
+    // Prefork's processes publish their last counts when the server stops, the
+    // others publish all counts within two intervals.
     void expectSoon(const Segment& segment, const Counts& expected) const {
         if (threaded()) expectCounts(segment, expected.text(), std::chrono::seconds(3));
     }

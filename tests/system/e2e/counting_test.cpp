@@ -143,7 +143,7 @@ TEST_F(SendCall, SendfileStartsAResponseThatCannotBeExamined) {
 
 class Gate : public ScriptTest {};
 
-TEST_F(Gate, DescriptorsThatAreNotTrackedGoStraightToTheCall) {
+TEST_F(Gate, UntrackedDescriptorsReachTheRealCall) {
     Measured server;
     Script& worker = *server.worker;
     const Reply bad{-1, EBADF, ""};

@@ -82,8 +82,8 @@ int connectLocally(int port) {
     return fd;
 }
 
-// What a daemon of the server does that serves its own workers, as for CGI: the
-// number of a listening socket that it closes goes to a socket of its own.
+// A daemon of the server, as for CGI, closes a listening socket, and a socket of
+// its own gets the number.
 TEST_F(Listening, SocketWithTheNumberOfAClosedOneIsAnotherSocket) {
     Measured server;
     const std::string listener = std::to_string(server.listener);

@@ -109,7 +109,7 @@ TEST_F(Lifecycle, SemaphoresKeepOneUnitWhenProcessesAreKilled) {
     expectOne("last worker ended");
 }
 
-// Anybody can write the segment's `parentPid`, and when.
+// Any local user can write the segment's `parentPid` at any time.
 TEST_F(Lifecycle, WrongParentPidInTheSegmentChangesNothing) {
     enum When { kAtFirst, kLater, kAtTheEnd };
     for (const std::string written : {"worker", "idle", "1", "0", "-1", "-5", "2147483647"}) {

@@ -114,8 +114,8 @@ class ScriptTest : public testing::TestWithParam<std::string> {
   protected:
     void SetUp() override { resetSandbox(); }
 
-    // One request on a connection of its own, answered by one write: with an
-    // interval of 1 it is published at once, and a newer configuration taken.
+    // One request on a new connection, answered by one write. With an interval of 1
+    // the worker publishes it at once and takes a newer configuration.
     static void serve(Script& worker, int listener, const std::string& host = "a.test");
 };
 

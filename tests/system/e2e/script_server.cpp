@@ -51,8 +51,8 @@ ssize_t __sendmsg64(int, const msghdr*, int);
 ssize_t sendfile32(int, int, void*, size_t) __asm__("sendfile");
 ssize_t sendfile64(int, int, void*, size_t);
 
-// Stand before the C library's, so that a test can set a limit that no test
-// machine permits.
+// Replaces the C library's, so that a test can set a limit that no test machine
+// permits.
 int getrlimit64(__rlimit_resource_t resource, rlimit64* limit) {
     if (prlimit64(0, static_cast<__rlimit_resource>(resource), nullptr, limit) != 0) return -1;
     const char* hard = std::getenv("HARD_LIMIT");

@@ -121,8 +121,8 @@ TEST_F(StartUp, RemovesWhatAnEarlierRunLeft) {
     }
 }
 
-// The record names one segment only: each server removes the one before, which
-// goes when its server ends.
+// The record names the segment of the last start only. Each start removes the
+// segment before, which disappears when its server ends.
 TEST_F(StartUp, ServersThatStartAtOnceLeaveNothing) {
     constexpr int kServers = 4;
     for (int round = 0; round < 15; ++round) {

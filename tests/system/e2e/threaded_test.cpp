@@ -14,8 +14,8 @@ namespace {
 constexpr int kPort = 8080;
 constexpr std::chrono::seconds kSoon(2);  // thousands of intervals
 
-// The server itself blocks one signal only, except where it is just making a
-// thread or a process; whoever blocks the others for good is the monitor.
+// The server blocks one signal only, except while it creates a thread or a
+// process. The monitor blocks the others all the time.
 int threadsThatBlock(int signal, pid_t pid) {
     int count = 0;
     for (const auto& task : filesIn("/proc/" + std::to_string(pid) + "/task")) {
@@ -98,8 +98,8 @@ TEST_P(Netscape, CountsEqualWhatTheClientsCounted) {
     expectCleanStop(server, segment);
 }
 
-// As a server with threads whose module nobody has named: its measurement ends,
-// and the server serves on.
+// The module of this threaded server is not known: its measurement ends, and the
+// server continues.
 TEST_F(Threaded, ServerTakenForOneConnectionPerProcessServesOnUnobserved) {
     Process server = start("apache", 50, 0, 2, "prefork");
     writeFile(std::string(kServerRoot) + "/logs/httpd.pid", std::to_string(server.pid()));
@@ -118,7 +118,7 @@ TEST_F(Threaded, ServerTakenForOneConnectionPerProcessServesOnUnobserved) {
 }
 
 // Four processes that publish into the same record all the time.
-TEST_F(Threaded, WorkersOfOneRecordDoNotDisturbEachOther) {
+TEST_F(Threaded, WorkersShareOneRecordWithoutLoss) {
     Process server = start("apache", 25, 0, 4);
     writeFile(std::string(kServerRoot) + "/logs/httpd.pid", std::to_string(server.pid()));
     Segment segment;

@@ -31,7 +31,7 @@ class CountingClient:
             self.add("received_bytes", len(request), of_site)
             if not answered:
                 time.sleep(0.5)  # until it is read
-                # Ends with a reset, which leaves the server nobody to answer.
+                # Closes with a reset, so that the server cannot answer.
                 connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
                 self.add("dropped_requests", 1, of_site, of_category)
                 break

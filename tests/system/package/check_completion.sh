@@ -10,7 +10,7 @@ trap 'rm -rf "$work"' EXIT
 cd "$work"
 mkdir -p 'some sites' bin
 touch sites.toml 'some sites/a.toml'
-# A live server, where there is none.
+# The list of a live server that does not exist.
 cat >bin/listing <<'JSON'
 [
   {

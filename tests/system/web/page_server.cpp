@@ -8,9 +8,9 @@
 #include <mutex>
 #include <sstream>
 
+#include "agent/invented_state.h"
 #include "export/pages.h"
 #include "http/http_server.h"
-#include "agent/invented_state.h"
 
 namespace {
 

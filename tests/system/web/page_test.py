@@ -194,7 +194,7 @@ class Page(unittest.TestCase):
         self.run_script("categories.click()")
         self.assertEqual(self.names(), ["All traffic", "shop.example"])
 
-    def test_names_the_state_of_each_server(self):
+    def test_shows_the_state_of_each_server(self):
         self.serve("states")
         self.assertEqual(
             self.run_script("return [...document.querySelectorAll('summary')].map((summary) => "
@@ -207,7 +207,7 @@ class Page(unittest.TestCase):
         self.run_script("document.querySelectorAll('summary')[3].click()")
         self.wait("return document.querySelectorAll('details')[3].querySelector('tbody .line[d]')")
 
-    def test_says_what_is_wrong(self):
+    def test_shows_problems(self):
         self.serve("shop")
         self.say("silence", "unwritten", "invalid")
         self.await_notice("has not looked at its servers since")
@@ -217,7 +217,7 @@ class Page(unittest.TestCase):
         self.await_notice("has not answered since")
         self.assertIn("shop.example", self.names())
 
-    def test_text_stands_out(self):
+    def test_text_has_contrast(self):
         for scenario in ("shop", "states"):
             self.serve(scenario)
             self.say("invalid")
