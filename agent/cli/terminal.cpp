@@ -63,7 +63,8 @@ Progress::~Progress() {
 }
 
 void Progress::clear() {
-    if (shown_) fmt::print(stderr, "\r\x1b[K");
+    // Not with fmt, which throws when it cannot write: a destructor calls this.
+    if (shown_) std::fputs("\r\x1b[K", stderr);
     shown_ = false;
 }
 
