@@ -1,5 +1,7 @@
 #!/usr/bin/env python3
-"""clang_tidy.py BUILD: checks the sources of a configured unity build with clang-tidy.
+"""clang_tidy.py BUILD [DIRECTORY...]: checks the sources of a configured unity build with clang-tidy.
+
+All of them, or those of the targets in the named directories.
 
 Most of clang-tidy's time goes into the headers of the C++ library. CMake's unity sources
 include all sources of a target, so that these share one pass over the headers. Where names in
@@ -7,12 +9,13 @@ two sources collide, they are checked one by one instead.
 """
 
 import json
+import os
 import re
+import resource
 import shlex
 import subprocess
 import sys
-from concurrent.futures import ThreadPoolExecutor
-from os import cpu_count
+from concurrent.futures import ThreadPoolExecutor, as_completed
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parent.parent
@@ -32,8 +35,9 @@ class Unit:
         included = re.findall(r'#include "(.*)"', self.file.read_text()) if unity else [self.file]
         self.sources = [Path(path).resolve() for path in included]
 
-    def is_of_the_project(self):
-        return all(source.is_relative_to(ROOT) for source in self.sources)
+    def is_in(self, directories):
+        return all(any(source.is_relative_to(directory) for directory in directories)
+                   for source in self.sources)
 
     def check(self):
         """Returns the findings."""
@@ -50,26 +54,29 @@ class Unit:
         return result.stdout
 
 
-def units(build):
+def units(build, directories):
     """Without those whose sources are all in others, the largest first."""
     database = json.loads((build / "compile_commands.json").read_text())
     found, seen = [], set()
     for unit in map(Unit, database):
-        if unit.is_of_the_project() and not seen.issuperset(unit.sources):
+        if unit.is_in(directories) and not seen.issuperset(unit.sources):
             found.append(unit)
             seen.update(unit.sources)
     return sorted(found, key=lambda unit: len(unit.sources), reverse=True), len(seen)
 
 
 def main():
-    todo, count = units(Path(sys.argv[1]).resolve())
+    build, *directories = (Path(argument).resolve() for argument in sys.argv[1:])
+    todo, count = units(build, directories or [ROOT])
     failed = False
-    with ThreadPoolExecutor(cpu_count()) as pool:
-        for findings in pool.map(Unit.check, todo):
-            if findings:
+    with ThreadPoolExecutor(os.cpu_count()) as pool:
+        for check in as_completed([pool.submit(unit.check) for unit in todo]):
+            if check.result():
                 failed = True
-                print(findings, end="", flush=True)
-    print(f"clang-tidy: {count} sources, {'findings above' if failed else 'no findings'}")
+                print(check.result(), end="", flush=True)
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    print(f"clang-tidy: {count} sources, {'findings above' if failed else 'no findings'}; "
+          f"{used.ru_utime + used.ru_stime:.0f} s of processor time")
     return 1 if failed else 0
 
 
