@@ -43,7 +43,7 @@ struct BareCall {
 };
 void addBareCall(const BareCall& call);
 
-// Runs all rows and prints their lines, in the format of measured.sh, with
+// Runs all rows and prints their lines, in the format of figures.py, with
 // `section` in front. With "--instructions" as the only argument, under
 // callgrind, it has callgrind dump its counts for each side instead.
 int runRows(const std::string& section, int argc, char** argv);

@@ -21,11 +21,11 @@ needed=$(readelf -dW "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
 # One entry is the compiler's own, one looks the real calls up; any more would do
 # something else at load.
 entries=$(readelf -dW "$library" | sed -n 's/.*(INIT_ARRAYSZ) *\([0-9]*\).*/\1/p')
-[ "$entries" -le $([ "$class" = ELF64 ] && echo 16 || echo 8) ] || complain "runs constructors"
+[ "$entries" -le "$([ "$class" = ELF64 ] && echo 16 || echo 8)" ] || complain "runs constructors"
 
 expected=$(sed 's/#.*//' "$(dirname "$0")/../shim/exports.map" | tr -d '\n' |
   sed 's/.*global://; s/local:.*//; s/[;[:space:]]\+/\n/g' | grep . |
-  { [ "$class" = ELF32 ] && cat || grep -vE '^__(recv|send)msg64$'; } | LC_ALL=C sort)
+  if [ "$class" = ELF32 ]; then cat; else grep -vE '^__(recv|send)msg64$'; fi | LC_ALL=C sort)
 exported=$(nm -D --defined-only "$library" | awk '{print $3}' | LC_ALL=C sort)
 [ "$exported" = "$expected" ] ||
   complain "exports other names than exports.map: $(diff <(echo "$expected") <(echo "$exported") | tr '\n' ' ')"

@@ -1,4 +1,5 @@
-# Sourced by the other scripts: installs Debian packages that are missing.
+# shellcheck shell=bash disable=SC2034
+# Sourced by the other scripts, which use the lists: installs Debian packages that are missing.
 
 # Runs a command as root, with sudo where that is needed.
 as_root() {

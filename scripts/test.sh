@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Installs what is missing on a Debian 12, builds the 64-bit and the 32-bit
-# library and the tool, and runs all tests. Needs root or sudo.
+# Checks all sources (lint.sh), installs what is missing on a Debian 12, builds the
+# 64-bit and the 32-bit library and the tool, and runs all tests. Needs root or sudo.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scripts/lint.sh
 . scripts/packages.sh
 install_missing "${build_packages[@]}" "${tool_packages[@]}" googletest apache2-bin procps \
   prometheus python3 chromium chromium-driver python3-selenium dpkg-dev lintian mandoc systemd

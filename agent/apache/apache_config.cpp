@@ -52,7 +52,7 @@ std::vector<std::string> directiveWords(std::string_view line) {
     char quote = 0;
     for (char c : line) {
         if (quote != 0 ? c == quote : (c == '"' || c == '\'')) {
-            quote = quote != 0 ? 0 : c;
+            quote = quote != 0 ? '\0' : c;
             inWord = true;
         } else if (quote == 0 && (c == ' ' || c == '\t')) {
             if (inWord) words.push_back(std::move(word));
@@ -157,10 +157,11 @@ std::string Walker::substitute(const std::string& text) const {
         std::string name = text.substr(at + 2, close - at - 2);
         auto defined = facts_.defines.find(name);
         std::optional<std::string> value;
-        if (defined != facts_.defines.end())
+        if (defined != facts_.defines.end()) {
             value = defined->second;
-        else
+        } else {
             value = variable_(name);
+        }
         result += value.value_or(text.substr(at, close - at + 1));
         at = close + 1;
     }
@@ -256,16 +257,17 @@ bool Walker::versionHolds(const std::vector<std::string>& words) const {
     if (negated) comparison.erase(0, 1);
     int order = compareVersions(facts_.version, words.back());
     bool holds = true;
-    if (comparison == "=" || comparison == "==")
+    if (comparison == "=" || comparison == "==") {
         holds = order == 0;
-    else if (comparison == ">")
+    } else if (comparison == ">") {
         holds = order > 0;
-    else if (comparison == ">=")
+    } else if (comparison == ">=") {
         holds = order >= 0;
-    else if (comparison == "<")
+    } else if (comparison == "<") {
         holds = order < 0;
-    else if (comparison == "<=")
+    } else if (comparison == "<=") {
         holds = order <= 0;
+    }
     return holds != negated;
 }
 

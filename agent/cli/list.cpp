@@ -63,10 +63,11 @@ void printTable(const std::vector<Server>& servers) {
                 i + 1 < kColumns ? std::string(widths[i] - displayWidth(lines[row][i]) + 2, ' ')
                                  : "";
             Colour shade = Colour::kPlain;
-            if (row == 0)
+            if (row == 0) {
                 shade = Colour::kBold;
-            else if (i == 0)
+            } else if (i == 0) {
                 shade = colourOf(servers[row - 1].state);
+            }
             text += coloured(lines[row][i], shade, colour) + padding;
         }
         writeOut(text + "\n");

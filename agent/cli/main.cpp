@@ -233,13 +233,12 @@ int main(int argc, char** argv) {
     try {
         return parseAndRun(argc, argv);
     } catch (const Error& error) {
-        bool colour = colourOn(STDERR_FILENO);
-        fmt::print(stderr, "{} {}\n", coloured("tolvane:", Colour::kRed, colour), error.what());
+        printError(error.what());
         return exitCodeOf(error);
     } catch (const ReaderGone&) {
         return kExitOk;
     } catch (const std::exception& error) {
-        fmt::print(stderr, "tolvane: {}\n", error.what());
+        printError(error.what());
         return kExitFailed;
     }
 }

@@ -196,12 +196,13 @@ void sortReport(Report& report, ReportColumn column, bool ascending) {
     std::vector<Group> groups;
     std::vector<ReportRow> sorted;
     for (ReportRow& row : report.rows) {
-        if (row.level == Level::kTotal)
+        if (row.level == Level::kTotal) {
             sorted.push_back(std::move(row));
-        else if (row.level == Level::kSite)
+        } else if (row.level == Level::kSite) {
             groups.push_back({std::move(row), {}});
-        else
+        } else {
             groups.back().categories.push_back(std::move(row));
+        }
     }
     auto order = [=](const ReportRow& a, const ReportRow& b) {
         return before(a, b, column, ascending);

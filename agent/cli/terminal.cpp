@@ -63,7 +63,8 @@ Progress::~Progress() {
 }
 
 void Progress::clear() {
-    if (shown_) fmt::print(stderr, "\r\x1b[K");
+    // Not with fmt, which throws when it cannot write; a destructor calls this.
+    if (shown_) std::fputs("\r\x1b[K", stderr);
     shown_ = false;
 }
 
@@ -82,6 +83,13 @@ void writeOut(std::string_view text) {
         if (put <= 0) fail(ErrorKind::kFailed, "standard output cannot be written");
         text.remove_prefix(static_cast<std::size_t>(put));
     }
+}
+
+void printError(std::string_view message) {
+    std::string line = coloured("tolvane:", Colour::kRed, colourOn(STDERR_FILENO));
+    line.append(" ").append(message).append("\n");
+    // Not with fmt, which throws when it cannot write; the exit code has to be right even then.
+    std::fputs(line.c_str(), stderr);
 }
 
 }  // namespace tolvane::agent

@@ -44,4 +44,7 @@ struct ReaderGone {};
 // Writes text to standard output. Throws ReaderGone or Error.
 void writeOut(std::string_view text);
 
+// Writes a message to standard error, if that can be written to.
+void printError(std::string_view message);
+
 }  // namespace tolvane::agent

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -186,13 +187,13 @@ int run(int port, int connections, int seconds) {
 
 int main(int argc, char** argv) {
     if (argc != 4) {
-        fmt::print(stderr, "usage: tolvane-demo-traffic PORT CONNECTIONS SECONDS\n");
+        std::fputs("usage: tolvane-demo-traffic PORT CONNECTIONS SECONDS\n", stderr);
         return 2;
     }
     try {
         return run(std::atoi(argv[1]), std::atoi(argv[2]), std::atoi(argv[3]));
     } catch (const std::exception& error) {
-        fmt::print(stderr, "{}\n", error.what());
+        std::fprintf(stderr, "%s\n", error.what());
         return 1;
     }
 }

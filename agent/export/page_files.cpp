@@ -1,11 +1,13 @@
 #include "export/page_files.h"
 
-// The assembler finds the files below this directory.
+// The assembler finds the files below this directory. A declared name cannot be in parentheses.
+// NOLINTBEGIN(bugprone-macro-parentheses)
 #define TOLVANE_EMBED(symbol, file)                                          \
     asm(".pushsection .rodata\n" #symbol ":\n.incbin \"" file "\"\n" #symbol \
         "_end:\n.popsection");                                               \
     extern "C" const char symbol[];                                          \
     extern "C" const char symbol##_end[]
+// NOLINTEND(bugprone-macro-parentheses)
 
 TOLVANE_EMBED(tolvane_index_html, "page/index.html");
 TOLVANE_EMBED(tolvane_page_css, "page/page.css");

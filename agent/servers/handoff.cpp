@@ -74,10 +74,11 @@ void parseHandoff(std::string_view text, Handoff& handoff) {
         }
     }
     if (!handoff.problem.empty()) return;
-    if (!haveShmid)
+    if (!haveShmid) {
         handoff.problem = "the Shmid= line is missing";
-    else if (!haveStructures)
+    } else if (!haveStructures) {
         handoff.problem = "the Structures= line is missing";
+    }
 }
 
 std::vector<Handoff> readHandoffs(const std::string& directory) {

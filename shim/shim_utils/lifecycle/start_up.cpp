@@ -111,7 +111,7 @@ bool createSegment() {
     return true;
 }
 
-void removeSegment() {
+void discardSegment() {
     shmctl(shmid, IPC_RMID, nullptr);
     shmdt(shmConfig);  // the segment exists until the last process detaches it
     shmConfig = nullptr;
@@ -121,7 +121,7 @@ void removeSegment() {
 // The single record of a Netscape server has no semaphore.
 bool guardRecords() {
     if (webServerType != kNetscape && !createSemaphores(numStructures)) {
-        removeSegment();
+        discardSegment();
         return false;
     }
     for (int i = 0; i < numStructures; ++i) shmPtr[i].semaphoreId = semaphoreOf(i);

@@ -1,4 +1,5 @@
-# Sourced by the package tests.
+# shellcheck shell=bash disable=SC2034
+# Sourced by the package tests, which end with what `failed` says.
 failed=0
 
 say() { printf '== %s\n' "$*"; }

@@ -3,7 +3,7 @@
 # Apache: installs the package, measures Apache, collects, removes the package
 # while Apache runs, and purges it.
 set -uo pipefail
-cd "$(dirname "$0")"
+cd "$(dirname "$0")" || exit
 . ./checks.sh
 package=$1
 unit=tolvane-collector.service
@@ -34,7 +34,7 @@ segments() { awk "FNR > 1" /proc/sysvipc/shm /proc/sysvipc/sem; }
 
 say "Installing"
 check "install" dpkg -i "$package"
-check "directories" diff <(cd /opt/tolvane/agent && stat -c '%n %a %U' *) <(
+check "directories" diff <(cd /opt/tolvane/agent && stat -c '%n %a %U' -- *) <(
   printf '%s root\n' 'config 755' 'data 755' 'logs 1777')
 check "the collector is neither started nor enabled" eval \
   '! systemctl -q is-active $unit && [ "$(systemctl is-enabled $unit)" = disabled ]'

@@ -71,7 +71,7 @@ check "the same files as in the package, but Debian's own" diff \
     sed '/share\/man/s/\.gz$//' | LC_ALL=C sort)
 check "the unit starts the tool of the prefix" grep -q '^ExecStart=/usr/local/bin/tolvane serve' \
   "$work/staged/usr/local/lib/systemd/system/tolvane-collector.service"
-check "modes of the directories" diff <(cd "$work/staged/opt/tolvane/agent" && stat -c '%n %a' *) - <<'LIST'
+check "modes of the directories" diff <(cd "$work/staged/opt/tolvane/agent" && stat -c '%n %a' -- *) - <<'LIST'
 config 755
 data 755
 logs 1777
@@ -84,6 +84,6 @@ say "Manual pages and completion"
 say "In a copy of the machine"
 for bits in 32 64; do gcc -m$bits -o "$work/maps$bits" "$here/maps.c"; done
 "$here/boot_copy.sh" "$package" "$work"/maps{32,64} "$here"/{checks,installed_test}.sh && status=0 || status=$?
-[ $status -eq 0 ] || [ $status -eq 77 ] || failed=1
+[ "$status" -eq 0 ] || [ "$status" -eq 77 ] || failed=1
 [ "$failed" -eq 0 ] || exit 1
-exit $status
+exit "$status"
