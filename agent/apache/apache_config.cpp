@@ -216,7 +216,7 @@ void Walker::openHost(const std::vector<std::string>& words) {
         // As a wildcard for every port it would swallow the plain ones.
         if (words[i][0] == '[' && !endpoint->port && endpoint->address == "*") {
             result_.notes.push_back(
-                fmt::format("<VirtualHost {}> has no port; if it is an SSL host, give it one",
+                fmt::format("<VirtualHost {}> has no port; if it is an SSL host, add a port",
                             printable(words[i])));
             continue;
         }
@@ -229,7 +229,7 @@ void Walker::openHost(const std::vector<std::string>& words) {
 void Walker::listen(const std::vector<std::string>& words) {
     auto endpoint = parseEndpoint(words[1], true);
     if (!endpoint || !endpoint->port) {
-        result_.notes.push_back(fmt::format("Listen {} was not understood", printable(words[1])));
+        result_.notes.push_back(fmt::format("Listen {} cannot be parsed", printable(words[1])));
         return;
     }
     result_.needsTranslation |= words[1][0] == '[';
@@ -314,8 +314,8 @@ void Walker::settleSsl() {
 void Walker::noteMacros() {
     if (std::exchange(macrosNoted_, true)) return;
     result_.notes.push_back(
-        "macros are not expanded; if they hold Listen lines or SSL hosts, lay out a root by hand "
-        "and give it with --root");
+        "macros are not expanded; if they contain Listen lines or SSL hosts, create a root by "
+        "hand and pass it with --root");
 }
 
 void Walker::noteFullTables() {
@@ -325,7 +325,7 @@ void Walker::noteFullTables() {
                         result_.listen.size(), kTableSize));
     }
     if (result_.sslHosts.size() > kTableSize) {
-        result_.notes.push_back(fmt::format("{} SSL addresses; only the first {} are known as SSL",
+        result_.notes.push_back(fmt::format("{} SSL addresses; only the first {} count as SSL",
                                             result_.sslHosts.size(), kTableSize));
     }
 }
@@ -341,8 +341,8 @@ MeasuredConfig Walker::read() {
     }
     if (result_.listen.empty()) {
         fail(ErrorKind::kInvalidInput,
-             "{} and its included files hold no Listen line outside of macros; lay out a root by "
-             "hand as docs/operations.md tells, and give it with --root",
+             "{} and its included files contain no Listen line outside of macros; create a root by "
+             "hand (see docs/operations.md) and pass it with --root",
              facts_.mainFile.path);
     }
     if (result_.processLimit <= 0) {

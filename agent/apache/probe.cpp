@@ -159,8 +159,8 @@ void parseDump(std::string_view output, ServerFacts& facts) {
     if (facts.mainFile.path.empty()) {
         fail(
             ErrorKind::kInvalidInput,
-            "the server does not list its configuration files (Apache does so from 2.4.24 on); lay "
-            "out a root by hand as docs/operations.md tells, and give it with --root");
+            "the server does not list its configuration files (this needs Apache 2.4.24); create a "
+            "root by hand (see docs/operations.md) and pass it with --root");
     }
 }
 
@@ -182,7 +182,7 @@ ServerFacts probeServer(const ServerCommand& command) {
     if (dump.timedOut)
         fail(ErrorKind::kFailed, "{} did not answer within {} s", command.path, kPatience.count());
     if (dump.exitStatus != 0) {
-        fail(ErrorKind::kInvalidInput, "{} refuses its own configuration:{}", command.path,
+        fail(ErrorKind::kInvalidInput, "{} rejects its configuration:{}", command.path,
              complaintOf(dump));
     }
     parseDump(dump.output, facts);

@@ -40,13 +40,13 @@ void refuseUsed(const std::string& root, const std::string& pidFile) {
     if (!std::filesystem::exists(status)) return;
     if (!std::filesystem::is_symlink(status)) {
         fail(ErrorKind::kInvalidInput,
-             "{} was not made by tolvane; choose another directory with --root", link);
+             "{} was not created by tolvane; choose another directory with --root", link);
     }
     if (std::filesystem::read_symlink(link, error) == pidFile) return;
     pid_t process = parseInt32(trim(readFile(link).value_or(""))).value_or(0);
     if (!processExists(process) || !hasShimLoaded(process)) return;
     fail(ErrorKind::kInvalidInput,
-         "{} belongs to process {}, which runs; choose another directory with --root", root,
+         "{} belongs to the running process {}; choose another directory with --root", root,
          process);
 }
 
@@ -75,7 +75,7 @@ std::string withoutTrailingSlash(std::string path) {
 
 std::string renderHttpdConf(const MeasuredConfig& config, const std::string& source) {
     std::string text =
-        fmt::format("{}{}; it is written anew at every start.\n", kMark, printable(source));
+        fmt::format("{}{}; it is rewritten at every start.\n", kMark, printable(source));
     for (const Endpoint& endpoint : config.listen) {
         text += fmt::format("Listen {}\n", endpointText(endpoint));
     }

@@ -73,8 +73,8 @@ Leftovers leftoversOf(const Server& server, const std::vector<RunningServer>& ru
             continue;
         }
         left.doubts += fmt::format(
-            "  semaphore {} stays: server {} was started at the same moment, and it may be "
-            "that one's; if not, 'ipcrm -s {}' removes it\n",
+            "  semaphore {} is kept: server {} was started at the same time and may own it; if "
+            "not, 'ipcrm -s {}' removes it\n",
             id, owner->name, id);
     }
     return left;
@@ -125,7 +125,7 @@ int cleanCommand(const CleanOptions& options) {
     auto stale = [](const Server& server) { return server.state == RunState::kStale; };
     auto servers = findServers();
     if (std::none_of(servers.begin(), servers.end(), stale)) {
-        writeOut("Nothing stale.\n");
+        writeOut("No stale server.\n");
         return remover.refused() ? kExitFailed : kExitOk;
     }
     std::optional<RemovalLock> lock;

@@ -126,7 +126,7 @@ int serveCommand(const ServeOptions& options) {
     bool saved = false;
     collector.read([&](const CollectorState& state) { saved = state.health.storeWorks; });
     if (!saved)
-        fail(ErrorKind::kFailed, "ended; what was collected since the last write is not saved");
+        fail(ErrorKind::kFailed, "ended; counts collected since the last write are not saved");
     logLine("ended; the totals are saved");
     return kExitOk;
 }

@@ -95,7 +95,7 @@ std::optional<ThreadsFault> threadsFault(const Server& server) {
     if (server.handoff.serverType != "APACHE" || server.process <= 0) return std::nullopt;
     auto environment = processEnvironment(server.process);
     if (!environment || environment->count("WEB_SERVER_ROOT") == 0) return std::nullopt;
-    std::string file = environment->at("WEB_SERVER_ROOT") + "/logs/.tolvane_info";
+    std::string file = environment->at("WEB_SERVER_ROOT") + "/" + kApacheModuleFile;
     SegmentStatus segment = segmentStatus(server.handoff.shmid);
     bool named = isThreaded(moduleNamedIn(file));
     if (named && olderThanServer(file, segment)) return std::nullopt;

@@ -101,8 +101,8 @@ void Collector::Impl::findLostRuns() {
         if (status.exists && status.created == key.created) continue;
         lostRuns_.push_back(key);
         logLine(
-            "the server of process {} has ended since its counts were last saved; what it counted "
-            "after that is lost",
+            "the server of process {} has ended since its counts were last saved; its later "
+            "counts are lost",
             key.pid);
     }
 }
@@ -238,7 +238,7 @@ bool Collector::Impl::save() {
     } catch (const Error& error) {
         store_->rollback();
         storeTrouble_.set(fmt::format(
-            "the totals cannot be saved: {}; counting goes on, and the next round tries again",
+            "the totals cannot be saved: {}; counting continues, and the next round tries again",
             error.what()));
     }
     std::lock_guard lock(mutex_);

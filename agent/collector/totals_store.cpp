@@ -142,7 +142,7 @@ TotalsStore::TotalsStore(const std::string& directory) : path_(directory + "/tot
         std::string aside = fmt::format("{}.damaged-{}", path_, std::time(nullptr));
         if (std::rename(path_.c_str(), aside.c_str()) != 0) throw;
         std::remove((path_ + "-wal").c_str());
-        logLine("{}; it is kept as {}, and the totals start anew", error.what(), aside);
+        logLine("{}; it is renamed to {}, and the totals start from 0", error.what(), aside);
     }
     open();
 }

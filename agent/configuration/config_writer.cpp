@@ -77,7 +77,7 @@ std::int32_t beginRewriting(std::atomic_ref<std::int32_t> version, std::int32_t 
         std::int32_t highest = highestBefore(current);
         if (highest >= kMaxVersion) {
             fail(ErrorKind::kFailed,
-                 "the version {} leaves no room for a higher one; restart the server", current);
+                 "version {} is the highest possible version; restart the server", current);
         }
         if (version.compare_exchange_strong(current, rewritingVersion(highest))) return highest;
     }

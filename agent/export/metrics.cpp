@@ -61,7 +61,7 @@ struct Family {
 
 constexpr Family<CategoryRow> kCategoryFamilies[] = {
     {"tolvane_category_response_seconds", kSummary,
-     "Time from a request to the start of its response, of responses that are no errors, by "
+     "Time from a request to the start of its response, for responses without error, by "
      "category.",
      [](const CategoryRow& row) -> Number { return row.counts.responseTimeSum; },
      [](const CategoryRow& row) -> Number { return row.responses; }},

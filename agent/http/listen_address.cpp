@@ -35,7 +35,7 @@ std::uint16_t parsePort(std::string_view text, std::string_view whole) {
     std::uint16_t port = 0;
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
     if (error != std::errc() || end != text.data() + text.size()) {
-        fail(ErrorKind::kInvalidInput, "'{}': '{}' is no port from 0 to 65535; {}",
+        fail(ErrorKind::kInvalidInput, "'{}': '{}' is not a port from 0 to 65535; {}",
              printable(whole), printable(text), kForms);
     }
     return port;
@@ -47,9 +47,9 @@ std::string parseHost(std::string_view text, std::string_view whole) {
     bool bracketed = text.size() > 2 && text.front() == '[' && text.back() == ']';
     std::string host(bracketed ? text.substr(1, text.size() - 2) : text);
     if (!isNumeric(bracketed ? AF_INET6 : AF_INET, host)) {
-        const char* hint = isIpv6(host) ? "an IPv6 address stands in brackets; " : "";
-        fail(ErrorKind::kInvalidInput, "'{}': '{}' is no numeric address; {}{}", printable(whole),
-             printable(text), hint, kForms);
+        const char* hint = isIpv6(host) ? "an IPv6 address needs brackets; " : "";
+        fail(ErrorKind::kInvalidInput, "'{}': '{}' is not a numeric address; {}{}",
+             printable(whole), printable(text), hint, kForms);
     }
     return host;
 }

@@ -10,15 +10,6 @@
 
 namespace tolvane::agent {
 
-// Roots that are prepared for servers whose files lie elsewhere.
-inline constexpr char kPreparedRoots[] = "/opt/tolvane/agent/data/servers/";
-
-// Links to the libraries of both word sizes, for a build tree.
-inline constexpr char kPreloadDirectory[] = "/opt/tolvane/agent/data/preload";
-
-// Totals of the collector, unless it is told another directory.
-inline constexpr char kCollectorState[] = "/opt/tolvane/agent/data/collector";
-
 struct AgentDirectory {
     const char* path;
     mode_t mode;

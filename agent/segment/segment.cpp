@@ -63,7 +63,7 @@ Segment::Segment(std::int32_t shmid, std::int32_t structures, Access access)
     : structures_(structures), address_(nullptr) {
     std::size_t wanted = segmentSize(static_cast<std::size_t>(structures));
     SegmentStatus before = segmentStatus(shmid);
-    if (!before.exists) fail(ErrorKind::kFailed, "segment {} is gone", shmid);
+    if (!before.exists) fail(ErrorKind::kFailed, "segment {} no longer exists", shmid);
     if (before.error != 0)
         fail(ErrorKind::kFailed, "segment {}: {}", shmid, std::strerror(before.error));
     if (before.size != wanted) {
@@ -79,7 +79,7 @@ Segment::Segment(std::int32_t shmid, std::int32_t structures, Access access)
     if (after.size != wanted || after.creator != before.creator ||
         after.created != before.created) {
         ::shmdt(address);
-        fail(ErrorKind::kFailed, "segment {} is gone", shmid);
+        fail(ErrorKind::kFailed, "segment {} no longer exists", shmid);
     }
     address_ = address;
 }

@@ -25,10 +25,10 @@ RemovalLock::RemovalLock(const WaitNotice& notice) {
         if (fd >= 0 || errno == ENOENT) return;
         if (errno != EEXIST) fail(ErrorKind::kFailed, "{}: {}", kLockFile, std::strerror(errno));
         if (std::chrono::steady_clock::now() > deadline) {
-            fail(ErrorKind::kFailed, "{} is held by a server that ends; try again in a minute",
-                 kLockFile);
+            fail(ErrorKind::kFailed,
+                 "{} is held by a server that is stopping; try again in a minute", kLockFile);
         }
-        if (notice) notice("waiting for a server that ends");
+        if (notice) notice("waiting for a server that is stopping");
         std::this_thread::sleep_for(200ms);
     }
 }

@@ -38,7 +38,7 @@ void judgeAttached(Server& server, const SegmentStatus& status) {
 // Why the handoff file leads to no segment of its server; empty when it may.
 std::string misleads(const Handoff& handoff, const SegmentStatus& status) {
     if (!handoff.problem.empty()) return "the handoff file is damaged: " + handoff.problem;
-    if (!status.exists) return fmt::format("segment {} is gone", handoff.shmid);
+    if (!status.exists) return fmt::format("segment {} no longer exists", handoff.shmid);
     return status.error != 0 ? "" : foreignSegment(handoff, status);
 }
 
@@ -92,12 +92,13 @@ std::string choices(const std::vector<const Server*>& servers) {
 std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) {
     std::size_t wanted = segmentSize(static_cast<std::size_t>(handoff.structures));
     if (status.size != wanted) {
-        return fmt::format("segment {} belongs to something else: it has {} bytes where {} need {}",
-                           handoff.shmid, status.size,
-                           plural(static_cast<std::size_t>(handoff.structures), "record"), wanted);
+        return fmt::format(
+            "segment {} belongs to another program: it has {} bytes where {} need {}",
+            handoff.shmid, status.size,
+            plural(static_cast<std::size_t>(handoff.structures), "record"), wanted);
     }
     if (!status.openToAll) {
-        return fmt::format("segment {} belongs to something else: it is not open to all users",
+        return fmt::format("segment {} belongs to another program: it is not open to all users",
                            handoff.shmid);
     }
     // A creator outside our process namespace reads as 0.
@@ -105,7 +106,7 @@ std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) 
         return fmt::format("segment {} was created by process {}", handoff.shmid, status.creator);
     }
     if (handoff.written + kClockSlack < status.created) {
-        return fmt::format("segment {} is younger than the handoff file", handoff.shmid);
+        return fmt::format("segment {} is newer than the handoff file", handoff.shmid);
     }
     return "";
 }
@@ -135,7 +136,8 @@ Server selectServer(const std::vector<Server>& servers, const std::optional<std:
         std::erase_if(found, [&](const Server* server) { return !live(server); });
     }
     if (found.empty() && wanted) {
-        fail(ErrorKind::kNotFound, "no server {}; 'tolvane list' shows them", printable(*wanted));
+        fail(ErrorKind::kNotFound, "no server {}; 'tolvane list' shows the servers",
+             printable(*wanted));
     }
     if (found.empty()) {
         fail(ErrorKind::kNotFound,
