@@ -15,7 +15,7 @@ namespace tolvane::agent {
 namespace {
 
 constexpr std::size_t kTableSize = kMaxAddresses;
-// What Apache allows when its configuration does not say.
+// Apache's defaults.
 constexpr int kPreforkDefaultLimit = 256;
 constexpr int kThreadedDefaultLimit = 400;
 
@@ -25,7 +25,7 @@ struct LogicalLine {
     std::string text;
 };
 
-// Lines that end in a backslash go on in the next one.
+// A line that ends in a backslash continues in the next line.
 std::vector<LogicalLine> logicalLines(const std::string& text) {
     std::vector<LogicalLine> lines;
     std::size_t number = 0;
@@ -41,8 +41,8 @@ std::vector<LogicalLine> logicalLines(const std::string& text) {
     return lines;
 }
 
-// The words of a directive: blanks separate, quotes hold together, and the
-// ">" that closes a section is none of them.
+// The words of a directive, separated by blanks. Quoted text is a single word. The
+// ">" that closes a section is not a word.
 std::vector<std::string> directiveWords(std::string_view line) {
     std::vector<std::string> words;
     line = trim(line);
@@ -67,7 +67,7 @@ std::vector<std::string> directiveWords(std::string_view line) {
     return words;
 }
 
-// "2.4.62" against "2.4": the missing parts count as 0.
+// Compares versions such as "2.4.62" and "2.4"; missing parts count as 0.
 int compareVersions(const std::string& a, const std::string& b) {
     std::size_t i = 0;
     std::size_t j = 0;
@@ -193,10 +193,10 @@ void Walker::directive(const std::string& text) {
 }
 
 void Walker::openSection(const std::string& name, const std::vector<std::string>& words) {
-    // A macro's text holds nothing until it is used.
+    // The text of a macro has no effect before its use.
     bool holds = name != "macro" && conditionHolds(name, words);
     if (name == "virtualhost" && active()) openHost(words);
-    // The shim takes directives inside such sections whatever their condition.
+    // The shim reads directives in such sections regardless of the condition.
     if (!holds) result_.needsTranslation = true;
     sections_.push_back({name, holds});
 }
@@ -213,7 +213,7 @@ void Walker::openHost(const std::vector<std::string>& words) {
         auto endpoint = parseEndpoint(words[i], false);
         if (!endpoint) continue;
         result_.needsTranslation |= words[i][0] == '[' || words.size() > 2;
-        // As a wildcard for every port it would swallow the plain ones.
+        // A wildcard for every port would also match the plain ports.
         if (words[i][0] == '[' && !endpoint->port && endpoint->address == "*") {
             result_.notes.push_back(
                 fmt::format("<VirtualHost {}> has no port; if it is an SSL host, add a port",
@@ -289,8 +289,8 @@ void Walker::addSslHost(const Endpoint& endpoint) {
     if (std::find(list.begin(), list.end(), endpoint) == list.end()) list.push_back(endpoint);
 }
 
-// A host without a switch of its own has the main server's. Ports on which no
-// host answers are the main server's own.
+// A host without an SSLEngine directive inherits the main server's. The main server
+// answers on ports without a host.
 void Walker::settleSsl() {
     auto hostHas = [&](const Endpoint& listen) {
         return std::any_of(hosts_.begin(), hosts_.end(), [&](const Host& host) {

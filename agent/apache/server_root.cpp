@@ -31,8 +31,8 @@ void refuseForeign(const std::string& file) {
          "{} was not written by tolvane; choose another directory with --root", file);
 }
 
-// A root serves one server at a time: of the second one, the start would
-// remove the first one's segment, and the first one's end would go unnoticed.
+// Two servers cannot use the same root at the same time: the start of the second
+// would remove the segment of the first.
 void refuseUsed(const std::string& root, const std::string& pidFile) {
     std::string link = root + "/" + kApachePidFile;
     std::error_code error;
@@ -50,7 +50,7 @@ void refuseUsed(const std::string& root, const std::string& pidFile) {
          process);
 }
 
-// A path as a file name. No two paths get the same one.
+// A path as a file name. Different paths have different names.
 std::string asFileName(std::string_view path) {
     std::string name;
     path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));

@@ -37,8 +37,8 @@ std::vector<RunningServer> runningServers(const std::vector<Server>& servers) {
     return running;
 }
 
-// A running server that may have made the semaphore. Which ones its segment
-// names does not count: anybody may write there.
+// A running server that may have created the semaphore. The identifiers in its
+// segment prove nothing, because any user can write to it.
 const RunningServer* possibleOwner(std::int32_t id, const std::vector<RunningServer>& running) {
     auto found = std::find_if(running.begin(), running.end(), [id](const RunningServer& server) {
         return isSemaphoreOf(id, server.segment);
@@ -48,7 +48,7 @@ const RunningServer* possibleOwner(std::int32_t id, const std::vector<RunningSer
 
 struct Leftovers {
     std::string heading;
-    std::string doubts;  // lines about what stays
+    std::string doubts;  // lines about kept objects
     std::set<std::int32_t> semaphores;
     std::int32_t shmid = -1;
     std::string handoff;
@@ -57,7 +57,7 @@ struct Leftovers {
 Leftovers leftoversOf(const Server& server, const std::vector<RunningServer>& running) {
     Leftovers left;
     left.heading = fmt::format("Server {}: {}\n", nameOf(server), server.reason);
-    // A damaged file may be one that is being written right now.
+    // A server may be writing a file that appears damaged.
     bool mayBeWritten = !server.handoff.problem.empty() && processExists(server.handoff.pid);
     if (!mayBeWritten) left.handoff = server.handoff.path;
     if (!server.ownsSegment) return left;

@@ -77,8 +77,8 @@ void examineLog(Findings& findings) {
         }
         return;
     }
-    // Its directory is open to all users: a link there must not lead the operator
-    // to give another file away.
+    // Its directory is writable for all users: with a link there, a remedy such as
+    // chmod would change another file.
     if (!S_ISREG(log.st_mode) || log.st_nlink != 1) {
         findings.problem(
             fmt::format("{} is not a regular file with one link, so no server writes to it",

@@ -26,8 +26,8 @@ namespace {
 
 using Environment = std::map<std::string, std::string>;
 
-// The semaphore's units; waits until the deadline while there are none, which
-// a publication takes away for microseconds.
+// The semaphore's units. Waits until the deadline while there are none: a publication
+// holds the semaphore for microseconds.
 int unitsOnceFree(std::int32_t id, std::chrono::steady_clock::time_point deadline) {
     for (;;) {
         int value = ::semctl(id, 0, GETVAL);

@@ -1,4 +1,4 @@
-// All servers together: stale records, and servers that run unmeasured.
+// All servers together: stale handoff files, and servers that run unmeasured.
 #include <dirent.h>
 #include <fmt/format.h>
 

@@ -201,7 +201,8 @@ int parseAndRun(int argc, char** argv) {
         "Example:\n  tolvane run -- apache2 -k start && tolvane configure sites.toml && tolvane "
         "top");
     app.set_version_flag("--version", "tolvane " TOLVANE_VERSION);
-    // A missing sub-command is reported below: CLI11 would report an unknown one so.
+    // A missing sub-command is reported below, because CLI11 would report an unknown
+    // sub-command in the same way.
     app.require_subcommand(0, 1);
     app.get_formatter()->column_width(24);
     Options options;

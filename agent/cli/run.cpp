@@ -36,7 +36,7 @@ std::string environmentOr(const char* name, const std::string& otherwise) {
     return value != nullptr && *value != '\0' ? value : otherwise;
 }
 
-// The option's value, or that of the environment within the same limits.
+// The option's value, or the environment's within the same limits.
 std::string settledNumber(const std::optional<int>& option, const char* name,
                           const std::string& otherwise, int high) {
     if (option) return fmt::format("{}", *option);

@@ -16,7 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Compares all that an agent writes except the version.
+// Compares all fields that an agent writes, except the version.
 bool sameConfiguration(const ConfigInfo& a, const ConfigInfo& b) {
     constexpr std::size_t kFrom = offsetof(ConfigInfo, numCategories);
     constexpr std::size_t kTo = offsetof(ConfigInfo, parentPid);

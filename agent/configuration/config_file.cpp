@@ -60,7 +60,7 @@ class Reader {
     }
     void checkKeys(const toml::table& table, std::string_view what,
                    std::initializer_list<std::string_view> known);
-    // The text, or nothing after a complaint.
+    // Empty after a complaint.
     std::optional<std::string> text(const toml::node& node, std::string_view key,
                                     std::string_view example);
     const toml::array* list(const toml::node& node, std::string_view key, std::string_view example);

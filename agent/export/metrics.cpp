@@ -184,8 +184,8 @@ std::string withLabel(std::string labels, std::string_view name, std::string_vie
     return labels;
 }
 
-// The bytes that this number of samples for each of the rows takes at most. A
-// text that outgrows its memory is copied, and new memory is the largest cost.
+// The maximum size in bytes of this number of samples for each of the rows. It is
+// reserved, because growing the text by copies is the largest cost.
 template <typename Row>
 std::size_t spaceFor(std::size_t samples, const std::vector<Row>& rows) {
     constexpr std::size_t kNameAndNumber = 70;

@@ -82,7 +82,7 @@ struct SocketAddress {
     socklen_t size = 0;
 };
 
-// -1 with errno when it cannot.
+// Returns -1 with errno on failure.
 int tryToListen(const ListenAddress& address, int family) {
     int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return -1;
@@ -129,7 +129,7 @@ std::string toString(const ListenAddress& address) {
 int listenOn(const ListenAddress& address) {
     bool all = address.host.empty();
     int fd = tryToListen(address, all || isIpv6(address.host) ? AF_INET6 : AF_INET);
-    // No IPv6 at all, or none on any interface.
+    // The system or all interfaces have no IPv6.
     if (fd < 0 && all && (errno == EAFNOSUPPORT || errno == EADDRNOTAVAIL)) {
         fd = tryToListen(address, AF_INET);
     }
@@ -144,7 +144,7 @@ std::uint16_t portOf(int listeningSocket) {
     sockaddr_storage storage{};
     socklen_t size = sizeof storage;
     ::getsockname(listeningSocket, reinterpret_cast<sockaddr*>(&storage), &size);
-    // The port stands at the same place in both families.
+    // The port has the same offset in both families.
     sockaddr_in address{};
     std::memcpy(&address, &storage, sizeof address);
     return ntohs(address.sin_port);

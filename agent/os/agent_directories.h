@@ -24,11 +24,11 @@ inline constexpr AgentDirectory kAgentDirectories[] = {
     {kDataDirectory, 0755, "the lock file"},
 };
 
-// Creates the directory and those above it; present ones stay as they are.
+// Creates the directory and its parents; existing directories are not changed.
 // Throws Error.
 void makeDirectories(const std::string& path, mode_t mode);
 
-// All of the above, and a log file that every worker may append to.
+// Creates all of the above, and a log file to which every worker can append.
 void makeAgentDirectories();
 
 }  // namespace tolvane::agent

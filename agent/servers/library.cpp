@@ -95,7 +95,7 @@ Libraries givenLibrary(const std::string& path) {
 
 std::string preloadValue(const Libraries& libraries, WordSize server, WordSize starter) {
     // Also when the word sizes are equal: the server's programs may have the other
-    // one, and the dynamic linker reports a library of the wrong word size.
+    // word size, and the dynamic linker reports a library of the wrong word size.
     if (areInstalled(libraries)) {
         std::string directory = installedDirectory();
         refuseUnpreloadable(directory);

@@ -21,7 +21,7 @@ RemovalLock::RemovalLock(const WaitNotice& notice) {
     for (;;) {
         int fd = ::open(kLockFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd >= 0) ::close(fd);
-        // Without the directory servers do not lock either.
+        // Servers do not lock without the directory either.
         if (fd >= 0 || errno == ENOENT) return;
         if (errno != EEXIST) fail(ErrorKind::kFailed, "{}: {}", kLockFile, std::strerror(errno));
         if (std::chrono::steady_clock::now() > deadline) {

@@ -178,7 +178,7 @@ class Page(unittest.TestCase):
             ["*:8080 | live", "*:8081 | ending | the server has stopped; 2 processes remain",
              "*:8082 | stale | no process of it runs", "*:8083 | held | held by collector 4711",
              "*:8084 | unreadable | its segment 65538 is smaller than 16 records need",
-             "127.0.0.1:8090 | stopped | not running; its totals are kept"])
+             "127.0.0.1:8090 | stopped | not running; the totals are kept"])
         self.assertEqual(len(self.rows()), 3)
         self.browser.run("document.querySelectorAll('summary')[3].click()")
         self.assertTrue(self.browser.wait(
@@ -187,7 +187,7 @@ class Page(unittest.TestCase):
     def test_says_what_is_wrong(self):
         self.serve("shop")
         self.say("silence", "unwritten", "invalid")
-        self.await_notice("has not looked at its servers since")
+        self.await_notice("has not collected counts since")
         self.await_notice("cannot be written to disk")
         self.await_notice("/etc/tolvane/sites.toml is not valid")
         self.stop()
