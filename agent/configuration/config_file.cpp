@@ -157,8 +157,7 @@ void Reader::readInterval(const toml::node& node) {
     }
 }
 
-// A name without a port stands for the default ports of both kinds of
-// connections.
+// A name without a port has the default ports of both kinds of connections.
 std::vector<std::string> addressesOf(const std::string& name) {
     std::size_t end = name[0] == '[' ? name.find(']') : 0;
     if (name.find(':', end) != std::string::npos) return {name};

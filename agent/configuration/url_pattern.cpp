@@ -20,7 +20,7 @@ void refuseCharacters(std::string_view text) {
         if (byte >= 0x80) {
             fail(
                 ErrorKind::kInvalidInput,
-                "clients send bytes outside ASCII percent-encoded; write %{:02X} for the first one",
+                "clients send bytes outside ASCII percent-encoded; write %{:02X} for the first byte",
                 byte);
         }
         if (c == '#') {

@@ -93,7 +93,7 @@ class Connection {
         if (status / 100 == 4) account.clientErrors = 1;
         if (request.category != nullptr) accounts_[request.category].add(account);
         std::string site = siteOf(request);
-        // A connection counts for the first site of the configuration that it asks for.
+        // A connection counts for the first site of the configuration that it requests.
         if (site != kElsewhere.host && !counted_) account.connections = 1;
         counted_ |= account.connections > 0;
         accounts_[site].add(account);

@@ -123,7 +123,7 @@ constexpr Family<CollectorRow> kBuildInfo[] = {
      [](const CollectorRow&) -> Number { return std::uint64_t{1}; }},
 };
 
-// A value about the configuration file, absent without one.
+// A value about the configuration file, absent without a file.
 template <typename Value>
 Number ofConfig(const CollectorRow& row, Value value) {
     return row.health.configFile.empty() ? Number(Absent{}) : Number(std::uint64_t{value});

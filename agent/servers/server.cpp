@@ -142,7 +142,7 @@ Server selectServer(const std::vector<Server>& servers, const std::optional<std:
     }
     if (found.empty()) {
         fail(ErrorKind::kNotFound,
-             "no measured server is running; start one with 'tolvane run -- COMMAND'");
+             "no measured server is running; start a server with 'tolvane run -- COMMAND'");
     }
     if (found.size() > 1) {
         fail(ErrorKind::kInvalidInput, "several servers match: {}; choose with --server",

@@ -5,7 +5,7 @@ import * as format from './format.js';
 import {Model} from './model.js';
 import {element, Table} from './table.js';
 
-const kFewServers = 3;  // up to this number all sections are open at first; with more, the first section
+const kFewServers = 3;  // with more servers only the first section is open initially
 const kHistoryEvery = 10000;  // milliseconds
 
 const byId = (id) => document.getElementById(id);
