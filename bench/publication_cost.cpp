@@ -114,7 +114,7 @@ int main(int argc, char** argv) {
         startMeasurement(kApacheProcesses, 1);
         if (!createSemaphores(1)) fail("no semaphore");
         std::atexit(removeOwnSemaphore);
-        addCost({"publication, nothing to hand on", nothing, writeResult, nothing});
+        addCost({"publication, nothing to publish", nothing, writeResult, nothing});
         addPublication<0, 0>("totals only");
         addPublication<1, 1>("totals, one site, one category");
         addPublication<kMaxSites, kMaxCategories>("all totals, sites and categories");

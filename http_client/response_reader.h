@@ -1,5 +1,5 @@
-// Finds the end of a response by its Content-Length. The body is counted, not
-// kept.
+// Finds the end of a response by its Content-Length. Counts the bytes of the body and
+// discards them.
 #pragma once
 
 #include <cstddef>
@@ -11,8 +11,8 @@ namespace tolvane::http_client {
 
 class ResponseReader {
   public:
-    // Takes the next bytes of the connection. Throws std::runtime_error when they
-    // are not a response, or continue after its end.
+    // Reads the next bytes of the connection. Throws std::runtime_error if they are not
+    // a response, or continue after its end.
     void feed(std::string_view bytes);
     // Prepares for the next response.
     void clear() { *this = ResponseReader(); }

@@ -15,7 +15,7 @@ namespace tolvane::agent {
 namespace {
 
 constexpr std::size_t kTableSize = kMaxAddresses;
-// What Apache allows when its configuration does not say.
+// Apache's defaults.
 constexpr int kPreforkDefaultLimit = 256;
 constexpr int kThreadedDefaultLimit = 400;
 
@@ -25,7 +25,7 @@ struct LogicalLine {
     std::string text;
 };
 
-// Lines that end in a backslash go on in the next one.
+// A line that ends in a backslash continues in the next line.
 std::vector<LogicalLine> logicalLines(const std::string& text) {
     std::vector<LogicalLine> lines;
     std::size_t number = 0;
@@ -41,8 +41,8 @@ std::vector<LogicalLine> logicalLines(const std::string& text) {
     return lines;
 }
 
-// The words of a directive: blanks separate, quotes hold together, and the
-// ">" that closes a section is none of them.
+// The words of a directive, separated by blanks. Quoted text is a single word. The
+// ">" that closes a section is not a word.
 std::vector<std::string> directiveWords(std::string_view line) {
     std::vector<std::string> words;
     line = trim(line);
@@ -67,7 +67,7 @@ std::vector<std::string> directiveWords(std::string_view line) {
     return words;
 }
 
-// "2.4.62" against "2.4": the missing parts count as 0.
+// Compares versions such as "2.4.62" and "2.4"; missing parts count as 0.
 int compareVersions(const std::string& a, const std::string& b) {
     std::size_t i = 0;
     std::size_t j = 0;
@@ -194,10 +194,10 @@ void Walker::directive(const std::string& text) {
 }
 
 void Walker::openSection(const std::string& name, const std::vector<std::string>& words) {
-    // A macro's text holds nothing until it is used.
+    // The text of a macro has no effect before its use.
     bool holds = name != "macro" && conditionHolds(name, words);
     if (name == "virtualhost" && active()) openHost(words);
-    // The shim takes directives inside such sections whatever their condition.
+    // The shim reads directives in such sections regardless of the condition.
     if (!holds) result_.needsTranslation = true;
     sections_.push_back({name, holds});
 }
@@ -214,10 +214,10 @@ void Walker::openHost(const std::vector<std::string>& words) {
         auto endpoint = parseEndpoint(words[i], false);
         if (!endpoint) continue;
         result_.needsTranslation |= words[i][0] == '[' || words.size() > 2;
-        // As a wildcard for every port it would swallow the plain ones.
+        // A wildcard for every port would also match the plain ports.
         if (words[i][0] == '[' && !endpoint->port && endpoint->address == "*") {
             result_.notes.push_back(
-                fmt::format("<VirtualHost {}> has no port; if it is an SSL host, give it one",
+                fmt::format("<VirtualHost {}> has no port; if it is an SSL host, add a port",
                             printable(words[i])));
             continue;
         }
@@ -230,7 +230,7 @@ void Walker::openHost(const std::vector<std::string>& words) {
 void Walker::listen(const std::vector<std::string>& words) {
     auto endpoint = parseEndpoint(words[1], true);
     if (!endpoint || !endpoint->port) {
-        result_.notes.push_back(fmt::format("Listen {} was not understood", printable(words[1])));
+        result_.notes.push_back(fmt::format("Listen {} cannot be parsed", printable(words[1])));
         return;
     }
     result_.needsTranslation |= words[1][0] == '[';
@@ -291,8 +291,8 @@ void Walker::addSslHost(const Endpoint& endpoint) {
     if (std::find(list.begin(), list.end(), endpoint) == list.end()) list.push_back(endpoint);
 }
 
-// A host without a switch of its own has the main server's. Ports on which no
-// host answers are the main server's own.
+// A host without an SSLEngine directive inherits the main server's. The main server
+// answers on ports without a host.
 void Walker::settleSsl() {
     auto hostHas = [&](const Endpoint& listen) {
         return std::any_of(hosts_.begin(), hosts_.end(), [&](const Host& host) {
@@ -316,8 +316,8 @@ void Walker::settleSsl() {
 void Walker::noteMacros() {
     if (std::exchange(macrosNoted_, true)) return;
     result_.notes.push_back(
-        "macros are not expanded; if they hold Listen lines or SSL hosts, lay out a root by hand "
-        "and give it with --root");
+        "macros are not expanded; if they contain Listen lines or SSL hosts, create a root by "
+        "hand and pass it with --root");
 }
 
 void Walker::noteFullTables() {
@@ -327,7 +327,7 @@ void Walker::noteFullTables() {
                         result_.listen.size(), kTableSize));
     }
     if (result_.sslHosts.size() > kTableSize) {
-        result_.notes.push_back(fmt::format("{} SSL addresses; only the first {} are known as SSL",
+        result_.notes.push_back(fmt::format("{} SSL addresses; only the first {} count as SSL",
                                             result_.sslHosts.size(), kTableSize));
     }
 }
@@ -343,8 +343,8 @@ MeasuredConfig Walker::read() {
     }
     if (result_.listen.empty()) {
         fail(ErrorKind::kInvalidInput,
-             "{} and its included files hold no Listen line outside of macros; lay out a root by "
-             "hand as docs/operations.md tells, and give it with --root",
+             "{} and its included files contain no Listen line outside of macros; create a root by "
+             "hand (see docs/operations.md) and pass it with --root",
              facts_.mainFile.path);
     }
     if (result_.processLimit <= 0) {

@@ -17,13 +17,13 @@ struct MeasuredConfig {
     int processLimit = 0;
     std::string module;              // "prefork", "worker", "event"
     bool needsTranslation = false;   // the shim cannot read the file itself
-    std::vector<std::string> notes;  // what is not measured as expected
+    std::vector<std::string> notes;  // deviations from the expected measurement
 };
 
 using FileReader = std::function<std::optional<std::string>(const std::string& path)>;
 using VariableReader = std::function<std::optional<std::string>(const std::string& name)>;
 
-// Throws Error when a file cannot be read or nothing listens.
+// Throws Error if a file cannot be read or there is no listening address.
 MeasuredConfig readMeasuredConfig(const ServerFacts& facts, const FileReader& readText,
                                   const VariableReader& variable);
 

@@ -13,16 +13,16 @@ enum class ServerKind { kUnknown, kApache, kNetscape };
 
 struct ServerCommand {
     std::vector<std::string> words;
-    std::string path;                        // of words[0], as execvp finds it
-    Executable executable;                   // what kind of file that is
+    std::string path;                        // of words[0], found as by execvp
+    Executable executable;                   // the kind of the file
     ServerKind kind = ServerKind::kUnknown;  // by its name
-    // An Apache's own -C, -c, -D, -d and -f with their values, for asking the
-    // same server about its configuration.
+    // An Apache's -C, -c, -D, -d and -f with their values, for queries to the same
+    // server.
     std::vector<std::string> configurationArguments;
     std::string serverDirectory;  // -d
 };
 
-// Throws Error when there is no such executable.
+// Throws Error if there is no such executable.
 ServerCommand inspectCommand(const std::vector<std::string>& words);
 
 // The executables that a script's text mentions, by absolute path or for the

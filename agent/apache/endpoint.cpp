@@ -13,8 +13,8 @@ namespace {
 
 constexpr const char* kEveryAddress = "*";
 
-// A socket bound to "::" counts as bound to all addresses, one bound to a
-// mapped IPv4 address by that one; any other IPv6 address only matches the
+// A socket bound to "::" counts as bound to all addresses, a socket bound to a mapped
+// IPv4 address as bound to that address. Any other IPv6 address only matches the
 // wildcard.
 std::optional<std::string> translateIpv6(std::string text) {
     text = text.substr(0, text.find('%'));

@@ -1,5 +1,5 @@
-// The root directory that a server is measured with: its own, or one that is
-// prepared from its configuration.
+// The root directory with which a server is measured: its own root, or a root that
+// is prepared from its configuration.
 #pragma once
 
 #include <string>
@@ -16,15 +16,15 @@ struct MeasuredRoot {
     bool hasSslHosts = false;
     std::string module;
     ServerFacts facts;
-    std::vector<std::string> notes;  // what is not measured as expected
+    std::vector<std::string> notes;  // deviations from the expected measurement
 };
 
-// Asks the Apache that the command starts, and prepares `wanted`, or a
-// directory of its own, when its own root does not do. `always` prepares even
-// then. Throws Error.
+// Queries the Apache that the command starts. If its own root is not suitable, or
+// if `always` is set, prepares `wanted` or, if that is empty, a directory for this
+// server. Throws Error.
 MeasuredRoot prepareRoot(const ServerCommand& command, const std::string& wanted, bool always);
 
-// How the server has to be told whether it serves SSL.
+// The value of SSL_FACTOR for the server.
 const char* sslFactorFor(const MeasuredRoot& root);
 
 }  // namespace tolvane::agent

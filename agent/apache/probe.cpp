@@ -26,8 +26,8 @@ std::string unquoted(std::string_view text) {
     return std::string(text);
 }
 
-// "    (146) /etc/apache2/ports.conf", each level of inclusion four blanks
-// further to the right than the main file's "  (*) ".
+// "    (146) /etc/apache2/ports.conf". Each level of inclusion is indented by four
+// blanks more than the main file's "  (*) ".
 void readIncludeLine(std::string_view line, ServerFacts& facts) {
     std::size_t indent = line.find('(');
     std::size_t close = line.find(')', indent);
@@ -78,7 +78,7 @@ std::map<std::string, std::string> startVariables(const std::string& directory) 
         std::size_t equals = entry.find('=');
         if (equals == std::string::npos || equals == 0) continue;
         std::string name = entry.substr(0, equals);
-        // What the shell itself sets is of no use to a server.
+        // Variables of the shell itself are not for the server.
         if (name == "_" || name == "PWD" || name == "OLDPWD" || name == "SHLVL") continue;
         const char* present = std::getenv(name.c_str());
         if (present == nullptr || entry.compare(equals + 1, std::string::npos, present) != 0) {
@@ -110,7 +110,7 @@ std::string processingModule(const ServerFacts& facts) {
             continue;
         std::string name =
             module.substr(kPrefix.size(), module.size() - kPrefix.size() - kSuffix.size());
-        // mpm_itk is loaded beside prefork, which does the serving.
+        // mpm_itk is loaded in addition to prefork, which serves.
         if (name != "itk") found = name;
     }
     return found;
@@ -159,8 +159,8 @@ void parseDump(std::string_view output, ServerFacts& facts) {
     if (facts.mainFile.path.empty()) {
         fail(
             ErrorKind::kInvalidInput,
-            "the server does not list its configuration files (Apache does so from 2.4.24 on); lay "
-            "out a root by hand as docs/operations.md tells, and give it with --root");
+            "the server does not list its configuration files (this needs Apache 2.4.24); create a "
+            "root by hand (see docs/operations.md) and pass it with --root");
     }
 }
 
@@ -182,7 +182,7 @@ ServerFacts probeServer(const ServerCommand& command) {
     if (dump.timedOut)
         fail(ErrorKind::kFailed, "{} did not answer within {} s", command.path, kPatience.count());
     if (dump.exitStatus != 0) {
-        fail(ErrorKind::kInvalidInput, "{} refuses its own configuration:{}", command.path,
+        fail(ErrorKind::kInvalidInput, "{} rejects its configuration:{}", command.path,
              complaintOf(dump));
     }
     parseDump(dump.output, facts);

@@ -30,21 +30,21 @@ struct ServerFacts {
     std::set<std::string> modules;    // "ssl_module"
     std::vector<std::string> before;  // directives of -C, read ahead of the files
     std::vector<std::string> after;   // directives of -c
-    // Variables that the server's own start scripts set, for a server that is
-    // started without them.
+    // Variables that the server's start scripts set, for a start without these
+    // scripts.
     std::map<std::string, std::string> environment;
 };
 
-// "prefork", "worker", "event", ... by the modules that are loaded.
+// "prefork", "worker", "event", ..., from the loaded modules.
 std::string processingModule(const ServerFacts& facts);
 
-// The answers to -V, and to -t with DUMP_INCLUDES, DUMP_RUN_CFG and
-// DUMP_MODULES. parseDump throws Error when no file is listed.
+// Parse the output of -V, and of -t with DUMP_INCLUDES, DUMP_RUN_CFG and
+// DUMP_MODULES. parseDump throws Error if no file is listed.
 void parseVersion(std::string_view output, ServerFacts& facts, std::string& compiledRoot);
 void parseDump(std::string_view output, ServerFacts& facts);
 
-// Asks the server that the command starts. Throws Error, with the server's
-// own words, when its configuration is not valid.
+// Queries the server that the command starts. If its configuration is not valid,
+// throws Error with the server's message.
 ServerFacts probeServer(const ServerCommand& command);
 
 }  // namespace tolvane::agent

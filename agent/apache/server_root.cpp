@@ -31,8 +31,8 @@ void refuseForeign(const std::string& file) {
          "{} was not written by tolvane; choose another directory with --root", file);
 }
 
-// A root serves one server at a time: of the second one, the start would
-// remove the first one's segment, and the first one's end would go unnoticed.
+// Two servers cannot use the same root at the same time: the start of the second
+// would remove the segment of the first.
 void refuseUsed(const std::string& root, const std::string& pidFile) {
     std::string link = root + "/" + kApachePidFile;
     std::error_code error;
@@ -40,17 +40,17 @@ void refuseUsed(const std::string& root, const std::string& pidFile) {
     if (!std::filesystem::exists(status)) return;
     if (!std::filesystem::is_symlink(status)) {
         fail(ErrorKind::kInvalidInput,
-             "{} was not made by tolvane; choose another directory with --root", link);
+             "{} was not created by tolvane; choose another directory with --root", link);
     }
     if (std::filesystem::read_symlink(link, error) == pidFile) return;
     pid_t process = parseInt32(trim(readFile(link).value_or(""))).value_or(0);
     if (!processExists(process) || !hasShimLoaded(process)) return;
     fail(ErrorKind::kInvalidInput,
-         "{} belongs to process {}, which runs; choose another directory with --root", root,
+         "{} belongs to the running process {}; choose another directory with --root", root,
          process);
 }
 
-// A path as a file name. No two paths get the same one.
+// A path as a file name. Different paths have different names.
 std::string asFileName(std::string_view path) {
     std::string name;
     path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
@@ -75,7 +75,7 @@ std::string withoutTrailingSlash(std::string path) {
 
 std::string renderHttpdConf(const MeasuredConfig& config, const std::string& source) {
     std::string text =
-        fmt::format("{}{}; it is written anew at every start.\n", kMark, printable(source));
+        fmt::format("{}{}; it is rewritten at every start.\n", kMark, printable(source));
     for (const Endpoint& endpoint : config.listen) {
         text += fmt::format("Listen {}\n", endpointText(endpoint));
     }

@@ -1,7 +1,7 @@
-// A root directory of our own for a server whose files lie elsewhere:
+// A prepared root directory, for a server with another file layout:
 //   conf/httpd.conf        the addresses, SSL hosts and process limit
 //   logs/.tolvane_info     the processing module
-//   logs/httpd.pid         leads to the server's own pid file
+//   logs/httpd.pid         a link to the server's pid file
 #pragma once
 
 #include <string>
@@ -14,20 +14,21 @@ namespace tolvane::agent {
 // The text of conf/httpd.conf.
 std::string renderHttpdConf(const MeasuredConfig& config, const std::string& source);
 
-// The server's own root will do: one file that the shim can read as it is,
-// under the names that it looks for.
+// Whether the server's own root is suitable: the shim can read its configuration
+// file, and all files have the names that the shim uses.
 bool ownRootSuits(const ServerFacts& facts, const MeasuredConfig& config);
 
-// The directory holds a root that writeServerRoot made.
+// Whether writeServerRoot created the root in the directory.
 bool isPreparedRoot(const std::string& root);
 
-// Under the agent's data directory, named after the main configuration file
-// and the pid file: servers that share their files are told apart by -D.
+// A directory under the agent's data directory. Its name contains the main
+// configuration file and the pid file, so servers that share their files and differ
+// in -D have different roots.
 std::string defaultRoot(const ServerFacts& facts);
 
-// Writes or refreshes the root. Throws Error, and changes nothing, when the
-// directory holds files that are not of our making, or those of another server
-// that runs.
+// Writes or updates the root. Throws Error and changes nothing if the directory
+// contains files that writeServerRoot did not create, or files of another running
+// server.
 void writeServerRoot(const std::string& root, const ServerFacts& facts,
                      const MeasuredConfig& config);
 

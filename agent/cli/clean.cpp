@@ -37,8 +37,8 @@ std::vector<RunningServer> runningServers(const std::vector<Server>& servers) {
     return running;
 }
 
-// A running server that may have made the semaphore. Which ones its segment
-// names does not count: anybody may write there.
+// A running server that may have created the semaphore. The identifiers in its
+// segment prove nothing, because any user can write to it.
 const RunningServer* possibleOwner(std::int32_t id, const std::vector<RunningServer>& running) {
     auto found = std::find_if(running.begin(), running.end(), [id](const RunningServer& server) {
         return isSemaphoreOf(id, server.segment);
@@ -48,7 +48,7 @@ const RunningServer* possibleOwner(std::int32_t id, const std::vector<RunningSer
 
 struct Leftovers {
     std::string heading;
-    std::string doubts;  // lines about what stays
+    std::string doubts;  // lines about kept objects
     std::set<std::int32_t> semaphores;
     std::int32_t shmid = -1;
     std::string handoff;
@@ -57,7 +57,7 @@ struct Leftovers {
 Leftovers leftoversOf(const Server& server, const std::vector<RunningServer>& running) {
     Leftovers left;
     left.heading = fmt::format("Server {}: {}\n", nameOf(server), server.reason);
-    // A damaged file may be one that is being written right now.
+    // A server may be writing a file that appears damaged.
     bool mayBeWritten = !server.handoff.problem.empty() && processExists(server.handoff.pid);
     if (!mayBeWritten) left.handoff = server.handoff.path;
     if (!server.ownsSegment) return left;
@@ -73,8 +73,8 @@ Leftovers leftoversOf(const Server& server, const std::vector<RunningServer>& ru
             continue;
         }
         left.doubts += fmt::format(
-            "  semaphore {} stays: server {} was started at the same moment, and it may be "
-            "that one's; if not, 'ipcrm -s {}' removes it\n",
+            "  semaphore {} is kept: server {} was started at the same time and may own it; if "
+            "not, 'ipcrm -s {}' removes it\n",
             id, owner->name, id);
     }
     return left;
@@ -125,7 +125,7 @@ int cleanCommand(const CleanOptions& options) {
     auto stale = [](const Server& server) { return server.state == RunState::kStale; };
     auto servers = findServers();
     if (std::none_of(servers.begin(), servers.end(), stale)) {
-        writeOut("Nothing stale.\n");
+        writeOut("No stale server.\n");
         return remover.refused() ? kExitFailed : kExitOk;
     }
     std::optional<RemovalLock> lock;

@@ -13,7 +13,7 @@ inline constexpr int kMaxSemaphores = 1024;
 inline constexpr int kMaxRequestInterval = 1000000;
 
 struct RunOptions {
-    std::string type;  // "apache", "netscape", or empty: by the command's name
+    std::string type;  // "apache", "netscape", or empty: from the command's name
     std::string root;
     std::string library;
     std::optional<std::string> sslFactor;
@@ -25,8 +25,8 @@ struct RunOptions {
 
 struct PrepareOptions {
     std::string root;
-    std::string serverDirectory;  // the server's own -d
-    std::string serverFile;       // the server's own -f
+    std::string serverDirectory;  // the server's -d
+    std::string serverFile;       // the server's -f
     std::vector<std::string> defines;
     std::vector<std::string> command;
 };
@@ -43,7 +43,7 @@ struct ConfigureOptions {
     std::string file;
     std::optional<std::string> server;
     bool reset = false;
-    bool removeAll = false;  // a file without any site is meant
+    bool removeAll = false;  // accepts a file without sites
 };
 
 struct ShowOptions {
@@ -55,7 +55,7 @@ struct ShowOptions {
 struct TopOptions {
     std::optional<std::string> server;
     double delay = 2;
-    int count = 0;  // 0: until it is stopped
+    int count = 0;  // 0: unlimited
     std::string sortBy;
 };
 

@@ -36,8 +36,8 @@ void refuseResetOfKeptCounts(const Server& server) {
     if (::access(kOwnershipFile, F_OK) != 0) return;
     if (pid_t holder = OwnershipLock(kOwnershipFile).acquire(server.handoff.shmid); holder != 0) {
         fail(ErrorKind::kInvalidInput,
-             "the collector with process id {} keeps totals of this server, by name: --reset is "
-             "not needed and would cost some of them; nothing was changed",
+             "the collector with process id {} keeps totals of this server by name: --reset is "
+             "not necessary and would lose counts; nothing was changed",
              holder);
     }
 }
@@ -85,8 +85,8 @@ int configureCommand(const ConfigureOptions& options) {
     progress.clear();
     if (written.replacedMark != 0) {
         writeOut(
-            fmt::format("Note: another agent began a configuration (version {}) and did not finish "
-                        "it; it is replaced.\n",
+            fmt::format("Note: the unfinished configuration of another agent (version {}) is "
+                        "replaced.\n",
                         written.replacedMark));
     }
     if (options.reset) resetSiteCounts(segment);
@@ -95,11 +95,11 @@ int configureCommand(const ConfigureOptions& options) {
     auto changes = renamed(*before.info, *block);
     if (!changes.empty() && !options.reset && before.info->version > 0) {
         writeOut(
-            fmt::format("Note: counts stay with their place in the list, so {} {} earlier "
-                        "counts; --reset starts sites and categories from 0.\n",
+            fmt::format("Note: counts belong to an index in the file, so {} {} earlier "
+                        "counts; --reset resets sites and categories to 0.\n",
                         listOf(changes), changes.size() == 1 ? "takes over" : "take over"));
     }
-    writeOut("Each process takes it at its next publication.\n");
+    writeOut("Each process takes the configuration at its next publication.\n");
     return kExitOk;
 }
 

@@ -14,7 +14,7 @@ int doctorCommand() {
     Findings findings;
     {
         Progress progress;
-        progress.show("looking at the installation and the running servers");
+        progress.show("checking the installation and the running servers");
         examineInstallation(findings);
         try {
             examineServers(findServers(), findings);

@@ -31,11 +31,11 @@ void examineDirectories(Findings& findings) {
                              remedy);
             allThere = false;
         } else if (!S_ISDIR(status.st_mode)) {
-            findings.problem(fmt::format("{} is no directory", directory.path),
+            findings.problem(fmt::format("{} is not a directory", directory.path),
                              "move it away, then " + remedy);
             allThere = false;
         } else if ((directory.mode & S_IXOTH) != 0 && (status.st_mode & S_IXOTH) == 0) {
-            findings.problem(fmt::format("{} is closed to worker processes (mode {:o})",
+            findings.problem(fmt::format("{} is not accessible to worker processes (mode {:o})",
                                          directory.path, status.st_mode & 07777),
                              fmt::format("chmod {:o} {}", directory.mode, directory.path));
             allThere = false;
@@ -73,15 +73,16 @@ void examineLog(Findings& findings) {
     if (::lstat(kLogFile, &log) != 0) {
         if (errno != ENOENT) {
             findings.problem(fmt::format("{}: {}", kLogFile, std::strerror(errno)),
-                             "look at the permissions of its directory");
+                             "check the permissions of its directory");
         }
         return;
     }
-    // Its directory is open to all users: a link there must not lead the operator
-    // to give another file away.
+    // Its directory is writable for all users: with a link there, a remedy such as
+    // chmod would change another file.
     if (!S_ISREG(log.st_mode) || log.st_nlink != 1) {
         findings.problem(
-            fmt::format("{} is no plain file of its own, and no server writes there", kLogFile),
+            fmt::format("{} is not a regular file with one link, so no server writes to it",
+                        kLogFile),
             fmt::format("rm {}", kLogFile));
         return;
     }
@@ -89,13 +90,13 @@ void examineLog(Findings& findings) {
     std::string path = kLogFile;
     ::stat(path.substr(0, path.rfind('/')).c_str(), &directory);
     if ((log.st_mode & S_IWOTH) == 0) {
-        findings.problem(
-            fmt::format("{} is closed to worker processes (mode {:o})", path, log.st_mode & 07777),
-            "chmod 666 " + path);
+        findings.problem(fmt::format("{} is not writable for worker processes (mode {:o})", path,
+                                     log.st_mode & 07777),
+                         "chmod 666 " + path);
     } else if (kernelGuardsStickyFiles(log, directory)) {
         findings.problem(
-            fmt::format("{} belongs to user {}, and fs.protected_regular keeps others from "
-                        "opening it",
+            fmt::format("{} belongs to user {}, and fs.protected_regular prevents other "
+                        "users from opening it",
                         path, log.st_uid),
             fmt::format("chown {} {}", directory.st_uid, path));
     } else {
@@ -116,7 +117,7 @@ void examineLibraries(Findings& findings) {
             continue;
         }
         findings.note(
-            fmt::format("no {}-bit library beside this program", bits),
+            fmt::format("no {}-bit library is installed with this program", bits),
             fmt::format("for {}-bit servers: cmake --preset {} && cmake --build --preset {}", bits,
                         preset, preset));
     }
@@ -146,8 +147,8 @@ void examineLimits(Findings& findings) {
     // The shim's own choice for a server with many processes.
     constexpr std::uint64_t kUsualRecords = 3;
     need(limits->maxSegmentBytes >= segmentSize(kUsualRecords),
-         fmt::format("segments may have {} bytes, a server needs {}", limits->maxSegmentBytes,
-                     segmentSize(kUsualRecords)),
+         fmt::format("the maximum size of a segment is {} bytes, a server needs {}",
+                     limits->maxSegmentBytes, segmentSize(kUsualRecords)),
          "raise kernel.shmmax");
     need(limits->usedSegments < limits->maxSegments,
          fmt::format("all {} segments are in use", limits->maxSegments),

@@ -26,8 +26,8 @@ namespace {
 
 using Environment = std::map<std::string, std::string>;
 
-// The semaphore's units; waits until the deadline while there are none, which
-// a publication takes away for microseconds.
+// The semaphore's units. Waits until the deadline while there are none: a publication
+// holds the semaphore for microseconds.
 int unitsOnceFree(std::int32_t id, std::chrono::steady_clock::time_point deadline) {
     for (;;) {
         int value = ::semctl(id, 0, GETVAL);
@@ -71,7 +71,7 @@ void Examiner::examineHandoff() {
     if (server_.misled.empty()) return;
     problem(fmt::format("{} was changed: {}, but the server created segment {}",
                         server_.handoff.path, server_.misled, server_.handoff.shmid),
-            "find out who wrote into it, and restart the server, which writes it anew");
+            "find the writer, then restart the server, which rewrites the file");
 }
 
 void Examiner::examineVariables(const Environment& environment) {
@@ -91,8 +91,8 @@ void Examiner::examineVariables(const Environment& environment) {
     auto preload = environment.find("LD_PRELOAD");
     if (preload == environment.end() || preload->second.find(kLibraryName) == std::string::npos) {
         note(
-            "LD_PRELOAD does not name libtolvane.so, so programs that it starts anew run "
-            "unmeasured",
+            "LD_PRELOAD does not name libtolvane.so, so new programs that it starts are "
+            "not measured",
             kRestart);
     }
     auto root = environment.find("WEB_SERVER_ROOT");
@@ -125,9 +125,9 @@ void Examiner::examinePidFile(const std::string& root) {
     }
     auto pid = parseInt32(trim(*text));
     if (server_.parentPid > 0 && pid != server_.parentPid) {
-        problem(fmt::format("{} holds {}, the segment names {} as the main process", file,
+        problem(fmt::format("{} contains {}, but the main process in the segment is {}", file,
                             printable(trim(*text)), server_.parentPid),
-                "let the link lead to the PidFile of this server, and restart it");
+                "link it to the PidFile of this server, then restart the server");
     }
 }
 
@@ -138,12 +138,13 @@ void Examiner::examineLibrary() {
         return line.find(kLibraryName + std::string(" (deleted)")) != std::string::npos;
     });
     if (replaced)
-        note("its library file was replaced since it started", "restart it to use the new one");
+        note("its library file was replaced since it started", "restart it to use the new library");
     std::string executable = fmt::format("/proc/{}/exe", server_.process);
     WordSize size = inspectExecutable(executable).wordSize;
     if (size != WordSize::kUnknown && findLibraries().count(size) == 0) {
-        note(fmt::format("it is a {}-bit program, and no such library lies beside this tool",
-                         static_cast<int>(size)),
+        note(fmt::format(
+                 "it is a {0}-bit program, and no {0}-bit library is installed with this program",
+                 static_cast<int>(size)),
              "the next 'tolvane run' needs --library");
     }
 }
@@ -157,15 +158,16 @@ void Examiner::examineSemaphores(const Sample& sample) {
         if (value < 0 && errno != EACCES) {
             problem(
                 fmt::format(
-                    "the semaphore of record {} is gone, and its counts stay in the workers", i),
+                    "the semaphore of record {} does not exist, so its counts stay in the workers",
+                    i),
                 "restart the server");
         } else if (value == 0) {
             pid_t last = ::semctl(id, 0, GETPID);
-            problem(fmt::format("the semaphore of record {} is held, last touched by process {} "
-                                "({}), and nothing is published there",
+            problem(fmt::format("the semaphore of record {} is held, last used by process {} "
+                                "({}), so nothing is published into the record",
                                 i, last, processName(last)),
-                    "continue or end that process; if it is none of the server, restart the "
-                    "server as well");
+                    "continue or end that process; if it does not belong to the server, also "
+                    "restart the server");
         } else if (value > 1) {
             problem(fmt::format("the semaphore of record {} has {} units", i, value),
                     "restart the server");
@@ -179,12 +181,12 @@ void Examiner::examineConfiguration(const Sample& sample) {
         return;
     }
     if (!sample.config.steady) {
-        problem("a configuration was begun and not finished", "run 'tolvane configure FILE' again");
+        problem("a configuration is unfinished", "run 'tolvane configure FILE' again");
         return;
     }
     if (!sample.config.complaint.empty()) {
         problem("the configuration is out of range: " + sample.config.complaint,
-                "write a valid one with 'tolvane configure FILE'");
+                "write a valid configuration with 'tolvane configure FILE'");
     }
     CountSet counts = countsOf(sample.records);
     auto counted = [](const TrafficCounts& site) { return site[&CounterBlock::requests] > 0; };
@@ -194,7 +196,7 @@ void Examiner::examineConfiguration(const Sample& sample) {
                                  [](const ResultStruct& record) { return record.sitesDirty == 1; });
     if (sample.config.info->numSites > 0 && counts.total[&CounterBlock::requests] > 0 &&
         published && !anySite) {
-        note(fmt::format("no process uses configuration {}: {}, none of them for a site",
+        note(fmt::format("no process uses configuration {}: {} counted, but no request for a site",
                          sample.version, plural(counts.total[&CounterBlock::requests], "request")),
              fmt::format("send a few requests to each worker or wait {} s, then compare the site "
                          "names with what clients send as Host",

@@ -1,4 +1,4 @@
-// All servers together: stale records, and servers that run unmeasured.
+// All servers together: stale handoff files, and servers that run unmeasured.
 #include <dirent.h>
 #include <fmt/format.h>
 
@@ -16,7 +16,8 @@ namespace tolvane::agent {
 
 namespace {
 
-constexpr const char* kStartMeasured = "stop it and start it with 'tolvane run', or its drop-in";
+constexpr const char* kStartMeasured =
+    "stop it and start it with 'tolvane run' or with its drop-in";
 
 bool loadsShim(pid_t pid) {
     auto mappings = processMappings(pid);
@@ -48,7 +49,7 @@ void examineStale(const Server& server, std::set<pid_t>& reported, Findings& fin
         if (pid == 0 || loadsShim(pid) || !reported.insert(pid).second) continue;
         findings.problem(
             fmt::format(
-                "{} (process {}) listens on port {}, where a measured server was, without the shim",
+                "{} (process {}) listens on port {} of a former measured server, without the shim",
                 processName(pid), pid, port),
             kStartMeasured);
     }
@@ -66,7 +67,7 @@ void examinePreparedRoots(std::set<pid_t>& reported, Findings& findings) {
         if (!pid || !processExists(*pid) || loadsShim(*pid) || !reported.insert(*pid).second)
             continue;
         findings.problem(
-            fmt::format("{} (process {}) runs without the shim, though {} is prepared for it",
+            fmt::format("{} (process {}) runs without the shim, although {} is prepared for it",
                         processName(*pid), *pid, kPreparedRoots + name),
             kStartMeasured);
     }
@@ -91,7 +92,7 @@ void examineServers(const std::vector<Server>& servers, Findings& findings) {
                 break;
             case RunState::kEnding:
                 findings.note(fmt::format("server {} is ending: {}", nameOf(server), server.reason),
-                              "if this lasts, end the processes that are left");
+                              "if this lasts, end the remaining processes");
                 break;
             case RunState::kStale:
                 examineStale(server, reported, findings);

@@ -1,4 +1,4 @@
-// Exit codes of every command; scripts rely on them.
+// Exit codes of every command; scripts depend on them.
 #pragma once
 
 #include "os/error.h"
@@ -7,9 +7,9 @@ namespace tolvane::agent {
 
 enum ExitCode : int {
     kExitOk = 0,
-    kExitFinding = 1,   // done, and there is something to know: no server, a problem found
+    kExitFinding = 1,   // success, but there is no server, or a problem was found
     kExitBadInput = 2,  // wrong usage or a file that is not valid; nothing was changed
-    kExitFailed = 3,    // the system refused, or the server went away
+    kExitFailed = 3,    // a system call failed, or the server has ended
 };
 
 inline ExitCode exitCodeOf(const Error& error) {

@@ -83,7 +83,7 @@ int listCommand(const ListOptions& options) {
         for (const Server& server : servers) json.push_back(serverToJson(server));
         writeOut(json.dump(2) + "\n");
     } else if (servers.empty()) {
-        writeOut("No measured server. Start one with: tolvane run -- COMMAND\n");
+        writeOut("No measured server. Start a server with: tolvane run -- COMMAND\n");
     } else {
         printTable(servers);
     }

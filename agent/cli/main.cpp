@@ -95,8 +95,9 @@ void addPrepare(CLI::App& app, PrepareOptions& options, Action& action) {
         "  tolvane prepare -d /etc/httpd -- /usr/sbin/httpd\n"
         "'tolvane run' does this when necessary.",
         action, [&options] { return prepareCommand(options); });
-    prepare->add_option("--root", options.root,
-                        "Directory to create; default: below /opt/tolvane/agent/data/servers");
+    prepare->add_option(
+        "--root", options.root,
+        fmt::format("Directory to create; default: below {}", tolvane::kPreparedRoots));
     prepare->add_option("-d", options.serverDirectory, "The server's own -d: its root directory");
     prepare->add_option("-f", options.serverFile, "The server's own -f: its configuration file");
     prepare->add_option("-D", options.defines, "The server's own -D: a name to define")
@@ -200,7 +201,8 @@ int parseAndRun(int argc, char** argv) {
         "Example:\n  tolvane run -- apache2 -k start && tolvane configure sites.toml && tolvane "
         "top");
     app.set_version_flag("--version", "tolvane " TOLVANE_VERSION);
-    // A missing sub-command is reported below: CLI11 would report an unknown one so.
+    // A missing sub-command is reported below, because CLI11 would report an unknown
+    // sub-command in the same way.
     app.require_subcommand(0, 1);
     app.get_formatter()->column_width(24);
     Options options;

@@ -18,7 +18,7 @@ std::string installedApache() {
         if (auto path = findInPath(name)) return *path;
     }
     fail(ErrorKind::kInvalidInput,
-         "no apache2 or httpd found; name it: tolvane prepare -- /path/to/httpd");
+         "no apache2 or httpd found; pass it: tolvane prepare -- /path/to/httpd");
 }
 
 std::string absolutePath(const std::string& path) {
@@ -37,8 +37,8 @@ int prepareCommand(const PrepareOptions& options) {
     for (const std::string& define : options.defines) words.insert(words.end(), {"-D", define});
     ServerCommand command = inspectCommand(words);
     if (command.kind != ServerKind::kApache) {
-        fail(ErrorKind::kInvalidInput, "{} is no Apache by its name; only an Apache can be asked",
-             command.path);
+        fail(ErrorKind::kInvalidInput,
+             "{} does not have the name of an Apache; only an Apache can be queried", command.path);
     }
     MeasuredRoot root = prepareRootWithNotes(command, absolutePath(options.root), true);
     writeOut(fmt::format(

@@ -11,7 +11,7 @@ namespace tolvane::agent {
 MeasuredRoot prepareRootWithNotes(const ServerCommand& command, const std::string& wanted,
                                   bool always) {
     Progress progress;
-    progress.show("asking the server for its configuration");
+    progress.show("querying the configuration of the server");
     MeasuredRoot root = prepareRoot(command, wanted, always);
     progress.clear();
     for (const std::string& note : root.notes) fmt::print(stderr, "tolvane: note: {}\n", note);

@@ -7,7 +7,7 @@
 
 namespace tolvane::agent {
 
-// prepareRoot with a progress line while the server answers; its notes go to
+// Calls prepareRoot, shows a progress line meanwhile, and writes the notes to
 // standard error.
 MeasuredRoot prepareRootWithNotes(const ServerCommand& command, const std::string& wanted,
                                   bool always);

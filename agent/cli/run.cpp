@@ -36,7 +36,7 @@ std::string environmentOr(const char* name, const std::string& otherwise) {
     return value != nullptr && *value != '\0' ? value : otherwise;
 }
 
-// The option's value, or that of the environment within the same limits.
+// The option's value, or the environment's within the same limits.
 std::string settledNumber(const std::optional<int>& option, const char* name,
                           const std::string& otherwise, int high) {
     if (option) return fmt::format("{}", *option);
@@ -73,7 +73,7 @@ void refuseHandover(const ServerCommand& command) {
     auto script = readFile(command.path);
     if (!starts || !script || script->find("systemctl start") == std::string::npos) return;
     fail(ErrorKind::kInvalidInput,
-         "{} hands the start over to systemd, which would start the server without measurement; "
+         "{} passes the start to systemd, which would start the server without measurement; "
          "use a drop-in for the service (see docs/operations.md), or 'tolvane run -- apache2 -k "
          "start'",
          command.path);
@@ -102,7 +102,8 @@ void checkRootFiles(const std::string& root, const std::string& type) {
     std::string file =
         root + "/" + (type == "netscape" ? kNetscapeConfigurationFile : kApacheConfigurationFile);
     if (::access(file.c_str(), R_OK) != 0) {
-        fail(ErrorKind::kInvalidInput, "{}: {}; the shim reads the listening addresses there", file,
+        fail(ErrorKind::kInvalidInput,
+             "{}: {}; the shim reads the listening addresses from this file", file,
              std::strerror(errno));
     }
 }
@@ -127,13 +128,12 @@ void settleRoot(StartPlan& plan, const RunOptions& options) {
         return;
     }
     if (plan.type == "netscape") {
-        fail(ErrorKind::kInvalidInput,
-             "--root is missing: the directory that holds config/magnus.conf");
+        fail(ErrorKind::kInvalidInput, "--root is missing: the directory with config/magnus.conf");
     }
     if (plan.command.kind != ServerKind::kApache) {
         fail(ErrorKind::kInvalidInput,
-             "{} is no Apache by its name, so it cannot be asked for its configuration; give "
-             "--root, the directory that holds conf/httpd.conf and logs/httpd.pid",
+             "{} does not have the name of an Apache, so its configuration cannot be queried; pass "
+             "--root, the directory with conf/httpd.conf and logs/httpd.pid",
              plan.command.path);
     }
     MeasuredRoot root = prepareRootWithNotes(plan.command, given, refresh);
@@ -153,11 +153,11 @@ void settleVariables(StartPlan& plan, const RunOptions& options) {
     variables.emplace("SSL_FACTOR", environmentOr("SSL_FACTOR", "start"));
     if (options.sslFactor) variables["SSL_FACTOR"] = *options.sslFactor;
     if (plan.hasSslHosts && lower(variables["SSL_FACTOR"]) == "start") {
-        fmt::print(
-            stderr,
-            "tolvane: note: the server has SSL hosts, whose requests SSL_FACTOR={} counts as "
-            "plain ones; unset it, or give --ssl-factor startssl\n",
-            variables["SSL_FACTOR"]);
+        fmt::print(stderr,
+                   "tolvane: note: the server has SSL hosts, and SSL_FACTOR={} treats them as "
+                   "plain; unset "
+                   "it, or pass --ssl-factor startssl\n",
+                   variables["SSL_FACTOR"]);
     }
 }
 
@@ -190,7 +190,8 @@ int runCommand(const RunOptions& options) {
     refuseHandover(plan.command);
     Libraries libraries = options.library.empty() ? findLibraries() : givenLibrary(options.library);
     if (libraries.empty()) {
-        fail(ErrorKind::kFailed, "no libtolvane.so beside this program; name it with --library");
+        fail(ErrorKind::kFailed,
+             "no libtolvane.so is installed with this program; pass it with --library");
     }
     settleNumbers(plan, options);
     settleRoot(plan, options);

@@ -20,12 +20,12 @@ std::vector<std::string> sampleNotes(const Sample& sample) {
     std::vector<std::string> notes;
     if (sample.version == kVersionCreated) {
         notes.push_back(
-            "there is no configuration, so only the totals are counted; write one with "
-            "'tolvane configure FILE'");
+            "there is no configuration, so only the totals are counted; use 'tolvane configure "
+            "FILE'");
     }
     if (!sample.config.steady) {
         notes.push_back(
-            "the configuration is incomplete; if this lasts, run 'tolvane configure' again");
+            "a configuration is unfinished; if this lasts, run 'tolvane configure' again");
     }
     if (!sample.config.complaint.empty()) {
         notes.push_back("the configuration is out of range: " + sample.config.complaint);

@@ -35,7 +35,7 @@ enum class Wakeup { kTime, kEnd, kReload, kNewServer };
 // The events for which the collector waits between two rounds.
 class Wakeups {
   public:
-    // Made before the first thread, so that no thread receives a signal.
+    // Constructed before the first thread, so that no thread receives a signal.
     Wakeups() {
         sigset_t set;
         ::sigemptyset(&set);
@@ -52,9 +52,9 @@ class Wakeups {
     Wakeups(const Wakeups&) = delete;
     Wakeups& operator=(const Wakeups&) = delete;
 
-    // From now on a new handoff file ends the wait: a threaded worker reads its
-    // configuration when it starts, and then not for a minute. Without a watch
-    // the next round finds the server.
+    // After this call a new handoff file ends the wait: a threaded worker reads its
+    // configuration at its start, and then not for a minute. If the watch fails, the
+    // next round finds the server.
     void watchHandoffs() {
         ::inotify_add_watch(handoffs_, kHandoffDirectory, IN_CLOSE_WRITE | IN_MOVED_TO);
     }
@@ -69,7 +69,7 @@ class Wakeups {
         }
         char events[4096];
         bool any = false;
-        // Limits the rounds when files are written again and again.
+        // Limits the rate of rounds when files are written repeatedly.
         if ((sources[1].revents & POLLIN) != 0) std::this_thread::sleep_for(kBetweenNewServers);
         while (handoffs_ >= 0 && ::read(handoffs_, events, sizeof events) > 0) any = true;
         return any ? Wakeup::kNewServer : Wakeup::kTime;
@@ -101,8 +101,8 @@ int serveCommand(const ServeOptions& options) {
     Wakeups wakeups;
     Collector collector({options.configFile, options.stateDirectory, options.interval});
     wakeups.watchHandoffs();
-    // The first scrape finds the saved totals and the segments' counts, so that no
-    // counter is lower than an earlier collector showed it.
+    // The first scrape contains the saved totals and the segments' counts, so that no
+    // counter is lower than in an earlier collector.
     collector.round();
     Pages pages([&](const auto& reader) { collector.read(reader); }, options.version);
     HttpServer server(address, [&](const HttpRequest& request) {
@@ -126,7 +126,7 @@ int serveCommand(const ServeOptions& options) {
     bool saved = false;
     collector.read([&](const CollectorState& state) { saved = state.health.storeWorks; });
     if (!saved)
-        fail(ErrorKind::kFailed, "ended; what was collected since the last write is not saved");
+        fail(ErrorKind::kFailed, "ended; counts collected since the last write are not saved");
     logLine("ended; the totals are saved");
     return kExitOk;
 }

@@ -90,8 +90,8 @@ std::vector<Measured> measure(const std::vector<Server>& servers, double sampleS
 std::vector<std::string> notesOn(const Measured& measured) {
     std::vector<std::string> notes = sampleNotes(measured.sample);
     if (auto fault = threadsFault(measured.server)) {
-        notes.push_back(fmt::format("{}, so its counts are incomplete; 'tolvane doctor' says more",
-                                    fault->text));
+        notes.push_back(
+            fmt::format("{}, so its counts are incomplete; run 'tolvane doctor'", fault->text));
     }
     return notes;
 }

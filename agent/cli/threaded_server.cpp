@@ -15,7 +15,7 @@ namespace tolvane::agent {
 
 namespace {
 
-// The last word of the file decides, as for the server.
+// The last line of the file is decisive, as in the shim.
 std::string moduleNamedIn(const std::string& file) {
     std::string module;
     for (std::string_view line : splitLines(readFile(file).value_or(""))) {
@@ -55,12 +55,12 @@ bool hasThreads(pid_t pid) {
     return false;
 }
 
-// The process that a line of the log says it of; 0 when the line is another
-// one, or one from before the server's start.
+// The process in a log line that reports the fault; 0 for any other line and for
+// lines from before the server's start.
 pid_t accusedIn(std::string_view line, std::time_t started) {
     constexpr std::string_view kSaid =
         "  This server has threads but was taken for one connection per process: process ";
-    constexpr std::time_t kTimeZones = 86400;  // the server may live in another one
+    constexpr std::time_t kTimeZones = 86400;  // the server's time zone may differ
     std::size_t at = line.find(kSaid);
     if (at == line.npos) return 0;
     tm when{};
@@ -72,8 +72,8 @@ pid_t accusedIn(std::string_view line, std::time_t started) {
     return parseInt32(line.substr(0, line.find_first_not_of("0123456789"))).value_or(0);
 }
 
-// A process of the server that has said so itself, and has threads: anybody may
-// write into the log. 0 when there is none.
+// A process of the server that the log accuses and that has threads; 0 without any.
+// The log alone is not sufficient, because any user can write to it.
 pid_t accusedProcess(const Server& server, std::time_t started) {
     auto log = readFile(kLogFile, 64U << 20);
     if (!log) return 0;
@@ -95,7 +95,7 @@ std::optional<ThreadsFault> threadsFault(const Server& server) {
     if (server.handoff.serverType != "APACHE" || server.process <= 0) return std::nullopt;
     auto environment = processEnvironment(server.process);
     if (!environment || environment->count("WEB_SERVER_ROOT") == 0) return std::nullopt;
-    std::string file = environment->at("WEB_SERVER_ROOT") + "/logs/.tolvane_info";
+    std::string file = environment->at("WEB_SERVER_ROOT") + "/" + kApacheModuleFile;
     SegmentStatus segment = segmentStatus(server.handoff.shmid);
     bool named = isThreaded(moduleNamedIn(file));
     if (named && olderThanServer(file, segment)) return std::nullopt;

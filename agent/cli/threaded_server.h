@@ -1,4 +1,5 @@
-// A server with threads that was taken for one connection per process.
+// Detects a server with threads that was recognised as type 0 (one connection per
+// process).
 #pragma once
 
 #include <optional>
@@ -13,9 +14,9 @@ struct ThreadsFault {
     std::string remedy;
 };
 
-// Nothing for a server that was taken for what it is, and when its processes
-// may not be looked into. More than one thread alone is no fault: a library may
-// have started one that serves nobody.
+// Empty for a server whose type was recognised correctly, or whose processes cannot be
+// examined. Several threads alone are not a fault: a library may have started a thread
+// that serves no connections.
 std::optional<ThreadsFault> threadsFault(const Server& server);
 
 }  // namespace tolvane::agent

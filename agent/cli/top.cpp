@@ -30,7 +30,8 @@ ReportColumn columnNamed(const std::string& name) {
         if (title == lower(name)) return column;
         known.push_back(title);
     }
-    fail(ErrorKind::kInvalidInput, "no column '{}'; there are {}", printable(name), listOf(known));
+    fail(ErrorKind::kInvalidInput, "no column '{}'; the columns are {}", printable(name),
+         listOf(known));
 }
 
 // The recent samples. Their time span covers at least one publication of a
@@ -159,7 +160,7 @@ std::vector<std::string> Top::heading(int columns) const {
     double seconds = samples_.seconds();
     std::string rates =
         seconds > 0 ? fmt::format("rates of the last {:.{}f} s", seconds, seconds < 9.5 ? 1 : 0)
-                    : "rates follow";
+                    : "rates after the next update";
     std::string keys =
         columns > 0 ? "; keys: < > sort, r reverse, c categories, arrows scroll, q quit" : "";
     lines.push_back(

@@ -64,7 +64,7 @@ class Collector::Impl {
     std::optional<RunFinder> finder_;
     Configurer configurer_;
 
-    std::vector<RunKey> lostRuns_;  // whose rows go with the next write
+    std::vector<RunKey> lostRuns_;  // the next write deletes their rows
     bool saveAll_ = false;
     std::time_t savedAll_ = 0;
     LastingCondition storeTrouble_;
@@ -101,8 +101,8 @@ void Collector::Impl::findLostRuns() {
         if (status.exists && status.created == key.created) continue;
         lostRuns_.push_back(key);
         logLine(
-            "the server of process {} has ended since its counts were last saved; what it counted "
-            "after that is lost",
+            "the server of process {} has ended since its counts were last saved; its later "
+            "counts are lost",
             key.pid);
     }
 }
@@ -129,8 +129,8 @@ void Collector::Impl::round() {
 void Collector::Impl::collectFrom(Watched& watched) {
     CountSet added;
     CollectionCost cost;
-    // The status comes before the collection: once it says that no process is
-    // attached, the collection contains everything that was published.
+    // The status is read before the collection: if no process is attached, the
+    // collection contains all publications.
     watched.status = watched.run.status(watched.ended);
     updateNames(watched, NameUpdate::kNewOnly);
     InHistory inHistory = watched.run.collectedBefore() ? InHistory::kYes : InHistory::kNo;
@@ -157,7 +157,7 @@ void Collector::Impl::updateNames(Watched& watched, NameUpdate update) {
     std::int32_t version = watched.run.segment().version();
     if (version == watched.sync.version) return;
     // At its end the segment still has the last configuration. Before the first
-    // one, and while one is written, it has none.
+    // configuration, and while a configuration is written, it has none.
     if (version <= 0 && version != kVersionRemoved) return;
     ConfigCopy copy = copyConfiguration(watched.run.segment());
     if (!copy.steady) return;
@@ -168,7 +168,7 @@ void Collector::Impl::updateNames(Watched& watched, NameUpdate update) {
     watched.dirty = true;
     saveAll_ = true;
     std::lock_guard lock(mutex_);
-    // It may never have had one, and the next run may have another.
+    // It may never have had a configuration, and the next run may have another.
     bool none = copy.info->numSites == 0;
     if (version == kVersionRemoved && (known || none)) return;
     markConfigured(state_.servers[watched.server], *copy.info, std::time(nullptr));
@@ -215,9 +215,8 @@ void Collector::Impl::publishRuns() {
     }
 }
 
-// Saves what this round has changed, in one transaction. Only this thread writes
-// the state, so it may read it without the mutex. Returns whether everything is
-// saved.
+// Persists the changes of this round in one transaction. Only this thread writes
+// the state, so it can read it without the mutex. Returns whether all is persisted.
 bool Collector::Impl::save() {
     constexpr std::time_t kSaveAll = 3600;  // seconds; refreshes the times when rows were seen
     std::time_t now = std::time(nullptr);
@@ -238,7 +237,7 @@ bool Collector::Impl::save() {
     } catch (const Error& error) {
         store_->rollback();
         storeTrouble_.set(fmt::format(
-            "the totals cannot be saved: {}; counting goes on, and the next round tries again",
+            "the totals cannot be saved: {}; counting continues, and the next round tries again",
             error.what()));
     }
     std::lock_guard lock(mutex_);
@@ -247,8 +246,8 @@ bool Collector::Impl::save() {
     return saved;
 }
 
-// Drops what was not seen for long. Not in the first hour, in which the clock of
-// a machine that has just started may be wrong.
+// Drops entries that were not seen for kRetention. Not in the first hour, because
+// the clock of a machine that has just started may be wrong.
 void Collector::Impl::dropOld(std::time_t now) {
     if (Clock::now() - began_ < std::chrono::hours(1)) return;
     std::time_t oldest = now - kRetention;

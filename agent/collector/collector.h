@@ -24,7 +24,7 @@ class Collector {
     Collector(const Collector&) = delete;
     Collector& operator=(const Collector&) = delete;
 
-    // Calls `reader` while nothing changes.
+    // Calls `reader` under the mutex, so the state does not change meanwhile.
     void read(const std::function<void(const CollectorState&)>& reader) const;
 
     // One round: finds servers, configures those that need it, collects every

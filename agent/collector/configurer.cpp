@@ -16,7 +16,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Compares all that an agent writes except the version.
+// Compares all fields that an agent writes, except the version.
 bool sameConfiguration(const ConfigInfo& a, const ConfigInfo& b) {
     constexpr std::size_t kFrom = offsetof(ConfigInfo, numCategories);
     constexpr std::size_t kTo = offsetof(ConfigInfo, parentPid);
@@ -61,7 +61,7 @@ void Configurer::load() {
     if (!valid_) {
         for (const std::string& complaint : config.complaints) logLine("{}", complaint);
         logLine("{} is not valid; servers {}", path_,
-                block_ ? "keep the configuration before" : "are not configured");
+                block_ ? "keep the previous configuration" : "are not configured");
         return;
     }
     auto block = buildConfigBlock(config.model);
@@ -108,8 +108,8 @@ Configurer::Outcome Configurer::apply(WatchedRun& run, ConfigSync& sync,
         logLine("server {}: configuration {} written", server, version);
         return Outcome::kWritten;
     } catch (const Error& error) {
-        sync.trouble.set(
-            fmt::format("server {}: not configured: {}; it is tried again", server, error.what()));
+        sync.trouble.set(fmt::format("server {}: not configured: {}; the next round tries again",
+                                     server, error.what()));
         return Outcome::kFailed;
     }
 }

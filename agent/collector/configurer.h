@@ -10,7 +10,7 @@
 
 namespace tolvane::agent {
 
-// Which configuration a run has.
+// The sync state of a run's configuration.
 struct ConfigSync {
     std::uint64_t revision = 0;  // of the file, as written to the run; 0: none
     std::int32_t version = 0;    // of the configuration whose names are known
@@ -23,11 +23,11 @@ class Configurer {
   public:
     enum class Outcome { kNothing, kWritten, kFailed };
 
-    // With an empty path, nothing is ever written.
+    // With an empty path, no configuration is written.
     explicit Configurer(std::string path);
 
-    // Reads the file if it has changed and was then left alone for a second,
-    // since it may be incomplete before.
+    // Reads the file if it has changed and then stayed unchanged for a second, because
+    // it may be incomplete before.
     void poll();
     // Reads the file at once.
     void reload();
@@ -36,7 +36,7 @@ class Configurer {
     std::time_t loaded() const { return loaded_; }
 
     // Writes the configuration to a live run that does not have this revision of
-    // the file. Never waits: what fails now is tried again at the next call.
+    // the file. Never waits: after a failure the next call tries again.
     Outcome apply(WatchedRun& run, ConfigSync& sync, const std::string& server);
 
   private:

@@ -1,4 +1,4 @@
-// The last minutes of one row of the table, in steps of equal length.
+// The last 15 minutes of a row of the table, in steps of equal length.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 namespace tolvane::agent {
 
 inline constexpr int kHistoryStep = 10;    // seconds
-inline constexpr int kHistoryPoints = 90;  // a quarter of an hour
+inline constexpr int kHistoryPoints = 90;  // 15 minutes
 
 struct HistoryPoint {
     std::uint32_t requests = 0;
@@ -23,8 +23,8 @@ class History {
   public:
     void add(std::time_t now, const HistoryPoint& counts);
 
-    // kHistoryPoints of them, the oldest first; the last one is the step that
-    // `now` lies in. Empty when nothing was counted in all that time.
+    // kHistoryPoints points, the oldest first; the last is the step of `now`. Empty
+    // if nothing was counted in that time.
     std::vector<HistoryPoint> points(std::time_t now) const;
 
   private:

@@ -12,8 +12,8 @@ namespace {
 
 constexpr int kNowhere = -1;
 
-// An index for each of the wanted names: its present one, else a free one, else
-// that of a name that is no longer wanted.
+// An index for each wanted name: its present index, else a free index, else the
+// index of a name that is no longer wanted.
 std::vector<int> places(const std::vector<std::string>& wanted,
                         const std::vector<std::string>& present) {
     std::vector<int> place(wanted.size(), kNowhere);

@@ -18,17 +18,17 @@ struct SiteEntry {
 };
 using NameTable = std::array<SiteEntry, kMaxSites>;
 
-// The label, or the category's number when another agent gave it none.
+// The label, or the category's number if another agent wrote no label.
 std::string labelOf(const CategoryConfig& category, int index);
 
-// Takes over the names of a configuration: all of them, or only those of indices
-// without a name. An index that is empty in the configuration keeps its name,
-// since processes that still use the configuration before publish counts for it.
+// Copies the names of a configuration: all names, or only those of indices without
+// a name. An index that is empty in the configuration keeps its name, because
+// processes with the previous configuration still publish counts for it.
 enum class NameUpdate { kAll, kNewOnly };
 void updateNames(NameTable& names, const ConfigInfo& config, NameUpdate update);
 
 // The wanted configuration, arranged so that every site and category that has an
-// index keeps it. The index of a removed one is reused only when no other is
+// index keeps it. The index of a removed entry is reused only if no other index is
 // free; until then the entry has no name and no pattern, and matches nothing.
 std::unique_ptr<ConfigInfo> placeConfiguration(const ConfigInfo& wanted, const NameTable& names);
 

@@ -1,5 +1,5 @@
-// Which collector owns which server, and which state directory: locks on bytes
-// of a file, which the system releases when their holder ends, however it ends.
+// Locks on bytes of a file that assign servers and state directories to collectors.
+// The system releases them when their holder ends for any reason.
 #pragma once
 
 #include <sys/types.h>
@@ -7,9 +7,9 @@
 #include <cstdint>
 #include <string>
 
-namespace tolvane::agent {
+#include "tolvane/paths.h"
 
-inline constexpr char kOwnershipFile[] = "/opt/tolvane/agent/data/collectors";
+namespace tolvane::agent {
 
 class OwnershipLock {
   public:
@@ -20,7 +20,7 @@ class OwnershipLock {
     OwnershipLock& operator=(const OwnershipLock&) = delete;
 
     // Locks a number of 0 or more, such as a segment's identifier. Returns 0 on
-    // success, else the process that holds it (-1 when the system does not say).
+    // success, else the process that holds it (-1 when it is unknown).
     pid_t acquire(std::int32_t number) const;
     void release(std::int32_t number) const;
 

@@ -1,5 +1,5 @@
-// Records in the form in which they are saved: most words of a record are 0, and
-// only the others are saved, each with its index.
+// The persistent form of records: most words of a record are 0, so only the other
+// words are stored, each with its index.
 #pragma once
 
 #include <cstddef>
@@ -17,7 +17,7 @@ struct PackedWord {
 
 std::vector<PackedWord> packRecords(const std::vector<ResultStruct>& records);
 
-// `records` of them; words beyond the last one are ignored.
+// Returns `records` records; words beyond the last record are ignored.
 std::vector<ResultStruct> unpackRecords(const PackedWord* packed, std::size_t count,
                                         std::size_t records);
 

@@ -61,11 +61,11 @@ void RunFinder::examine(const Handoff& handoff) {
         return;
     }
     SegmentStatus status = segmentStatus(handoff.shmid);
-    if (!status.exists) return addOther(handoff, RunState::kStale, "its segment is gone");
+    if (!status.exists) return addOther(handoff, RunState::kStale, "its segment no longer exists");
     if (const Watched* watched = watchedRun(handoff.shmid)) {
         // While it is attached, the identifier cannot be reused.
         if (watched->run.key().pid == handoff.pid) return;
-        return addOther(handoff, RunState::kStale, "its segment is gone");
+        return addOther(handoff, RunState::kStale, "its segment no longer exists");
     }
     if (std::string why = foreignSegment(handoff, status); !why.empty()) {
         return addOther(handoff, RunState::kStale, why);

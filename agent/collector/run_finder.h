@@ -1,4 +1,4 @@
-// Finds runs by the handoff files, locks those that no other collector owns, and
+// Finds runs by the handoff files, locks the runs that no other collector owns, and
 // attaches their segments.
 #pragma once
 
@@ -39,7 +39,7 @@ class RunFinder {
     const std::list<Watched>& watched() const { return watched_; }
     // Runs that are not collected, by server.
     const std::map<std::string, std::vector<RunStatus>>& others() const { return others_; }
-    // "APACHE" or "NETSCAPE"; empty for a server that was never seen.
+    // "APACHE" or "NETSCAPE"; empty for an unknown server.
     std::string typeOf(const std::string& server) const;
 
   private:

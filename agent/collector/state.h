@@ -24,11 +24,11 @@ struct CategoryTally {
     std::string label;
     CategoryCounts counts;
     // Responses whose times `counts.responseTimeSum` adds up: requests less errors
-    // and drops. Requests count when they begin, so that difference may go down;
-    // this number never does.
+    // and drops. Requests count when they begin, so that difference can decrease;
+    // this number never decreases.
     std::uint64_t responses = 0;
     History history;
-    bool configured = false;  // the server's latest configuration names it
+    bool configured = false;  // contained in the server's latest configuration
     std::time_t seen = 0;     // when it was last configured or counted
     bool dirty = true;        // differs from the database
 };
@@ -63,10 +63,10 @@ struct ServerTally {
     TrafficCounts total;
     std::vector<SiteTally> sites;
     History history;                 // response times: those of all categories
-    std::vector<RunStatus> runs;     // those that have a segment now; usually one
+    std::vector<RunStatus> runs;     // runs that have a segment now; usually one
     std::uint64_t collections = 0;   // since the collector started
-    std::uint64_t busyRecords = 0;   // skipped in a collection, since their lock was held
-    std::time_t lastCollection = 0;  // 0: none since the collector started
+    std::uint64_t busyRecords = 0;   // skipped in a collection because their lock was held
+    std::time_t lastCollection = 0;  // 0: no collection since the collector started
     std::time_t seen = 0;            // when it last had a run
     bool dirty = true;               // the total differs from the database
 };
@@ -79,12 +79,12 @@ struct CollectorHealth {
     double roundSeconds = 0;  // sum over all rounds
     double lockSeconds = 0;   // for which locks of records were held, summed
     double longestLockSeconds = 0;
-    std::uint64_t storeFailures = 0;   // rounds whose totals could not be saved
-    bool storeWorks = true;            // the last attempt succeeded
-    std::string configFile;            // empty: none was given
-    bool configValid = true;           // the file as it is now; servers keep the last valid one
-    std::time_t configLoaded = 0;      // when the last valid one was read
-    std::uint64_t configWritten = 0;   // configurations written to servers
+    std::uint64_t storeFailures = 0;  // rounds whose totals could not be saved
+    bool storeWorks = true;           // the last attempt succeeded
+    std::string configFile;           // empty: no configuration
+    bool configValid = true;          // the present file; servers keep the last valid configuration
+    std::time_t configLoaded = 0;     // when the last valid file was read
+    std::uint64_t configWritten = 0;  // configurations written to servers
     std::uint64_t configFailures = 0;  // that could not be written
 };
 

@@ -6,8 +6,8 @@ namespace tolvane::agent {
 
 namespace {
 
-// Any process may write into a segment, and one huge sum would spoil the mean
-// for good. The responses may be those of earlier requests.
+// Any process can write into a segment, and a single huge sum would make the mean
+// permanently wrong. The responses may be those of earlier requests.
 bool isPlausible(const CategoryCounts& counts) {
     constexpr double kLongest = 86400;  // seconds
     constexpr double kInProgress = 1000;

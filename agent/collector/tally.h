@@ -8,12 +8,12 @@
 
 namespace tolvane::agent {
 
-// Sites of a server, and categories of a site, that are kept at most: any
-// process may write names into a segment.
+// Maximum numbers of sites of a server and categories of a site: any process can
+// write names into a segment.
 inline constexpr std::size_t kMostRows = 60;
 
-// Adds counts under the names of their indices. Only counts that were made
-// since the collection before are for the history.
+// Adds counts under the names of their indices. Only counts since the previous
+// collection are added to the history.
 enum class InHistory { kYes, kNo };
 void addCounts(ServerTally& tally, const CountSet& counts, const NameTable& names, std::time_t now,
                InHistory inHistory);

@@ -111,14 +111,14 @@ class Damaged : public Error {
 
 }  // namespace
 
-// Where a total belongs, and what is saved besides its counters.
+// The key of a total, and its values other than counters.
 struct TotalsStore::Row {
     const ServerTally& server;
     const SiteTally* site = nullptr;          // null: the server's total
     const CategoryTally* category = nullptr;  // null: the site's total
 };
 
-// SQLite's exceptions as the agent's own.
+// Converts SQLite's exceptions to Error.
 template <typename Action>
 auto TotalsStore::guarded(Action&& action) const {
     try {
@@ -142,7 +142,7 @@ TotalsStore::TotalsStore(const std::string& directory) : path_(directory + "/tot
         std::string aside = fmt::format("{}.damaged-{}", path_, std::time(nullptr));
         if (std::rename(path_.c_str(), aside.c_str()) != 0) throw;
         std::remove((path_ + "-wal").c_str());
-        logLine("{}; it is kept as {}, and the totals start anew", error.what(), aside);
+        logLine("{}; it is renamed to {}, and the totals start from 0", error.what(), aside);
     }
     open();
 }
@@ -164,7 +164,7 @@ void TotalsStore::open() {
         database_ = std::make_unique<SQLite::Database>(
             path_, SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | SQLite::OPEN_NOMUTEX);
         // No other process writes, so the log needs no shared memory file. A power
-        // failure may lose the last seconds, a killed collector nothing.
+        // failure may lose the last seconds; a kill loses nothing.
         database_->exec(
             "PRAGMA locking_mode = EXCLUSIVE; PRAGMA journal_mode = WAL;"
             "PRAGMA synchronous = NORMAL; PRAGMA cache_size = -1024");

@@ -19,8 +19,8 @@ namespace tolvane::agent {
 
 class TotalsStore {
   public:
-    // Opens the database in the directory, and creates it if there is none. A
-    // damaged one is renamed, with a message. Throws Error.
+    // Opens the database in the directory, or creates it. A damaged database is
+    // renamed, with a message. Throws Error.
     explicit TotalsStore(const std::string& directory);
     ~TotalsStore();
     TotalsStore(const TotalsStore&) = delete;
@@ -30,8 +30,8 @@ class TotalsStore {
     std::vector<RunKey> runs();
     std::optional<RunProgress> loadRun(const RunKey& key);
 
-    // All changes of a round are made between these two. Each function throws
-    // Error when the database cannot be written; it then is as before begin.
+    // All changes of a round are made between begin and commit. Each function throws
+    // Error if the database cannot be written; its content is then that before begin.
     void begin();
     void commit();
     void rollback() noexcept;
@@ -39,7 +39,7 @@ class TotalsStore {
     // The rows that differ from the database, or all of them.
     enum class Rows { kDirty, kAll };
     void saveServer(const ServerTally& server, Rows rows);
-    // Deletes all servers, before those that exist now are saved with all rows.
+    // Deletes all servers, before the present servers are saved with all rows.
     void deleteServers();
     void saveRun(const RunKey& key, const std::string& server, const RunProgress& progress);
     void deleteRun(const RunKey& key);

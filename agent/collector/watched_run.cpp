@@ -11,8 +11,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// The counts that another agent had collected before this collector came; they
-// are not for the totals.
+// The counts that another agent had collected before this collector started. They
+// are not added to the totals.
 ResultStruct collectedByOthers(const ResultStruct& record) {
     ResultStruct before{};
     if (record.totalDirty == 0) before.total = record.total;
@@ -23,8 +23,8 @@ ResultStruct collectedByOthers(const ResultStruct& record) {
     return before;
 }
 
-// The record with the counts at indices without a name as they were before: they
-// are collected once the name is known.
+// The record with the old counts at indices without a name: their increase is
+// collected when the name is known.
 ResultStruct withNamed(const ResultStruct& before, const ResultStruct& now,
                        const NameTable& names) {
     ResultStruct named = now;
@@ -60,8 +60,8 @@ void WatchedRun::resume(RunProgress progress) {
 bool WatchedRun::copyOne(std::int32_t record, ResultStruct& copy, CollectionCost& cost) {
     std::int32_t semaphore = semaphores_[static_cast<std::size_t>(record)];
     if (semaphore >= 0) {
-        // A publication takes microseconds. A process that is stopped during one
-        // must not stop the collector.
+        // A publication takes microseconds. A process that is stopped during a
+        // publication must not block the collector.
         constexpr auto kPatience = 5ms;
         std::chrono::nanoseconds held{0};
         LockedCopy result = copyUnderLock(segment_, record, semaphore, kPatience, copy, held);
@@ -69,7 +69,7 @@ bool WatchedRun::copyOne(std::int32_t record, ResultStruct& copy, CollectionCost
         cost.longestLock = std::max(cost.longestLock, held);
         if (result != LockedCopy::kGone) return result == LockedCopy::kDone;
     }
-    // A server without semaphores, or one that has removed them at its end.
+    // A server without semaphores, or a server that has removed them at its end.
     return segment_.copyRecordWithoutLock(record, copy);
 }
 

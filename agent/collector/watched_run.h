@@ -1,4 +1,4 @@
-// One run of a server: its segment, and what was collected from it so far.
+// A run of a server: its segment, and the progress of the collection.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,7 @@
 
 namespace tolvane::agent {
 
-// Identifies a run, also after a reboot.
+// Identifies a run uniquely, also after a reboot.
 struct RunKey {
     std::int32_t shmid = -1;
     std::time_t created = 0;
@@ -24,10 +24,10 @@ struct RunKey {
     auto operator<=>(const RunKey&) const = default;
 };
 
-// What another collector needs to continue with a run.
+// The data with which another collector continues.
 struct RunProgress {
     NameTable names;
-    std::vector<ResultStruct> records;  // as they were at the last collection
+    std::vector<ResultStruct> records;  // copies of the last collection
 };
 
 struct CollectionCost {
@@ -37,8 +37,8 @@ struct CollectionCost {
 };
 
 // A collection adds the differences to the last copy of each record and changes
-// nothing in the segment. So it has no intermediate state: a collector that is
-// killed at any point continues from what was saved last, and counters may wrap.
+// nothing in the segment. It therefore has no intermediate state: after a kill
+// at any point the next collector continues from the last saved copy.
 class WatchedRun {
   public:
     // Attaches the segment. Throws Error.
@@ -53,11 +53,11 @@ class WatchedRun {
     // Continues from where an earlier collector stopped.
     void resume(RunProgress progress);
 
-    // Adds what was counted in every record since the last collection, except for
-    // sites and categories without a name. Returns whether anything was.
+    // Adds the increase of every record since the last collection, except for sites
+    // and categories without a name. Returns whether anything was added.
     bool collect(CountSet& added, CollectionCost& cost);
 
-    // This collector has collected from it before, so new counts are recent.
+    // Whether this collector has collected from the run before: new counts are recent.
     bool collectedBefore() const { return collectedBefore_; }
 
     // The present state. `ended`: the segment was removed and no other process is
@@ -70,7 +70,7 @@ class WatchedRun {
     Handoff handoff_;
     RunKey key_;
     Segment segment_;
-    std::vector<std::int32_t> semaphores_;  // -1: not one of the server's own
+    std::vector<std::int32_t> semaphores_;  // -1: not a semaphore of the server
     RunProgress progress_;
     bool collectedBefore_ = false;
     std::vector<bool> seen_;  // per record: collected at least once

@@ -1,4 +1,4 @@
-// A validated configuration as the bytes of the segment.
+// Conversion of a validated configuration to the segment's format.
 #pragma once
 
 #include <memory>
@@ -8,8 +8,8 @@
 
 namespace tolvane::agent {
 
-// Everything but `version` and `parentPid`, which are 0. Throws
-// Error for a model that did not come through the checks.
+// Fills everything except `version` and `parentPid`, which are 0. Throws Error
+// for a model that was not validated.
 std::unique_ptr<ConfigInfo> buildConfigBlock(const ConfigModel& model);
 
 }  // namespace tolvane::agent

@@ -34,11 +34,11 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
 const char* typeName(const toml::node& node) {
     switch (node.type()) {
         case toml::node_type::string:
-            return "a text";
+            return "a string";
         case toml::node_type::integer:
-            return "a whole number";
+            return "an integer";
         case toml::node_type::floating_point:
-            return "a number with a fraction";
+            return "a floating-point number";
         case toml::node_type::boolean:
             return "true or false";
         case toml::node_type::array:
@@ -60,7 +60,7 @@ class Reader {
     }
     void checkKeys(const toml::table& table, std::string_view what,
                    std::initializer_list<std::string_view> known);
-    // The text, or nothing after a complaint.
+    // Empty after a complaint.
     std::optional<std::string> text(const toml::node& node, std::string_view key,
                                     std::string_view example);
     const toml::array* list(const toml::node& node, std::string_view key, std::string_view example);
@@ -102,7 +102,7 @@ std::optional<std::string> Reader::text(const toml::node& node, std::string_view
         return std::nullopt;
     }
     complain(node.source(),
-             fmt::format("{} is {}; write a text: {}", key, typeName(node), example));
+             fmt::format("{} is {}; write a string: {}", key, typeName(node), example));
     return std::nullopt;
 }
 
@@ -123,7 +123,7 @@ std::vector<const toml::table*> Reader::tables(const toml::table& parent, std::s
     const toml::array* array = node->as_array();
     if (array == nullptr) {
         complain(node->source(),
-                 fmt::format("'{}' is {}; head each one with [[{}]], in double brackets", key,
+                 fmt::format("'{}' is {}; begin each entry with [[{}]], in double brackets", key,
                              typeName(*node), heading));
         return found;
     }
@@ -131,12 +131,12 @@ std::vector<const toml::table*> Reader::tables(const toml::table& parent, std::s
         if (const toml::table* table = element.as_table()) {
             found.push_back(table);
         } else {
-            complain(element.source(), fmt::format("'{}' holds {}; head each one with [[{}]]", key,
-                                                   typeName(element), heading));
+            complain(element.source(), fmt::format("'{}' contains {}; begin each entry with [[{}]]",
+                                                   key, typeName(element), heading));
         }
     }
     if (found.size() > limit) {
-        complain(found[limit]->source(), fmt::format("this is number {} of {}; {} holds at most {}",
+        complain(found[limit]->source(), fmt::format("this is number {} of {}; {} has at most {}",
                                                      limit + 1, found.size(), holder, limit));
         found.resize(limit);
     }
@@ -147,7 +147,8 @@ void Reader::readInterval(const toml::node& node) {
     auto value = node.value_exact<std::int64_t>();
     if (!value) {
         complain(node.source(),
-                 fmt::format("interval is {}; write whole seconds: interval = 10", typeName(node)));
+                 fmt::format("interval is {}; write an integer, in seconds: interval = 10",
+                             typeName(node)));
     } else if (*value < 1 || *value > kMaxInterval) {
         complain(node.source(),
                  fmt::format("interval is {} seconds; write 1 to {}", *value, kMaxInterval));
@@ -156,8 +157,7 @@ void Reader::readInterval(const toml::node& node) {
     }
 }
 
-// A name without a port stands for the default ports of both kinds of
-// connections.
+// A name without a port has the default ports of both kinds of connections.
 std::vector<std::string> addressesOf(const std::string& name) {
     std::size_t end = name[0] == '[' ? name.find(']') : 0;
     if (name.find(':', end) != std::string::npos) return {name};
@@ -178,8 +178,8 @@ void Reader::readName(const toml::node& node, std::string_view key,
         auto [earlier, added] = lineOfName_.emplace(address, node.source().begin.line);
         if (added) continue;
         complain(node.source(),
-                 fmt::format("\"{}\" stands in line {} already, and a request counts "
-                             "for the first site only; remove one of them",
+                 fmt::format("\"{}\" is already in line {}, and a request counts for "
+                             "the first site only; remove a line",
                              *name, earlier->second));
         return;
     }
@@ -201,8 +201,8 @@ SiteModel Reader::readSite(const toml::table& table) {
         for (std::size_t i = 0; array != nullptr && i < array->size(); ++i) {
             if (i == kMaxExtraHosts) {
                 complain((*array)[i].source(),
-                         fmt::format("this is number {} of {}; a site has at most {} names beside "
-                                     "its own",
+                         fmt::format("this is number {} of {}; a site has at most {} further "
+                                     "names",
                                      i + 1, array->size(), kMaxExtraHosts));
                 break;
             }
@@ -233,8 +233,8 @@ CategoryModel Reader::readCategory(const toml::table& table,
                                                   value->size(), kLabelSize - 1));
         } else if (!added) {
             complain(label->source(),
-                     fmt::format("label \"{}\" stands in line {} already; give each category of a "
-                                 "site its own",
+                     fmt::format("label \"{}\" is already in line {}; the labels of a site must "
+                                 "differ",
                                  *value, earlier->second));
         }
     }

@@ -1,5 +1,5 @@
 // The configuration file: TOML, checked against every capacity of the segment
-// before any of it goes there.
+// before anything is written to a segment.
 //
 //   interval = 10
 //

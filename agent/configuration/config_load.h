@@ -13,13 +13,13 @@ enum class WithoutSites { kRefused, kAccepted };
 
 struct LoadedConfig {
     ConfigModel model;
-    // "FILE:LINE:COLUMN: what is wrong", as editors and compilers have it, or
-    // "FILE: why it cannot be read"; empty when the model may be used.
+    // "FILE:LINE:COLUMN: what is wrong", the format of editors and compilers, or
+    // "FILE: why it cannot be read"; empty when the model is valid.
     std::vector<std::string> complaints;
 };
 
 // A file without sites is probably a mistake and would end the measurement of
-// every site: it is refused unless kAccepted.
+// every site, so it is rejected unless kAccepted.
 LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites,
                         PipeWriter writer = PipeWriter::kAwaited);
 

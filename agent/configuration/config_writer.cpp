@@ -43,7 +43,8 @@ bool isOthersMark(std::int32_t version) {
     return isBeingWritten(version) && !isRewriting(version);
 }
 
-// Waits for another agent that set a mark to finish. Returns the version.
+// Waits until another agent has removed its mark, or until the patience ends.
+// Returns the version.
 std::int32_t awaitOthersMark(std::atomic_ref<std::int32_t> version, std::chrono::seconds patience,
                              const WaitNotice& notice) {
     auto deadline = std::chrono::steady_clock::now() + patience;
@@ -57,8 +58,8 @@ std::int32_t awaitOthersMark(std::atomic_ref<std::int32_t> version, std::chrono:
 }
 
 // The highest version that was valid before `current`. Another agent's mark does
-// not contain it; the present time is above any version that agents use, be it a
-// count or a time.
+// not contain it; the present time is above any version that agents use, a count or a
+// time.
 std::int32_t highestBefore(std::int32_t current) {
     if (!isOthersMark(current)) return highestVersion(current);
     return static_cast<std::int32_t>(std::min<std::time_t>(std::time(nullptr), kMaxVersion - 1));
@@ -77,7 +78,7 @@ std::int32_t beginRewriting(std::atomic_ref<std::int32_t> version, std::int32_t 
         std::int32_t highest = highestBefore(current);
         if (highest >= kMaxVersion) {
             fail(ErrorKind::kFailed,
-                 "the version {} leaves no room for a higher one; restart the server", current);
+                 "version {} is the highest possible version; restart the server", current);
         }
         if (version.compare_exchange_strong(current, rewritingVersion(highest))) return highest;
     }
@@ -126,7 +127,7 @@ WrittenConfiguration writeConfiguration(Segment& segment, const ConfigInfo& bloc
     std::int32_t abandoned = awaitOthersMark(version, patience, notice);
     SignalsHeld held;
     std::int32_t highest = beginRewriting(version, abandoned);
-    // No word of the block may become visible before the mark does.
+    // The mark must become visible before any word of the block.
     std::atomic_thread_fence(std::memory_order_seq_cst);
     std::atomic_ref(shared->numSites).store(0, std::memory_order_relaxed);
     copyRange(shared, block, offsetof(ConfigInfo, numCategories), offsetof(ConfigInfo, parentPid));

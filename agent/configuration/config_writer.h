@@ -1,12 +1,12 @@
-// Writing a configuration into a segment that processes copy at any moment.
+// Writes a configuration into a segment that processes can copy at any time.
 //
 // A process reads `version`, copies the block, and reads `version` again; it
-// keeps the copy when both were the same and above its own. So the writer
+// keeps the copy if both values are equal and above its own version. The writer
 //   1. sets `version` to a value below 0, so that no process copies the block;
 //   2. writes the block;
-//   3. raises `version` to one above every earlier valid one.
-// The value of step 1 contains the highest valid version: after a writer was
-// killed between 1 and 3, the next one still continues above it.
+//   3. raises `version` above every earlier valid version.
+// The value of step 1 contains the highest valid version: if a writer was
+// killed between 1 and 3, the next writer continues above it.
 #pragma once
 
 #include <chrono>
@@ -20,8 +20,8 @@
 
 namespace tolvane::agent {
 
-// Excludes other writers for the same server. A lock on the handoff file itself,
-// which the system releases however its holder ends.
+// Excludes other writers for the same server: a lock on the handoff file, which the
+// system releases when its holder ends for any reason.
 class ConfigLock {
   public:
     explicit ConfigLock(const std::string& handoffPath,
@@ -36,13 +36,13 @@ class ConfigLock {
 };
 
 struct WrittenConfiguration {
-    std::int32_t version = 0;  // under which the block is now valid
-    // The mark of another agent that began a configuration and did not finish
-    // it within the patience; 0 when there was none.
+    std::int32_t version = 0;  // of the valid block
+    // The mark of another agent that did not finish its configuration within the
+    // patience; 0 without such a mark.
     std::int32_t replacedMark = 0;
 };
 
-// Throws Error when the server stops meanwhile, or another program writes
+// Throws Error if the server stops meanwhile, or if another program writes
 // without the lock.
 WrittenConfiguration writeConfiguration(Segment& segment, const ConfigInfo& block,
                                         std::chrono::seconds patience = std::chrono::seconds(5),

@@ -17,7 +17,7 @@ void checkPort(std::string_view name, std::size_t colon) {
     auto port = parseInt32(name.substr(colon + 1));
     if (port && *port >= 1 && *port <= 65535 && name[colon + 1] != '0') return;
     fail(ErrorKind::kInvalidInput,
-         "'{}' is not a port; write a number from 1 to 65535 behind the ':'",
+         "'{}' is not a port; write a number from 1 to 65535 after the ':'",
          printable(name.substr(colon + 1)));
 }
 
@@ -30,11 +30,11 @@ void checkCharacter(char c) {
     }
     if (byte >= 0x80) {
         fail(ErrorKind::kInvalidInput,
-             "clients send international names in ASCII; write the form with 'xn--'");
+             "clients send international names in ASCII; write the 'xn--' form");
     }
     if (std::isalnum(byte) == 0 && c != '.' && c != '-' && c != '_') {
         fail(ErrorKind::kInvalidInput,
-             "'{}' cannot stand in a host name; write a name such as 'shop.example' or "
+             "'{}' is not allowed in a host name; write a name such as 'shop.example' or "
              "'shop.example:8080'",
              printable(std::string_view(&c, 1)));
     }
@@ -63,12 +63,12 @@ void checkHostName(std::string_view name) {
              "an empty name matches no request; write a name such as 'shop.example'");
     }
     if (name.size() >= kNameSize) {
-        fail(ErrorKind::kInvalidInput, "the name has {} bytes; at most {} fit", name.size(),
+        fail(ErrorKind::kInvalidInput, "the name has {} bytes; at most {} are allowed", name.size(),
              kNameSize - 1);
     }
     if (std::size_t scheme = name.find("://"); scheme != std::string_view::npos) {
         std::string_view rest = name.substr(scheme + 3);
-        fail(ErrorKind::kInvalidInput, "only the host name is wanted; write '{}'",
+        fail(ErrorKind::kInvalidInput, "write only the host name: '{}'",
              printable(rest.substr(0, rest.find('/'))));
     }
     if (name[0] == '[') {

@@ -1,11 +1,11 @@
-// Names of sites, as clients send them in "Host:".
+// Names of sites in the form of the Host header.
 #pragma once
 
 #include <string_view>
 
 namespace tolvane::agent {
 
-// Throws Error when no request can carry such a name, or it does not fit.
+// Throws Error if no request can contain such a name, or if it is too long.
 void checkHostName(std::string_view name);
 
 }  // namespace tolvane::agent

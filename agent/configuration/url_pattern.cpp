@@ -20,12 +20,12 @@ void refuseCharacters(std::string_view text) {
         if (byte >= 0x80) {
             fail(
                 ErrorKind::kInvalidInput,
-                "clients send bytes outside ASCII percent-encoded; write %{:02X} for the first one",
+                "clients send bytes outside ASCII percent-encoded; write %{:02X} for the first byte",
                 byte);
         }
         if (c == '#') {
             fail(ErrorKind::kInvalidInput,
-                 "clients do not send '#' and what follows it; end the pattern before it");
+                 "clients do not send '#' and the text after it; end the pattern before '#'");
         }
     }
 }
@@ -38,13 +38,13 @@ void refuseBeginning(std::string_view text) {
     if (start.compare(0, 7, "http://") == 0 || start == "https://") {
         std::size_t path = text.find('/', text.find("//") + 2);
         fail(ErrorKind::kInvalidInput,
-             "the URL of a request begins behind the host name; write '{}' and put the host name "
+             "the URL of a request begins after the host name; write '{}' and put the host name "
              "under 'name' or 'hosts'",
              path == std::string_view::npos ? "/*" : text.substr(path));
     }
     if (text[0] != '/' && text[0] != '*' && text[0] != '\\') {
         fail(ErrorKind::kInvalidInput,
-             "a URL begins with '/'; write '/{0}', or '*{0}' for any place", text);
+             "a URL begins with '/'; write '/{0}', or '*{0}' for any position", text);
     }
 }
 
@@ -59,8 +59,9 @@ std::vector<std::string> splitPieces(std::string_view text) {
         if (text[i] == '\\') {
             ++i;
             if (i == text.size() || (text[i] != '*' && text[i] != '\\')) {
-                fail(ErrorKind::kInvalidInput,
-                     "a backslash stands before '*' or '\\' only; write '\\\\' for one");
+                fail(
+                    ErrorKind::kInvalidInput,
+                    "a backslash is allowed before '*' or '\\' only; write '\\\\' for a backslash");
             }
         }
         pieces.back() += text[i];
@@ -84,14 +85,14 @@ UrlPattern parseUrlPattern(std::string_view text) {
     pattern.pieces = std::move(pieces);
     if (pattern.pieces.size() > kMaxPieces) {
         fail(ErrorKind::kInvalidInput,
-             "the pattern has {} pieces of text between its '*'; at most {} fit",
+             "the pattern has {} pieces of text between its '*'; at most {} are allowed",
              pattern.pieces.size(), kMaxPieces);
     }
     for (const std::string& piece : pattern.pieces) {
         if (piece.size() < kPieceSize) continue;
         fail(ErrorKind::kInvalidInput,
-             "'{}' has {} bytes; at most {} fit between two '*', so shorten it with a '*'", piece,
-             piece.size(), kPieceSize - 1);
+             "'{}' has {} bytes; at most {} are allowed between two '*'; shorten it with a '*'",
+             piece, piece.size(), kPieceSize - 1);
     }
     return pattern;
 }

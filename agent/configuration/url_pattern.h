@@ -1,5 +1,5 @@
-// URL patterns as people write them: '*' stands for any text, also none; "\*"
-// is an asterisk and "\\" a backslash. "/shop*.jsp" becomes the pieces "/shop"
+// URL patterns of the configuration file: '*' matches any text, also empty text;
+// "\*" is an asterisk and "\\" a backslash. "/shop*.jsp" becomes the pieces "/shop"
 // and ".jsp" with a wildcard between them.
 #pragma once
 
@@ -10,14 +10,14 @@
 namespace tolvane::agent {
 
 struct UrlPattern {
-    std::vector<std::string> pieces;  // none: every URL
+    std::vector<std::string> pieces;  // empty: matches every URL
     bool leadingWildcard = false;
     bool trailingWildcard = false;
 
     bool operator==(const UrlPattern&) const = default;
 };
 
-// Throws Error: what is wrong with the text, and what would be right.
+// Throws Error with the fault and the expected text.
 UrlPattern parseUrlPattern(std::string_view text);
 
 }  // namespace tolvane::agent

@@ -25,7 +25,7 @@ void add(CountSet& sum, const ResultStruct& record) {
 }
 
 // Detects that a group was reset between two copies of it. Any counter may have
-// wrapped instead, but only bytes advance by half the range of a counter, and
+// wrapped instead, but only byte counters advance by half of their range, and
 // not within seconds. When a group was collected by another agent before the
 // first copy and is dirty in the second, any lower counter means a reset; if no
 // counter is lower, an exiting worker has added to it without a reset.

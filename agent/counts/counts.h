@@ -1,4 +1,4 @@
-// What a segment has counted at one moment, and what was added between two.
+// The counts of a segment at a time, and the increase between two times.
 #pragma once
 
 #include <chrono>
@@ -14,7 +14,7 @@
 
 namespace tolvane::agent {
 
-// The counts of every record together, by index of site and category.
+// The counts of all records together, by index of site and category.
 struct CountSet {
     TrafficCounts total;
     TrafficCounts site[kMaxSites];
@@ -43,7 +43,7 @@ ResultStruct withoutStaleGroups(const ResultStruct& record);
 // The time between two copies of a record.
 enum class Gap { kSeconds, kAny };
 
-// Adds what was counted in a record between two copies of it. Counters wrap at
+// Adds the increase between two copies of a record. Counters wrap at
 // 2^32, and a group starts from 0 again after another agent has collected it.
 void addIncrease(CountSet& sum, const ResultStruct& before, const ResultStruct& after, Gap gap);
 

@@ -25,7 +25,7 @@ struct Report {
     std::vector<ReportRow> rows;
 };
 
-// `added` was counted in `seconds` and gives the rates.
+// The rates are `added` divided by `seconds`.
 Report buildReport(const ConfigInfo& config, const CountSet& counts, const CountSet& added,
                    double seconds);
 

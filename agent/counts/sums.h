@@ -38,7 +38,7 @@ struct Sums {
     void add(const Sums& other) {
         for (std::size_t i = 0; i < kCount; ++i) values[i] += other.values[i];
     }
-    // Adds what a block gained since `before`, modulo 2^32.
+    // Adds the increase of a block since `before`, modulo 2^32.
     void addDifference(const Block& before, const Block& after) {
         for (std::size_t i = 0; i < kCount; ++i) {
             auto member = countersOf<Block>()[i].member;
@@ -62,7 +62,7 @@ struct CategoryCounts : Sums<CategoryCounters> {
     bool empty() const { return Sums::empty() && responseTimeSum == 0; }
 };
 
-// The counters that both kinds of block have; the others are 0.
+// The counters that both kinds of block have; all others are 0.
 TrafficCounts asTraffic(const CategoryCounts& counts);
 
 }  // namespace tolvane::agent

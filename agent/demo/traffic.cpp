@@ -1,11 +1,11 @@
 // The client of scripts/demo.sh: concurrent keep-alive connections with mixed
-// requests to two sites, and an exact account of what went over the wire.
+// requests to two sites, and exact counts of the requests and bytes.
 //
 //   tolvane-demo-traffic PORT CONNECTIONS SECONDS
 //
-// Before and after the mixed requests it holds CONNECTIONS open at once, so
-// that every process answers: before, to have published once and so taken the
-// configuration, and after, to publish what its last response has left.
+// Before and after the mixed requests it keeps CONNECTIONS connections open at once,
+// so that every process answers: before, to publish once and thus take the
+// configuration; after, to publish the counts of its last response.
 #include <fmt/format.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -48,7 +48,7 @@ using Accounts = std::map<std::string, Account>;
 struct Request {
     const char* host;
     const char* path;
-    const char* category;  // of the demo's configuration; nullptr: in none
+    const char* category;  // of the demo's configuration; nullptr: no category
 };
 
 constexpr Request kElsewhere = {"elsewhere.example", "/", nullptr};
@@ -94,7 +94,7 @@ class Connection {
         if (status / 100 == 4) account.clientErrors = 1;
         if (request.category != nullptr) accounts_[request.category].add(account);
         std::string site = siteOf(request);
-        // A connection counts for the first site of the configuration that it asks for.
+        // A connection counts for the first site of the configuration that it requests.
         if (site != kElsewhere.host && !counted_) account.connections = 1;
         counted_ |= account.connections > 0;
         accounts_[site].add(account);
@@ -146,7 +146,7 @@ void mix(int port, Clock::time_point end, unsigned seed, Accounts& accounts) {
 
 int run(int port, int connections, int seconds) {
     Accounts total;
-    // Which of several threaded processes answers is left to chance.
+    // With several threaded processes, the answering process is random.
     constexpr int kRounds = 5;
     for (int round = 0; round < kRounds; ++round) {
         callAtEveryProcess(port, connections, total);

@@ -12,8 +12,8 @@ namespace tolvane::agent {
 
 namespace {
 
-// Written without a JSON document in memory, which would take several times as
-// long while the collector waits.
+// Written without a JSON document in memory: such a document takes several times as
+// long, and the collector waits meanwhile.
 std::string quoted(const std::string& name) {
     return nlohmann::json(name).dump();
 }

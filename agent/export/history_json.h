@@ -1,4 +1,4 @@
-// The last minutes as JSON, for the page and for programs.
+// The last 15 minutes as JSON, for the page and for programs.
 #pragma once
 
 #include <ctime>
@@ -10,7 +10,7 @@
 namespace tolvane::agent {
 
 // Of all servers, or of one. The complete steps, the oldest first; "end" is the
-// end of the last one. Rows without any count are left out.
+// end of the last step. Rows without any count are left out.
 std::string historyJson(const CollectorState& state, std::time_t now,
                         const std::optional<std::string>& server = {});
 

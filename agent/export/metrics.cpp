@@ -61,7 +61,7 @@ struct Family {
 
 constexpr Family<CategoryRow> kCategoryFamilies[] = {
     {"tolvane_category_response_seconds", kSummary,
-     "Time from a request to the start of its response, of responses that are no errors, by "
+     "Time from a request to the start of its response, for responses without error, by "
      "category.",
      [](const CategoryRow& row) -> Number { return row.counts.responseTimeSum; },
      [](const CategoryRow& row) -> Number { return row.responses; }},
@@ -123,7 +123,7 @@ constexpr Family<CollectorRow> kBuildInfo[] = {
      [](const CollectorRow&) -> Number { return std::uint64_t{1}; }},
 };
 
-// A value about the configuration file, absent without one.
+// A value about the configuration file, absent without a file.
 template <typename Value>
 Number ofConfig(const CollectorRow& row, Value value) {
     return row.health.configFile.empty() ? Number(Absent{}) : Number(std::uint64_t{value});
@@ -184,8 +184,8 @@ std::string withLabel(std::string labels, std::string_view name, std::string_vie
     return labels;
 }
 
-// The bytes that this number of samples for each of the rows takes at most. A
-// text that outgrows its memory is copied, and new memory is the largest cost.
+// The maximum size in bytes of this number of samples for each of the rows. It is
+// reserved, because growing the text by copies is the largest cost.
 template <typename Row>
 std::size_t spaceFor(std::size_t samples, const std::vector<Row>& rows) {
     constexpr std::size_t kNameAndNumber = 70;

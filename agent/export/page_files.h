@@ -12,7 +12,7 @@ struct PageFile {
     std::string_view content;
 };
 
-// Null when there is no such file.
+// Null if there is no such file.
 const PageFile* pageFile(std::string_view path);
 
 }  // namespace tolvane::agent

@@ -62,7 +62,7 @@ HttpResponse Pages::answer(const HttpRequest& request, std::time_t now) const {
         read_([&](const CollectorState& state) { body = complaintOf(state.health, now); });
         return body.empty() ? plainText(200, "ok") : plainText(503, body);
     }
-    return plainText(404, "there are: / /metrics /api/servers /api/history /health");
+    return plainText(404, "paths: / /metrics /api/servers /api/history /health");
 }
 
 std::string complaintOf(const CollectorHealth& health, std::time_t now) {

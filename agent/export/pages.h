@@ -20,7 +20,7 @@ using StateReader = std::function<void(const std::function<void(const CollectorS
 
 class Pages {
   public:
-    // `version` is the program's.
+    // `version` is the version of the program.
     Pages(StateReader read, std::string version);
 
     HttpResponse answer(const HttpRequest& request, std::time_t now) const;
@@ -30,7 +30,7 @@ class Pages {
     std::string version_;
 };
 
-// What is wrong, in one line; empty when the collector works.
+// The fault in one line; empty if the collector works.
 std::string complaintOf(const CollectorHealth& health, std::time_t now);
 
 }  // namespace tolvane::agent

@@ -1,4 +1,4 @@
-// The report for programs.
+// The report as JSON.
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>

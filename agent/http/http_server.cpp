@@ -19,7 +19,7 @@ constexpr unsigned kIdleLimit = 10;  // seconds
 constexpr std::size_t kConnectionMemory = 32U << 10;
 
 // Responses stay in memory until their clients have read them. Above this limit
-// there are no further ones, so that clients that do not read cannot use up the
+// the server sends no further responses, so clients that do not read cannot use up the
 // memory.
 constexpr std::size_t kMaxWaiting = 64U << 20;
 
@@ -131,7 +131,7 @@ MHD_Result HttpServer::Impl::onRequest(void* self, MHD_Connection* connection, c
                                        const char* method, const char*, const char*, std::size_t*,
                                        void** requestState) {
     auto& server = *static_cast<Impl*>(self);
-    // The first call comes after the headers. A response in that call ends the
+    // The first call takes place after the headers. A response in that call ends the
     // connection, which is correct when a body would follow.
     bool isFirst = *requestState == nullptr;
     *requestState = self;

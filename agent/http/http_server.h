@@ -40,7 +40,7 @@ class HttpServer {
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
-    std::uint16_t port() const;  // the actual one, if port 0 was requested
+    std::uint16_t port() const;  // the actual port, also if port 0 was requested
 
   private:
     class Impl;

@@ -35,7 +35,7 @@ std::uint16_t parsePort(std::string_view text, std::string_view whole) {
     std::uint16_t port = 0;
     auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
     if (error != std::errc() || end != text.data() + text.size()) {
-        fail(ErrorKind::kInvalidInput, "'{}': '{}' is no port from 0 to 65535; {}",
+        fail(ErrorKind::kInvalidInput, "'{}': '{}' is not a port from 0 to 65535; {}",
              printable(whole), printable(text), kForms);
     }
     return port;
@@ -47,9 +47,9 @@ std::string parseHost(std::string_view text, std::string_view whole) {
     bool bracketed = text.size() > 2 && text.front() == '[' && text.back() == ']';
     std::string host(bracketed ? text.substr(1, text.size() - 2) : text);
     if (!isNumeric(bracketed ? AF_INET6 : AF_INET, host)) {
-        const char* hint = isIpv6(host) ? "an IPv6 address stands in brackets; " : "";
-        fail(ErrorKind::kInvalidInput, "'{}': '{}' is no numeric address; {}{}", printable(whole),
-             printable(text), hint, kForms);
+        const char* hint = isIpv6(host) ? "an IPv6 address needs brackets; " : "";
+        fail(ErrorKind::kInvalidInput, "'{}': '{}' is not a numeric address; {}{}",
+             printable(whole), printable(text), hint, kForms);
     }
     return host;
 }
@@ -82,7 +82,7 @@ struct SocketAddress {
     socklen_t size = 0;
 };
 
-// -1 with errno when it cannot.
+// Returns -1 with errno on failure.
 int tryToListen(const ListenAddress& address, int family) {
     int fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) return -1;
@@ -129,7 +129,7 @@ std::string toString(const ListenAddress& address) {
 int listenOn(const ListenAddress& address) {
     bool all = address.host.empty();
     int fd = tryToListen(address, all || isIpv6(address.host) ? AF_INET6 : AF_INET);
-    // No IPv6 at all, or none on any interface.
+    // The system or all interfaces have no IPv6.
     if (fd < 0 && all && (errno == EAFNOSUPPORT || errno == EADDRNOTAVAIL)) {
         fd = tryToListen(address, AF_INET);
     }
@@ -144,7 +144,7 @@ std::uint16_t portOf(int listeningSocket) {
     sockaddr_storage storage{};
     socklen_t size = sizeof storage;
     ::getsockname(listeningSocket, reinterpret_cast<sockaddr*>(&storage), &size);
-    // The port stands at the same place in both families.
+    // The port has the same offset in both families.
     sockaddr_in address{};
     std::memcpy(&address, &storage, sizeof address);
     return ntohs(address.sin_port);

@@ -11,11 +11,11 @@ inline constexpr std::uint16_t kDefaultWebPort = 9931;
 
 struct ListenAddress {
     std::string host = "127.0.0.1";        // IPv4 or IPv6, numeric; empty: all addresses
-    std::uint16_t port = kDefaultWebPort;  // 0: any free one
+    std::uint16_t port = kDefaultWebPort;  // 0: any free port
 };
 
 // "127.0.0.1:9931", "[::1]:9931", ":9931" or "*:9931" for all addresses, "9931"
-// for loopback. Throws Error that says what would be right.
+// for loopback. Throws Error with the valid forms.
 ListenAddress parseListenAddress(std::string_view text);
 
 // In the same form: "[::1]:9931", "*:9931".

@@ -25,9 +25,9 @@ void makeDirectories(const std::string& path, mode_t mode) {
         bool last = slash == std::string::npos;
         std::string directory = last ? path : path.substr(0, slash);
         bool made = ::mkdir(directory.c_str(), 0755) == 0;
-        int error = errno;  // of mkdir, before anything else sets it
+        int error = errno;  // of mkdir, before another call changes it
         if (made) {
-            // Whatever the umask of the caller is.
+            // Independent of the caller's umask.
             ::chmod(directory.c_str(), last ? mode : 0755);
         } else if (!isDirectory(directory)) {
             fail(ErrorKind::kFailed, "{}: cannot be created: {}", directory, std::strerror(error));

@@ -10,15 +10,6 @@
 
 namespace tolvane::agent {
 
-// Roots that are prepared for servers whose files lie elsewhere.
-inline constexpr char kPreparedRoots[] = "/opt/tolvane/agent/data/servers/";
-
-// Links to the libraries of both word sizes, for a build tree.
-inline constexpr char kPreloadDirectory[] = "/opt/tolvane/agent/data/preload";
-
-// Totals of the collector, unless it is told another directory.
-inline constexpr char kCollectorState[] = "/opt/tolvane/agent/data/collector";
-
 struct AgentDirectory {
     const char* path;
     mode_t mode;
@@ -33,11 +24,11 @@ inline constexpr AgentDirectory kAgentDirectories[] = {
     {kDataDirectory, 0755, "the lock file"},
 };
 
-// Creates the directory and those above it; present ones stay as they are.
+// Creates the directory and its parents; existing directories are not changed.
 // Throws Error.
 void makeDirectories(const std::string& path, mode_t mode);
 
-// All of the above, and a log file that every worker may append to.
+// Creates all of the above, and a log file to which every worker can append.
 void makeAgentDirectories();
 
 }  // namespace tolvane::agent

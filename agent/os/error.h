@@ -12,7 +12,7 @@ namespace tolvane::agent {
 enum class ErrorKind {
     kNotFound,      // there is no such server
     kInvalidInput,  // an argument or a file is not valid; nothing was changed
-    kFailed,        // the system refused, or the server went away
+    kFailed,        // a system call failed, or the server has ended
 };
 
 class Error : public std::runtime_error {

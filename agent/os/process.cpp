@@ -89,7 +89,7 @@ class ChildGuard {
     ::_exit(127);
 }
 
-// Reads what is there; false at the end of the file.
+// Reads the available data; false at the end of the file.
 bool drain(int fd, std::string& into) {
     char buffer[8192];
     ssize_t got = ::read(fd, buffer, sizeof buffer);
@@ -98,7 +98,7 @@ bool drain(int fd, std::string& into) {
     return got > 0;
 }
 
-// Both streams until they end; false when the time is up first.
+// Reads both streams to their ends; false if the time limit comes first.
 bool collect(Pipe& output, Pipe& errors, ProcessAnswer& answer, Clock::time_point deadline) {
     while (output.ends[0] >= 0 || errors.ends[0] >= 0) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());

@@ -25,8 +25,8 @@ ProcessAnswer runAndListen(const std::vector<std::string>& command,
                            const std::map<std::string, std::string>& environment,
                            std::chrono::seconds limit);
 
-// Whether a process of that id runs, also one that must not be signalled. A zombie
-// does not run.
+// Whether a process with that id runs, also without permission to signal it. A
+// zombie does not run.
 bool processExists(pid_t pid);
 
 std::vector<pid_t> allProcesses();
@@ -34,16 +34,16 @@ std::vector<pid_t> allProcesses();
 // The first process whose parent is not in the list; 0 for an empty list.
 pid_t oldestOf(const std::vector<pid_t>& processes);
 std::optional<pid_t> parentOf(pid_t pid);
-std::string processName(pid_t pid);  // "?" when it cannot be read
+std::string processName(pid_t pid);  // "?" if it cannot be read
 
-// Nothing when it cannot be read (another user's process, or gone).
+// Empty if it cannot be read (another user's process, or no such process).
 std::optional<std::map<std::string, std::string>> processEnvironment(pid_t pid);
 std::optional<std::vector<std::string>> processMappings(pid_t pid);
 
 // False when the process cannot be examined.
 bool hasShimLoaded(pid_t pid);
 
-// The lines of /proc/PID/maps name the shim's library.
+// Whether the lines of /proc/PID/maps contain the shim's library.
 bool mapsLibrary(const std::vector<std::string>& mappings);
 
 // Whether the process is in the same System V IPC namespace.

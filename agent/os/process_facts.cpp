@@ -27,7 +27,7 @@ double clockSeconds(clockid_t clock) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-// The fields that follow the process's name, which may hold blanks itself.
+// The fields that follow the process's name, which may contain blanks.
 std::vector<std::string> statFields() {
     std::string text = readFile(kStatFile).value_or("");
     std::size_t nameEnd = text.rfind(')');
@@ -66,7 +66,7 @@ ProcessFacts readProcessFacts() {
          !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         ++facts.openDescriptors;
     }
-    // One of them is that of the listing.
+    // A descriptor of the listing itself is included.
     if (facts.openDescriptors > 0) --facts.openDescriptors;
     return facts;
 }

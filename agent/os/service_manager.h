@@ -6,7 +6,7 @@
 
 namespace tolvane::agent {
 
-// "READY=1", "WATCHDOG=1", "STATUS=...". Without a manager nothing happens.
+// "READY=1", "WATCHDOG=1", "STATUS=...". Has no effect without a service manager.
 void tellServiceManager(std::string_view message);
 
 }  // namespace tolvane::agent

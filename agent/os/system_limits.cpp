@@ -19,7 +19,7 @@ std::optional<SystemLimits> readSystemLimits() {
     shm_info segmentUse{};
     seminfo semaphoreLimits{};
     seminfo semaphoreUse{};
-    // The calls take their own structures through a pointer to another one.
+    // The calls fill other structures than their parameter types declare.
     if (::shmctl(0, IPC_INFO, reinterpret_cast<shmid_ds*>(&segmentLimits)) < 0 ||
         ::shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&segmentUse)) < 0 ||
         ::semctl(0, 0, IPC_INFO, SemaphoreArgument{.limits = &semaphoreLimits}) < 0 ||

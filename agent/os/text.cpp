@@ -20,7 +20,7 @@
 namespace tolvane::agent {
 
 std::optional<std::string> readFile(const std::string& path, std::size_t limit, PipeWriter writer) {
-    // A FIFO under that name must not block the reader.
+    // A FIFO with that name must not block the reader.
     int waiting = writer == PipeWriter::kIgnored ? O_NONBLOCK : 0;
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | waiting);
     if (fd < 0) return std::nullopt;
@@ -159,7 +159,7 @@ struct Character {
     bool displayable = false;
 };
 
-// Takes the first character off the text.
+// Removes the first character from the text.
 Character takeCharacter(std::string_view& text) {
     utf8proc_int32_t point = -1;
     auto length = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
@@ -189,7 +189,7 @@ std::string printable(std::string_view text) {
     return result;
 }
 
-// By character, since the locale may be "C", in which wcswidth() knows ASCII only.
+// By character, since the locale may be "C", in which wcswidth() supports ASCII only.
 std::size_t displayWidth(std::string_view text) {
     std::size_t width = 0;
     while (!text.empty()) width += takeCharacter(text).columns;

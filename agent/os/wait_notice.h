@@ -1,4 +1,4 @@
-// How a function that waits tells its caller what it waits for.
+// The callback with which a waiting function reports the reason of its wait.
 #pragma once
 
 #include <functional>
@@ -6,7 +6,7 @@
 
 namespace tolvane::agent {
 
-// Called again and again while the wait lasts; may be empty.
+// Called repeatedly during the wait; may be empty.
 using WaitNotice = std::function<void(std::string_view)>;
 
 }  // namespace tolvane::agent

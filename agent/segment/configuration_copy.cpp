@@ -62,7 +62,7 @@ std::string sanitiseConfiguration(ConfigInfo& config) {
         for (int h = 0; h < config.numHosts[s]; ++h) makePrintable(config.hostName[s][h]);
         for (int c = 0; c < config.numCategories[s]; ++c) {
             char* label = config.categories[s][c].label;
-            // Servers do not examine labels, so an unterminated label is no fault.
+            // Servers do not examine labels, so an unterminated label is not a fault.
             label[kLabelSize - 1] = '\0';
             makePrintable(label);
         }

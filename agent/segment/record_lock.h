@@ -10,18 +10,18 @@ namespace tolvane::agent {
 
 // A server creates its semaphores right after its segment, as the same user, in
 // sets of one, with mode 0777. Any other semaphore is not the server's own: any
-// process may write identifiers into a segment, and the identifiers in an old
+// process can write identifiers into a segment, and the identifiers in an old
 // segment may have been reused.
 bool isSemaphoreOf(std::int32_t semaphoreId, const SegmentStatus& segment);
 
 enum class LockedCopy {
     kDone,
-    kBusy,  // a process held the lock for all of the patience
+    kBusy,  // a process held the lock during the entire patience
     kGone,  // the semaphore no longer exists
 };
 
 // Copies the record while holding its semaphore, which the system releases if
-// this process is killed. `held` is the time for which it was held.
+// this process is killed. `held` is the time for which the lock was held.
 LockedCopy copyUnderLock(const Segment& segment, std::int32_t record, std::int32_t semaphoreId,
                          std::chrono::microseconds patience, ResultStruct& copy,
                          std::chrono::nanoseconds& held);

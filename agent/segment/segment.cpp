@@ -24,7 +24,7 @@ Word loadWord(const Word& word, std::memory_order order = std::memory_order_rela
     return std::atomic_ref<Word>(const_cast<Word&>(word)).load(order);
 }
 
-// Servers write meanwhile: a copy by words has at least no torn word.
+// Servers write during the copy. A copy by words contains no torn word.
 void copyWords(void* to, const void* from, std::size_t bytes) {
     auto* target = static_cast<std::uint32_t*>(to);
     const auto* source = static_cast<const std::uint32_t*>(from);
@@ -32,7 +32,7 @@ void copyWords(void* to, const void* from, std::size_t bytes) {
 }
 
 // Whether a publication into the record is in progress. The semaphore is read and
-// never locked: a reader that is stopped must not stop the server.
+// never locked, because a stopped reader would delay the server.
 bool publicationInProgress(std::int32_t semaphoreId) {
     return semaphoreId >= 0 && ::semctl(semaphoreId, 0, GETVAL) == 0;
 }
@@ -44,7 +44,7 @@ SegmentStatus segmentStatus(std::int32_t shmid) {
     shmid_ds raw{};
     if (::shmctl(shmid, IPC_STAT, &raw) != 0) {
         status.error = errno;
-        // It exists, but this process may not read it.
+        // It exists, but this process has no read permission.
         status.exists = errno == EACCES;
         return status;
     }
@@ -63,7 +63,7 @@ Segment::Segment(std::int32_t shmid, std::int32_t structures, Access access)
     : structures_(structures), address_(nullptr) {
     std::size_t wanted = segmentSize(static_cast<std::size_t>(structures));
     SegmentStatus before = segmentStatus(shmid);
-    if (!before.exists) fail(ErrorKind::kFailed, "segment {} is gone", shmid);
+    if (!before.exists) fail(ErrorKind::kFailed, "segment {} no longer exists", shmid);
     if (before.error != 0)
         fail(ErrorKind::kFailed, "segment {}: {}", shmid, std::strerror(before.error));
     if (before.size != wanted) {
@@ -79,7 +79,7 @@ Segment::Segment(std::int32_t shmid, std::int32_t structures, Access access)
     if (after.size != wanted || after.creator != before.creator ||
         after.created != before.created) {
         ::shmdt(address);
-        fail(ErrorKind::kFailed, "segment {} is gone", shmid);
+        fail(ErrorKind::kFailed, "segment {} no longer exists", shmid);
     }
     address_ = address;
 }

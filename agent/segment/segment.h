@@ -1,4 +1,4 @@
-// Access to a shared segment. Nothing in it is trusted: its size is checked before
+// Access to a shared segment. Its content is not trusted: its size is checked before
 // it is attached, and copies are bounded before use.
 #pragma once
 
@@ -14,20 +14,20 @@ namespace tolvane::agent {
 
 struct SegmentStatus {
     bool exists = false;
-    int error = 0;  // errno when it does not
+    int error = 0;  // errno if it does not
     std::size_t size = 0;
     std::size_t attached = 0;
     pid_t creator = 0;
     std::time_t created = 0;
     uid_t owner = 0;
-    bool openToAll = false;       // its mode is that of a measured server's
+    bool openToAll = false;       // its mode is that of a measured server
     bool removalPending = false;  // removed, and still attached somewhere
 };
 
 SegmentStatus segmentStatus(std::int32_t shmid);
 
 // `version` while a block is being rewritten. It contains the highest version that
-// was ever valid, so that the next writer can continue after a killed one.
+// was ever valid, so that the next writer can continue after a killed writer.
 inline constexpr std::int32_t kRewritingBase = -1000;
 inline constexpr std::int32_t kMaxVersion = 2147482000;
 constexpr std::int32_t rewritingVersion(std::int32_t highest) {
@@ -36,11 +36,11 @@ constexpr std::int32_t rewritingVersion(std::int32_t highest) {
 constexpr bool isRewriting(std::int32_t version) {
     return version <= kRewritingBase;
 }
-// The block is not valid: marked by this program or by another agent.
+// Whether the block is marked as invalid, by this program or by another agent.
 constexpr bool isBeingWritten(std::int32_t version) {
     return version <= 0 && version != kVersionCreated && version != kVersionRemoved;
 }
-// The highest version that was valid so far; 0 when none was.
+// The highest valid version so far; 0 without any.
 constexpr std::int32_t highestVersion(std::int32_t version) {
     if (isRewriting(version))
         return static_cast<std::int32_t>(kRewritingBase - std::int64_t{version});
@@ -50,8 +50,8 @@ constexpr std::int32_t highestVersion(std::int32_t version) {
 class Segment {
   public:
     enum class Access { kRead, kWrite };
-    // Throws Error when the segment is gone, has not the size that this number
-    // of records needs, or must not be attached.
+    // Throws Error if the segment does not exist, does not have the size for this
+    // number of records, or cannot be attached.
     Segment(std::int32_t shmid, std::int32_t structures, Access access);
     ~Segment();
     Segment(const Segment&) = delete;
@@ -64,19 +64,19 @@ class Segment {
     const ConfigInfo* config() const { return static_cast<const ConfigInfo*>(address_); }
     ConfigInfo* config() { return static_cast<ConfigInfo*>(address_); }  // needs write access
 
-    // The configuration block as it is, word by word.
+    // Copies the configuration block word by word.
     void copyConfig(ConfigInfo& copy) const;
 
-    // One record as it was between two publications. False when it never was
-    // stable; the copy is then the last one made.
+    // Copies a record between two publications. False if every attempt failed; the
+    // copy is then that of the last attempt.
     bool copyRecord(std::int32_t record, ResultStruct& copy) const;
-    // The same for a record without a semaphore: two equal copies suffice.
+    // The same for a record without a semaphore: two equal copies are sufficient.
     bool copyRecordWithoutLock(std::int32_t record, ResultStruct& copy) const;
-    // The record as it is, for a caller that holds its semaphore.
+    // Copies the record without checks, for a caller that holds its semaphore.
     void copyRecordNow(std::int32_t record, ResultStruct& copy) const;
 
-    // Makes the record's next publication reset sites and categories. Needs write
-    // access.
+    // Sets the dirty flags of sites and categories to 0, so the next publication
+    // resets them. Needs write access.
     void markSitesCollected(std::int32_t record);
 
   private:

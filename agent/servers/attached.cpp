@@ -23,8 +23,8 @@ Mapping mappingOf(const std::string& line, const std::string& shmid) {
     return fields[1].find('w') != std::string::npos ? Mapping::kWritable : Mapping::kReadOnly;
 }
 
-// Not only a server's processes have write access, also another agent may. The
-// library may have another name, but no process is measured without the variable.
+// Another agent can have write access too, so write access is not sufficient. The
+// library can have another name, but a measured process always has the variable.
 bool isServers(pid_t pid, const std::vector<std::string>& mappings) {
     if (mapsLibrary(mappings)) return true;
     auto environment = processEnvironment(pid);

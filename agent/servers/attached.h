@@ -1,4 +1,4 @@
-// Which processes have a segment attached, as far as they may be examined.
+// The processes that have a segment attached and can be examined.
 #pragma once
 
 #include <sys/types.h>
@@ -14,7 +14,7 @@ struct AttachedProcesses {
     std::vector<pid_t> others;   // readers, or another agent
 };
 
-// `mainProcess` is the one in the segment; -1 while unknown.
+// `mainProcess` is the process id in the segment; -1 while unknown.
 AttachedProcesses attachedProcesses(std::int32_t shmid, pid_t mainProcess);
 
 }  // namespace tolvane::agent

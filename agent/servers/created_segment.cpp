@@ -17,7 +17,7 @@ std::int32_t recordsIn(std::size_t size) {
 
 bool leadToCreatedSegment(Handoff& handoff) {
     shm_info info{};
-    // Asked so, the call fills another structure than the one it declares.
+    // With this command the call fills another structure than it declares.
     int last = ::shmctl(0, SHM_INFO, reinterpret_cast<shmid_ds*>(&info));
     std::size_t mostAttached = 0;
     bool found = false;
@@ -30,7 +30,7 @@ bool leadToCreatedSegment(Handoff& handoff) {
         candidate.structures = recordsIn(status.size);
         candidate.problem.clear();
         bool ours = candidate.structures > 0 && foreignSegment(candidate, status).empty();
-        // The process id may have been another server's before.
+        // An earlier server may have had the same process id.
         if (!ours || (found && status.attached <= mostAttached)) continue;
         found = true;
         mostAttached = status.attached;

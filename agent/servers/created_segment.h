@@ -1,4 +1,4 @@
-// Which segment a process created, by the system's own account.
+// The segment that a process created, according to the kernel.
 #pragma once
 
 #include <sys/types.h>
@@ -7,9 +7,9 @@
 
 namespace tolvane::agent {
 
-// Anybody may write into a handoff file, but only its server gives it its
-// name: looks for the segment that the process in the name created, and has
-// `handoff` lead there. False when there is none.
+// Any user can write into a handoff file, but only its server determines its name.
+// Finds the segment that the process in the name created, and sets the fields of
+// `handoff` to it. False if there is no such segment.
 bool leadToCreatedSegment(Handoff& handoff);
 
 }  // namespace tolvane::agent

@@ -20,8 +20,8 @@ namespace {
 
 constexpr std::size_t kMaxHandoffSize = 64U << 10;
 
-// Addresses that a server names at most, and bytes of each. More would only make
-// messages unreadable.
+// Maximum number of addresses, and of bytes per address. More would make messages
+// unreadable.
 constexpr std::size_t kMaxListen = 2 * kMaxAddresses;
 constexpr std::size_t kMaxText = 55;
 
@@ -41,7 +41,7 @@ std::vector<std::string> splitAddresses(std::string_view text) {
     return addresses;
 }
 
-// Number behind the key on one line, or a description of what is wrong.
+// The number after the key, or a description of the fault.
 bool readNumber(std::string_view line, std::string_view key, std::int32_t low, std::int32_t high,
                 std::int32_t& value, std::string& problem) {
     auto number = parseInt32(trim(line.substr(key.size())));
@@ -99,7 +99,7 @@ std::vector<Handoff> readHandoffs(const std::string& directory) {
         handoff.path = directory + std::string(name);
         handoff.pid = *pid;
         struct stat status {};
-        // A server writes plain files only.
+        // A server writes regular files only.
         if (::lstat(handoff.path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) continue;
         handoff.written = status.st_mtime;
         if (auto text = readFile(handoff.path, kMaxHandoffSize)) {

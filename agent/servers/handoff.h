@@ -20,14 +20,14 @@ struct Handoff {
     std::int32_t shmid = -1;
     std::string serverType;
     std::int32_t structures = 0;
-    std::string problem;  // why the file is not valid; empty when it is
+    std::string problem;  // why the file is not valid; empty if it is valid
 };
 
-// Fills the fields that the text gives.
+// Sets the fields that the text contains.
 void parseHandoff(std::string_view text, Handoff& handoff);
 
-// Every handoff file of the directory, in the order of their process ids. A
-// missing directory holds none; one that cannot be read is an Error.
+// All handoff files of the directory, ordered by process id. A missing directory is
+// empty. Throws Error if the directory cannot be read.
 std::vector<Handoff> readHandoffs(const std::string& directory);
 
 }  // namespace tolvane::agent

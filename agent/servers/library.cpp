@@ -27,7 +27,7 @@ std::string ownDirectory() {
 void refuseUnpreloadable(const std::string& path) {
     if (path.find_first_of(" \t\n:;") == std::string::npos) return;
     fail(ErrorKind::kInvalidInput,
-         "{}: the dynamic linker takes no library from a path with a blank or colon", path);
+         "{}: the dynamic linker cannot load a library from a path with a blank or a colon", path);
 }
 
 // The dynamic linker replaces $LIB by the name of its library directory, which
@@ -88,14 +88,14 @@ Libraries givenLibrary(const std::string& path) {
         fail(ErrorKind::kInvalidInput, "{}: {}", path, std::strerror(errno == 0 ? ENOENT : errno));
     }
     if (file.kind != Executable::Kind::kElf || file.wordSize == WordSize::kUnknown) {
-        fail(ErrorKind::kInvalidInput, "{} is no library for this machine", path);
+        fail(ErrorKind::kInvalidInput, "{} is not a library for this machine", path);
     }
     return {{file.wordSize, realPath(path).value_or(path)}};
 }
 
 std::string preloadValue(const Libraries& libraries, WordSize server, WordSize starter) {
     // Also when the word sizes are equal: the server's programs may have the other
-    // one, and the dynamic linker reports a library of the wrong word size.
+    // word size, and the dynamic linker reports a library of the wrong word size.
     if (areInstalled(libraries)) {
         std::string directory = installedDirectory();
         refuseUnpreloadable(directory);
@@ -106,8 +106,8 @@ std::string preloadValue(const Libraries& libraries, WordSize server, WordSize s
         auto found = server == WordSize::kUnknown ? libraries.begin() : libraries.find(server);
         if (found == libraries.end()) {
             fail(ErrorKind::kFailed,
-                 "there is no {}-bit libtolvane.so beside this program; build it (cmake --preset "
-                 "{} && cmake --build --preset {}) or name it with --library",
+                 "no {}-bit libtolvane.so is installed with this program; build it (cmake --preset "
+                 "{} && cmake --build --preset {}) or pass it with --library",
                  static_cast<int>(server), server == WordSize::k32 ? "release32" : "release",
                  server == WordSize::k32 ? "release32" : "release");
         }

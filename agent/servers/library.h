@@ -17,15 +17,15 @@ Libraries findLibraries();
 // The directories that findLibraries searches.
 std::vector<std::string> libraryDirectories();
 
-// The library at a path. Throws Error when it is not one.
+// The library at a path. Throws Error if the file is not a library.
 Libraries givenLibrary(const std::string& path);
 
 // The entry of LD_PRELOAD for a server of that word size, whose start program may
-// have the other one. When they differ, or the server's is unknown, the entry is a
+// have another word size. If they differ, or the server's is unknown, the entry is a
 // path with $LIB, so that the dynamic linker of each process selects the library.
 std::string preloadValue(const Libraries& libraries, WordSize server, WordSize starter);
 
-// Our entry before the present ones, without other copies of the shim.
+// The entry before the existing entries, without other copies of the shim.
 std::string joinPreload(const std::string& ours, const std::string& present);
 
 }  // namespace tolvane::agent

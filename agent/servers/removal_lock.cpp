@@ -21,14 +21,14 @@ RemovalLock::RemovalLock(const WaitNotice& notice) {
     for (;;) {
         int fd = ::open(kLockFile, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
         if (fd >= 0) ::close(fd);
-        // Without the directory servers do not lock either.
+        // Servers do not lock without the directory either.
         if (fd >= 0 || errno == ENOENT) return;
         if (errno != EEXIST) fail(ErrorKind::kFailed, "{}: {}", kLockFile, std::strerror(errno));
         if (std::chrono::steady_clock::now() > deadline) {
-            fail(ErrorKind::kFailed, "{} is held by a server that ends; try again in a minute",
-                 kLockFile);
+            fail(ErrorKind::kFailed,
+                 "{} is held by a server that is stopping; try again in a minute", kLockFile);
         }
-        if (notice) notice("waiting for a server that ends");
+        if (notice) notice("waiting for a server that is stopping");
         std::this_thread::sleep_for(200ms);
     }
 }

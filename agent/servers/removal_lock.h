@@ -7,7 +7,7 @@
 
 namespace tolvane::agent {
 
-// Locks, and waits as long as a server does. Throws Error.
+// Locks, with the same time limit as a server. Throws Error.
 class RemovalLock {
   public:
     explicit RemovalLock(const WaitNotice& notice = {});
@@ -16,8 +16,8 @@ class RemovalLock {
     RemovalLock& operator=(const RemovalLock&) = delete;
 };
 
-// Seconds since the lock file was created, if that is longer than any holder
-// needs: its holder has died, and no server can lock it.
+// Seconds since the creation of the lock file, if they exceed the time that any
+// holder needs: the holder has ended, and no server can lock.
 std::optional<long> abandonedLockAge();
 
 }  // namespace tolvane::agent

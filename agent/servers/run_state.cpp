@@ -34,7 +34,7 @@ RunJudgement judgeRun(const RunFacts& facts) {
                 fmt::format("the server has stopped; {} still attached", attached)};
     }
     if (facts.mainProcess > 0 && !processExists(facts.mainProcess)) {
-        return {RunState::kEnding, fmt::format("its main process {} is gone; {} still attached",
+        return {RunState::kEnding, fmt::format("its main process {} has ended; {} still attached",
                                                facts.mainProcess, attached)};
     }
     const char* unknown = facts.mainProcess > 0 ? "" : ", no connection accepted yet";

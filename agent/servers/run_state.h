@@ -1,4 +1,4 @@
-// The state of one run of a server, judged by its segment and its processes.
+// The state of a run of a server, determined from its segment and its processes.
 #pragma once
 
 #include <sys/types.h>
@@ -11,8 +11,8 @@ namespace tolvane::agent {
 
 enum class RunState {
     kLive,        // its processes count into the segment
-    kEnding,      // it has stopped or lost its main process; some processes remain
-    kStale,       // no process of it remains
+    kEnding,      // it has stopped, or its main process has ended; some processes remain
+    kStale,       // no process of the server remains
     kHeld,        // another collector collects its counts
     kUnreadable,  // the segment or the handoff file cannot be used
 };
@@ -24,7 +24,7 @@ struct RunFacts {
     std::int32_t shmid = -1;
     std::int32_t version = 0;     // of the configuration in the segment
     bool segmentRemoved = false;  // or marked for removal
-    pid_t mainProcess = -1;       // as the segment names it; -1 while unknown
+    pid_t mainProcess = -1;       // from the segment; -1 while unknown
     std::size_t processes = 0;    // attached to the segment, besides readers
 };
 
@@ -33,8 +33,7 @@ struct RunJudgement {
     std::string reason;  // for the operator
 };
 
-// A main process that has ended counts as gone even while its parent has not
-// reaped it.
+// A zombie main process counts as ended.
 RunJudgement judgeRun(const RunFacts& facts);
 
 }  // namespace tolvane::agent

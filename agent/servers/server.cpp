@@ -16,16 +16,17 @@ namespace tolvane::agent {
 
 namespace {
 
-// Seconds by which a handoff file may seem older than the segment it names;
-// the two times come from clocks of different resolution.
+// Seconds by which a handoff file may appear older than its segment, because the two
+// times come from clocks of different resolution.
 constexpr std::time_t kClockSlack = 2;
 
 void judgeAttached(Server& server, const SegmentStatus& status) {
     AttachedProcesses attached = attachedProcesses(server.handoff.shmid, server.parentPid);
-    // A process counts as the server's unless it is known to be another one: some
-    // cannot be examined, or live in another process namespace.
+    // All processes except known readers count as the server's: some cannot be
+    // examined, or are in another process namespace.
     server.processes = status.attached - std::min(status.attached, attached.others.size());
-    // Others may come and go during the count; a process of the server that was seen stays one.
+    // Readers may attach and detach during the count; a server process that was seen
+    // remains.
     server.processes = std::max(server.processes, attached.servers.size());
     bool mainRuns = server.parentPid > 0 && processExists(server.parentPid);
     server.process = mainRuns ? server.parentPid : oldestOf(attached.servers);
@@ -35,10 +36,10 @@ void judgeAttached(Server& server, const SegmentStatus& status) {
     server.reason = std::move(judgement.reason);
 }
 
-// Why the handoff file leads to no segment of its server; empty when it may.
+// Why the handoff file cannot identify the server's segment; empty if it can.
 std::string misleads(const Handoff& handoff, const SegmentStatus& status) {
     if (!handoff.problem.empty()) return "the handoff file is damaged: " + handoff.problem;
-    if (!status.exists) return fmt::format("segment {} is gone", handoff.shmid);
+    if (!status.exists) return fmt::format("segment {} no longer exists", handoff.shmid);
     return status.error != 0 ? "" : foreignSegment(handoff, status);
 }
 
@@ -92,20 +93,21 @@ std::string choices(const std::vector<const Server*>& servers) {
 std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) {
     std::size_t wanted = segmentSize(static_cast<std::size_t>(handoff.structures));
     if (status.size != wanted) {
-        return fmt::format("segment {} belongs to something else: it has {} bytes where {} need {}",
-                           handoff.shmid, status.size,
-                           plural(static_cast<std::size_t>(handoff.structures), "record"), wanted);
+        return fmt::format(
+            "segment {} belongs to another program: it has {} bytes where {} need {}",
+            handoff.shmid, status.size,
+            plural(static_cast<std::size_t>(handoff.structures), "record"), wanted);
     }
     if (!status.openToAll) {
-        return fmt::format("segment {} belongs to something else: it is not open to all users",
+        return fmt::format("segment {} belongs to another program: it is not open to all users",
                            handoff.shmid);
     }
-    // A creator outside our process namespace reads as 0.
+    // A creator in another process namespace has the id 0.
     if (status.creator != 0 && status.creator != handoff.pid) {
         return fmt::format("segment {} was created by process {}", handoff.shmid, status.creator);
     }
     if (handoff.written + kClockSlack < status.created) {
-        return fmt::format("segment {} is younger than the handoff file", handoff.shmid);
+        return fmt::format("segment {} is newer than the handoff file", handoff.shmid);
     }
     return "";
 }
@@ -135,11 +137,12 @@ Server selectServer(const std::vector<Server>& servers, const std::optional<std:
         std::erase_if(found, [&](const Server* server) { return !live(server); });
     }
     if (found.empty() && wanted) {
-        fail(ErrorKind::kNotFound, "no server {}; 'tolvane list' shows them", printable(*wanted));
+        fail(ErrorKind::kNotFound, "no server {}; 'tolvane list' shows the servers",
+             printable(*wanted));
     }
     if (found.empty()) {
         fail(ErrorKind::kNotFound,
-             "no measured server is running; start one with 'tolvane run -- COMMAND'");
+             "no measured server is running; start a server with 'tolvane run -- COMMAND'");
     }
     if (found.size() > 1) {
         fail(ErrorKind::kInvalidInput, "several servers match: {}; choose with --server",

@@ -18,16 +18,16 @@ struct Server {
     Handoff handoff;
     RunState state = RunState::kStale;
     std::string reason;        // of the state
-    std::string misled;        // what the handoff file, as it stood, said wrongly
-    bool ownsSegment = false;  // the segment that exists under the id is this server's
+    std::string misled;        // the fault of a changed handoff file; empty without a fault
+    bool ownsSegment = false;  // the segment with the identifier belongs to this server
     std::int32_t version = 0;  // meaningful when ownsSegment
     std::int32_t parentPid = -1;
-    pid_t process = 0;          // the server's main process; 0 when none is known
-    std::size_t processes = 0;  // attached ones that serve
+    pid_t process = 0;          // the server's main process; 0 while unknown
+    std::size_t processes = 0;  // attached processes, without readers
 };
 
-// Why the segment that exists under the handoff file's id is not the one that
-// the server created; empty when it is.
+// Why the segment with the identifier in the handoff file does not belong to the
+// server; empty if it does.
 std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status);
 
 // "*:80,10.0.0.1:443", for messages: "server 4711 (*:80)".
@@ -35,9 +35,9 @@ std::string nameOf(const Server& server);
 
 std::vector<Server> findServers();
 
-// The one that `wanted` names: a process id of the server, a segment id, or
-// one of its "address:port". Without it, the only live one. Throws Error
-// (kNotFound when there is none, kInvalidInput when several match).
+// Selects the server with the process id, segment id or "address:port" in `wanted`,
+// or the only live server if `wanted` is empty. Throws Error (kNotFound without a
+// match, kInvalidInput with several).
 Server selectServer(const std::vector<Server>& servers, const std::optional<std::string>& wanted);
 
 }  // namespace tolvane::agent

@@ -164,7 +164,7 @@ void measure(const char* program, int segments, int seconds, const Shape& shape)
         printf("@Collector, %d servers of %d records|%d sites of %d categories|%s|%.2f|%.2f|%.2f\n",
                segments, shape.records, shape.sites, shape.categories, unit, value, value, value);
     };
-    figure("taking, % of a core", 100 * (spent - scraping) / elapsed);
+    figure("collection, % of a core", 100 * (spent - scraping) / elapsed);
     figure("a scrape, CPU ms", 100 * scraping);
     figure("slowest scrape, ms", slowest);
     figure("kB a scrape", static_cast<double>(bytes) / 1000);

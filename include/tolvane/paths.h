@@ -25,6 +25,14 @@ inline constexpr char kLockFile[] = "/opt/tolvane/agent/data/web_adapter_LOCK";
 // The messages of all measured processes, one line each.
 inline constexpr char kLogFile[] = "/opt/tolvane/agent/logs/web_log";
 
+// The agent's own: prepared server roots, links to the libraries of both word sizes
+// for a build tree, the default directory for the totals, and the locks that assign
+// servers to collectors.
+inline constexpr char kPreparedRoots[] = "/opt/tolvane/agent/data/servers/";
+inline constexpr char kPreloadDirectory[] = "/opt/tolvane/agent/data/preload";
+inline constexpr char kCollectorState[] = "/opt/tolvane/agent/data/collector";
+inline constexpr char kOwnershipFile[] = "/opt/tolvane/agent/data/collectors";
+
 // Files below a server's root directory: Apache's configuration, the id of its main
 // process, the name of its processing module, and a Netscape type's configuration.
 inline constexpr char kApacheConfigurationFile[] = "conf/httpd.conf";

@@ -193,8 +193,8 @@ TEST(CommandLine, CleanRemovesOnlyWhatStaleServersLeft) {
 
     EXPECT_TRUE(segmentExists(live.shmid()));
     for (int id : liveSemaphores) EXPECT_TRUE(semaphoreExists(id));
-    EXPECT_TRUE(
-        contains(dry.output, "semaphore " + std::to_string(liveSemaphores[0]) + " stays: server "));
+    EXPECT_TRUE(contains(dry.output,
+                         "semaphore " + std::to_string(liveSemaphores[0]) + " is kept: server "));
     EXPECT_EQ(tolvane::test::readFile(live.handoff()), liveText);
     EXPECT_TRUE(segmentExists(reused.shmid()));
     EXPECT_EQ(access(reused.handoff().c_str(), F_OK), 0);
@@ -208,7 +208,7 @@ TEST(CommandLine, CleanRemovesOnlyWhatStaleServersLeft) {
 
 TEST(CommandLine, CleanRemovesALockThatNobodyHolds) {
     writeFile(kLockFile, "");
-    EXPECT_TRUE(contains(tolvane({"clean"}).output, "Nothing stale"));
+    EXPECT_TRUE(contains(tolvane({"clean"}).output, "No stale server"));
     EXPECT_EQ(access(kLockFile, F_OK), 0);
     utimbuf old = {0, 1000000000};
     utime(kLockFile, &old);
@@ -231,13 +231,13 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
              writeFile(kLogFile, "");
              chmod(kLogFile, 0644);
          },
-         "closed to worker processes (mode 644) -> chmod 666"},
+         "not writable for worker processes (mode 644) -> chmod 666"},
         {"log link",
          [](FakeServer&) {
              writeFile("/opt/private", "");
              if (symlink("/opt/private", kLogFile) != 0) ADD_FAILURE();
          },
-         "web_log is no plain file of its own, and no server writes there -> rm "},
+         "web_log is not a regular file with one link, so no server writes to it -> rm "},
         {"variables", [](FakeServer&) {}, "WEB_SERVER is not set -> restart it with 'tolvane run'"},
         {"handoff directory",
          [](FakeServer&) {
@@ -256,7 +256,7 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
          [](FakeServer& s) {
              s.edit([](ConfigInfo& c, ResultStruct*) { c.version = rewritingVersion(4); });
          },
-         "a configuration was begun and not finished -> run 'tolvane configure FILE' again"},
+         "a configuration is unfinished -> run 'tolvane configure FILE' again"},
         {"not taken up",
          [](FakeServer& s) {
              s.edit([](ConfigInfo& c, ResultStruct* r) {
@@ -267,13 +267,13 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
          },
          "no process uses configuration 1: 9 requests"},
         {"semaphore", [](FakeServer& s) { semctl(s.semaphores()[0], 0, IPC_RMID); },
-         "the semaphore of record 0 is gone"},
+         "the semaphore of record 0 does not exist"},
         {"held semaphore",
          [](FakeServer& s) {
              sembuf take = {0, -1, 0};
              semop(s.semaphores()[0], &take, 1);
          },
-         "the semaphore of record 0 is held, last touched by process "},
+         "the semaphore of record 0 is held, last used by process "},
         {"stale", [](FakeServer& s) { s.kill(); }, "stale: /opt/tolvane/agent/config/webadapter."},
     };
     for (const Case& c : cases) {

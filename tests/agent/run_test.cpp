@@ -114,9 +114,9 @@ TEST(Run, RefusesBadInputAndChangesNothing) {
     writeFile("/opt/no-library", "text");
     const std::string library = TOLVANE_LIBRARY;
     const std::pair<std::vector<std::string>, const char*> cases[] = {
-        {{"run", "--library", "/opt/no-library", "--", "/opt/apachectl"}, "is no library"},
+        {{"run", "--library", "/opt/no-library", "--", "/opt/apachectl"}, "is not a library"},
         {{"run", "--library", "/opt/absent", "--", "/opt/apachectl"}, "No such file"},
-        {{"run", "--library", library, "--", "/bin/true"}, "no Apache by its name"},
+        {{"run", "--library", library, "--", "/bin/true"}, "does not have the name of an Apache"},
         {{"run", "--library", library, "--type", "netscape", "--", "/bin/true"},
          "--root is missing"},
         {{"run", "--library", library, "--root", "/opt/absent", "--", "/opt/apachectl"},
@@ -127,7 +127,7 @@ TEST(Run, RefusesBadInputAndChangesNothing) {
          "AH00526: Syntax error"},
         {{"run", "--type", "iis", "--", "/opt/apachectl"}, "--type"},
         {{"prepare", "--root", "/opt/own", "--", "/opt/apachectl"}, "was not written by tolvane"},
-        {{"prepare", "--root", "/opt/used", "--", "/opt/apachectl"}, "was not made by tolvane"},
+        {{"prepare", "--root", "/opt/used", "--", "/opt/apachectl"}, "was not created by tolvane"},
     };
     for (const auto& [arguments, expected] : cases) {
         Outcome outcome = tolvane(arguments);

@@ -100,7 +100,7 @@ TEST(Servers, AreEndingWhileProcessesRemain) {
         config.version = 1;
         config.parentPid = 4194304;
     });
-    expectState(RunState::kEnding, "main process 4194304 is gone");
+    expectState(RunState::kEnding, "main process 4194304 has ended");
     server.edit([&](ConfigInfo& config, ResultStruct*) { config.parentPid = server.pid(); });
     shmctl(server.shmid(), IPC_RMID, nullptr);
     expectState(RunState::kEnding, "has stopped");
@@ -112,7 +112,7 @@ TEST(Servers, AreEndingWhenTheirMainProcessIsAZombie) {
     if (zombie == 0) _exit(0);
     waitid(P_PID, static_cast<id_t>(zombie), nullptr, WEXITED | WNOWAIT);
     server.edit([&](ConfigInfo& config, ResultStruct*) { config.parentPid = zombie; });
-    expectState(RunState::kEnding, "is gone");
+    expectState(RunState::kEnding, "has ended");
     Collector collector({"", "/opt/state", 1});
     collector.round();
     collector.read([](const CollectorState& state) {
@@ -133,20 +133,20 @@ TEST(Servers, AreStaleForAReason) {
             shmdt(watched);
         }
         shmctl(server.shmid(), IPC_RMID, nullptr);
-        expectState(RunState::kStale, "is gone");
+        expectState(RunState::kStale, "no longer exists");
         unlink(server.handoff().c_str());
     }
     FakeServer server;
     std::string text = tolvane::test::readFile(server.handoff());
     utimbuf old = {0, 1000000000};
     utime(server.handoff().c_str(), &old);
-    expectState(RunState::kStale, "younger than the handoff file");
+    expectState(RunState::kStale, "newer than the handoff file");
     std::string other = kHandoffDirectory + std::string("webadapter.1");
     rename(server.handoff().c_str(), other.c_str());
     utime(other.c_str(), nullptr);
     expectState(RunState::kStale, "was created by process " + std::to_string(server.pid()));
     writeFile(other, text.substr(0, text.find("Structures")) + "Structures=2\n");
-    expectState(RunState::kStale, "belongs to something else: it has");
+    expectState(RunState::kStale, "belongs to another program: it has");
     writeFile(other, text);
     shmid_ds status{};
     shmctl(server.shmid(), IPC_STAT, &status);

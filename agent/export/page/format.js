@@ -1,4 +1,4 @@
-// Numbers and times as people read them.
+// Formats numbers and times for display.
 
 const kNothing = '–';
 const exact = new Intl.NumberFormat('en');

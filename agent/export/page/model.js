@@ -1,8 +1,8 @@
-// What the collector has told: the latest counts, the readings before them,
-// which give the rates, and the last quarter of an hour.
+// The data from the collector: the latest counts, earlier readings for the rates, and
+// the history of the last 15 minutes.
 
 const kStepsAsOne = 3;
-const kRateWindow = 9.5;  // seconds; a shorter one would make rates jump
+const kRateWindow = 9.5;  // seconds; with a shorter window rates would jump
 
 const keyOf = (...names) => names.join('\n');
 
@@ -17,8 +17,8 @@ function withTimes(counts, categories) {
   return {...counts, response_seconds: sum('response_seconds'), response_count: sum('response_count')};
 }
 
-// The total, and each site with its categories; what is configured no longer
-// is left out.
+// The total, and each site with its categories, without entries that are no longer
+// configured.
 function groupsOf(server) {
   const configured = (row) => row.configured;
   const sites = server.sites.filter(configured).map((site) => {
@@ -41,15 +41,16 @@ export function rowsOf(groups) {
 }
 
 // Seconds between two readings. The times of the collections are whole seconds
-// only; the number of collections is finer, but for one that came early or late.
+// only; the number of collections is more precise, unless a collection was early or
+// late.
 function secondsBetween(older, newer, interval) {
   const byClock = newer.at - older.at;
   const byCollections = (newer.collections - older.collections) * interval;
   return Math.min(Math.max(byCollections, byClock - 1), byClock + 1);
 }
 
-// Several steps as one: a round of the collector may fall into this step or the
-// next, which would show as a zigzag.
+// Combines several steps: a round of the collector may fall into a step or the next,
+// which would appear as a zigzag.
 function coarser(points, step) {
   const sum = (values) => values.reduce((total, value) => total + value, 0);
   const merged = {};
@@ -83,7 +84,7 @@ class ServerModel {
     };
     const latest = this.readings.at(-1);
     if (latest && latest.collections === reading.collections) return;
-    // A collector that was restarted counts its collections from 0 again.
+    // A restarted collector counts its collections from 0.
     if (latest && latest.collections > reading.collections) this.readings = [];
     this.readings.push(reading);
     while (this.readings.length > 2 && reading.at - this.readings[1].at >= kRateWindow) {
@@ -91,7 +92,7 @@ class ServerModel {
     }
   }
 
-  // Per second; null while it is not known.
+  // Per second; null while unknown.
   rate(row, name) {
     const newer = this.readings.at(-1);
     const older = this.readings[0];
@@ -119,7 +120,7 @@ class ServerModel {
     }
   }
 
-  // The last quarter of an hour, null when nothing was counted.
+  // The last 15 minutes, null if nothing was counted.
   recent(row) {
     return this.history.get(row.key) ?? null;
   }

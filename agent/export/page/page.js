@@ -1,11 +1,11 @@
-// The page: one section per server, notices above them, and the clock that
-// asks the collector again.
+// The page: a section per server, notices above the sections, and the timer that
+// queries the collector.
 
 import * as format from './format.js';
 import {Model} from './model.js';
 import {element, Table} from './table.js';
 
-const kFewServers = 3;  // so many are all open at first; of more, the first one
+const kFewServers = 3;  // with more servers only the first section is open initially
 const kHistoryEvery = 10000;  // milliseconds
 
 const byId = (id) => document.getElementById(id);
@@ -23,14 +23,14 @@ function runText(run) {
   return `${run.state}: ${parts.join(', ')}`;
 }
 
-// One word for all runs: the one that matters most.
+// One word for all runs: the most important state.
 function stateOf(server) {
   const states = ['live', 'held', 'unreadable', 'ending', 'stale'];
   return states.find((state) => server.runs.some((run) => run.state === state)) ?? 'stopped';
 }
 
 function whyOf(server, state) {
-  return server.runs.find((run) => run.state === state)?.reason ?? 'not running; its totals are kept';
+  return server.runs.find((run) => run.state === state)?.reason ?? 'not running; the totals are kept';
 }
 
 class Section {
@@ -45,7 +45,7 @@ class Section {
     this.runs = this.details.appendChild(element('ul', 'runs'));
     this.table = new Table(`Sites and categories of ${server.name}`, sortBy);
     this.details.append(this.table.table);
-    // Comes for those that are open from the start, too.
+    // Also called for sections that are open initially.
     this.details.addEventListener('toggle', () => this.details.open && readHistory(server.name));
   }
 
@@ -67,20 +67,20 @@ class Section {
 
 function notices() {
   if (failedSince) {
-    const from = lastAnswer ? ` What stands here is from ${format.time(lastAnswer)}.` : '';
+    const from = lastAnswer ? ` The counts below are from ${format.time(lastAnswer)}.` : '';
     return [`The collector has not answered since ${format.time(failedSince)}.${from}`];
   }
   const {collector, time} = model.answer;
   const found = [];
   const last = collector.last_round ?? collector.started;
   if (time - last > Math.max(30, 5 * collector.interval)) {
-    found.push(`The collector has not looked at its servers since ${format.time(last)}.`);
+    found.push(`The collector has not collected counts since ${format.time(last)}.`);
   }
   if (!collector.store_works) {
-    found.push('The totals cannot be written to disk; the collector’s log says why.');
+    found.push('The totals cannot be written to disk; see the collector’s log.');
   }
   if (collector.config && !collector.config.valid) {
-    found.push(`${collector.config.file} is not valid; servers keep the configuration before.`);
+    found.push(`${collector.config.file} is not valid; servers keep the previous configuration.`);
   }
   return found;
 }
@@ -129,7 +129,7 @@ async function readHistory(...names) {
   try {
     for (const name of names) await model.readHistory(name);
   } catch {
-    return;  // the next reading of the counts tells
+    return;  // the next reading of the counts reports it
   }
   show();
 }

@@ -1,4 +1,4 @@
-// A line of history, without axes; what it shows is told in its title.
+// A line graph of the history, without axes. Its title describes it.
 
 const kWidth = 90;
 const kHeight = 22;
@@ -10,7 +10,7 @@ function place(values, highest) {
     (i * width).toFixed(1), (kHeight - 1 - (kHeight - 3) * value / highest).toFixed(1)]);
 }
 
-// Broken where there is no value; one that stands alone is a dot.
+// The line is interrupted where there is no value; a single value is a dot.
 function linePath(points) {
   let path = '';
   points.forEach((point, i) => {
@@ -44,7 +44,7 @@ export class Sparkline {
     this.line.setAttribute('class', 'line');
   }
 
-  // `highest` fills the height.
+  // `highest` is the value at full height.
   draw(values, highest, title) {
     const points = place(values, highest || 1);
     const line = this.kind === 'errors' ? barPath(points) : linePath(points);

@@ -1,4 +1,4 @@
-// One server's table: its columns, its rows, and their order.
+// The table of a server: its columns, its rows, and their order.
 
 import * as format from './format.js';
 import {rowsOf} from './model.js';
@@ -19,8 +19,8 @@ function requestLine(recent) {
     `${format.exactCount(recent.requests)}, at most ${format.rate(most / recent.step)} per second`];
 }
 
-// The whole height is at least one request in twenty, so that a single error
-// does not look like a fire.
+// The full height is at least 5 % of the requests, so that a single error does not look
+// dramatic.
 function errorLine(recent) {
   const values = recent.points.errors;
   const scale = Math.max(highest(values), kManyErrors * highest(recent.points.requests));
@@ -40,7 +40,7 @@ function meanLine(recent) {
 const counted = (name, text) => ({
   value: (row) => row.counts[name] ?? null, text, exact: format.exactCount});
 
-// `from` is the narrowest kind of window that shows the column.
+// `from` is the narrowest window class that shows the column.
 const kColumns = [
   {id: 'name', title: 'Site / category', hint: 'Site, or URL category of the site'},
   {id: 'rate', title: 'Req/s', hint: 'Requests per second now; the line: the last 15 minutes',
@@ -92,12 +92,12 @@ export function element(tag, className = '', text = '') {
   return made;
 }
 
-// Only where it changed: a selection in it stays.
+// Changes only different text, so a selection is kept.
 function setText(node, text) {
   if (node.textContent !== text) node.textContent = text;
 }
 
-// A name with places where it may be broken.
+// A name with possible line breaks.
 function breakable(name) {
   const line = element('span');
   for (const part of name.split(/(?<=[./_])/)) line.append(part, document.createElement('wbr'));
@@ -153,8 +153,8 @@ function compare(column, ascending, model) {
   return (a, b) => (key(a) - key(b)) * (ascending ? 1 : -1);
 }
 
-// Sites among themselves, categories within their site. A site stays when a
-// category of it matches the filter.
+// Sorts the sites, and the categories within their site. A site is shown if one of its
+// categories matches the filter.
 function arranged(groups, view, model) {
   const order = compare(kColumns.find((column) => column.id === view.sortBy), view.ascending, model);
   const matches = (row) => row.name.toLowerCase().includes(view.filter);
@@ -169,7 +169,7 @@ function arranged(groups, view, model) {
 export class Table {
   rows = new Map();
 
-  // `sort` is called with the id of a column whose heading was chosen.
+  // `sort` is called with the id of the column of a selected heading.
   constructor(caption, sort) {
     this.table = element('table');
     this.table.append(element('caption', 'hidden', caption));

@@ -202,7 +202,7 @@ class Page(unittest.TestCase):
             ["*:8080 | live", "*:8081 | ending | the server has stopped; 2 processes remain",
              "*:8082 | stale | no process of it runs", "*:8083 | held | held by collector 4711",
              "*:8084 | unreadable | its segment 65538 is smaller than 16 records need",
-             "127.0.0.1:8090 | stopped | not running; its totals are kept"])
+             "127.0.0.1:8090 | stopped | not running; the totals are kept"])
         self.assertEqual(len(self.rows()), 3)
         self.run_script("document.querySelectorAll('summary')[3].click()")
         self.wait("return document.querySelectorAll('details')[3].querySelector('tbody .line[d]')")
@@ -210,7 +210,7 @@ class Page(unittest.TestCase):
     def test_shows_problems(self):
         self.serve("shop")
         self.say("silence", "unwritten", "invalid")
-        self.await_notice("has not looked at its servers since")
+        self.await_notice("has not collected counts since")
         self.await_notice("cannot be written to disk")
         self.await_notice("/etc/tolvane/sites.toml is not valid")
         self.stop()
