@@ -146,7 +146,7 @@ TEST(ApacheConfig, NotesWhatIsNotMeasured) {
     for (int port = 1; port <= 11; ++port) many += "Listen " + std::to_string(port) + "\n";
     const std::pair<std::string, const char*> cases[] = {
         {many, "11 listening addresses; only the first 10"},
-        {"Listen 80\nListen nonsense\n", "Listen nonsense was not understood"},
+        {"Listen 80\nListen nonsense\n", "Listen nonsense cannot be parsed"},
         {"Listen 80\n<VirtualHost [2001:db8::1]>\nSSLEngine on\n</VirtualHost>\n", "has no port"},
         {"Listen 80\nUse Host 8443\nUse Host 8444\n", "macros are not expanded"},
     };
