@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """clang_tidy.py BUILD [DIRECTORY...]: checks the sources of a configured unity build with clang-tidy.
 
-All of them, or those of the targets in the named directories.
+All of them, or those of the targets that have a source in the named directories.
 
 Most of clang-tidy's time goes into the headers of the C++ library. CMake's unity sources
 include all sources of a target, so that these share one pass over the headers. Where names in
@@ -35,9 +35,12 @@ class Unit:
         included = re.findall(r'#include "(.*)"', self.file.read_text()) if unity else [self.file]
         self.sources = [Path(path).resolve() for path in included]
 
-    def is_in(self, directories):
-        return all(any(source.is_relative_to(directory) for directory in directories)
-                   for source in self.sources)
+    def is_of_the_project(self):
+        return all(source.is_relative_to(ROOT) for source in self.sources)
+
+    def has_part_in(self, directories):
+        return any(source.is_relative_to(directory)
+                   for source in self.sources for directory in directories)
 
     def check(self):
         """Returns the findings."""
@@ -59,7 +62,9 @@ def units(build, directories):
     database = json.loads((build / "compile_commands.json").read_text())
     found, seen = [], set()
     for unit in map(Unit, database):
-        if unit.is_in(directories) and not seen.issuperset(unit.sources):
+        if not unit.is_of_the_project() or not unit.has_part_in(directories):
+            continue
+        if not seen.issuperset(unit.sources):
             found.append(unit)
             seen.update(unit.sources)
     return sorted(found, key=lambda unit: len(unit.sources), reverse=True), len(seen)
@@ -68,6 +73,8 @@ def units(build, directories):
 def main():
     build, *directories = (Path(argument).resolve() for argument in sys.argv[1:])
     todo, count = units(build, directories or [ROOT])
+    if not todo:
+        sys.exit(f"clang_tidy.py: no sources of {build} in these directories")
     failed = False
     with ThreadPoolExecutor(os.cpu_count()) as pool:
         for check in as_completed([pool.submit(unit.check) for unit in todo]):
