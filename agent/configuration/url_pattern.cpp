@@ -18,10 +18,10 @@ void refuseCharacters(std::string_view text) {
                  "a URL ends at the first blank, so nothing would match; write a blank as %20");
         }
         if (byte >= 0x80) {
-            fail(
-                ErrorKind::kInvalidInput,
-                "clients send bytes outside ASCII percent-encoded; write %{:02X} for the first byte",
-                byte);
+            fail(ErrorKind::kInvalidInput,
+                 "clients send bytes outside ASCII percent-encoded; write %{:02X} for the first "
+                 "byte",
+                 byte);
         }
         if (c == '#') {
             fail(ErrorKind::kInvalidInput,
