@@ -27,5 +27,6 @@ files '*.cpp' '*.h' '*.c' | xargs -0 clang-format --dry-run --Werror || failed=1
 shell_scripts | xargs -0 shellcheck || failed=1
 files '*.py' | xargs -0 pyflakes3 || failed=1
 cmake --preset lint >/dev/null
-scripts/clang_tidy.py build/lint || failed=1
+# The tests are left out: their sources cannot share a pass, and take twice as long as all others.
+scripts/clang_tidy.py build/lint shim agent http_client bench || failed=1
 exit $failed
