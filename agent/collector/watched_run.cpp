@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "segment/record_lock.h"
+#include "servers/attached.h"
 
 namespace tolvane::agent {
 
@@ -108,9 +109,18 @@ RunStatus WatchedRun::status(bool& ended) const {
     SegmentStatus segment = segmentStatus(key_.shmid);
     run.processes = segment.attached > 0 ? segment.attached - 1 : 0;
     bool removed = !segment.exists || segment.removalPending;
+    auto judge = [&] {
+        return judgeRun({run.shmid, run.version, removed, run.parentPid, run.processes});
+    };
+    RunJudgement judgement = judge();
+    if (judgement.state == RunState::kEnding) {
+        // The processes that remain may be other readers. Only now, because the search
+        // reads the memory maps of all processes.
+        run.processes =
+            serverProcesses(segment.attached, attachedProcesses(run.shmid, run.parentPid));
+        judgement = judge();
+    }
     ended = removed && run.processes == 0;
-    RunJudgement judgement =
-        judgeRun({run.shmid, run.version, removed, run.parentPid, run.processes});
     run.state = judgement.state;
     run.reason = std::move(judgement.reason);
     return run;

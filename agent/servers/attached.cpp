@@ -52,4 +52,11 @@ AttachedProcesses attachedProcesses(std::int32_t shmid, pid_t mainProcess) {
     return attached;
 }
 
+std::size_t serverProcesses(std::size_t attached, const AttachedProcesses& known) {
+    const std::size_t unknown = attached - std::min(attached, known.others.size());
+    // Readers may attach and detach during the count; a server process that was seen
+    // remains.
+    return std::max(unknown, known.servers.size());
+}
+
 }  // namespace tolvane::agent

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -16,5 +17,10 @@ struct AttachedProcesses {
 
 // `mainProcess` is the process id in the segment; -1 while unknown.
 AttachedProcesses attachedProcesses(std::int32_t shmid, pid_t mainProcess);
+
+// How many of the `attached` processes, as the kernel counts them, are the server's.
+// All except known readers are: some cannot be examined, or are in another process
+// namespace.
+std::size_t serverProcesses(std::size_t attached, const AttachedProcesses& known);
 
 }  // namespace tolvane::agent

@@ -22,12 +22,7 @@ constexpr std::time_t kClockSlack = 2;
 
 void judgeAttached(Server& server, const SegmentStatus& status) {
     AttachedProcesses attached = attachedProcesses(server.handoff.shmid, server.parentPid);
-    // All processes except known readers count as the server's: some cannot be
-    // examined, or are in another process namespace.
-    server.processes = status.attached - std::min(status.attached, attached.others.size());
-    // Readers may attach and detach during the count; a server process that was seen
-    // remains.
-    server.processes = std::max(server.processes, attached.servers.size());
+    server.processes = serverProcesses(status.attached, attached);
     bool mainRuns = server.parentPid > 0 && processExists(server.parentPid);
     server.process = mainRuns ? server.parentPid : oldestOf(attached.servers);
     RunJudgement judgement = judgeRun({server.handoff.shmid, server.version, status.removalPending,

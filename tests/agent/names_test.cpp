@@ -76,7 +76,7 @@ TEST(HostName, FaultsAreReportedWithARemedy) {
     const std::pair<std::string, const char*> cases[] = {
         {"", "empty name"},
         {"*.example", "no wildcards"},
-        {"http://shop.example/x", "write 'shop.example'"},
+        {"http://shop.example/x", "only the host name: 'shop.example'"},
         {"shop.example/x", "'/' is not allowed"},
         {"shop example", "' ' is not allowed"},
         {"shop.example:", "not a port"},

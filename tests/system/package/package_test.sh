@@ -30,6 +30,12 @@ dpkg-deb -c "$package" | awk '$1 !~ /^d/ { print $1, $2, substr($6, 2), $7 $8 }'
 check "files, modes and owners" diff - "$work/listed" <<'LIST'
 -rw-r--r-- root/root /etc/default/tolvane-collector
 -rwxr-xr-x root/root /usr/bin/tolvane
+-rw-r--r-- root/root /usr/include/tolvane/configuration_bounds.h
+-rw-r--r-- root/root /usr/include/tolvane/counters.h
+-rw-r--r-- root/root /usr/include/tolvane/entry_points.h
+-rw-r--r-- root/root /usr/include/tolvane/limits.h
+-rw-r--r-- root/root /usr/include/tolvane/paths.h
+-rw-r--r-- root/root /usr/include/tolvane/segment_format.h
 -rw-r--r-- root/root /usr/lib/systemd/system/tolvane-collector.service
 -rw-r--r-- root/root /usr/lib/tolvane/lib/i386-linux-gnu/libtolvane.so
 lrwxrwxrwx root/root /usr/lib/tolvane/lib/libtolvane.so ->i386-linux-gnu/libtolvane.so
