@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
 
@@ -114,7 +115,9 @@ void sleepUntilPublication() {
     for (std::int32_t slept = 0; slept < interval; ++slept) {
         ++wake.tv_sec;
         sleepUntil(wake);
-        newerFor = newerConfigurationExists() ? newerFor + 1 : 0;
+        // No version is newer than the highest. Its interval may be wrong as well.
+        bool newer = newerConfigurationExists() || config.version == INT32_MAX;
+        newerFor = newer ? newerFor + 1 : 0;
         if (newerFor == 0) continue;
         if (config.version == 0) return;
         if (interval > kLongInterval && newerFor >= newerInterval()) return;

@@ -11,7 +11,8 @@ void startMonitor();
 
 // Sleeps for the interval of the configuration in force. Returns earlier in two
 // cases: no configuration is in force and the agent writes one; or the interval is
-// longer than an hour, and a newer configuration has existed for its own interval.
+// longer than an hour, and a newer configuration has existed for its own interval, or
+// cannot exist because the version is the highest.
 // The second case limits the effect of a wrong interval.
 void sleepUntilPublication();
 

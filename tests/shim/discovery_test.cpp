@@ -188,6 +188,12 @@ TEST(Discovery, FillsATableToItsEnd) {
         {lines("Listen 10.0.0.1:", 1, 12, "\n") +
              lines("<VirtualHost 10.0.0.1:", 1, 11, ">\nSSLEngine on\n</VirtualHost>\n"),
          "10.0.0.1:12", plain, "No room for another SSL address: 10.0.0.1:11 is not measured"},
+        // An SSL address without an entry is not measured through a plain wildcard.
+        {lines("Listen 10.0.0.2:", 1, 9, "\n") + "Listen 80\nListen 10.0.0.7:80\n" +
+             lines("<VirtualHost 10.0.0.1:", 1, 10, ">\nSSLEngine on\n</VirtualHost>\n") +
+             "<VirtualHost 10.0.0.7>\nSSLEngine on\n</VirtualHost>\n",
+         lines("10.0.0.2:", 1, 9, " ") + "*:80", plain,
+         "No room for another listening address: 10.0.0.7:80 is not measured"},
     };
     setServer("apache");
     setVariable("SSL_FACTOR", "");

@@ -35,6 +35,8 @@ TEST(Monitor, SleepsUntilTheConfiguredOrAShortenedInterval) {
         {"negative again", 1, INT_MAX, {{100, 2, -1}}, 159},
         {"shortened later", 1, INT_MAX, {{100, 2, 3600}, {200, 3, 5}}, 200},
         {"withdrawn for long", 1, INT_MAX, {{100, 2, 5}, {102, -1, 5}, {300, 3, 5}}, 304},
+        {"highest version", INT_MAX, INT_MAX, {}, 60},
+        {"highest version, repaired", INT_MAX, INT_MAX, {{10, INT_MAX, 20}}, 20},
         {"interval alone", 1, 4000, {{100, 1, 5}}, 4000},
         {"first one", 0, 0, {{7, 1, 30}}, 7},
         {"first one being written", 0, 0, {{7, 0, 30}, {9, -5, 30}}, 60},

@@ -45,8 +45,9 @@ SocketAddress boundAddress(const AddressList& list, int i) {
 void logWithoutEntry(const AddressList& list, int i, const char* kind) {
     // Another entry may match its socket.
     SocketAddress socket = boundAddress(list, i);
-    bool covered = tableMatches(sslPorts, socket) ||
-                   (&list == &plainAddresses && tableMatches(plainPorts, socket));
+    bool covered =
+        tableMatches(sslPorts, socket) || (&list == &plainAddresses && !isSslWithoutEntry(socket) &&
+                                           tableMatches(plainPorts, socket));
     Message message;
     message.add("No room for another ").add(kind).add(" address: ").add(list.name[i]).add(":");
     message.add(list.port[i]);
