@@ -6,6 +6,7 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <thread>
@@ -65,6 +66,7 @@ TEST(CommandLine, ExitCodesTellScriptsWhatHappened) {
     }
     EXPECT_TRUE(
         contains(tolvane({"check", "/opt/bad.toml"}).errors, "/opt/bad.toml:1:12: interval is 0"));
+    EXPECT_EQ(WEXITSTATUS(std::system(TOLVANE_PROGRAM " list 2>/dev/full")), 1);
 }
 
 TEST(CommandLine, ReadsAPipeToItsEnd) {

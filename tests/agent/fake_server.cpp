@@ -44,7 +44,8 @@ FakeServer::FakeServer(int structures, const std::string& listen, const std::str
     if (pid_ == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         // By its library a measured process is known from another agent.
-        mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, open(TOLVANE_LIBRARY, O_RDONLY), 0);
+        const int library = open(TOLVANE_LIBRARY, O_RDONLY);
+        if (mmap(nullptr, 1, PROT_READ, MAP_PRIVATE, library, 0) == MAP_FAILED) _exit(1);
         int shmid = createSegment(structures);
         tolvane::test::writeFile(kHandoffDirectory + (kHandoffPrefix + std::to_string(getpid())),
                                  "Listen=" + listen + "\nShmid=" + std::to_string(shmid) +

@@ -15,8 +15,8 @@
 namespace tolvane::agent {
 namespace {
 
-using test::connectTo;
-using test::sendAll;
+using tolvane::test::connectTo;
+using tolvane::test::sendAll;
 
 class Client {
   public:
@@ -112,11 +112,11 @@ TEST_F(HttpServerTest, UnreadResponsesAreLimited) {
     auto statusOfLarge = [&] { return answerTo(request("GET", "/large")).substr(9, 3); };
     {
         Client lazy(server.port(), request("GET", "/large"));
-        EXPECT_TRUE(
-            test::eventually(std::chrono::seconds(10), [&] { return statusOfLarge() == "503"; }));
+        EXPECT_TRUE(tolvane::test::eventually(std::chrono::seconds(10),
+                                              [&] { return statusOfLarge() == "503"; }));
     }
-    EXPECT_TRUE(
-        test::eventually(std::chrono::seconds(10), [&] { return statusOfLarge() == "200"; }));
+    EXPECT_TRUE(tolvane::test::eventually(std::chrono::seconds(10),
+                                          [&] { return statusOfLarge() == "200"; }));
 }
 
 TEST_F(HttpServerTest, ReportsWhyItCannotListen) {

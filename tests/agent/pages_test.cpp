@@ -11,12 +11,12 @@
 namespace tolvane::agent {
 namespace {
 
-constexpr std::time_t kNow = 1700000003;
+constexpr std::time_t kAskedAt = 1700000003;
 
 HttpResponse answer(const CollectorState& state, const std::string& path,
                     const std::map<std::string, std::string>& query = {}) {
     return Pages([&](const auto& reader) { reader(state); }, "1.2.3")
-        .answer({"GET", path, query}, kNow);
+        .answer({"GET", path, query}, kAskedAt);
 }
 
 nlohmann::json jsonOf(const CollectorState& state, const std::string& path,
@@ -27,7 +27,7 @@ nlohmann::json jsonOf(const CollectorState& state, const std::string& path,
 }
 
 TEST(Pages, EachPathHasItsKind) {
-    CollectorState state = test::inventedState("shop", kNow);
+    CollectorState state = tolvane::test::inventedState("shop", kAskedAt);
     struct Case {
         const char* path;
         int status;
@@ -57,28 +57,28 @@ TEST(Pages, HealthNamesTheProblem) {
         const char* complaint;
     };
     for (const Case& c : {
-             Case{kNow - 5, 0, 5, true, ""},
-             Case{kNow - 999, kNow - 30, 1, true, ""},
-             Case{kNow - 999, kNow - 31, 1, true, "no round for 31 seconds"},
-             Case{kNow - 999, kNow - 300, 60, true, ""},
-             Case{kNow - 31, 0, 1, true, "no round for 31 seconds"},
-             Case{kNow - 999, kNow, 5, false, "the totals cannot be saved"},
+             Case{kAskedAt - 5, 0, 5, true, ""},
+             Case{kAskedAt - 999, kAskedAt - 30, 1, true, ""},
+             Case{kAskedAt - 999, kAskedAt - 31, 1, true, "no round for 31 seconds"},
+             Case{kAskedAt - 999, kAskedAt - 300, 60, true, ""},
+             Case{kAskedAt - 31, 0, 1, true, "no round for 31 seconds"},
+             Case{kAskedAt - 999, kAskedAt, 5, false, "the totals cannot be saved"},
          }) {
         CollectorState state;
         state.health.started = c.started;
         state.health.lastRound = c.lastRound;
         state.health.interval = c.interval;
         state.health.storeWorks = c.storeWorks;
-        EXPECT_EQ(complaintOf(state.health, kNow), c.complaint);
+        EXPECT_EQ(complaintOf(state.health, kAskedAt), c.complaint);
         EXPECT_EQ(answer(state, "/health").status, *c.complaint == '\0' ? 200 : 503);
     }
 }
 
 TEST(Pages, ServersAsJson) {
-    CollectorState state = test::inventedState("shop", kNow);
+    CollectorState state = tolvane::test::inventedState("shop", kAskedAt);
     state.servers.begin()->second.sites[1].configured = false;
     nlohmann::json json = jsonOf(state, "/api/servers");
-    EXPECT_EQ(json["time"], kNow);
+    EXPECT_EQ(json["time"], kAskedAt);
     EXPECT_EQ(json["collector"]["rounds"], 100);
     const nlohmann::json& server = json["servers"][0];
     EXPECT_EQ(server["name"], "*:80,10.0.0.1:443");
@@ -89,10 +89,10 @@ TEST(Pages, ServersAsJson) {
     EXPECT_EQ(sites[0]["categories"][0]["label"], "cart");
     EXPECT_EQ(sites[0]["categories"][0]["response_count"], 823044 - 8230 - 823);
     EXPECT_EQ(sites[1]["configured"], false);
-    EXPECT_EQ(sites[2]["name"], test::kHostileName);
+    EXPECT_EQ(sites[2]["name"], tolvane::test::kHostileName);
     EXPECT_EQ(sites[2]["categories"][0]["label"], "\"quoted\\\" ?");
 
-    CollectorState many = test::inventedState("states", kNow);
+    CollectorState many = tolvane::test::inventedState("states", kAskedAt);
     EXPECT_EQ(jsonOf(many, "/api/servers")["servers"].size(), 6U);
     json = jsonOf(many, "/api/servers", {{"server", "*:8083"}});
     ASSERT_EQ(json["servers"].size(), 1U);
@@ -101,13 +101,13 @@ TEST(Pages, ServersAsJson) {
 }
 
 TEST(Pages, HistoryHasWholeStepsAndNoEmptyRows) {
-    CollectorState state = test::inventedState("states", kNow);
+    CollectorState state = tolvane::test::inventedState("states", kAskedAt);
     SiteTally& site = state.servers.at("*:8080").sites[0];
     site.categories.resize(2);
     site.categories[1].label = "idle";
     site.history = {};
-    site.history.add(kNow - 10, {6, 1, 0.5F, 4});
-    site.history.add(kNow, {99, 0, 9, 99});
+    site.history.add(kAskedAt - 10, {6, 1, 0.5F, 4});
+    site.history.add(kAskedAt, {99, 0, 9, 99});
     state.servers.at("*:8081").history = {};
     state.servers.at("*:8081").sites.clear();
     nlohmann::json json = jsonOf(state, "/api/history");

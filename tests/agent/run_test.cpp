@@ -81,7 +81,7 @@ TEST(Run, UsesARootThatNeedsNoTranslation) {
     std::filesystem::create_directories("/opt/etc/conf");
     installServer("");
     std::string script = readFile("/opt/apachectl");
-    for (std::pair<std::string, std::string> change :
+    for (const std::pair<std::string, std::string>& change :
          {std::pair<std::string, std::string>{"/opt/etc/main.conf", "/opt/etc/conf/httpd.conf"},
           {"/run/apache2/apache2.pid", "/opt/etc/logs/httpd.pid"},
           {"mpm_event", "mpm_prefork"}}) {

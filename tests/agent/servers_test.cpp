@@ -185,7 +185,7 @@ TEST(Servers, AreSelectedByAddressProcessOrSegment) {
     EXPECT_EQ(selectServer(servers, "10.0.0.1:443").handoff.pid, first.pid());
     EXPECT_EQ(selectServer(servers, std::to_string(first.pid())).handoff.pid, first.pid());
     EXPECT_EQ(selectServer(servers, std::to_string(second.shmid())).handoff.pid, second.pid());
-    auto codeOf = [&](std::optional<std::string> wanted) {
+    auto codeOf = [&](const std::optional<std::string>& wanted) {
         try {
             selectServer(findServers(), wanted);
         } catch (const Error& error) {

@@ -23,7 +23,7 @@ std::string joined(const std::vector<std::string>& lines) {
 }
 
 // "name:port" of every entry; with "=address" where the address is not the name's.
-std::string describe(const PortTable& table) {
+std::string portsText(const PortTable& table) {
     std::string text;
     for (int i = 0; i < table.numHttpPort; ++i) {
         const std::string name = table.ipAddressName[i];
@@ -56,7 +56,7 @@ TEST(Discovery, ReadsANetscapeConfiguration) {
         const char* magnus;
         const char* plain;
         const char* ssl;
-        std::string log = "";
+        std::string log{};
     } cases[] = {
         {"Port 81\n", "*:81", ""},
         {"Security on\nPort 443\nAddress 10.1.2.3\n", "", "10.1.2.3:443", ssl},
@@ -74,8 +74,8 @@ TEST(Discovery, ReadsANetscapeConfiguration) {
             LogTail log;
             getWebServerInfo();
             EXPECT_EQ(webServerType, kNetscape);
-            EXPECT_EQ(describe(plainPorts), c.plain);
-            EXPECT_EQ(describe(sslPorts), c.ssl);
+            EXPECT_EQ(portsText(plainPorts), c.plain);
+            EXPECT_EQ(portsText(sslPorts), c.ssl);
             EXPECT_EQ(joined(log.next()), c.log);
         });
     }
@@ -153,8 +153,8 @@ TEST(Discovery, ReadsTheAddressesOfAnApacheConfiguration) {
         setVariable("SSL_FACTOR", c.sslFactor);
         inChild([&c] {
             getWebServerInfo();
-            EXPECT_EQ(describe(plainPorts), c.plain);
-            EXPECT_EQ(describe(sslPorts), c.ssl);
+            EXPECT_EQ(portsText(plainPorts), c.plain);
+            EXPECT_EQ(portsText(sslPorts), c.ssl);
         });
     }
 }
@@ -203,8 +203,8 @@ TEST(Discovery, FillsATableToItsEnd) {
         inChild([&c] {
             LogTail log;
             getWebServerInfo();
-            EXPECT_EQ(describe(plainPorts), c.plain);
-            EXPECT_EQ(describe(sslPorts), c.ssl);
+            EXPECT_EQ(portsText(plainPorts), c.plain);
+            EXPECT_EQ(portsText(sslPorts), c.ssl);
             const std::string last = log.next().back();
             EXPECT_EQ(last.starts_with("No room") ? last : "", c.log);
             EXPECT_EQ(isSslWithoutEntry({11, inet_addr("10.0.0.1")}),

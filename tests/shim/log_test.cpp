@@ -207,20 +207,20 @@ TEST(Log, RaisesNoSignalInTheServer) {
         int signal;
         void (*spoil)();
     } cases[] = {{SIGPIPE, breakStandardError}, {SIGXFSZ, reachFileSizeLimit}};
-    for (const auto& [signal, spoil] : cases) {
+    for (const auto& c : cases) {
         inChild([&] {
-            spoil();
+            c.spoil();
             printErrorMsg("unheard");
-            EXPECT_FALSE(isBlocked(signal));
+            EXPECT_FALSE(isBlocked(c.signal));
             sigset_t own;
             sigemptyset(&own);
-            sigaddset(&own, signal);
+            sigaddset(&own, c.signal);
             sigprocmask(SIG_BLOCK, &own, nullptr);
             printErrorMsg("unheard");
-            EXPECT_FALSE(isPending(signal));
-            raise(signal);
+            EXPECT_FALSE(isPending(c.signal));
+            raise(c.signal);
             printErrorMsg("unheard");
-            EXPECT_TRUE(isPending(signal) && isBlocked(signal)) << "the server's own";
+            EXPECT_TRUE(isPending(c.signal) && isBlocked(c.signal)) << "the server's own";
         });
         if (fs::exists("/opt/away")) fs::rename("/opt/away", "/opt/tolvane/agent/logs");
     }

@@ -183,7 +183,8 @@ TEST(UrlCategories, MatchesTheLargestConfiguration) {
                     for (int p = 0; p < kMaxPieces; ++p) {
                         const int number = (c * kMaxSections + k) * kMaxPieces + p;
                         std::string piece = dice.text("abcdefg", last, last);
-                        for (int i = 0, rest = number; i < 4; ++i, rest /= 7)
+                        int rest = number;
+                        for (std::size_t i = 0; i < 4; ++i, rest /= 7)
                             piece[i] = static_cast<char>('a' + rest % 7);
                         text += piece + "*";
                     }
@@ -211,7 +212,9 @@ TEST(UrlCategories, MatchesTheLargestConfiguration) {
 // Hostile patterns with URLs of 8 KB, which take long if any text is searched for
 // twice. The limit is several times the measured time.
 TEST(UrlCategories, NoPatternIsExpensive) {
-    const auto run = [](int length, char letter = 'a') { return std::string(length, letter); };
+    const auto run = [](int length, char letter = 'a') {
+        return std::string(static_cast<std::size_t>(length), letter);
+    };
     struct Case {
         const char* name;
         std::function<std::string(int number, int piece)> text;

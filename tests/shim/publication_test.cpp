@@ -21,7 +21,7 @@
 namespace tolvane::test {
 namespace {
 
-constexpr int kFd = 9;
+constexpr int kDescriptor = 9;
 
 struct Form {
     const char* name;
@@ -152,16 +152,16 @@ TEST(Publication, ClearsTheGroupsThatTheAgentHasCollected) {
 
 TEST(Publication, HappensEveryIntervalInAWorker) {
     const MeasuredProcess process(kApacheProcesses);
-    countAccepted(kFd, kPlain);
+    countAccepted(kDescriptor, kPlain);
     shmConfig->version = 3;
     for (unsigned call = 1; call <= 11; ++call) {
-        received(kFd, 1, {});
-        sent(kFd, call % 2 ? 1000 : -1, {});  // failed calls count as well
+        received(kDescriptor, 1, {});
+        sent(kDescriptor, call % 2 ? 1000 : -1, {});  // failed calls count as well
         EXPECT_EQ(shmPtr[0].total.bytesReceived, call / 5 * 5) << call;
         EXPECT_EQ(configInfo().info.version, call < 5 ? 0 : 3) << call;
     }
-    countAccepted(kFd, kSsl);  // its calls do not
-    for (int call = 0; call < 10; ++call) sent(kFd, 1, {});
+    countAccepted(kDescriptor, kSsl);  // its calls do not
+    for (int call = 0; call < 10; ++call) sent(kDescriptor, 1, {});
     EXPECT_EQ(shmPtr[0].total.bytesReceived, 10U);
 }
 
@@ -170,7 +170,7 @@ TEST(Publication, WithoutItsSemaphoreKeepsTheCounts) {
         SCOPED_TRACE(form.name);
         inChild([&form] {
             const MeasuredProcess process(form.type);
-            countAccepted(kFd, kPlain);
+            countAccepted(kDescriptor, kPlain);
             shmConfig->version = 3;
             removeSemaphore(semaphoreOf(0));
             form.publish();
@@ -196,7 +196,7 @@ TEST(Publication, HeldSemaphoreDelaysOnePublicationByASecond) {
         inChild([&] {
             const MeasuredProcess process(form.type);
             LogTail log;
-            countAccepted(kFd, kPlain);
+            countAccepted(kDescriptor, kPlain);
             const struct {
                 bool held;
                 int secondsLater;
@@ -219,14 +219,14 @@ TEST(Publication, HeldSemaphoreDelaysOnePublicationByASecond) {
                 EXPECT_LT(took, step.waits ? 1500ms : 300ms);
                 EXPECT_EQ(shmPtr[0].total.connections, step.published);
                 EXPECT_EQ(log.next().size(), step.waits ? 1U : 0U);
-                if (!step.held) countAccepted(kFd, kPlain);
+                if (!step.held) countAccepted(kDescriptor, kPlain);
             }
         });
     }
     inChild([&] {
         const MeasuredProcess process(kApacheProcesses);
         LogTail log;
-        countAccepted(kFd, kPlain);
+        countAccepted(kDescriptor, kPlain);
         holdSemaphore(true);
         const auto start = now();
         publishAtExit();
@@ -242,7 +242,7 @@ TEST(Publication, InterruptedWaitKeepsTheCounts) {
         SCOPED_TRACE(form.name);
         inChild([&] {
             const MeasuredProcess process(form.type);
-            countAccepted(kFd, kPlain);
+            countAccepted(kDescriptor, kPlain);
             holdSemaphore(true);
             struct sigaction action = {};
             action.sa_handler = [](int) {};

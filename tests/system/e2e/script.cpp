@@ -23,8 +23,10 @@ int openControls() {
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, kControlPath);
     unlink(kControlPath);
-    bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    listen(fd, 10);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd, 10) != 0) {
+        throw std::runtime_error(kControlPath);
+    }
     return fd;
 }
 

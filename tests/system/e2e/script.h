@@ -56,7 +56,7 @@ struct ServerOptions {
     std::vector<std::string> environment = {"REQUEST_INTERVAL=1"};
     std::string module = "prefork";
     std::string listen = "127.0.0.1:8080";
-    std::string configuration = "";  // further lines
+    std::string configuration{};  // further lines
     bool pidFile = true;
 };
 

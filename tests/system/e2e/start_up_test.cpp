@@ -128,18 +128,20 @@ TEST_F(StartUp, ServersThatStartAtOnceLeaveNothing) {
     for (int round = 0; round < 15; ++round) {
         resetSandbox();
         std::unique_ptr<ScriptServer> servers[kServers];
-        for (auto& server : servers)
+        for (auto& server : servers) {
             server = std::make_unique<ScriptServer>(ServerOptions{
                 .configuration = "Listen 8081\nListen 8082\nListen 8083\nMaxClients 150\n"});
+        }
         int listeners[kServers];
         std::barrier together(kServers);
         {
             std::vector<std::jthread> threads;
-            for (int i = 0; i < kServers; ++i)
+            for (int i = 0; i < kServers; ++i) {
                 threads.emplace_back([&, i] {
                     together.arrive_and_wait();
                     listeners[i] = servers[i]->listen(kPort + i);
                 });
+            }
         }
         ASSERT_EQ(systemVObjects("sem"), 3) << round;
         Segment segment;
@@ -225,7 +227,7 @@ TEST_F(StartUp, CreatesAtMost1024Semaphores) {
         EXPECT_EQ(systemVObjects("sem"), made);
         const auto log = logMessages();
         const auto told = std::ranges::count_if(
-            log, [&](auto& line) { return line.find(asked) != std::string::npos; });
+            log, [value = asked](auto& line) { return line.find(value) != std::string::npos; });
         EXPECT_EQ(told, asked == std::string("1024") ? 0 : 1);
         serve(*server.worker, server.listener);
         server.worker->exit();
