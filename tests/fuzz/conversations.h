@@ -1,0 +1,42 @@
+// What the message readers find in a conversation that arrives in parts.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "shim_utils/http/request_reader.h"
+
+namespace tolvane::fuzz {
+
+struct Reading {
+    std::vector<std::string> heads;  // of a request "TARGET HOST", of a response its status
+    std::size_t complete = 0;        // messages that have ended
+    bool stopped = false;            // the rest is not HTTP/1.x, or cannot be framed
+
+    bool operator==(const Reading&) const = default;
+};
+
+using Parts = std::vector<std::string_view>;
+
+// The requests of a client.
+Reading readRequests(const Parts& parts);
+
+// The final responses of a server, to one request of each method in turn, and to
+// requests of another method behind them. A response that ends HTTP on the connection
+// stops the reading.
+Reading readResponses(const Parts& parts, const std::vector<Method>& methods);
+
+// Cuts `text` into parts whose lengths `random` gives, each from 1 to the
+// given number.
+template <typename Random>
+Parts cut(std::string_view text, Random random) {
+    Parts parts;
+    while (!text.empty()) {
+        parts.push_back(text.substr(0, random(text.size())));
+        text.remove_prefix(parts.back().size());
+    }
+    return parts;
+}
+
+}  // namespace tolvane::fuzz
