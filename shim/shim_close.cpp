@@ -11,6 +11,7 @@
 #include "shim_utils/accounting/accounting.h"
 #include "shim_utils/lifecycle/process_identity.h"
 #include "shim_utils/platform/errno_guard.h"
+#include "shim_utils/publication/publication.h"
 #include "shim_utils/slots/serving_thread.h"
 #include "tolvane/entry_points.h"
 #include "tolvane/internal/shim_tables.h"
@@ -42,7 +43,7 @@ void closing(int fd) {
     for (ListenTable* table : {&httpListenSocket, &sslHttpListenSocket, &localListenSocket}) {
         table->set(fd, false);
     }
-    if (mayServe()) countClosed(fd);
+    if (mayServe() && countClosed(fd)) publishAtClose();
 }
 
 void closingStream(FILE* stream) {

@@ -115,11 +115,12 @@ void sleepUntilPublication() {
     for (std::int32_t slept = 0; slept < interval; ++slept) {
         ++wake.tv_sec;
         sleepUntil(wake);
+        if (publicationIsUrgent()) return;
+        bool newer = newerConfigurationExists();
+        if (newer && (config.version == 0 || countsMessages)) return;
         // No version is newer than the highest. Its interval may be wrong as well.
-        bool newer = newerConfigurationExists() || config.version == INT32_MAX;
-        newerFor = newer ? newerFor + 1 : 0;
+        newerFor = newer || config.version == INT32_MAX ? newerFor + 1 : 0;
         if (newerFor == 0) continue;
-        if (config.version == 0) return;
         if (interval > kLongInterval && newerFor >= newerInterval()) return;
     }
 }
@@ -159,6 +160,8 @@ void cleanup() {
         cleanUpParent();
     } else if (webServerType == kApacheProcesses && parentIsKnown()) {
         publishAtExit();
+    } else if (webServerType == kApacheThreads && readyForConnections.load()) {
+        publishSlotsAtExit();
     }
 }
 

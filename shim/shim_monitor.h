@@ -12,12 +12,14 @@ void startMonitor();
 // Sleeps for the interval of the configuration in force. Returns earlier in two
 // cases: no configuration is in force and the agent writes one; or the interval is
 // longer than an hour, and a newer configuration has existed for its own interval, or
-// cannot exist because the version is the highest.
-// The second case limits the effect of a wrong interval.
+// cannot exist because the version is the highest. The second case limits the effect
+// of a wrong interval. When messages are counted, it also returns within a second for
+// any newer configuration and for an urgent publication.
 void sleepUntilPublication();
 
 // In the server's parent: removes the semaphores, the segment and the handoff
-// file. In a type 0 worker: publishes its last counts, once. Elsewhere, and
+// file. In a type 0 worker, and when messages are counted also in a type 3 worker:
+// publishes its last counts, once. Elsewhere, and
 // with measurement off: nothing.
 void cleanup();
 

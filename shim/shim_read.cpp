@@ -19,12 +19,12 @@ TOLVANE_EXPORT ssize_t read(int fd, void* buffer, size_t count) {
     auto call = real_read.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, buffer, count);
-    return received(fd, n, transferredText(buffer, count, n));
+    return received(fd, n, buffer, count);
 }
 
 TOLVANE_EXPORT ssize_t __read_chk(int fd, void* buffer, size_t count, size_t size) {
     auto call = real_read_chk.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, buffer, count, size);
-    return received(fd, n, transferredText(buffer, count, n));
+    return received(fd, n, buffer, count);
 }

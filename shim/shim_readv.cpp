@@ -22,8 +22,7 @@ ssize_t receiveMessage(RecvmsgCall* call, int fd, msghdr* message, int flags) {
     if (call == nullptr) return -1;
     ssize_t n = call(fd, message, flags);
     if (n < 1) return n;
-    return receivedWithFlags(fd, n, transferredText(message->msg_iov, message->msg_iovlen, n),
-                             flags);
+    return receivedWithFlags(fd, n, Buffers{message->msg_iov, message->msg_iovlen}, flags);
 }
 
 }  // namespace
@@ -37,7 +36,7 @@ TOLVANE_EXPORT ssize_t readv(int fd, const iovec* vector, int entries) {
     if (call == nullptr) return -1;
     ssize_t n = call(fd, vector, entries);
     if (n < 1) return n;
-    return received(fd, n, transferredText(vector, static_cast<size_t>(entries), n));
+    return received(fd, n, Buffers{vector, static_cast<size_t>(entries)});
 }
 
 TOLVANE_EXPORT ssize_t recvmsg(int fd, msghdr* message, int flags) {

@@ -22,14 +22,14 @@ TOLVANE_EXPORT ssize_t recv(int fd, void* buffer, size_t length, int flags) {
     auto call = real_recv.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, buffer, length, flags);
-    return receivedWithFlags(fd, n, transferredText(buffer, length, n), flags);
+    return receivedWithFlags(fd, n, buffer, length, flags);
 }
 
 TOLVANE_EXPORT ssize_t __recv_chk(int fd, void* buffer, size_t length, size_t size, int flags) {
     auto call = real_recv_chk.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, buffer, length, size, flags);
-    return receivedWithFlags(fd, n, transferredText(buffer, length, n), flags);
+    return receivedWithFlags(fd, n, buffer, length, flags);
 }
 
 TOLVANE_EXPORT ssize_t recvfrom(int fd, void* buffer, size_t length, int flags, sockaddr* from,
@@ -37,7 +37,7 @@ TOLVANE_EXPORT ssize_t recvfrom(int fd, void* buffer, size_t length, int flags, 
     auto call = real_recvfrom.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, buffer, length, flags, from, fromLength);
-    return receivedWithFlags(fd, n, transferredText(buffer, length, n), flags);
+    return receivedWithFlags(fd, n, buffer, length, flags);
 }
 
 TOLVANE_EXPORT ssize_t __recvfrom_chk(int fd, void* buffer, size_t length, size_t size, int flags,
@@ -45,5 +45,5 @@ TOLVANE_EXPORT ssize_t __recvfrom_chk(int fd, void* buffer, size_t length, size_
     auto call = real_recvfrom_chk.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, buffer, length, size, flags, from, fromLength);
-    return receivedWithFlags(fd, n, transferredText(buffer, length, n), flags);
+    return receivedWithFlags(fd, n, buffer, length, flags);
 }

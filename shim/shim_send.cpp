@@ -23,7 +23,7 @@ TOLVANE_EXPORT ssize_t send(int fd, const void* buffer, size_t length, int flags
     auto call = real_send.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, buffer, length, flags);
-    return sent(fd, n, transferredText(buffer, length, n));
+    return sent(fd, n, buffer, length);
 }
 
 TOLVANE_EXPORT ssize_t sendto(int fd, const void* buffer, size_t length, int flags,
@@ -31,15 +31,15 @@ TOLVANE_EXPORT ssize_t sendto(int fd, const void* buffer, size_t length, int fla
     auto call = real_sendto.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, buffer, length, flags, to, toLength);
-    return sent(fd, n, transferredText(buffer, length, n));
+    return sent(fd, n, buffer, length);
 }
 
 TOLVANE_EXPORT ssize_t sendfile(int outFd, int inFd, void* offset, size_t count) {
     auto call = real_sendfile.find();
-    return call == nullptr ? -1 : sent(outFd, call(outFd, inFd, offset, count), {});
+    return call == nullptr ? -1 : sent(outFd, call(outFd, inFd, offset, count), Buffers{});
 }
 
 TOLVANE_EXPORT ssize_t sendfile64(int outFd, int inFd, void* offset, size_t count) {
     auto call = real_sendfile64.find();
-    return call == nullptr ? -1 : sent(outFd, call(outFd, inFd, offset, count), {});
+    return call == nullptr ? -1 : sent(outFd, call(outFd, inFd, offset, count), Buffers{});
 }

@@ -18,5 +18,5 @@ TOLVANE_EXPORT ssize_t write(int fd, const void* buffer, size_t count) {
     auto call = real_write.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, buffer, count);
-    return sent(fd, n, transferredText(buffer, count, n));
+    return sent(fd, n, buffer, count);
 }

@@ -21,8 +21,8 @@ namespace {
 ssize_t sendMessage(SendmsgCall* call, int fd, const msghdr* message, int flags) {
     if (call == nullptr) return -1;
     ssize_t n = call(fd, message, flags);
-    if (n < 1) return sent(fd, n, {});
-    return sent(fd, n, transferredText(message->msg_iov, message->msg_iovlen, n));
+    if (n < 1) return sent(fd, n, Buffers{});
+    return sent(fd, n, Buffers{message->msg_iov, message->msg_iovlen});
 }
 
 }  // namespace
@@ -35,8 +35,8 @@ TOLVANE_EXPORT ssize_t writev(int fd, const iovec* vector, int entries) {
     auto call = real_writev.find();
     if (call == nullptr) return -1;
     ssize_t n = call(fd, vector, entries);
-    if (n < 1) return sent(fd, n, {});
-    return sent(fd, n, transferredText(vector, static_cast<size_t>(entries), n));
+    if (n < 1) return sent(fd, n, Buffers{});
+    return sent(fd, n, Buffers{vector, static_cast<size_t>(entries)});
 }
 
 TOLVANE_EXPORT ssize_t sendmsg(int fd, const msghdr* message, int flags) {

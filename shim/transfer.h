@@ -5,8 +5,10 @@
 #include <sys/types.h>
 #include <sys/uio.h>
 
+#include <cstddef>
+
 #include "shim_utils/accounting/accounting.h"
-#include "shim_utils/platform/text.h"
+#include "shim_utils/accounting/counting.h"
 #include "shim_utils/publication/publication.h"
 #include "shim_utils/slots/connection_slots.h"
 #include "shim_utils/slots/serving_thread.h"
@@ -24,40 +26,35 @@ inline DescriptorState* trackedDescriptor(int fd) {
     return mayServe() ? state : nullptr;
 }
 
-// The part of a transfer of `n` bytes that is in a buffer of `size` bytes.
-inline Bytes transferredText(const void* buffer, std::size_t size, ssize_t n) {
-    if (buffer == nullptr || n < 1) return {};
-    auto length = static_cast<std::size_t>(n);
-    return {static_cast<const char*>(buffer), length < size ? length : size};
-}
-
-// The same for a vector. Only its first entry is examined.
-inline Bytes transferredText(const iovec* vector, std::size_t entries, ssize_t n) {
-    if (vector == nullptr || entries == 0) return {};
-    return transferredText(vector[0].iov_base, vector[0].iov_len, n);
-}
-
-// Counts a receive call on `fd` that returned `n`. `text` may be examined.
-inline ssize_t received(int fd, ssize_t n, Bytes text) {
+// Counts a receive call on `fd` that returned `n` and filled `buffers`.
+inline ssize_t received(int fd, ssize_t n, Buffers buffers) {
     if (n < 1) return n;
     DescriptorState* state = trackedDescriptor(fd);
     if (state == nullptr) return n;
     int slot = slotOf(webServerType, fd, *state);
-    if (slot >= 0) countReceived({*state, slotAt(slot)}, n, text);
+    if (slot >= 0) counting->received({*state, slotAt(slot)}, n, buffers);
     return n;
 }
+inline ssize_t received(int fd, ssize_t n, const void* data, std::size_t size) {
+    const iovec buffer = {const_cast<void*>(data), size};
+    return received(fd, n, Buffers{&buffer, 1});
+}
 
-// Counts a send call on `fd` that returned `n`, also an error. A type 0 process
-// publishes here.
-inline ssize_t sent(int fd, ssize_t n, Bytes text) {
+// Counts a send call of `buffers` on `fd` that returned `n`, also an error. A type 0
+// process publishes here.
+inline ssize_t sent(int fd, ssize_t n, Buffers buffers) {
     DescriptorState* state = trackedDescriptor(fd);
     if (state == nullptr) return n;
     int slot = slotOf(webServerType, fd, *state);
     if (slot < 0) return n;
     Connection connection = {*state, slotAt(slot)};
-    countSent(connection, n, text);
+    counting->sent(connection, n, buffers);
     if (webServerType == kApacheProcesses && connection.plain()) publishEveryInterval();
     return n;
+}
+inline ssize_t sent(int fd, ssize_t n, const void* data, std::size_t size) {
+    const iovec buffer = {const_cast<void*>(data), size};
+    return sent(fd, n, Buffers{&buffer, 1});
 }
 
 }  // namespace tolvane

@@ -18,12 +18,12 @@ constexpr int kFd = 9;
 // A read of 100 bytes that begin with this request.
 void get(const std::string& host, const std::string& url) {
     const std::string text = "GET " + url + " HTTP/1.1\r\nHost: " + host + "\r\n\r\n";
-    received(kFd, 100, {text.data(), text.size()});
+    received(kFd, 100, text.data(), text.size());
 }
 
 // A write of 1000 bytes that begin with this text.
 void put(const std::string& text) {
-    sent(kFd, 1000, {text.data(), text.size()});
+    sent(kFd, 1000, text.data(), text.size());
 }
 
 void expectCounted(const char* counted) {
@@ -54,11 +54,11 @@ TEST_P(Accounting, KeepsGaugesAndTimes) {
         "total: conn1 req2 in200 out3000 redir1 open1 | 0: conn1 req2 in200 out3000 redir1 open1"
         " | 0.0: req1 out1000 time0.25 | 0.1: req2 out3000 time0.5");
     // A request out of sight belongs to no site; its response does.
-    received(kFd, 50, {});
+    received(kFd, 50, Buffers{});
     put("HTTP/1.1 200");
     get("a.test", "/x.jsp");
-    sent(kFd, -1, {});
-    sent(kFd, 7, {});
+    sent(kFd, -1, Buffers{});
+    sent(kFd, 7, Buffers{});
     put("HTTP/1.1 200");  // neither is this
     get("b.test", "/");
     expectCounted(
@@ -72,13 +72,13 @@ TEST_P(Accounting, DropsWhatIsClosedWithNoResponseSinceTheLastRead) {
     putIntoForce({{"a.test", {"/x"}}, {"b.test", {}}});
     countAccepted(kFd, kPlain);
     get("a.test", "/x");
-    sent(kFd, -1, {});
+    sent(kFd, -1, Buffers{});
     countClosed(kFd);
     countAccepted(kFd, kPlain);
     get("b.test", "/");
-    sent(kFd, -1, {});
+    sent(kFd, -1, Buffers{});
     get("a.test", "/x");
-    sent(kFd, 0, {});
+    sent(kFd, 0, Buffers{});
     countClosed(kFd);
     expectCounted(
         "total: conn2 req3 in300 drop1 | 0: conn1 req2 in200 drop1 open-1"
@@ -98,8 +98,8 @@ TEST(AccountingBounds, IgnoresWhatIsOutsideTheTables) {
     const MeasuredProcess process(kNetscape, 16);
     for (const int number : {-1, 75, INT_MIN, INT_MAX}) {
         countAccepted(number, kPlain);
-        EXPECT_EQ(received(number, 100, {}), 100);
-        EXPECT_EQ(sent(number, 100, {}), 100);
+        EXPECT_EQ(received(number, 100, Buffers{}), 100);
+        EXPECT_EQ(sent(number, 100, Buffers{}), 100);
         countClosed(number);
         EXPECT_EQ(GETINDEX(kNetscape, number), -1);
         updateRequestResults(0, "a", 1, "/", 1, number);

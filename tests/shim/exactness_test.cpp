@@ -67,8 +67,8 @@ class ServerThread {
     int serve(int fd, int round, int status) {
         static constexpr char kText[] = "GET /page HTTP/1.1\r\nHost: a.test\r\n\r\n";
         fakeClock() = {1'000'000'000'000'000, kResponseTime};
-        const int n = 1 + round % 1000;
-        received(fd, n, {kText, sizeof kText - 1});
+        const int n = sizeof kText - 1 + round % 1000;
+        received(fd, n, kText, sizeof kText - 1);
         const RequestInfo request = slotAt(GETINDEX(load_.type, fd)).state.requestInfo;
         const int site = request.siteIndex;
         EXPECT_EQ(request.numMatched, 1);
@@ -77,7 +77,7 @@ class ServerThread {
         const std::string text =
             status == 0 ? "" : "HTTP/1.1 " + std::to_string(status) + " x\r\n\r\n";
         const bool timed = status != 0 && status < 400;
-        if (status != 0) sent(fd, static_cast<ssize_t>(text.size()), {text.data(), text.size()});
+        if (status != 0) sent(fd, static_cast<ssize_t>(text.size()), text.data(), text.size());
         done.addRequest(site, site, static_cast<std::size_t>(n), text.size(), status);
         done.category[site][site].responseTimeSum += timed ? kResponseSeconds : 0.0;
         return site;

@@ -28,10 +28,10 @@ class InterruptedPublication : public testing::Test {
     }
 
     void accept() { countAccepted(fd_, kPlain); }
-    void read() { received(fd_, 100, {kRequest, sizeof kRequest - 1}); }
+    void read() { received(fd_, 100, kRequest, sizeof kRequest - 1); }
     void write(std::int64_t microseconds) {
         fakeClock().step = microseconds;
-        sent(fd_, 1000, {kResponse, sizeof kResponse - 1});
+        sent(fd_, 1000, kResponse, sizeof kResponse - 1);
     }
     void close() { countClosed(fd_); }
 

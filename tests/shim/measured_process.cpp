@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "shim_utils/accounting/counting.h"
 #include "shim_utils/configuration/configuration.h"
 #include "shim_utils/platform/process_memory.h"
 #include "shim_utils/publication/publication.h"
@@ -36,6 +37,7 @@ MeasuredProcess::MeasuredProcess(ServerType type, int descriptorLimit, int recor
     webServerType = type;
     maxSockets = tableSize = descriptorLimit;
     descriptors = static_cast<DescriptorState*>(allocateZeroed(tableBytes()));
+    chooseCounting();
     EXPECT_EQ(createResultStruct(type), 1);
     shmConfig = reinterpret_cast<ConfigInfo*>(segment_.data());
     shmPtr = reinterpret_cast<ResultStruct*>(shmConfig + 1);

@@ -35,7 +35,11 @@ enum ServerType : int {
 extern int webServerType;
 extern int numSemaphores;    // NUM_SEMAPHORES; -1: not set
 extern int requestInterval;  // measured send calls between two publications, type 0
-extern int maxNumProcess;    // the server's process limit, 1 if it configures none
+// Whether HTTP messages are counted, else socket calls.
+extern bool countsMessages;
+struct Counting;
+extern const Counting* counting;  // the table of that way; null before start-up
+extern int maxNumProcess;  // the server's process limit, 1 if it configures none
 
 inline constexpr int kRootSize = PATH_MAX;
 inline constexpr int kPathSize = kRootSize + 32;  // root and the name of a file under it

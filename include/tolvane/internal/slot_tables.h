@@ -35,6 +35,8 @@ struct RequestInfo {
 };
 static_assert(sizeof(RequestInfo) == 80);
 
+struct ConnectionMessages;
+
 // The part of a slot that only the serving thread writes, on separate cache lines.
 struct alignas(64) SlotState {
     RequestInfo requestInfo;
@@ -46,6 +48,8 @@ struct alignas(64) SlotState {
     std::atomic<std::uint32_t> dirtyMarks;
     // Bit s: a count of site s may be other than 0. Never cleared.
     std::atomic<std::uint32_t> touchedSites;
+    // Written once, when the slot is made. Null when socket calls are counted.
+    ConnectionMessages* messages;
 };
 static_assert(sizeof(SlotState) == 128);
 

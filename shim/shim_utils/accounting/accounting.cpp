@@ -2,29 +2,14 @@
 
 #include <sys/time.h>
 
+#include "shim_utils/accounting/counters.h"
+#include "shim_utils/accounting/counting.h"
 #include "shim_utils/http/request_parser.h"
 #include "shim_utils/matching/url_categories.h"
 #include "shim_utils/platform/log.h"
-#include "shim_utils/slots/records.h"
 
 namespace tolvane {
 namespace {
-
-constexpr auto kRelaxed = std::memory_order_relaxed;
-
-// Marks the record dirty. This is the last store of a step, so a publisher that
-// reads the mark also reads the step's counts.
-void markDirty(SlotState& state) {
-    state.dirtyMarks.store(state.dirtyMarks.load(kRelaxed) + 1, std::memory_order_release);
-}
-
-// The counters of site `s`, marked as touched for the publisher.
-CounterBlock& siteCounters(Slot slot, int s) {
-    std::uint32_t touched = slot.state.touchedSites.load(kRelaxed);
-    std::uint32_t bit = 1U << s;
-    if ((touched & bit) == 0) slot.state.touchedSites.store(touched | bit, kRelaxed);
-    return slot.result.site[s];
-}
 
 // Calls `visit` with the counters of each category that the request matched.
 template <typename Visit>
@@ -35,22 +20,11 @@ void forEachMatched(Slot slot, Visit visit) {
     }
 }
 
-void lowerInProgress(CategoryCounters& category) {
-    if (valueOf(category.inProgress) > 0) addTo(category.inProgress, -1);
-}
-
 void timeOfDay(std::int32_t& seconds, std::int32_t& microseconds) {
     timeval now;
     gettimeofday(&now, nullptr);
     seconds = static_cast<std::int32_t>(now.tv_sec);
     microseconds = static_cast<std::int32_t>(now.tv_usec);
-}
-
-void countStatus(CounterBlock& block, int statusClass) {
-    if (statusClass == 3) addTo(block.redirects, 1U);
-    if (statusClass == 4) addTo(block.clientErrors, 1U);
-    if (statusClass == 5) addTo(block.serverErrors, 1U);
-    if (statusClass == 4 || statusClass == 5) addTo(block.errors, 1U);
 }
 
 std::int32_t wrappingDifference(std::int32_t a, std::int32_t b) {
@@ -209,6 +183,7 @@ void countAccepted(int fd, SocketKind kind) {
     Slot slot = slotAt(index);
     addTo(slot.result.total.connections, 1U);
     addTo(slot.result.total.openConnections, 1);
+    counting->accepted({*descriptor, slot});
     markDirty(slot.state);
 }
 
@@ -219,25 +194,23 @@ void forgetDescriptor(int fd) {
     descriptor->seenHttpConnection.store(0, kRelaxed);
 }
 
-void countClosed(int fd) {
+bool countClosed(int fd) {
     DescriptorState* descriptor = descriptorState(fd);
-    if (descriptor == nullptr) return;
+    if (descriptor == nullptr) return false;
     descriptor->seenHttpConnection.store(0, kRelaxed);
-    if (descriptor->typeOfSocket.load(kRelaxed) == kUntracked) return;
+    if (descriptor->typeOfSocket.load(kRelaxed) == kUntracked) return false;
     // The process that serves a connection counts its close. A process that
     // inherited the connection and never served it closes only a descriptor.
     bool ours = descriptor->owner.load(kRelaxed) == processGeneration;
     int index = ours ? slotOf(webServerType, fd, *descriptor) : -1;
     if (index >= 0) {
         Slot slot = slotAt(index);
-        addTo(slot.result.total.openConnections, -1);
-        if (descriptor->seenWriteOnce.load(kRelaxed) == 0) countDropped(slot);
-        int s = slot.state.requestInfo.siteIndex;
-        if (s >= 0) addTo(siteCounters(slot, s).openConnections, -1);
+        counting->closed({*descriptor, slot});
         markDirty(slot.state);
         if (webServerType != kApacheProcesses) RELEASEINDEX(fd);
     }
     descriptor->typeOfSocket.store(kUntracked, kRelaxed);
+    return index >= 0;
 }
 
 void countReported(const Connection& connection, Bytes host, Bytes url) {
@@ -253,6 +226,24 @@ void countReported(const Connection& connection, Bytes host, Bytes url) {
     }
     slot.state.requestInfo.pendingBytes = 0;
     markDirty(slot.state);
+}
+
+void callsAccepted(const Connection&) {}
+
+void callsReceived(const Connection& connection, ssize_t n, Buffers buffers) {
+    countReceived(connection, n, firstText(buffers, n));
+}
+
+void callsSent(const Connection& connection, ssize_t n, Buffers buffers) {
+    countSent(connection, n, firstText(buffers, n));
+}
+
+void callsClosed(const Connection& connection) {
+    const Slot slot = connection.slot;
+    addTo(slot.result.total.openConnections, -1);
+    if (connection.descriptor.seenWriteOnce.load(kRelaxed) == 0) countDropped(slot);
+    const int s = slot.state.requestInfo.siteIndex;
+    if (s >= 0) addTo(siteCounters(slot, s).openConnections, -1);
 }
 
 }  // namespace tolvane

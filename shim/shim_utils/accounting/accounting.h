@@ -58,6 +58,7 @@ void countAccepted(int fd, SocketKind kind);
 void forgetDescriptor(int fd);
 
 // Counts the close of `fd` if it is a tracked connection. Called before the close.
-void countClosed(int fd);
+// Returns whether it was a connection that this process served.
+bool countClosed(int fd);
 
 }  // namespace tolvane

@@ -62,6 +62,17 @@ bool setRootDir(const char* root) {
     return true;
 }
 
+void readWayOfCounting() {
+    const char* way = std::getenv("TOLVANE_COUNTING");
+    if (way == nullptr || std::strcmp(way, "calls") == 0) return;
+    countsMessages = std::strcmp(way, "messages") == 0;
+    if (countsMessages) return;
+    Text<256> message;
+    message.add("Environment variable TOLVANE_COUNTING is neither calls nor messages but ");
+    message.add(way).add(": socket calls are counted");
+    printErrorMsg(message.text());
+}
+
 }  // namespace
 
 void getNetscapeConfigInfo() {
@@ -89,6 +100,7 @@ void getWebServerInfo() {
     if (equalIgnoringCase(server, "apache")) webServerType = kApacheProcesses;
     if (equalIgnoringCase(server, "netscape")) webServerType = kNetscape;
 
+    readWayOfCounting();
     const char* root = std::getenv("WEB_SERVER_ROOT");
     if (root == nullptr) {
         printErrorMsg("Error: Environment variable WEB_SERVER_ROOT not defined");

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "shim_monitor.h"
+#include "shim_utils/configuration/configuration.h"
 #include "tolvane/internal/shim_tables.h"
 
 namespace tolvane {
@@ -18,7 +19,11 @@ pthread_mutex_t firstConnection = kUnlocked;
 void makeReady() {
     servesConnections.store(true);
     bucketNumber = getpid() % numStructures;
-    if (webServerType == kApacheThreads) startMonitor();
+    if (webServerType == kApacheThreads) {
+        startMonitor();
+    } else if (countsMessages) {
+        copyConfiguration();
+    }
     readyForConnections.store(true, std::memory_order_release);
 }
 

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "shim_monitor.h"
+#include "shim_utils/accounting/counting.h"
 #include "shim_utils/discovery/server_path.h"
 #include "shim_utils/lifecycle/process_identity.h"
 #include "shim_utils/lifecycle/run_files.h"
@@ -140,6 +141,7 @@ void initializeTolvaneShim() {
         printErrorMsg(" No port found for the webadapter ..!");
         return;
     }
+    chooseCounting();
     if (!readDescriptorLimit() || !createDescriptorTable() || !createRecords()) return;
     if (!watchForks()) {
         printErrorMsg("No memory to watch for forked children: nothing is measured");

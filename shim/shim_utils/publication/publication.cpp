@@ -1,6 +1,8 @@
 #include "shim_utils/publication/publication.h"
 
+#include <atomic>
 #include <cerrno>
+#include <ctime>
 
 #include "shim_utils/configuration/configuration.h"
 #include "shim_utils/platform/errno_guard.h"
@@ -23,6 +25,60 @@ namespace {
 int currentRequestCount = 0;   // measured send calls since the last publication
 bool publishedAtExit = false;  // the gauges are not published again
 
+// A counter of the shared record holds 32 bits. When messages are counted, bytes that
+// do not fit are held here until the agent has collected the counter.
+template <typename Block>
+struct HeldBlock {
+    std::uint64_t bytes[sizeof(countersOf<Block>()) / sizeof(Counter<Block>)];
+};
+struct HeldRecord {
+    HeldBlock<CounterBlock> total;
+    HeldBlock<CounterBlock> site[kMaxSites];
+    HeldBlock<CategoryCounters> category[kMaxSites][kMaxCategories];
+};
+HeldRecord held;
+bool holdsBytes = false;
+
+// Adds `amount` to `heldBytes` and returns the part of it that a counter with the
+// value `shared` has room for.
+std::uint32_t withoutHeld(std::uint32_t shared, std::uint32_t amount, std::uint64_t& heldBytes) {
+    const std::uint32_t room = UINT32_MAX - shared;
+    heldBytes += amount;
+    const std::uint32_t fits = heldBytes < room ? static_cast<std::uint32_t>(heldBytes) : room;
+    heldBytes -= fits;
+    if (heldBytes != 0) holdsBytes = true;
+    return fits;
+}
+
+void markShared(ResultStruct& record) {
+    for (std::int32_t* flag : {&record.totalDirty, &record.sitesDirty, &record.categoriesDirty}) {
+        std::atomic_ref<std::int32_t>(*flag).store(1, std::memory_order_release);
+    }
+}
+
+// Adds what is held to `shared`, as far as there is room.
+template <typename Block>
+void addHeld(Block& shared, HeldBlock<Block>& heldBlock) {
+    int i = 0;
+    for (const Counter<Block>& counter : countersOf<Block>()) {
+        std::uint64_t& heldBytes = heldBlock.bytes[i++];
+        if (heldBytes == 0) continue;
+        addTo(shared.*counter.member, withoutHeld(valueOf(shared.*counter.member), 0, heldBytes));
+    }
+}
+
+void addHeldBytes(ResultStruct& record) {
+    if (!holdsBytes) return;
+    holdsBytes = false;
+    markShared(record);
+    addHeld(record.total, held.total);
+    for (int s = 0; s < kMaxSites; ++s) {
+        addHeld(record.site[s], held.site[s]);
+        for (int c = 0; c < kMaxCategories; ++c)
+            addHeld(record.category[s][c], held.category[s][c]);
+    }
+}
+
 // How a gauge is published. Its value is added, not a difference.
 enum class Gauge { kSkip, kAdd, kAddUnlessNegative };
 
@@ -38,6 +94,10 @@ constexpr GaugeRules kMonitorRules = {Gauge::kAddUnlessNegative, Gauge::kAddUnle
 constexpr GaugeRules kExitRules = {Gauge::kSkip, Gauge::kAddUnlessNegative, Gauge::kSkip};
 constexpr GaugeRules kExitAgainRules = {Gauge::kSkip, Gauge::kSkip, Gauge::kSkip};
 
+// Who publishes in a threaded server: the monitor, and at exit the exiting thread.
+enum class Publisher { kNobody, kMonitor, kExit };
+std::atomic<Publisher> publisher{Publisher::kNobody};
+
 void addGauge(std::int32_t& shared, const std::int32_t& local, Gauge rule) {
     std::int32_t value = valueOf(local);
     if (value == 0 || rule == Gauge::kSkip) return;
@@ -47,13 +107,19 @@ void addGauge(std::int32_t& shared, const std::int32_t& local, Gauge rule) {
 
 // Adds to `shared` what `local` has counted beyond `published`.
 template <typename Block>
-void addCounters(Block& shared, const Block& local, Block& published) {
+void addCounters(Block& shared, const Block& local, Block& published, HeldBlock<Block>& heldBlock) {
+    int i = 0;
     for (const Counter<Block>& counter : countersOf<Block>()) {
         const auto member = counter.member;
+        std::uint64_t& heldBytes = heldBlock.bytes[i++];
         std::uint32_t now = valueOf(local.*member);
         if (now == published.*member) continue;
-        addTo(shared.*member, now - published.*member);
+        std::uint32_t amount = now - published.*member;
         published.*member = now;
+        if (countsMessages && counter.unit == CounterUnit::kBytes) {
+            amount = withoutHeld(valueOf(shared.*member), amount, heldBytes);
+        }
+        addTo(shared.*member, amount);
     }
 }
 
@@ -92,7 +158,7 @@ void mergeCategories(const SlotView& slot, int s, int configured, ResultStruct& 
         CategoryCounters& shared = (c < configured ? record : discarded).category[s][c];
         CategoryCounters& local = slot.local.category[s][c];
         CategoryCounters& published = slot.published.category[s][c];
-        addCounters(shared, local, published);
+        addCounters(shared, local, published, held.category[s][c]);
         addGauge(shared.inProgress, local.inProgress, rules.inProgress);
         addSum(shared, local, published, slot.state);
     }
@@ -102,7 +168,7 @@ void mergeCategories(const SlotView& slot, int s, int configured, ResultStruct& 
 // because their counts are all zero.
 void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rules) {
     const ConfigInfo& config = configInfo().info;
-    addCounters(record.total, slot.local.total, slot.published.total);
+    addCounters(record.total, slot.local.total, slot.published.total, held.total);
     addGauge(record.total.openConnections, slot.local.total.openConnections, rules.totalOpen);
 
     std::uint32_t touched = slot.state.touchedSites.load(std::memory_order_relaxed);
@@ -111,7 +177,7 @@ void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rul
         bool configured = s < config.numSites;
         CounterBlock& shared = (configured ? record : discarded).site[s];
         const CounterBlock& local = slot.local.site[s];
-        addCounters(shared, local, slot.published.site[s]);
+        addCounters(shared, local, slot.published.site[s], held.site[s]);
         addGauge(shared.openConnections, local.openConnections, rules.siteOpen);
         mergeCategories(slot, s, configured ? config.numCategories[s] : 0, record, rules);
     }
@@ -124,12 +190,6 @@ void resetCollectedGroups(ResultStruct& record) {
     if (valueOf(record.categoriesDirty) == 0) reinitializeResult(&record, 1, kCategories);
 }
 
-void markShared(ResultStruct& record) {
-    for (std::int32_t* flag : {&record.totalDirty, &record.sitesDirty, &record.categoriesDirty}) {
-        std::atomic_ref<std::int32_t>(*flag).store(1, std::memory_order_release);
-    }
-}
-
 // Merges a slot that was marked dirty since its last merge. A mark set during the
 // merge takes effect at the next one.
 void mergeIfDirty(const SlotView& slot, ResultStruct& record, const GaugeRules& rules) {
@@ -139,6 +199,32 @@ void mergeIfDirty(const SlotView& slot, ResultStruct& record, const GaugeRules& 
     // Marked before the merge, so that a part added by a killed process is not reset.
     markShared(record);
     mergeSlot(slot, record, rules);
+}
+
+// Merges every dirty slot of a threaded server.
+void mergeSlots(ResultStruct& record, const GaugeRules& rules) {
+    resetCollectedGroups(record);
+    addHeldBytes(record);
+    int slots = currMaxSockets.load(std::memory_order_acquire);
+    for (int first = 0; first < slots; first += kSlotStep) {
+        SlotBlock& block = blockOf(first);
+        int size = slots - first < kSlotStep ? slots - first : kSlotStep;
+        for (int i = 0; i < size; ++i) mergeIfDirty(viewOf(block, i), record, rules);
+    }
+}
+
+// Keeps the monitor from publishing again. False when its publication does not end.
+bool takeOverPublication() {
+    constexpr int kTries = 2000;
+    constexpr timespec kPause = {0, 1'000'000};
+    for (int i = 0; i < kTries; ++i) {
+        Publisher expected = Publisher::kNobody;
+        if (publisher.compare_exchange_strong(expected, Publisher::kExit)) return true;
+        nanosleep(&kPause, nullptr);
+    }
+    printErrorMsg(
+        "The monitor thread does not end: the counts since the last publication are lost");
+    return false;
 }
 
 bool lockAtExit(int semaphore) {
@@ -161,6 +247,7 @@ void writeResult() {
     SlotView slot = viewOf(blockOf(0), 0);
     if (slot.state.dirtyMarks.load(std::memory_order_relaxed) != slot.seenMarks) {
         resetCollectedGroups(record);
+        addHeldBytes(record);
         mergeIfDirty(slot, record, kWorkerRules);
     }
     if (!unlockSemaphore(semaphore)) return;
@@ -173,19 +260,45 @@ void publishEveryInterval() {
     writeResult();
 }
 
+void publishAtClose() {
+    if (countsMessages && webServerType == kApacheProcesses) writeResult();
+}
+
 void publishSlots() {
+    Publisher expected = Publisher::kNobody;
+    if (!publisher.compare_exchange_strong(expected, Publisher::kMonitor)) return;
     ResultStruct& record = shmPtr[bucketNumber];
     int semaphore = semaphoreOf(bucketNumber);
     bool shared = webServerType == kApacheThreads;
-    if (shared && !lockSemaphore(semaphore)) return;
-    resetCollectedGroups(record);
-    int slots = currMaxSockets.load(std::memory_order_acquire);
-    for (int first = 0; first < slots; first += kSlotStep) {
-        SlotBlock& block = blockOf(first);
-        int size = slots - first < kSlotStep ? slots - first : kSlotStep;
-        for (int i = 0; i < size; ++i) mergeIfDirty(viewOf(block, i), record, kMonitorRules);
+    if (!shared || lockSemaphore(semaphore)) {
+        mergeSlots(record, kMonitorRules);
+        if (shared) unlockSemaphore(semaphore);
     }
-    if (shared) unlockSemaphore(semaphore);
+    publisher.store(Publisher::kNobody);
+}
+
+void publishSlotsAtExit() {
+    if (!countsMessages || !takeOverPublication()) return;
+    ResultStruct& record = shmPtr[bucketNumber];
+    int semaphore = semaphoreOf(bucketNumber);
+    if (!lockAtExit(semaphore)) return;
+    mergeSlots(record, kExitAgainRules);
+    unlockSemaphore(semaphore);
+}
+
+bool publicationIsUrgent() {
+    if (!countsMessages) return false;
+    constexpr std::uint32_t kManyBytes = 1U << 30;
+    int slots = currMaxSockets.load(std::memory_order_acquire);
+    for (int i = 0; i < slots; ++i) {
+        const SlotView slot = viewOf(blockOf(i), i % kSlotStep);
+        if (slot.state.dirtyMarks.load(std::memory_order_relaxed) == slot.seenMarks) continue;
+        const CounterBlock& total = slot.local.total;
+        const CounterBlock& published = slot.published.total;
+        if (valueOf(total.bytesSent) - published.bytesSent >= kManyBytes) return true;
+        if (valueOf(total.bytesReceived) - published.bytesReceived >= kManyBytes) return true;
+    }
+    return false;
 }
 
 void publishAtExit() {

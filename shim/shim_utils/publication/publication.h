@@ -19,6 +19,18 @@ void publishSlots();
 // publishes what was counted since.
 void publishAtExit();
 
+// Publishes what a type 0 worker counted for a connection that is being closed. Acts
+// only when messages are counted, like the next two.
+void publishAtClose();
+
+// Publishes the last counts of a type 3 worker at its exit. The monitor publishes
+// nothing afterwards. Waits for the monitor two seconds at most.
+void publishSlotsAtExit();
+
+// Whether a slot has counted so many bytes since the last publication that a
+// counter could wrap before the next one.
+bool publicationIsUrgent();
+
 // For a forked child: resets the number of calls since the last publication.
 void resetIntervalAfterFork();
 

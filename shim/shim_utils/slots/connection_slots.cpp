@@ -9,6 +9,7 @@
 #include "shim_utils/platform/log.h"
 #include "shim_utils/platform/process_memory.h"
 #include "shim_utils/platform/text.h"
+#include "shim_utils/slots/exchanges.h"
 #include "tolvane/entry_points.h"
 
 namespace tolvane {
@@ -44,12 +45,20 @@ int allocateFreeSlot() {
     return -1;
 }
 
+bool addMessages(SlotBlock& block, int slots) {
+    const auto size = static_cast<std::size_t>(slots) * sizeof(ConnectionMessages);
+    auto* messages = static_cast<ConnectionMessages*>(allocateZeroed(size));
+    if (messages == nullptr) return false;
+    for (int i = 0; i < slots; ++i) block.states[i].messages = messages + i;
+    return true;
+}
+
 // Appends a block. New memory is all zero, which is the initial state of a slot's
 // record and request.
 bool addBlock(int slots) {
     int total = currMaxSockets.load(std::memory_order_relaxed);
     auto* block = static_cast<SlotBlock*>(allocateZeroed(sizeof(SlotBlock)));
-    if (block == nullptr) return false;
+    if (block == nullptr || (countsMessages && !addMessages(*block, slots))) return false;
     slotBlocks[total / kSlotStep].store(block, std::memory_order_release);
     currMaxSockets.store(total + slots, std::memory_order_release);
     return true;

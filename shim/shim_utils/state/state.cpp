@@ -8,6 +8,8 @@ int webServerType = kApacheProcesses;
 int numSemaphores = 0;
 int requestInterval = 5;
 int maxNumProcess = 1;
+bool countsMessages = false;
+const Counting* counting = nullptr;
 char rootDir[kRootSize];
 char pidFile[kPathSize];
 

@@ -1,0 +1,68 @@
+// The requests in flight on a connection, for the way of counting that reads HTTP
+// messages.
+#pragma once
+
+#include <cstdint>
+
+#include "shim_utils/http/request_reader.h"
+#include "shim_utils/http/response_reader.h"
+
+namespace tolvane {
+
+// The site and the categories that a message's bytes belong to.
+struct Credit {
+    std::int16_t site = -1;        // -1: none
+    std::uint16_t categories = 0;  // bit c: category c of the site
+};
+
+// A request in flight: from its head to the end of its response.
+struct Exchange {
+    std::int64_t start = 0;  // nanoseconds of the monotonic clock at the request's first byte;
+                             // 0 when it is in no category
+    Credit credit;
+    Method method = Method::kOther;
+    bool answered = false;  // its response has been counted
+};
+static_assert(sizeof(Exchange) == 16);
+
+// The exchanges of a connection in the order of their requests. Zeroed: empty.
+class ExchangeQueue {
+  public:
+    static constexpr std::uint32_t kCapacity = 256;
+
+    bool empty() const { return count_ == 0; }
+    bool full() const { return count_ == kCapacity; }
+    Exchange& front() { return items_[first_]; }
+    // There is room.
+    void push(const Exchange& exchange) { items_[(first_ + count_++) % kCapacity] = exchange; }
+    // It is not empty. An empty queue starts at the same item again, so that a
+    // connection without pipelining uses a single item.
+    void pop() { first_ = --count_ == 0 ? 0 : (first_ + 1) % kCapacity; }
+
+  private:
+    std::uint32_t first_ = 0;
+    std::uint32_t count_ = 0;
+    Exchange items_[kCapacity];
+};
+
+// The messages of the connection that holds a slot. Written and read by the
+// thread that serves the connection. Zeroed memory is a valid state.
+struct ConnectionMessages {
+    RequestReader requests;
+    ResponseReader responses;
+
+    // The request that is being received.
+    std::int64_t requestStart;      // like Exchange::start, 0: not yet known
+    std::int64_t responseStart;     // the same of the response that is being sent
+    std::uint64_t uncreditedBytes;  // received before the request's site is known
+    Credit receiving;
+    bool admitted;            // the request has been counted and has got an exchange
+    bool answers;             // the response that is being sent belongs to the first exchange
+    std::int16_t firstSite;   // the site that counted the connection, -1: no site yet
+    std::int32_t descriptor;  // of the connection, -1: its messages are not read
+
+    ExchangeQueue exchanges;
+    RequestTexts texts;
+};
+
+}  // namespace tolvane

@@ -1,0 +1,206 @@
+// What is counted for the HTTP messages of a connection. Each conversation is played
+// as it stands, byte by byte, and in parts of random lengths: the counts are the same.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "measured_process.h"
+#include "shim_utils/accounting/counting.h"
+#include "transfer.h"
+
+namespace tolvane::test {
+namespace {
+
+constexpr int kFd = 9;
+
+// "<" is received, ">" sent, "f" sent without its bytes (a number of them); "x" closes.
+struct Conversation {
+    const char* name;
+    std::vector<std::string> steps;
+    const char* counted;
+};
+
+const std::string kGet = "<GET /x HTTP/1.1\r\nHost: a.test\r\n\r\n";         // 33 bytes
+const std::string kOk = ">HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";   // 40 bytes
+const std::string kEmpty = ">HTTP/1.1 404 No\r\nContent-Length: 0\r\n\r\n";  // 38 bytes
+const std::string kNoContent = ">HTTP/1.1 204 No\r\n\r\n";                   // 19 bytes
+
+std::string operator*(int n, const std::string& step) {
+    std::string all = step.substr(0, 1);
+    for (int i = 0; i < n; ++i) all += step.substr(1);
+    return all;
+}
+
+std::string get(const std::string& target, const std::string& fields) {
+    return "<GET " + target + " HTTP/1.1\r\n" + fields + "\r\n";
+}
+std::string post(const std::string& fields, const std::string& body) {
+    return "<POST /x HTTP/1.1\r\nHost: a.test\r\n" + fields + "\r\n" + body;
+}
+std::string ok(const std::string& fields, const std::string& body) {
+    return ">HTTP/1.1 200 OK\r\n" + fields + "\r\n" + body;
+}
+
+const std::vector<Conversation> kConversations = {
+    {"one exchange",
+     {kGet, kOk, "x"},
+     "total: conn1 req1 in33 out40 | 0: conn1 req1 in33 out40 | 0.0: req1 out40 time1"},
+    {"three pipelined requests and one write",
+     {3 * kGet, 3 * kOk, "x"},
+     "total: conn1 req3 in99 out120 | 0: conn1 req3 in99 out120 | 0.0: req3 out120 time1"},
+    {"empty lines between requests belong to no site",
+     {"<\r\n\r\n", kGet, kOk, "<\r\n", kGet, "x"},
+     "total: conn1 req2 in72 out40 drop1 | 0: conn1 req2 in66 out40 drop1"
+     " | 0.0: req2 out40 drop1 time1"},
+    {"names in any case, any method",
+     {"<PROPFIND /x HTTP/1.1\r\nhOST:\ta.test \r\n\r\n", kEmpty, "x"},
+     "total: conn1 req1 in39 out38 err1 cerr1 | 0: conn1 req1 in39 out38 err1 cerr1"
+     " | 0.0: req1 out38 err1"},
+    {"the authority of an absolute target is the host",
+     {get("http://user@a.test/x", "Host: b.test\r\n"), kNoContent, get("http://b.test", ""),
+      kNoContent},
+     "total: conn1 req2 in81 out38 open1 | 0: conn1 req1 in51 out19 open1"
+     " | 0.0: req1 out19 time1 | 1: req1 in30 out19"},
+    {"an interim response is bytes only",
+     {post("Content-Length: 3\r\n", ""), ">HTTP/1.1 100 Continue\r\n\r\n", "<abc", kEmpty, "x"},
+     "total: conn1 req1 in56 out63 err1 cerr1 | 0: conn1 req1 in56 out63 err1 cerr1"
+     " | 0.0: req1 out63 err1"},
+    {"a body never begins a request",
+     {post("Content-Length: 33\r\n", kGet.substr(1)), kNoContent, kGet, kNoContent, "x"},
+     "total: conn1 req2 in120 out38 | 0: conn1 req2 in120 out38 | 0.0: req2 out38 time1"},
+    {"a chunked request",
+     {post("Transfer-Encoding: gzip, Chunked\r\n",
+           "21;ext=\"x\"\r\n" + kGet.substr(1) + "\r\n0\r\nTrailer: x\r\n\r\n") +
+          kGet.substr(1),
+      2 * kNoContent, "x"},
+     "total: conn1 req2 in165 out38 | 0: conn1 req2 in165 out38 | 0.0: req2 out38 time1"},
+    {"responses to HEAD and of 304 have no body",
+     {"<HEAD /x HTTP/1.1\r\nHost: a.test\r\n\r\n" + kGet.substr(1),
+      ok("Content-Length: 100\r\n", "") + "HTTP/1.1 304 Not\r\nContent-Length: 9\r\n\r\n", kGet,
+      kOk, "x"},
+     "total: conn1 req3 in100 out119 redir1 | 0: conn1 req3 in100 out119 redir1"
+     " | 0.0: req3 out119 time1"},
+    {"a chunked response, and the next",
+     {2 * kGet,
+      ok("transfer-encoding: chunked\r\n", "3\r\nabc\r\n0\r\n\r\n") + kNoContent.substr(1), "x"},
+     "total: conn1 req2 in66 out79 | 0: conn1 req2 in66 out79 | 0.0: req2 out79 time1"},
+    {"a body that ends with the connection",
+     {kGet, ok("", "anything"), ">HTTP/1.1 500\r\n\r\n", "x"},
+     "total: conn1 req1 in33 out43 | 0: conn1 req1 in33 out43 | 0.0: req1 out43 time1"},
+    {"a body that the process does not see",
+     {kGet, ok("Content-Length: 50\r\n", ""), "f50", kGet, kOk, "x"},
+     "total: conn1 req2 in66 out129 | 0: conn1 req2 in66 out129 | 0.0: req2 out129 time1"},
+    {"another protocol after 101",
+     {kGet, ">HTTP/1.1 101 Switching\r\n\r\n", kGet, kOk, "x"},
+     "total: conn1 req1 in66 out66 | 0: conn1 req1 in33 out26 | 0.0: req1 out26 time1"},
+    {"a tunnel after CONNECT",
+     {"<CONNECT a.test:443 HTTP/1.1\r\nHost: a.test\r\n\r\n", ok("", ""), kGet, "x"},
+     "total: conn1 req1 in78 out19 | 0: conn1 req1 in45 out19"},
+    {"CONNECT refused",
+     {"<CONNECT a.test:443 HTTP/1.1\r\nHost: a.test\r\n\r\n", kEmpty, kGet, kOk, "x"},
+     "total: conn1 req2 in78 out78 err1 cerr1 | 0: conn1 req2 in78 out78 err1 cerr1"
+     " | 0.0: req1 out40 time1"},
+    {"no HTTP at all",
+     {"<\x16\x03\x01\x02", ">HTTP/1.1 400 Bad\r\n\r\n", "x"},
+     "total: conn1 in4 out20"},
+    {"HTTP/2 and HTTP/0.9 are not read",
+     {"<PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", "x"},
+     "total: conn1 in24"},
+    {"no request, no drop", {"x"}, "total: conn1"},
+    {"two requests without a response",
+     {kGet, kGet, "x"},
+     "total: conn1 req2 in66 drop2 | 0: conn1 req2 in66 drop2 | 0.0: req2 drop2"},
+    {"a response that has begun is no drop",
+     {kGet, ok("Content-Length: 9\r\n", "a"), "x"},
+     "total: conn1 req1 in33 out39 | 0: conn1 req1 in33 out39 | 0.0: req1 out39 time1"},
+    {"nor is the head of a final one",
+     {kGet, ">HTTP/1.1 500 No\r\nServer", "x"},
+     "total: conn1 req1 in33 out23 err1 serr1 | 0: conn1 req1 in33 out23 err1 serr1"
+     " | 0.0: req1 out23 err1"},
+    {"an interim response alone is a drop",
+     {kGet, ">HTTP/1.1 100 Continue\r\n\r\n", "x"},
+     "total: conn1 req1 in33 out25 drop1 | 0: conn1 req1 in33 out25 drop1"
+     " | 0.0: req1 out25 drop1"},
+    {"a head that never ends is a request once its line is complete",
+     {"<GET /x HTTP/1.1\r\nHost: a.test\r\nX", "x"},
+     "total: conn1 req1 in32 drop1 | 0: conn1 req1 in32 drop1 | 0.0: req1 drop1"},
+    {"half a request line is not", {"<GET /x HTT", "x"}, "total: conn1 in10"},
+    {"a response before the head is complete",
+     {"<GET /x HTTP/1.1\r\nHost: a.test\r\nX", kEmpty, "x"},
+     "total: conn1 req1 in32 out38 err1 cerr1 | 0: conn1 req1 in32 out38 err1 cerr1"
+     " | 0.0: req1 out38 err1"},
+    {"a response without a request", {">HTTP/1.1 408 Late\r\n\r\n", "x"}, "total: conn1 out21"},
+    {"a contradictory length is a request, and what follows is not read",
+     {post("Content-Length: 3\r\nTransfer-Encoding: chunked\r\n", "0\r\n\r\n") + kGet.substr(1),
+      kEmpty, kGet, "x"},
+     "total: conn1 req1 in152 out38 err1 cerr1 | 0: conn1 req1 in81 out38 err1 cerr1"
+     " | 0.0: req1 out38 err1"},
+};
+
+class MessageCounting : public testing::TestWithParam<ServerType> {
+  protected:
+    void SetUp() override { countsMessages = true; }
+    void TearDown() override { countsMessages = false; }
+};
+INSTANTIATE_TEST_SUITE_P(Types, MessageCounting,
+                         testing::Values(kApacheProcesses, kNetscape, kApacheThreads));
+
+using Split = std::size_t(std::size_t left);
+
+void transfer(const std::string& step, const std::function<Split>& split) {
+    if (step[0] == 'f') {
+        sent(kFd, std::stoi(step.substr(1)), Buffers{});
+        return;
+    }
+    for (std::size_t at = 1; at < step.size();) {
+        const std::size_t n = split(step.size() - at);
+        const std::string part = step.substr(at, n);  // a copy, so that no reader goes beyond it
+        const auto count = static_cast<ssize_t>(n);
+        if (step[0] == '<') received(kFd, count, part.data(), n);
+        if (step[0] == '>') sent(kFd, count, part.data(), n);
+        at += n;
+    }
+}
+
+std::string counted(const Conversation& conversation, ServerType type,
+                    const std::function<Split>& split) {
+    const MeasuredProcess process(type);
+    requestInterval = INT_MAX;
+    putIntoForce({{"a.test", {"/x"}}, {"b.test", {}}});
+    countAccepted(kFd, kPlain);
+    for (const std::string& step : conversation.steps) {
+        if (step == "x") {
+            countClosed(kFd);
+        } else {
+            transfer(step, split);
+        }
+    }
+    ResultStruct& result = slotAt(0).result;
+    for (auto& site : result.category) {
+        for (CategoryCounters& category : site) {
+            if (category.responseTimeSum > 0) category.responseTimeSum = 1;
+        }
+    }
+    return describe(result);
+}
+
+TEST_P(MessageCounting, IsTheSameHoweverAConversationIsSplit) {
+    std::mt19937 random(1);
+    for (const Conversation& conversation : kConversations) {
+        const std::string expected = conversation.counted;
+        const auto play = [&](const std::function<Split>& split) {
+            return counted(conversation, GetParam(), split);
+        };
+        EXPECT_EQ(play([](std::size_t left) { return left; }), expected) << conversation.name;
+        EXPECT_EQ(play([](std::size_t) { return 1; }), expected) << conversation.name;
+        for (int i = 0; i < 20; ++i) {
+            EXPECT_EQ(play([&](std::size_t left) { return random() % left + 1; }), expected)
+                << conversation.name;
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tolvane::test
