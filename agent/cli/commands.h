@@ -17,6 +17,7 @@ struct RunOptions {
     std::string root;
     std::string library;
     std::optional<std::string> sslFactor;
+    std::optional<std::string> counting;  // "calls" or "messages"
     std::optional<int> semaphores;
     std::optional<int> requestInterval;
     bool quiet = false;

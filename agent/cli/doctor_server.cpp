@@ -88,6 +88,14 @@ void Examiner::examineVariables(const Environment& environment) {
     if (interval != environment.end() && parseInt32(interval->second).value_or(1) <= 0) {
         problem(fmt::format("REQUEST_INTERVAL={} is not above 0", interval->second), kRestart);
     }
+    auto counting = environment.find("TOLVANE_COUNTING");
+    if (counting != environment.end() && counting->second != "messages" &&
+        counting->second != "calls") {
+        problem(fmt::format("TOLVANE_COUNTING={} is neither messages nor calls: socket calls are "
+                            "counted",
+                            printable(counting->second)),
+                kRestart);
+    }
     auto preload = environment.find("LD_PRELOAD");
     if (preload == environment.end() || preload->second.find(kLibraryName) == std::string::npos) {
         note(

@@ -74,6 +74,9 @@ void addRun(CLI::App& app, RunOptions& options, Action& action) {
         "--ssl-factor", options.sslFactor,
         "SSL_FACTOR: 'start' for a server without SSL, 'startssl' with SSL; default: from its "
         "configuration");
+    run->add_option("--counting", options.counting,
+                    "TOLVANE_COUNTING: count HTTP 'messages' or socket 'calls'; default: messages")
+        ->check(CLI::IsMember({"messages", "calls"}));
     run->add_option("--semaphores", options.semaphores,
                     "NUM_SEMAPHORES: result records, and semaphores, of a server with more than 10 "
                     "processes; default: 3")

@@ -49,6 +49,16 @@ std::string settledNumber(const std::optional<int>& option, const char* name,
     return value;
 }
 
+std::string settledCounting(const std::optional<std::string>& option) {
+    std::string value = option.value_or(environmentOr("TOLVANE_COUNTING", "messages"));
+    if (value != "messages" && value != "calls") {
+        fail(ErrorKind::kInvalidInput,
+             "TOLVANE_COUNTING={} in the environment is neither messages nor calls",
+             printable(value));
+    }
+    return value;
+}
+
 std::string typeOf(const ServerCommand& command, const std::string& wanted) {
     if (!wanted.empty()) return wanted;
     if (command.kind == ServerKind::kNetscape) return "netscape";
@@ -152,6 +162,7 @@ void settleVariables(StartPlan& plan, const RunOptions& options) {
     variables["WEB_SERVER_ROOT"] = plan.root;
     variables.emplace("SSL_FACTOR", environmentOr("SSL_FACTOR", "start"));
     if (options.sslFactor) variables["SSL_FACTOR"] = *options.sslFactor;
+    variables["TOLVANE_COUNTING"] = settledCounting(options.counting);
     if (plan.hasSslHosts && lower(variables["SSL_FACTOR"]) == "start") {
         fmt::print(stderr,
                    "tolvane: note: the server has SSL hosts, and SSL_FACTOR={} treats them as "
