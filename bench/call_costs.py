@@ -63,10 +63,12 @@ def per_call(build):
                    "SSL_FACTOR": "start", "REQUEST_INTERVAL": "20000"}
     preload = f"{build}/lib/libtolvane.so {build}/lib/libempty_calls.so"
     result = []
-    for group in ("none", "small", "fullest", "threads"):
+    for group in ("none", "small", "fullest", "messages", "threads"):
         module = "worker" if group == "threads" else "prefork"
         (ROOT / "logs/.tolvane_info").write_text(f"{module}\n")
-        result += measure([f"{build}/bin/per_call", group], {**environment, "LD_PRELOAD": preload})
+        counting = "messages" if group == "messages" else "calls"
+        result += measure([f"{build}/bin/per_call", group],
+                          {**environment, "LD_PRELOAD": preload, "TOLVANE_COUNTING": counting})
     for kind in ("type0", "75", "10000"):
         result += measure([f"{build}/bin/publication_cost", kind], environment)
     return result

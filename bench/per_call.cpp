@@ -105,6 +105,7 @@ std::string plainRequest;
 std::string lateHostRequest;
 std::string matchedRequest;
 std::string longRequest;
+std::string keepAliveRequest;
 
 void startRequest() {
     acceptOne();
@@ -118,6 +119,13 @@ void startMatchedResponse() {
     acceptOne();
     readRequest(shim, matchedRequest);
     shim.write(kTracked, response.data(), response.size());
+}
+
+// A response whose body ends with the connection.
+void startLongResponse() {
+    startRequest();
+    static constexpr char kHead[] = "HTTP/1.1 200 OK\r\nServer: Apache\r\n\r\n";
+    shim.write(kTracked, kHead, sizeof kHead - 1);
 }
 
 template <const Calls& calls, int fd>
@@ -139,6 +147,12 @@ void responseStart() {
     writeNothing();
     calls.write(kTracked, response.data(), response.size());
 }
+// A request and its response on a connection that stays open.
+template <const Calls& calls, std::string& request>
+void exchange() {
+    readRequest(calls, request);
+    calls.write(kTracked, response.data(), response.size());
+}
 template <const Calls& calls>
 void acceptAndClose() {
     calls.accept(listening, nullptr, nullptr);
@@ -156,6 +170,12 @@ template <std::string& request>
 void addRequestStart(const std::string& name) {
     addCost({"request start, " + name, acceptOne, requestStart<shim, request>,
              requestStart<empty, request>});
+}
+
+template <std::string& request>
+void addExchange(const std::string& name) {
+    addCost({"request and response, " + name, acceptOne, exchange<shim, request>,
+             exchange<empty, request>});
 }
 
 // ---------------------------------------------------------- bare system calls
@@ -203,6 +223,7 @@ void makeRequests() {
     lateHostRequest = request(HostLine::kLast, kUrl);
     matchedRequest = request(HostLine::kFirst, kMatchingUrl);
     longRequest = request(HostLine::kFirst, hostileUrl(8000));
+    keepAliveRequest = browserRequest(Browser::kFirefox, HostLine::kFirst, kLastHost, kUrl);
 }
 
 // A type 0 process takes a configuration at its next publication, a threaded
@@ -229,7 +250,23 @@ void addUnconfigured() {
     addCost({"accept and close", acceptOne, acceptAndClose<shim>, acceptAndClose<empty>});
 }
 
+// What both ways of counting do, in the same rows.
+void addExchanges(const std::string& counting) {
+    addExchange<keepAliveRequest>("browser's keep-alive" + counting);
+    addExchange<matchedRequest>("URL matches one category" + counting);
+}
+
+void addMessages() {
+    addExchanges(", by messages");
+    addExchange<lateHostRequest>("Host line last, by messages");
+    addCost({"write within a response, by messages", startLongResponse, writeByte<shim>,
+             writeByte<empty>});
+    addCost(
+        {"accept and close, by messages", acceptOne, acceptAndClose<shim>, acceptAndClose<empty>});
+}
+
 void addFullest() {
+    addExchanges("");
     addTransfers(", fullest configuration");
     addRequestStart<plainRequest>("fullest configuration, URL matches nothing");
     addRequestStart<lateHostRequest>("fullest configuration, Host line last");
@@ -247,9 +284,9 @@ void addThreads() {
 
 }  // namespace
 
-// per_call none|small|fullest|threads [--instructions]
+// per_call none|small|fullest|messages|threads [--instructions]
 int main(int argc, char** argv) {
-    if (argc < 2) fail("usage: per_call none|small|fullest|threads [--instructions]");
+    if (argc < 2) fail("usage: per_call none|small|fullest|messages|threads [--instructions]");
     const std::string group = argv[1];
     empty = callsOf(loaded("libempty_calls.so"));
     libc = callsOf(loaded("libc.so.6"));
@@ -265,6 +302,10 @@ int main(int argc, char** argv) {
     if (group == "fullest") {
         configure(fullestConfiguration, false);
         addFullest();
+    }
+    if (group == "messages") {
+        configure(fullestConfiguration, false);
+        addMessages();
     }
     if (group == "threads") {
         configure(fullestConfiguration, true);

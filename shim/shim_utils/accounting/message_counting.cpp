@@ -1,4 +1,5 @@
 // Counting by HTTP messages.
+#include <cstring>
 #include <ctime>
 
 #include "shim_utils/accounting/counters.h"
@@ -70,6 +71,22 @@ void stopReading(const Messages& messages) {
     }
 }
 
+int siteOf(const Configuration& config, Bytes host, LastHost& last) {
+    if (host.length == last.length && last.length != 0 && last.version == config.info.version &&
+        std::memcmp(host.data, last.text, host.length) == 0) {
+        return last.site;
+    }
+    const int s = getMatchWebSite(config, host, kPlainRequest);
+    last.length = 0;
+    if (s >= 0 && host.length <= sizeof last.text) {
+        std::memcpy(last.text, host.data, host.length);
+        last.length = static_cast<std::uint16_t>(host.length);
+        last.site = static_cast<std::int16_t>(s);
+        last.version = config.info.version;
+    }
+    return s;
+}
+
 // The site and categories of the request that is being received.
 Credit match(const Messages& messages) {
     const RequestTexts& texts = messages.state.texts;
@@ -77,10 +94,11 @@ Credit match(const Messages& messages) {
     const Bytes host = target.host.data != nullptr ? target.host : texts.host.text();
     SlotWork work(messages.slot().state);  // the configuration stays in force meanwhile
     const Configuration& config = configInfo();
-    const int s = getMatchWebSite(config, host, kPlainRequest);
-    if (s < 0) return {};
+    const int s = siteOf(config, host, messages.state.lastHost);
+    if (s < 0 || target.url.length == 0) return {static_cast<std::int16_t>(s), 0};
+    // A target has no NUL, which would end the URL.
     return {static_cast<std::int16_t>(s),
-            static_cast<std::uint16_t>(categoriesOf(config, s, target.url))};
+            static_cast<std::uint16_t>(findPatterns(config.patterns, config.info, s, target.url))};
 }
 
 void countConnection(const Messages& messages, CounterBlock& site, int s) {

@@ -2,6 +2,7 @@
 
 #include <climits>
 #include <cstddef>
+#include <cstring>
 
 #include "shim_utils/http/scan.h"
 #include "shim_utils/platform/text.h"
@@ -30,34 +31,124 @@ bool endsLine(char c) {
     return c == '\r' || c == '\n';
 }
 
+// Whether the bytes at `p` are those of the name, without case. The name has only
+// lower-case letters and hyphens.
+template <typename Word>
+bool equalWords(const char* p, const char* name) {
+    Word bytes;
+    Word wanted;
+    std::memcpy(&bytes, p, sizeof bytes);
+    std::memcpy(&wanted, name, sizeof wanted);
+    const Word letters = (wanted & ~Word{0} / 255 * 0x40) >> 1;  // the bit of the case, at letters
+    return ((bytes ^ wanted) & ~letters) == 0;
+}
+bool beginsWith(const char* p, const Name& name) {
+    if (name.length < 8) return equalWords<std::uint32_t>(p, name.text);  // "host"
+    const int last = name.length - 8;
+    if (!equalWords<std::uint64_t>(p, name.text)) return false;
+    return name.length <= 16 ? equalWords<std::uint64_t>(p + last, name.text + last)
+                             : equalWords<std::uint64_t>(p + 8, name.text + 8) &&
+                                   equalWords<std::uint64_t>(p + last, name.text + last);
+}
+
+// Whether the line in [line, end) may be of a field that is read, the end of the head,
+// or a continued line. True for few others. Most lines fail the first test.
+inline bool mayMatter(const char* line, const char* end) {
+    constexpr auto bit = [](char first) { return 1U << (first & 31); };
+    constexpr std::uint32_t kFirst =
+        bit('h') | bit('c') | bit('t') | bit('\r') | bit('\n') | bit(' ') | bit('\t');
+    if ((kFirst >> (*line & 31) & 1U) == 0) return false;
+    if (end - line < 9) return true;
+    const int first = *line | 0x20;
+    if (first == 'c') return (line[8] | 0x20) == 'l';  // neither "Connection" nor "Cookie"
+    return first != 't' || (line[1] | 0x20) == 'r' || (line[1] | 0x20) == 'v';
+}
+
 }  // namespace
 
 bool FieldReader::read(const char*& p, const char* end, HostText* host) {
+    if (state_ != State::kLineStart && p != end) {  // a line that began in an earlier part
+        const char* const from = p;
+        p += positionOf('\n', p, static_cast<std::size_t>(end - p));
+        if (p != end) ++p;
+        if (readLine(from, p, host)) return true;
+    }
+    const char* line = p;
+    const char* behindField = p;  // the end of the last line that was read
+    const auto skipped = [&](const char* next) {
+        if (next != behindField) field_ = Field::kOther;
+    };
+    const bool complete = forEachLineEnd(
+        p, end, [&](const char* next) __attribute__((always_inline)) {
+            const char* const present = line;
+            line = next;
+            if (!mayMatter(present, next)) return false;
+            if (next - present == 2 && *present == '\r') return true;
+            skipped(present);
+            behindField = next;
+            return !readUsualLine(present, next, end, host) && readLine(present, next, host);
+        });
+    skipped(line);
+    p = line;
+    if (complete || line == end) return complete;
+    p = end;
+    readLine(line, end, host);
+    return false;
+}
+
+// Reads a whole line if it is a Host field, or a Content-Length field in its usual form.
+// `partEnd` is the end of the part of the input that has the line.
+bool FieldReader::readUsualLine(const char* line, const char* next, const char* partEnd,
+                                HostText* host) {
+    const Field field = (*line | 0x20) == 'h' ? Field::kHost : Field::kLength;
+    const Name& name = kNames[static_cast<int>(field)];
+    const char* p = line + name.length;
+    if (next - line < name.length + 4 || !beginsWith(line, name) || p[0] != ':' || p[1] != ' ') {
+        return false;
+    }
+    p += 2;
+    if (field == Field::kHost) {
+        if (host == nullptr || hasHost_ || isBlank(*p)) return false;
+        hasHost_ = true;
+        host->begin(p);
+        host->end(skipVisible(p, partEnd));
+    } else {
+        constexpr std::ptrdiff_t kSafeDigits = 18;
+        std::uint64_t length = 0;
+        const char* const digits = p;
+        for (; isDigit(*p); ++p) length = length * 10 + static_cast<std::uint64_t>(*p - '0');
+        if (*p != '\r' || p == digits || p - digits > kSafeDigits || hasLength_) return false;
+        hasLength_ = true;
+        length_ = length;
+    }
+    field_ = field;
+    return true;
+}
+
+// Reads a line or a part of it. A line feed is only at the end of [p, end), which is
+// not empty. True: it was the last line.
+bool FieldReader::readLine(const char* p, const char* end, HostText* host) {
+    const bool complete = end[-1] == '\n';
     while (p != end) {
         switch (state_) {
             case State::kLineStart:
                 if (readLineStart(p)) return true;
                 break;
             case State::kEmptyLine:
+                if (*p == '\n') return true;
                 state_ = State::kRestOfLine;
-                if (*p == '\n') {
-                    ++p;
-                    return true;
-                }
                 break;
             case State::kName:
                 readName(p, end);
                 break;
             case State::kRestOfLine:
-                p += positionOf('\n', p, static_cast<std::size_t>(end - p));
-                if (p == end) return false;
-                ++p;
-                state_ = State::kLineStart;
+                p = end;
                 break;
             default:
                 readValue(p, end, host);
         }
     }
+    if (complete) state_ = State::kLineStart;
     return false;
 }
 
@@ -103,6 +194,13 @@ void FieldReader::beginName(Field field) {
 }
 
 void FieldReader::readName(const char*& p, const char* end) {
+    const Name& expected = kNames[static_cast<int>(field_)];
+    if (matched_ == 0 && end - p > expected.length && beginsWith(p, expected) &&
+        p[expected.length] == ':') {
+        p += expected.length + 1;
+        state_ = State::kBeforeValue;
+        return;
+    }
     for (;;) {
         const Name& name = kNames[static_cast<int>(field_)];
         while (p != end && matched_ != name.length && lowerCase(*p) == name.text[matched_]) {

@@ -44,6 +44,8 @@ class FieldReader {
     };
     enum class Field : std::uint8_t { kOther, kHost, kLength, kCoding, kStatus };
 
+    bool readUsualLine(const char* line, const char* next, const char* partEnd, HostText* host);
+    bool readLine(const char* p, const char* end, HostText* host);
     // Each reads at least one byte, from where `p` is not `end`. The first
     // returns whether it was the last line.
     bool readLineStart(const char*& p);

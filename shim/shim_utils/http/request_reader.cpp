@@ -47,9 +47,11 @@ RequestReader::Event RequestReader::read(const char*& p, const char* end, Reques
         texts.host.clear();
         texts.target.clear();
         state_ = State::kMethod;
+        if (readUsualLine(p, end, texts.target)) state_ = State::kFields;
+    } else {
+        texts.host.resume(p);
+        texts.target.resume(p);
     }
-    texts.host.resume(p);
-    texts.target.resume(p);
     while (p != end && state_ < State::kFields) {
         if (readLine(p, end, texts)) continue;
         state_ = State::kNotHttp;
@@ -63,6 +65,24 @@ RequestReader::Event RequestReader::read(const char*& p, const char* end, Reques
     texts.host.suspend(p);
     texts.target.suspend(p);
     return Event::kMore;
+}
+
+// Moves `p` behind the request line if all of it is in sight and it has the form that
+// nearly all clients send.
+bool RequestReader::readUsualLine(const char*& p, const char* end, TargetText& target) {
+    constexpr std::ptrdiff_t kBehindTarget = 11;  // " HTTP/1.1\r\n"
+    const char* const url = p + 4;
+    if (end - p < 5 + kBehindTarget || std::memcmp(p, "GET /", 5) != 0) return false;
+    const char* const behind = skipVisible(url, end);
+    if (end - behind < kBehindTarget || std::memcmp(behind, " HTTP/1.", 8) != 0 ||
+        !isDigit(behind[8]) || behind[9] != '\r' || behind[10] != '\n') {
+        return false;
+    }
+    target.begin(url);
+    target.end(behind);
+    methodText_ = packed("GET");
+    p = behind + kBehindTarget;
+    return true;
 }
 
 bool RequestReader::readLine(const char*& p, const char* end, RequestTexts& texts) {

@@ -73,6 +73,7 @@ class RequestReader {
         kBody,
         kNotHttp,
     };
+    bool readUsualLine(const char*& p, const char* end, TargetText& target);
     // Each reads at least one byte, from where `p` is not `end`. False: this is
     // no request.
     bool readLine(const char*& p, const char* end, RequestTexts& texts);

@@ -1,6 +1,7 @@
 #include "shim_utils/http/response_reader.h"
 
 #include <cstddef>
+#include <cstring>
 
 namespace tolvane {
 namespace {
@@ -9,17 +10,35 @@ constexpr char kVersion[] = "HTTP/1.";
 constexpr std::uint8_t kVersionLength = sizeof kVersion - 1;
 constexpr std::uint8_t kStatusLength = 3;
 
+// The status code where a status line has its usual form and is in sight up to its
+// reason, else 0.
+constexpr std::ptrdiff_t kUsualLength = 12;
+int usualStatus(const char* p, const char* end) {
+    if (end - p <= kUsualLength || std::memcmp(p, kVersion, kVersionLength) != 0) return 0;
+    const char* digit = p + kVersionLength + 2;
+    const char behind = p[kUsualLength];
+    const bool usual = isDigit(p[kVersionLength]) && digit[-1] == ' ' && isDigit(digit[0]) &&
+                       isDigit(digit[1]) && isDigit(digit[2]) && (behind == ' ' || behind == '\r');
+    const int status = digit[0] * 100 + digit[1] * 10 + digit[2] - '0' * 111;
+    return usual && status >= 100 ? status : 0;
+}
+
 }  // namespace
 
 ResponseReader::Event ResponseReader::read(const char*& p, const char* end, Method method) {
     if (state_ == State::kStart && p != end) {
-        *this = ResponseReader{};
-        state_ = State::kVersion;
+        fields_ = FieldReader{};
+        matched_ = 0;
+        status_ = static_cast<std::int16_t>(usualStatus(p, end));
+        state_ = status_ != 0 ? State::kReason : State::kVersion;
+        if (status_ != 0) p += kUsualLength;
     }
     while (p != end && state_ < State::kFields) {
         if (!readLine(p, end)) state_ = State::kNotHttp;
     }
-    if (state_ == State::kFields && fields_.read(p, end, nullptr)) return beginBody(method);
+    if (state_ == State::kFields && fields_.read(p, end, nullptr)) {
+        return endHead(beginBody(method), p, end);
+    }
     if (state_ == State::kBody) return bodyEvent(body_.read(p, end));
     if (state_ != State::kNotHttp) return Event::kMore;
     p = end;
@@ -99,6 +118,23 @@ ResponseReader::Event ResponseReader::beginBody(Method method) {
     body_.begin(framing, fields_.length());
     state_ = State::kBody;
     return Event::kHead;
+}
+
+// Where the body is in sight, the head and the body are a single event.
+ResponseReader::Event ResponseReader::endHead(Event event, const char*& p, const char* end) {
+    if (event != Event::kHead || p == end) return event;
+    const char* const body = p;
+    switch (body_.read(p, end)) {
+        case BodyReader::Result::kEnd:
+            state_ = State::kStart;
+            return Event::kMessage;
+        case BodyReader::Result::kMore:
+            return Event::kHead;
+        default:
+            p = body;
+            state_ = State::kNotHttp;
+            return Event::kHead;
+    }
 }
 
 ResponseReader::Event ResponseReader::bodyEvent(BodyReader::Result result) {

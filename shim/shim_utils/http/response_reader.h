@@ -16,8 +16,8 @@ class ResponseReader {
     enum class Event : std::uint8_t {
         kMore,     // `p` is `end`
         kInterim,  // an interim response (1xx) is complete; the final one follows
-        kHead,     // the head of the final response is complete, a body follows
-        kMessage,  // the head of the final response is complete, there is no body
+        kHead,     // the head of the final response is complete, the body is not
+        kMessage,  // the final response is complete, and no event told of its head
         kEnd,      // the body is complete
         kNotHttp,  // what follows cannot be read: so will every later call return
     };
@@ -63,6 +63,7 @@ class ResponseReader {
     bool readBeforeStatus(const char*& p);
     bool readStatus(char c);
     Event beginBody(Method method);
+    Event endHead(Event event, const char*& p, const char* end);
     Event bodyEvent(BodyReader::Result result);
     bool interim() const { return status_ < 200 && status_ != kSwitchingProtocols; }
 

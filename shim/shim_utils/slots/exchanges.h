@@ -45,6 +45,16 @@ class ExchangeQueue {
     Exchange items_[kCapacity];
 };
 
+// The Host value of a connection's last request and its site: most requests of a
+// connection have the same.
+struct LastHost {
+    std::int32_t version;  // of the configuration that has the site
+    std::int16_t site;
+    std::uint16_t length;  // 0: no host
+    char text[56];
+};
+static_assert(sizeof(LastHost) == 64);
+
 // The messages of the connection that holds a slot. Written and read by the
 // thread that serves the connection. Zeroed memory is a valid state.
 struct ConnectionMessages {
@@ -60,6 +70,7 @@ struct ConnectionMessages {
     bool answers;             // the response that is being sent belongs to the first exchange
     std::int16_t firstSite;   // the site that counted the connection, -1: no site yet
     std::int32_t descriptor;  // of the connection, -1: its messages are not read
+    LastHost lastHost;
 
     ExchangeQueue exchanges;
     RequestTexts texts;
