@@ -16,6 +16,11 @@
 
 namespace tolvane {
 
+// The SSL connection from which this thread read last, -1 before the first. It tells
+// the TLS calls which connection they decrypt. In the static block of the thread's
+// memory, since the dynamic one is allocated on first use.
+extern thread_local constinit int lastSslDescriptor __attribute__((tls_model("initial-exec")));
+
 // The state of `fd` if it is a tracked connection for which this thread may count,
 // else null.
 inline DescriptorState* trackedDescriptor(int fd) {
@@ -32,7 +37,10 @@ inline ssize_t received(int fd, ssize_t n, Buffers buffers) {
     DescriptorState* state = trackedDescriptor(fd);
     if (state == nullptr) return n;
     int slot = slotOf(webServerType, fd, *state);
-    if (slot >= 0) counting->received({*state, slotAt(slot)}, n, buffers);
+    if (slot < 0) return n;
+    Connection connection = {*state, slotAt(slot)};
+    counting->received(connection, n, buffers);
+    if (!connection.plain()) lastSslDescriptor = fd;
     return n;
 }
 inline ssize_t received(int fd, ssize_t n, const void* data, std::size_t size) {

@@ -7,6 +7,7 @@
 #include "shim_utils/http/request_parser.h"
 #include "shim_utils/matching/url_categories.h"
 #include "shim_utils/platform/log.h"
+#include "shim_utils/slots/exchanges.h"
 
 namespace tolvane {
 namespace {
@@ -219,6 +220,7 @@ void countReported(const Connection& connection, Bytes host, Bytes url) {
     descriptor.seenHttpResponseHdr.store(0, kRelaxed);
     descriptor.seenWriteOnce.store(0, kRelaxed);
     descriptor.seenHttpRequestHdr.store(1, kRelaxed);
+    if (countsMessages) slot.state.messages->reported = true;
     addTo(slot.result.total.requests, 1U);
     int s = startRequest(connection, host, url, kReportedRequest);
     if (s >= 0) {

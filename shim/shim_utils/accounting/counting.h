@@ -6,6 +6,7 @@
 #include <sys/uio.h>
 
 #include <cstddef>
+#include <cstdint>
 
 #include "shim_utils/accounting/accounting.h"
 #include "shim_utils/platform/text.h"
@@ -44,11 +45,24 @@ void callsReceived(const Connection& connection, ssize_t n, Buffers buffers);
 void callsSent(const Connection& connection, ssize_t n, Buffers buffers);
 void callsClosed(const Connection& connection);
 
-// By HTTP messages. Connections that are not plain are counted by socket calls.
+// By HTTP messages. The wire bytes of an SSL connection are counted by socket calls,
+// its messages from its plaintext.
 void messagesAccepted(const Connection& connection);
 void messagesReceived(const Connection& connection, ssize_t n, Buffers buffers);
 void messagesSent(const Connection& connection, ssize_t n, Buffers buffers);
 void messagesClosed(const Connection& connection);
+
+// Binds an SSL connection from which bytes have arrived to the TLS object whose
+// plaintext is its content. False: it is bound to another object, or is not such a
+// connection. Messages are counted.
+bool readPlaintextOf(const Connection& connection, const void* tlsObject);
+// Whether the connection is bound to the object.
+bool isReadThrough(const Connection& connection, const void* tlsObject);
+
+// Counts plaintext of a bound connection: received, sent, and sent but not in sight.
+void plaintextReceived(const Connection& connection, Bytes text);
+void plaintextSent(const Connection& connection, Bytes text);
+void unseenPlaintextSent(const Connection& connection, std::uint64_t n);
 
 // Makes `counting` the table of the way that the environment asks for. Called once,
 // before measurement is switched on.

@@ -30,11 +30,9 @@ struct Messages {
     Slot slot() const { return connection.slot; }
 };
 
-// False for a connection whose messages are not read: one that is not plain, and an
-// earlier one in a process that has a single slot.
-bool readsMessages(const Connection& connection) {
-    return connection.plain() &&
-           connection.slot.state.messages->descriptor == descriptorOf(connection);
+// False for an earlier connection of a process that has a single slot.
+bool holdsSlot(const Connection& connection) {
+    return connection.slot.state.messages->descriptor == descriptorOf(connection);
 }
 
 // ----------------------------------------------------------------- exchanges
@@ -71,12 +69,12 @@ void stopReading(const Messages& messages) {
     }
 }
 
-int siteOf(const Configuration& config, Bytes host, LastHost& last) {
+int siteOf(const Configuration& config, Bytes host, ConnectionKind kind, LastHost& last) {
     if (host.length == last.length && last.length != 0 && last.version == config.info.version &&
         std::memcmp(host.data, last.text, host.length) == 0) {
         return last.site;
     }
-    const int s = getMatchWebSite(config, host, kPlainRequest);
+    const int s = getMatchWebSite(config, host, kind);
     last.length = 0;
     if (s >= 0 && host.length <= sizeof last.text) {
         std::memcpy(last.text, host.data, host.length);
@@ -94,7 +92,8 @@ Credit match(const Messages& messages) {
     const Bytes host = target.host.data != nullptr ? target.host : texts.host.text();
     SlotWork work(messages.slot().state);  // the configuration stays in force meanwhile
     const Configuration& config = configInfo();
-    const int s = siteOf(config, host, messages.state.lastHost);
+    const ConnectionKind kind = messages.connection.plain() ? kPlainRequest : kReportedRequest;
+    const int s = siteOf(config, host, kind, messages.state.lastHost);
     if (s < 0 || target.url.length == 0) return {static_cast<std::int16_t>(s), 0};
     // A target has no NUL, which would end the URL.
     return {static_cast<std::int16_t>(s),
@@ -294,6 +293,13 @@ void forEachPart(ssize_t n, Buffers buffers, Read read, Skip skip) {
     if (left != 0) skip(std::uint64_t{left});
 }
 
+// The close of an SSL connection whose plaintext is not read. A program outside the
+// shim may have reported its requests.
+void unreadClosed(const Connection& connection) {
+    if (connection.slot.state.messages->reported) return callsClosed(connection);
+    addTo(connection.slot.result.total.openConnections, -1);
+}
+
 // The response to the first exchange may have begun.
 void endFirstExchange(const Messages& messages) {
     ConnectionMessages& state = messages.state;
@@ -316,14 +322,23 @@ void messagesAccepted(const Connection& connection) {
     state.responses = ResponseReader{};
     state.answers = false;
     state.firstSite = -1;
-    state.descriptor = connection.plain() ? descriptorOf(connection) : -1;
+    state.descriptor = descriptorOf(connection);
+    state.tlsObject = nullptr;
+    state.receivedWire = false;
+    state.reported = false;
+    state.lastHost.length = 0;  // the default port depends on the kind of connection
 }
 
 void messagesReceived(const Connection& connection, ssize_t n, Buffers buffers) {
-    if (!connection.plain()) return callsReceived(connection, n, buffers);
+    ConnectionMessages& state = *connection.slot.state.messages;
+    if (!connection.plain()) {
+        if (holdsSlot(connection)) state.receivedWire = true;
+        callsReceived(connection, n, buffers);  // in the totals, and for a request to be reported
+        return markDirty(connection.slot.state);
+    }
     addTo(connection.slot.result.total.bytesReceived, static_cast<std::uint32_t>(n));
-    if (readsMessages(connection)) {
-        const Messages messages = {connection, *connection.slot.state.messages};
+    if (holdsSlot(connection)) {
+        const Messages messages = {connection, state};
         forEachPart(
             n, buffers, [&](Bytes part) { readRequests(messages, part); },
             [&](std::uint64_t bytes) { skipReceived(messages, bytes); });
@@ -332,11 +347,12 @@ void messagesReceived(const Connection& connection, ssize_t n, Buffers buffers) 
 }
 
 void messagesSent(const Connection& connection, ssize_t n, Buffers buffers) {
-    if (!connection.plain()) return callsSent(connection, n, buffers);
+    ConnectionMessages& state = *connection.slot.state.messages;
+    if (state.reported) return callsSent(connection, n, buffers);
     if (n < 1) return;
     addTo(connection.slot.result.total.bytesSent, static_cast<std::uint32_t>(n));
-    if (readsMessages(connection)) {
-        const Messages messages = {connection, *connection.slot.state.messages};
+    if (connection.plain() && holdsSlot(connection)) {
+        const Messages messages = {connection, state};
         forEachPart(
             n, buffers, [&](Bytes part) { readResponses(messages, part); },
             [&](std::uint64_t bytes) { skipSent(messages, bytes); });
@@ -345,11 +361,11 @@ void messagesSent(const Connection& connection, ssize_t n, Buffers buffers) {
 }
 
 void messagesClosed(const Connection& connection) {
-    if (!connection.plain()) return callsClosed(connection);
     const Slot slot = connection.slot;
-    addTo(slot.result.total.openConnections, -1);
-    if (!readsMessages(connection)) return;
     ConnectionMessages& state = *slot.state.messages;
+    if (!connection.plain() && state.tlsObject == nullptr) return unreadClosed(connection);
+    addTo(slot.result.total.openConnections, -1);
+    if (!holdsSlot(connection)) return;
     const Messages messages = {connection, state};
     if (state.requests.hasLine()) admit(messages);
     endFirstExchange(messages);
@@ -358,6 +374,36 @@ void messagesClosed(const Connection& connection) {
     }
     if (state.firstSite >= 0) addTo(siteCounters(slot, state.firstSite).openConnections, -1);
     state.descriptor = -1;
+    state.tlsObject = nullptr;
+}
+
+// ------------------------------------------------------------------- plaintext
+
+bool readPlaintextOf(const Connection& connection, const void* tlsObject) {
+    ConnectionMessages& state = *connection.slot.state.messages;
+    if (connection.plain() || !holdsSlot(connection) || !state.receivedWire) return false;
+    if (state.tlsObject == nullptr) state.tlsObject = tlsObject;
+    return state.tlsObject == tlsObject;
+}
+
+bool isReadThrough(const Connection& connection, const void* tlsObject) {
+    const ConnectionMessages& state = *connection.slot.state.messages;
+    return state.tlsObject == tlsObject && !connection.plain() && holdsSlot(connection);
+}
+
+void plaintextReceived(const Connection& connection, Bytes text) {
+    readRequests({connection, *connection.slot.state.messages}, text);
+    markDirty(connection.slot.state);
+}
+
+void plaintextSent(const Connection& connection, Bytes text) {
+    readResponses({connection, *connection.slot.state.messages}, text);
+    markDirty(connection.slot.state);
+}
+
+void unseenPlaintextSent(const Connection& connection, std::uint64_t n) {
+    skipSent({connection, *connection.slot.state.messages}, n);
+    markDirty(connection.slot.state);
 }
 
 }  // namespace tolvane

@@ -3,6 +3,7 @@
 
 #include "shim_utils/accounting/accounting.h"
 #include "shim_utils/platform/errno_guard.h"
+#include "shim_utils/slots/exchanges.h"
 #include "shim_utils/slots/serving_thread.h"
 #include "tolvane/entry_points.h"
 
@@ -12,6 +13,12 @@ namespace {
 
 bool slotExists(int slot) {
     return slot >= 0 && slot < currMaxSockets.load(std::memory_order_acquire);
+}
+
+// Whether the requests of the slot's connection are read from its plaintext.
+bool isRead(int slot) {
+    const ConnectionMessages* messages = slotAt(slot).state.messages;
+    return messages != nullptr && messages->tlsObject != nullptr;
 }
 
 // A negative length means a NUL-terminated text.
@@ -29,14 +36,14 @@ Bytes upToNul(Bytes text) {
 void updateRequestResults(int slot, const char* host, int hostLength, const char* url,
                           int urlLength, int descriptor) {
     DescriptorState* state = descriptorState(descriptor);
-    if (!slotExists(slot) || state == nullptr || !mayServe()) return;
+    if (!slotExists(slot) || state == nullptr || !mayServe() || isRead(slot)) return;
     ErrnoGuard guard;
     countReported({*state, slotAt(slot)}, upToNul(reportedText(host, hostLength)),
                   reportedText(url, urlLength));
 }
 
 void updateResponseResults(int slot, int statusCode, int overrideCode) {
-    if (!slotExists(slot) || !mayServe()) return;
+    if (!slotExists(slot) || !mayServe() || isRead(slot)) return;
     ErrnoGuard guard;
     Slot reported = slotAt(slot);
     const RequestInfo& request = reported.state.requestInfo;

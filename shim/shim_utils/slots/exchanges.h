@@ -70,6 +70,10 @@ struct ConnectionMessages {
     bool answers;             // the response that is being sent belongs to the first exchange
     std::int16_t firstSite;   // the site that counted the connection, -1: no site yet
     std::int32_t descriptor;  // of the connection, -1: its messages are not read
+    // The TLS object whose plaintext is read, null without. Compared only.
+    const void* tlsObject;
+    bool receivedWire;  // bytes of an SSL connection have arrived
+    bool reported;      // a program outside the shim has reported a request on it
     LastHost lastHost;
 
     ExchangeQueue exchanges;

@@ -1,0 +1,74 @@
+// The algorithm of all TLS wrappers: find the connection that a TLS object decrypts,
+// count its plaintext, return the real result.
+#pragma once
+
+#include <cstddef>
+
+#include "shim_utils/accounting/counting.h"
+#include "ssl_calls.h"
+#include "transfer.h"
+
+namespace tolvane {
+
+// Notes which SSL connection the thread reads from during a TLS call. Calls may nest.
+class SslCall {
+  public:
+    SslCall() : before_(lastSslDescriptor) { lastSslDescriptor = -1; }
+
+    // Behind the real call: the connection, -1 for none.
+    int descriptorRead() const {
+        const int read = lastSslDescriptor;
+        if (read < 0) lastSslDescriptor = before_;
+        return read;
+    }
+
+  private:
+    int before_;
+};
+
+// A TLS object and what its call has read.
+struct SslUse {
+    SslObjects& library;
+    Ssl* ssl;
+    int descriptorRead;
+};
+
+inline bool readsPlaintext() {
+    return countsMessages && tolvaneShimEnabled.load(std::memory_order_acquire) == 1;
+}
+
+// Binds the object to the connection that its call read from, if it is not bound yet.
+void bindToConnection(const SslUse& use);
+
+// Counts plaintext of the object's connection, if it is a tracked SSL connection.
+void countPlaintextReceived(const SslUse& use, const void* data, std::size_t n);
+void countPlaintextSent(const SslUse& use, const void* data, std::size_t n);
+void countUnseenPlaintextSent(const SslUse& use, std::size_t n);
+
+// What a wrapper has of its library: the real function, and the other functions.
+template <typename Signature>
+struct SslEntry {
+    SslObjects& library;
+    RealSslCall<Signature> real;
+};
+
+// Calls a real function that may read the handshake but takes no plaintext. `failed`:
+// the result when there is no real function.
+template <typename Signature, typename... Arguments>
+int handshake(SslEntry<Signature>& entry, int failed, Ssl* ssl, Arguments... arguments) {
+    const auto real = entry.real.find();
+    if (real == nullptr) return failed;
+    SslCall call;
+    const int result = real(ssl, arguments...);
+    const int read = call.descriptorRead();
+    if (read >= 0) bindToConnection({entry.library, ssl, read});
+    return result;
+}
+
+extern SslObjects ssl3;
+extern SslObjects ssl11;
+
+}  // namespace tolvane
+
+// Defines an interposed call under the name and version `symbol` of its library.
+#define TOLVANE_SSL_EXPORT(symbol) extern "C" __attribute__((visibility("default"), symver(symbol)))
