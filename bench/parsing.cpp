@@ -38,7 +38,7 @@ std::string requests[4];
 
 template <int i>
 void parseOurs() {
-    const RequestFields fields = parseHttpHeader({requests[i].data(), requests[i].size()});
+    const HeadTexts fields = parseHttpHeader({requests[i].data(), requests[i].size()});
     consume(fields.host.data, fields.url.length);
 }
 template <int i>
@@ -50,7 +50,7 @@ void parseOther() {
 template <int i>
 void addParsing(const char* name, Browser browser, HostLine place) {
     requests[i] = browserRequest(browser, place, kLastHost, kPlainUrl);
-    const RequestFields ours = parseHttpHeader({requests[i].data(), requests[i].size()});
+    const HeadTexts ours = parseHttpHeader({requests[i].data(), requests[i].size()});
     const ParsedFields other = parseWithLlhttp(requests[i]);
     if (std::string_view(ours.url.data, ours.url.length) != other.url || other.url != kPlainUrl ||
         std::string_view(ours.host.data, ours.host.length) != other.host ||

@@ -4,7 +4,6 @@
 
 namespace tolvane {
 
-thread_local constinit int lastSslDescriptor = -1;
 constinit SslObjects ssl3{SslLibrary::k3};
 constinit SslObjects ssl11{SslLibrary::k11};
 

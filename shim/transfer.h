@@ -16,11 +16,6 @@
 
 namespace tolvane {
 
-// The SSL connection from which this thread read last, -1 before the first. It tells
-// the TLS calls which connection they decrypt. In the static block of the thread's
-// memory, since the dynamic one is allocated on first use.
-extern thread_local constinit int lastSslDescriptor __attribute__((tls_model("initial-exec")));
-
 // The state of `fd` if it is a tracked connection for which this thread may count,
 // else null.
 inline DescriptorState* trackedDescriptor(int fd) {

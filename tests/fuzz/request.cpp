@@ -17,7 +17,7 @@ void compare(std::string_view text) {
     static test::GuardedPages pages(1 << 20);
     const PlainRequest expected = readRequest(text);
     const Bytes received = pages.put(text);
-    const RequestFields found = parseHttpHeader(received);
+    const HeadTexts found = parseHttpHeader(received);
     mustAgree(same(found.url, expected.url, received), "URL");
     mustAgree(same(found.host, expected.host, received), "Host value");
 }

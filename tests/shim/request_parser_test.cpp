@@ -61,7 +61,7 @@ TEST(RequestParser, FindsUrlAndHost) {
     for (const Request& request : kRequests) {
         SCOPED_TRACE(testing::PrintToString(request.text));
         const GuardedText text(request.text);
-        const RequestFields fields = parseHttpHeader(text.bytes());
+        const HeadTexts fields = parseHttpHeader(text.bytes());
         EXPECT_EQ(viewOf(fields.url), request.url);
         EXPECT_EQ(viewOf(fields.host), request.host);
     }
@@ -78,11 +78,11 @@ std::string cutField(Bytes whole, const char* text, std::size_t length) {
 // What has not arrived yet is not found; the rest is.
 TEST(RequestParser, StopsWhereTheDataStops) {
     for (const Request& request : kRequests) {
-        const RequestFields whole = parseHttpHeader({request.text.data(), request.text.size()});
+        const HeadTexts whole = parseHttpHeader({request.text.data(), request.text.size()});
         for (std::size_t length = 0; length < request.text.size(); ++length) {
             SCOPED_TRACE(testing::PrintToString(request.text.substr(0, length)));
             const GuardedText text(std::string_view(request.text).substr(0, length));
-            const RequestFields fields = parseHttpHeader(text.bytes());
+            const HeadTexts fields = parseHttpHeader(text.bytes());
             EXPECT_EQ(viewOf(fields.url), cutField(whole.url, request.text.data(), length));
             EXPECT_EQ(viewOf(fields.host), cutField(whole.host, request.text.data(), length));
         }

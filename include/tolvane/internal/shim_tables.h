@@ -147,6 +147,11 @@ inline DescriptorState* descriptorState(int fd) {
                                                                         : nullptr;
 }
 
+// The SSL connection from which this thread read last, -1 before the first. It tells the
+// TLS calls which connection they decrypt. In the static block of the thread's memory,
+// since the dynamic block is allocated on first use.
+extern thread_local constinit int lastSslDescriptor __attribute__((tls_model("initial-exec")));
+
 // ------------------------------------------------- measurement in this process
 
 extern std::atomic<int> tolvaneShimEnabled;  // 1: measure; 0: do nothing but the real calls

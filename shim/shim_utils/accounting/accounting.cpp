@@ -132,7 +132,7 @@ void countReceived(const Connection& connection, ssize_t n, Bytes text) {
         // A request without a text matches no site, so its bytes belong to no site.
         s = -1;
         if (text.data != nullptr && text.length > 0) {
-            RequestFields fields = parseHttpHeader(text);
+            HeadTexts fields = parseHttpHeader(text);
             s = startRequest(connection, fields.host, fields.url, kPlainRequest);
         }
     }

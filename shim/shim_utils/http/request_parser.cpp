@@ -78,8 +78,8 @@ constexpr char kOverride[] = "Tv-Status:";
 
 }  // namespace
 
-RequestFields parseHttpHeader(Bytes received) {
-    RequestFields fields;
+HeadTexts parseHttpHeader(Bytes received) {
+    HeadTexts fields;
     if (received.data == nullptr) return fields;
     const char* end = received.data + received.length;
 

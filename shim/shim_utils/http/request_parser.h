@@ -7,14 +7,14 @@
 
 namespace tolvane {
 
-struct RequestFields {
+struct HeadTexts {
     Bytes url;   // of the request line; null if absent
     Bytes host;  // value of the first "Host:" header with its port; null if absent
 };
 
 // Parses the beginning of a request. The first letter alone determines how much is
 // skipped as the method. The header name "Host:" is case-sensitive.
-RequestFields parseHttpHeader(Bytes received);
+HeadTexts parseHttpHeader(Bytes received);
 
 struct ResponseStatus {
     int status;        // of the status line, 0 if unreadable

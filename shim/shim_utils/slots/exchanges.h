@@ -6,6 +6,7 @@
 
 #include "shim_utils/http/request_reader.h"
 #include "shim_utils/http/response_reader.h"
+#include "shim_utils/http2/http2_connection.h"
 
 namespace tolvane {
 
@@ -55,6 +56,14 @@ struct LastHost {
 };
 static_assert(sizeof(LastHost) == 64);
 
+// What a connection carries, as far as its bytes have said.
+enum class Protocol : std::uint8_t {
+    kUnknown,  // a part of HTTP/2's preface, or nothing
+    kHttp1,    // HTTP/1.x or anything else
+    kHttp2,
+    kUpgraded,  // read as HTTP/2 behind a 101 response, and perhaps another protocol
+};
+
 // The messages of the connection that holds a slot. Written and read by the
 // thread that serves the connection. Zeroed memory is a valid state.
 struct ConnectionMessages {
@@ -72,12 +81,16 @@ struct ConnectionMessages {
     std::int32_t descriptor;  // of the connection, -1: its messages are not read
     // The TLS object whose plaintext is read, null without. Compared only.
     const void* tlsObject;
-    bool receivedWire;  // bytes of an SSL connection have arrived
-    bool reported;      // a program outside the shim has reported a request on it
+    Protocol protocol;
+    std::uint8_t prefaceBytes;  // of HTTP/2's preface that have arrived while it is unknown
+    bool receivedWire;          // bytes of an SSL connection have arrived
+    bool reported;              // a program outside the shim has reported a request on it
     LastHost lastHost;
 
+    // HTTP/1.x and HTTP/2. Pages that are not used are not allocated.
     ExchangeQueue exchanges;
     RequestTexts texts;
+    Http2Connection<Exchange> http2;
 };
 
 }  // namespace tolvane

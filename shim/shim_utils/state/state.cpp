@@ -25,6 +25,7 @@ int maxSockets = 0;
 int tableSize = 0;
 DescriptorState* descriptors = nullptr;
 std::atomic<int> trackedLimit{0};
+thread_local constinit int lastSslDescriptor = -1;
 
 std::atomic<int> tolvaneShimEnabled{0};
 int numStructures = 1;
