@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include <random>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include "measured_process.h"
 #include "shim_utils/accounting/counting.h"
+#include "tolvane/entry_points.h"
 #include "transfer.h"
 
 namespace tolvane::test {
@@ -139,6 +141,72 @@ const std::vector<Conversation> kConversations = {
      " | 0.0: req1 out38 err1"},
 };
 
+// ------------------------------------------------------------------- HTTP/2
+
+std::string frame(char type, char flags, char stream, const std::string& content) {
+    const auto length = static_cast<char>(content.size());
+    return std::string{0, 0, length, type, flags, 0, 0, 0, stream} + content;
+}
+constexpr char kEndStream = 1;
+constexpr char kEndHeaders = 4;
+const std::string kSettings = frame(4, 0, 0, "");
+const std::string kPreface = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + kSettings;
+
+// GET of /x on a.test: 23 bytes. The header block is not compressed.
+std::string getStream(char stream, char flags = kEndHeaders | kEndStream) {
+    return frame(1, flags, stream,
+                 "\x82\x86\x04\x02/x\x01\x06"
+                 "a.test");
+}
+const std::string k100 = std::string("\x08\x03") + "100";
+const std::string k200 = "\x88";
+const std::string k404 = "\x8d";
+std::string respond(char stream, const std::string& fields, char flags = kEndHeaders) {
+    return frame(1, flags, stream, fields);
+}
+std::string data(char stream, const std::string& bytes, char flags = 0) {
+    return frame(0, flags, stream, bytes);
+}
+std::string resetStream(char stream) {
+    return frame(3, 0, stream, std::string(4, '\0'));
+}
+const std::string kUpgrade =
+    get("/x", "Host: a.test\r\nUpgrade: h2c\r\nConnection: Upgrade\r\n");  // 68 bytes
+const std::string kSwitching = ">HTTP/1.1 101 Switching\r\n\r\n";          // 26 bytes
+
+const std::vector<Conversation> kStreams = {
+    {"interleaved streams",
+     {"<" + kPreface + getStream(1) + getStream(3), ">" + kSettings + respond(3, k404, 5),
+      ">" + respond(1, k200) + data(1, "abc", kEndStream), "x"},
+     "total: conn1 req2 in79 out41 err1 cerr1 | 0: conn1 req2 in46 out32 err1 cerr1"
+     " | 0.0: req2 out32 err1 time1"},
+    {"a body, an interim response and trailers",
+     {"<" + kPreface + getStream(1, kEndHeaders), ">" + kSettings + respond(1, k100),
+      "<" + data(1, "body") + getStream(1), ">" + respond(1, k200) + data(1, "a"),
+      ">" + respond(1, k404, 5), "x"},
+     "total: conn1 req1 in92 out53 | 0: conn1 req1 in59 out44 | 0.0: req1 out44 time1"},
+    {"streams that either side resets before their response are drops",
+     {"<" + kPreface + getStream(1) + getStream(3) + getStream(5) + resetStream(1),
+      ">" + kSettings + resetStream(3) + respond(5, k200), "<" + resetStream(5), "x"},
+     "total: conn1 req3 in128 out32 drop2 | 0: conn1 req3 in69 out10 drop2"
+     " | 0.0: req3 out10 drop2 time1"},
+    {"a stream without a response at the close is a drop",
+     {"<" + kPreface + getStream(1), "x"},
+     "total: conn1 req1 in56 drop1 | 0: conn1 req1 in23 drop1 | 0.0: req1 drop1"},
+    {"what cannot be decoded is opaque, and drops nothing",
+     {"<" + kPreface + getStream(1) + respond(3, std::string("\xff\xff\xff\xff\xff\xff", 6)),
+      ">" + respond(1, k200), "x"},
+     "total: conn1 req1 in71 out10 | 0: conn1 req1 in23 | 0.0: req1"},
+    {"an upgrade to HTTP/2 is a single request",
+     {kUpgrade, kSwitching, ">" + kSettings, "<" + kPreface + getStream(3),
+      ">" + respond(1, k200, 5) + respond(3, k404, 5), "x"},
+     "total: conn1 req2 in124 out55 err1 cerr1 | 0: conn1 req2 in91 out46 err1 cerr1"
+     " | 0.0: req2 out46 err1 time1"},
+    {"an upgrade to another protocol is answered by 101",
+     {kUpgrade, kSwitching, ">\x81\x01x", "<\x81\x81keyX", "x"},
+     "total: conn1 req1 in74 out29 | 0: conn1 req1 in68 out26 | 0.0: req1 out26 time1"},
+};
+
 class MessageCounting : public testing::TestWithParam<ServerType> {
   protected:
     void SetUp() override { countsMessages = true; }
@@ -149,32 +217,55 @@ INSTANTIATE_TEST_SUITE_P(Types, MessageCounting,
 
 using Split = std::size_t(std::size_t left);
 
-void transfer(const std::string& step, const std::function<Split>& split) {
+// How the steps reach the counting: by the calls of a plain connection, or as the
+// plaintext of an SSL connection.
+struct Way {
+    SocketKind kind;
+    const char* name;
+};
+constexpr Way kWays[] = {{kPlain, "plain"}, {kSsl, "SSL"}};
+constexpr int kTlsObject = 0;
+
+void transferPlaintext(const std::string& step, const std::string& part) {
+    const Connection connection = {descriptors[kFd], slotAt(GETINDEX(webServerType, kFd))};
+    received(kFd, 1, "w", 1);
+    ASSERT_TRUE(readPlaintextOf(connection, &kTlsObject));
+    if (step[0] == '<') plaintextReceived(connection, {part.data(), part.size()});
+    if (step[0] == '>') plaintextSent(connection, {part.data(), part.size()});
+}
+
+void transfer(const std::string& step, SocketKind kind, const std::function<Split>& split) {
     if (step[0] == 'f') {
-        sent(kFd, std::stoi(step.substr(1)), Buffers{});
+        const int n = std::stoi(step.substr(1));
+        if (kind == kPlain) sent(kFd, n, Buffers{});
+        const Connection connection = {descriptors[kFd], slotAt(GETINDEX(webServerType, kFd))};
+        if (kind == kSsl) unseenPlaintextSent(connection, static_cast<std::uint64_t>(n));
         return;
     }
     for (std::size_t at = 1; at < step.size();) {
         const std::size_t n = split(step.size() - at);
         const std::string part = step.substr(at, n);  // a copy, so that no reader goes beyond it
         const auto count = static_cast<ssize_t>(n);
-        if (step[0] == '<') received(kFd, count, part.data(), n);
-        if (step[0] == '>') sent(kFd, count, part.data(), n);
+        if (kind == kSsl) transferPlaintext(step, part);
+        if (kind == kPlain && step[0] == '<') received(kFd, count, part.data(), n);
+        if (kind == kPlain && step[0] == '>') sent(kFd, count, part.data(), n);
         at += n;
     }
 }
 
-std::string counted(const Conversation& conversation, ServerType type,
+// The counts; of an SSL connection without the bytes of the totals, which are those of
+// the wire.
+std::string counted(const Conversation& conversation, ServerType type, SocketKind kind,
                     const std::function<Split>& split) {
     const MeasuredProcess process(type);
     requestInterval = INT_MAX;
     putIntoForce({{"a.test", {"/x"}}, {"b.test", {}}});
-    countAccepted(kFd, kPlain);
+    countAccepted(kFd, kind);
     for (const std::string& step : conversation.steps) {
         if (step == "x") {
             countClosed(kFd);
         } else {
-            transfer(step, split);
+            transfer(step, kind, split);
         }
     }
     ResultStruct& result = slotAt(0).result;
@@ -183,21 +274,34 @@ std::string counted(const Conversation& conversation, ServerType type,
             if (category.responseTimeSum > 0) category.responseTimeSum = 1;
         }
     }
+    if (kind == kSsl) result.total.bytesReceived = result.total.bytesSent = 0;
     return describe(result);
+}
+
+std::string withoutWire(const std::string& counts) {
+    static const std::regex wireBytes(" (in|out)[0-9]+");
+    const std::size_t totals = std::min(counts.find(" |"), counts.size());
+    return std::regex_replace(counts.substr(0, totals), wireBytes, "") + counts.substr(totals);
 }
 
 TEST_P(MessageCounting, IsTheSameHoweverAConversationIsSplit) {
     std::mt19937 random(1);
-    for (const Conversation& conversation : kConversations) {
-        const std::string expected = conversation.counted;
-        const auto play = [&](const std::function<Split>& split) {
-            return counted(conversation, GetParam(), split);
-        };
-        EXPECT_EQ(play([](std::size_t left) { return left; }), expected) << conversation.name;
-        EXPECT_EQ(play([](std::size_t) { return 1; }), expected) << conversation.name;
-        for (int i = 0; i < 20; ++i) {
-            EXPECT_EQ(play([&](std::size_t left) { return random() % left + 1; }), expected)
-                << conversation.name;
+    std::vector<Conversation> all = kConversations;
+    all.insert(all.end(), kStreams.begin(), kStreams.end());
+    for (const Way& way : kWays) {
+        for (const Conversation& conversation : all) {
+            const auto name = std::string(conversation.name) + ", " + way.name;
+            const std::string expected =
+                way.kind == kPlain ? conversation.counted : withoutWire(conversation.counted);
+            const auto play = [&](const std::function<Split>& split) {
+                return counted(conversation, GetParam(), way.kind, split);
+            };
+            EXPECT_EQ(play([](std::size_t left) { return left; }), expected) << name;
+            EXPECT_EQ(play([](std::size_t) { return 1; }), expected) << name;
+            for (int i = 0; i < 10; ++i) {
+                EXPECT_EQ(play([&](std::size_t left) { return random() % left + 1; }), expected)
+                    << name;
+            }
         }
     }
 }

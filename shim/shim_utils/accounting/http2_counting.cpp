@@ -11,12 +11,35 @@ namespace {
 // The status of the response to a request that upgrades its connection.
 constexpr int kSwitchingProtocols = 101;
 
+// The connection of a request that was answered by 101 carries another protocol.
+void endUpgrade(const Messages& messages) {
+    Exchange* exchange = messages.state.http2.streams.find(1);
+    if (exchange != nullptr) countResponse(messages, *exchange, kSwitchingProtocols);
+}
+
+void logOnce() {
+    static std::atomic<bool> logged{false};
+    if (logged.exchange(true, kRelaxed)) return;
+    printErrorMsg(
+        "An HTTP/2 connection cannot be decoded: of such connections only bytes are counted");
+}
+
+// What follows cannot be read as HTTP/2.
+void endReading(const Messages& messages) {
+    if (messages.state.protocol == Protocol::kUpgraded) {
+        endUpgrade(messages);
+    } else {
+        logOnce();
+    }
+    stopHttp2(messages);
+}
+
 // ----------------------------------------------------------------- receiving
 
 void requested(const Messages& messages) {
     ConnectionMessages& state = messages.state;
     const Http2RequestReader& reader = state.http2.requests();
-    if (state.http2.streams.full()) return stopHttp2(messages);
+    if (state.http2.streams.full()) return endReading(messages);
     const RequestFields& fields = reader.fields();
     const Exchange exchange = beginExchange(messages, fields.host(), fields.path());
     state.requestStart = 0;
@@ -44,7 +67,7 @@ void received(const Messages& messages, Http2Event event) {
     ConnectionMessages& state = messages.state;
     const Http2RequestReader& reader = state.http2.requests();
     if (event == Http2Event::kMore) return;
-    if (event == Http2Event::kNotHttp2) return stopHttp2(messages);
+    if (event == Http2Event::kNotHttp2) return endReading(messages);
     state.protocol = Protocol::kHttp2;
     if (event == Http2Event::kReset) return resetStream(messages, reader.stream());
     if (event == Http2Event::kGoAway) return;
@@ -62,7 +85,7 @@ void sent(const Messages& messages, Http2Event event) {
     ConnectionMessages& state = messages.state;
     const Http2ResponseReader& reader = state.http2.responses();
     if (event == Http2Event::kMore) return;
-    if (event == Http2Event::kNotHttp2) return stopHttp2(messages);
+    if (event == Http2Event::kNotHttp2) return endReading(messages);
     state.protocol = Protocol::kHttp2;
     if (event == Http2Event::kReset) return resetStream(messages, reader.stream());
     if (event == Http2Event::kGoAway) return;
@@ -75,19 +98,6 @@ void sent(const Messages& messages, Http2Event event) {
     }
     if (event != Http2Event::kData) state.responseStart = 0;
     if (reader.endsStream()) state.http2.streams.end(reader.stream(), StreamSide::kResponse);
-}
-
-// The connection of a request that was answered by 101 carries another protocol.
-void endUpgrade(const Messages& messages) {
-    Exchange* exchange = messages.state.http2.streams.find(1);
-    if (exchange != nullptr) countResponse(messages, *exchange, kSwitchingProtocols);
-}
-
-void logOnce() {
-    static std::atomic<bool> logged{false};
-    if (logged.exchange(true, kRelaxed)) return;
-    printErrorMsg(
-        "An HTTP/2 connection cannot be decoded: of such connections only bytes are counted");
 }
 
 }  // namespace

@@ -166,6 +166,7 @@ void messagesClosed(const Connection& connection) {
         http1Closed(messages);
     }
     if (state.firstSite >= 0) addTo(siteCounters(slot, state.firstSite).openConnections, -1);
+    state.protocol = Protocol::kUnknown;
     state.descriptor = -1;
     state.tlsObject = nullptr;
 }
