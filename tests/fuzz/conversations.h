@@ -1,4 +1,4 @@
-// What the message readers find in a conversation that arrives in parts.
+// What the message readers find in a conversation that arrives in parts, and where.
 #pragma once
 
 #include <string>
@@ -10,11 +10,18 @@
 namespace tolvane::fuzz {
 
 struct Reading {
-    std::vector<std::string> heads;  // of a request "TARGET HOST", of a response its status
-    std::size_t complete = 0;        // messages that have ended
-    bool stopped = false;            // the rest is not HTTP/1.x, or cannot be framed
+    struct Event {
+        std::string what;  // head of a request "TARGET HOST", of a response its status; or "end"
+        std::size_t offset = 0;  // of the byte behind it
+        bool operator==(const Event&) const = default;
+    };
+    std::vector<Event> events;
+    bool stopped = false;       // the rest is not HTTP/1.x, or cannot be framed
+    std::size_t stoppedAt = 0;  // offset of the part with which the reading stopped
 
-    bool operator==(const Reading&) const = default;
+    bool operator==(const Reading& other) const {
+        return events == other.events && stopped == other.stopped;
+    }
 };
 
 using Parts = std::vector<std::string_view>;
