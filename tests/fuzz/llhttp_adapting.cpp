@@ -95,8 +95,7 @@ std::string LlhttpRun::givenForReturn() {
 }
 
 // For a byte that llhttp does not accept.
-std::optional<std::string> LlhttpRun::repaired() {
-    const char c = text_[at_];
+std::optional<std::string> LlhttpRun::repaired(char c) {
     const std::string reason = reasonOf(parser_);
     switch (llhttp_get_errno(&parser_)) {
         case HPE_INVALID_METHOD:
@@ -114,7 +113,7 @@ std::optional<std::string> LlhttpRun::repaired() {
         case HPE_UNEXPECTED_SPACE:
             return note(kNoField, "x");
         case HPE_INVALID_HEADER_TOKEN:
-            if (!inValue_) return repairedName();
+            if (!inValue_) return repairedName(c);
             if (c == '\n') return note(kBareFeed, "\r\n");
             if (!isVisible(c)) endHost();
             return note("llhttp accepts no control character in a field", "x");
@@ -123,14 +122,13 @@ std::optional<std::string> LlhttpRun::repaired() {
             return note(kWrongLength, " ");
         case HPE_INVALID_CHUNK_SIZE:
         case HPE_STRICT:
-            return repairedChunkLine(reason);
+            return repairedChunkLine(c, reason);
         default:
             return {};
     }
 }
 
-std::optional<std::string> LlhttpRun::repairedName() {
-    const char c = text_[at_];
+std::optional<std::string> LlhttpRun::repairedName(char c) {
     if (isBlank(c) && framesBody()) unframed_ = true;
     note(kNoField);
     if (c == '\r') return "x:\r";
@@ -138,8 +136,7 @@ std::optional<std::string> LlhttpRun::repairedName() {
     return "x";
 }
 
-std::optional<std::string> LlhttpRun::repairedChunkLine(std::string_view reason) {
-    const char c = text_[at_];
+std::optional<std::string> LlhttpRun::repairedChunkLine(char c, std::string_view reason) {
     const bool endsLine = c == '\r' || c == '\n';
     const std::string end = c == '\n' ? "\r\n" : std::string(1, c);
     if (c == '\n') note(kBareFeed);
@@ -204,7 +201,8 @@ bool LlhttpRun::feedRepaired(std::string bytes) {
                 llhttp_set_lenient_transfer_encoding(&earlier, 1);
                 break;
             default:
-                const std::optional<std::string> instead = repaired();
+                const std::optional<std::string> instead =
+                    repaired(bytes.size() == 1 ? bytes[0] : text_[at_]);
                 if (!instead) {
                     parser_ = failed;
                     return false;

@@ -55,7 +55,7 @@ void fail(std::string_view text, const Reading& byByte, const Reading& inParts,
 template <typename Read>
 void compare(std::string_view text, const LlhttpReading& theirs, std::mt19937_64& random,
              Totals& totals, Read read) {
-    const Reading byByte = read(cut(text, [](std::size_t) { return 1; }));
+    const Reading byByte = read(cut(text, [](std::size_t) -> std::size_t { return 1; }));
     const Reading inParts = read(cut(text, [&](std::size_t left) { return random() % left + 1; }));
     if (!(byByte == inParts && byByte == theirs.reading)) fail(text, byByte, inParts, theirs);
     for (const std::string& difference : theirs.differences) ++totals.differences[difference];

@@ -64,10 +64,10 @@ class LlhttpRun {
     std::string givenForReturn();
     void noteFold();
     bool isBlankBeforeStatus() const;
-    // The same for a byte at which llhttp has stopped.
-    std::optional<std::string> repaired();
-    std::optional<std::string> repairedName();
-    std::optional<std::string> repairedChunkLine(std::string_view reason);
+    // The same for the byte `c` at which llhttp has stopped.
+    std::optional<std::string> repaired(char c);
+    std::optional<std::string> repairedName(char c);
+    std::optional<std::string> repairedChunkLine(char c, std::string_view reason);
     std::optional<std::string> repairedRequestLine();
 
     // llhttp accepts less, and is given `bytes` instead.

@@ -20,7 +20,8 @@ void compare(std::string_view input) {
         return readResponses(parts, {Method::kOther, Method::kHead, Method::kConnect});
     };
     const Reading expected = read({whole});
-    mustAgree(expected == read(cut(whole, [](std::size_t) { return 1; })), "byte by byte");
+    mustAgree(expected == read(cut(whole, [](std::size_t) -> std::size_t { return 1; })),
+              "byte by byte");
     std::minstd_rand random(seed);
     const auto parts = cut(whole, [&](std::size_t left) { return random() % left + 1; });
     mustAgree(expected == read(parts), "in parts");
