@@ -26,6 +26,7 @@ const std::string kGet = "<GET /x HTTP/1.1\r\nHost: a.test\r\n\r\n";         // 
 const std::string kOk = ">HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";   // 40 bytes
 const std::string kEmpty = ">HTTP/1.1 404 No\r\nContent-Length: 0\r\n\r\n";  // 38 bytes
 const std::string kNoContent = ">HTTP/1.1 204 No\r\n\r\n";                   // 19 bytes
+const std::string kMegabyte(1 << 20, 'm');
 
 std::string operator*(int n, const std::string& step) {
     std::string all = step.substr(0, 1);
@@ -76,6 +77,12 @@ const std::vector<Conversation> kConversations = {
           kGet.substr(1),
       2 * kNoContent, "x"},
      "total: conn1 req2 in165 out38 | 0: conn1 req2 in165 out38 | 0.0: req2 out38 time1"},
+    {"lines of a megabyte in a head, a chunk's size and a trailer",
+     {post("Transfer-Encoding: chunked\r\nX: " + kMegabyte + "\r\n",
+           "1;" + kMegabyte + "\r\na\r\n0\r\nX: " + kMegabyte + "\r\n\r\n") +
+          kGet.substr(1),
+      2 * kNoContent, "x"},
+     "total: conn1 req2 in3145845 out38 | 0: conn1 req2 in3145845 out38 | 0.0: req2 out38 time1"},
     {"responses to HEAD and of 304 have no body",
      {"<HEAD /x HTTP/1.1\r\nHost: a.test\r\n\r\n" + kGet.substr(1),
       ok("Content-Length: 100\r\n", "") + "HTTP/1.1 304 Not\r\nContent-Length: 9\r\n\r\n", kGet,
@@ -136,6 +143,10 @@ const std::vector<Conversation> kConversations = {
      {post("Content-Length: 3\r\nTransfer-Encoding: chunked\r\n", "0\r\n\r\n") + kGet.substr(1),
       kEmpty, kGet, "x"},
      "total: conn1 req1 in152 out38 err1 cerr1 | 0: conn1 req1 in81 out38 err1 cerr1"
+     " | 0.0: req1 out38 err1"},
+    {"nor is what follows a carriage return within a length",
+     {post("Content-Length: 3\r5\r\n", "abc"), kEmpty, kGet, "x"},
+     "total: conn1 req1 in91 out38 err1 cerr1 | 0: conn1 req1 in55 out38 err1 cerr1"
      " | 0.0: req1 out38 err1"},
 };
 
