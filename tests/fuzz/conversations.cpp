@@ -1,5 +1,6 @@
 #include "conversations.h"
 
+#include <algorithm>
 #include <memory>
 
 #include "shim_utils/http/response_reader.h"
@@ -38,6 +39,14 @@ Reading readParts(const Parts& parts, ReadPart readPart) {
 }
 
 }  // namespace
+
+bool equal(const Reading& one, const Reading& other, bool offsets) {
+    const auto equalEvents = [offsets](const Reading::Event& a, const Reading::Event& b) {
+        return a.what == b.what && (a.offset == b.offset || (!offsets && a.what != "end"));
+    };
+    return one.stopped == other.stopped &&
+           std::ranges::equal(one.events, other.events, equalEvents);
+}
 
 Reading readRequests(const Parts& parts) {
     using Event = RequestReader::Event;

@@ -13,16 +13,15 @@ struct Reading {
     struct Event {
         std::string what;  // head of a request "TARGET HOST", of a response its status; or "end"
         std::size_t offset = 0;  // of the byte behind it
-        bool operator==(const Event&) const = default;
     };
     std::vector<Event> events;
     bool stopped = false;       // the rest is not HTTP/1.x, or cannot be framed
     std::size_t stoppedAt = 0;  // offset of the part with which the reading stopped
-
-    bool operator==(const Reading& other) const {
-        return events == other.events && stopped == other.stopped;
-    }
 };
+
+// Whether both readings found the same. `offsets`: the offsets of heads count as well.
+// Otherwise they do not, since a response is a single event where all of it is in one part.
+bool equal(const Reading& one, const Reading& other, bool offsets);
 
 using Parts = std::vector<std::string_view>;
 

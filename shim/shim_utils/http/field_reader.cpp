@@ -117,7 +117,8 @@ bool FieldReader::readUsualLine(const char* line, const char* next, const char* 
         std::uint64_t length = 0;
         const char* const digits = p;
         for (; isDigit(*p); ++p) length = length * 10 + static_cast<std::uint64_t>(*p - '0');
-        if (*p != '\r' || p == digits || p - digits > kSafeDigits || hasLength_) return false;
+        if (p + 2 != next || p == digits || p - digits > kSafeDigits || hasLength_) return false;
+        if (*p != '\r') return false;
         hasLength_ = true;
         length_ = length;
     }
