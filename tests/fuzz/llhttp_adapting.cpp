@@ -35,6 +35,7 @@ bool isMethodCharacter(char c) {
 std::optional<std::string> LlhttpRun::given() {
     const char c = text_[at_];
     const std::string same(1, c);
+    if (inMessage_ && isVisible(c)) return same;
     if (!inMessage_) {
         if (c != '\r' && c != '\n') return same;
         if (parser_.type == HTTP_REQUEST) return same;
@@ -181,7 +182,8 @@ std::optional<std::string> LlhttpRun::repairedRequestLine() {
 
 bool LlhttpRun::feedRepaired(std::string bytes) {
     llhttp_t earlier = parser_;
-    for (int tries = 0; !feed(bytes); ++tries) {
+    if (feed(bytes)) return true;
+    for (int tries = 0; tries == 0 || !feed(bytes); ++tries) {
         if (refused_ || tries == 4) return false;
         const llhttp_t failed = parser_;
         if (reasonOf(parser_) == "Empty Content-Length") {

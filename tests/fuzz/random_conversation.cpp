@@ -151,7 +151,7 @@ std::string Generator::request() {
     text += oneIn(32) ? choice(kOddMethods) : choice(kMethods);
     text += oneIn(16) ? "  " : " ";
     text += oneIn(32) ? choice(kOddTargets) : choice(kTargets);
-    if (oneIn(64)) text += "?" + std::string(8180 + upTo(20), 'q');
+    if (oneIn(512)) text += "?" + std::string(8180 + upTo(20), 'q');
     text += " ";
     text += oneIn(32) ? choice(kOddVersions) : choice(kVersions);
     return text + lineEnd() + fieldsAndBody(false);
