@@ -148,6 +148,9 @@ const std::vector<Conversation> kConversations = {
      {post("Content-Length: 3\r5\r\n", "abc"), kEmpty, kGet, "x"},
      "total: conn1 req1 in91 out38 err1 cerr1 | 0: conn1 req1 in55 out38 err1 cerr1"
      " | 0.0: req1 out38 err1"},
+    {"a response that cannot be framed ends the reading of requests, too",
+     {kGet, ok("Content-Length: 3\r\nTransfer-Encoding: chunked\r\n", "0\r\n\r\n"), kGet, kOk, "x"},
+     "total: conn1 req1 in66 out111 | 0: conn1 req1 in33 out66 | 0.0: req1 out66 time1"},
 };
 
 class MessageCounting : public testing::TestWithParam<ServerType> {

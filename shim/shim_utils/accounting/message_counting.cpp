@@ -229,14 +229,14 @@ bool responded(const Messages& messages, ResponseReader::Event event) {
     using Event = ResponseReader::Event;
     ConnectionMessages& state = messages.state;
     if (event == Event::kInterim) state.responseStart = 0;
-    if (!state.answers) return event != Event::kNotHttp;
+    if (!state.answers) return !state.responses.stopped();
     Exchange& exchange = state.exchanges.front();
     if (event == Event::kHead || event == Event::kMessage) countResponse(messages, exchange);
     const bool complete = event == Event::kMessage || event == Event::kEnd;
     const bool switches =
         event == Event::kMessage && state.responses.switchesProtocol(exchange.method);
     if (complete) state.exchanges.pop();
-    return event != Event::kNotHttp && !switches;
+    return !state.responses.stopped() && !switches;
 }
 
 void readResponses(const Messages& messages, Bytes part) {
