@@ -35,6 +35,10 @@ bool isMethodCharacter(char c) {
 std::optional<std::string> LlhttpRun::given() {
     const char c = text_[at_];
     const std::string same(1, c);
+    if (endsWrongStatus()) {
+        refuse("llhttp accepts a status below 100, and leading zeros");
+        return {};
+    }
     if (inMessage_ && isVisible(c)) return same;
     if (!inMessage_) {
         if (c != '\r' && c != '\n') return same;
@@ -62,6 +66,14 @@ std::optional<std::string> LlhttpRun::given() {
     }
     if (isBlankBeforeStatus()) return note("llhttp accepts one blank in front of the status", "");
     return same;
+}
+
+// Whether the present byte makes it certain that the status is not one of three digits.
+bool LlhttpRun::endsWrongStatus() const {
+    const bool inLine = inMessage_ && !inFields_ && parser_.type == HTTP_RESPONSE;
+    if (!inLine || at_ < messageAt_ + 9 || parser_.status_code >= 100) return false;
+    const std::size_t status = text_.find_first_not_of(' ', messageAt_ + 8);
+    return at_ >= status && at_ <= status + 3 && (!isDigit(text_[at_]) || at_ == status + 3);
 }
 
 // The value of the present field goes on in the next line.

@@ -64,6 +64,7 @@ class LlhttpRun {
     std::string givenForReturn();
     void noteFold();
     bool isBlankBeforeStatus() const;
+    bool endsWrongStatus() const;
     // The same for the byte `c` at which llhttp has stopped.
     std::optional<std::string> repaired(char c);
     std::optional<std::string> repairedName(char c);
