@@ -127,7 +127,7 @@ int LlhttpRun::beginBody() {
 
 int LlhttpRun::onChunkHeader() {
     inExtension_ = false;
-    return parser_.content_length <= INT64_MAX ? 0 : refuse("llhttp accepts lengths from 2^63");
+    return 0;
 }
 
 int LlhttpRun::onChunk() {
@@ -170,6 +170,10 @@ bool LlhttpRun::readByte() {
         std::erase_if(result_.reading.events,
                       [this](const auto& event) { return event.offset > at_; });
         refuse("llhttp ends a line with CR and any byte");
+        return false;
+    }
+    if (chunkLine && parser_.content_length > INT64_MAX) {
+        refuse("llhttp accepts lengths from 2^63");
         return false;
     }
     if (chunkLine && c == ';') inExtension_ = true;
