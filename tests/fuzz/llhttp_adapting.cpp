@@ -50,6 +50,10 @@ std::optional<std::string> LlhttpRun::given() {
         refuse("llhttp accepts tabs and form feeds in a target");
         return {};
     }
+    if ((c == '\r' || c == '\n') && parser_.type == HTTP_REQUEST && !inFields_ && !hasVersion_) {
+        refuse("llhttp accepts HTTP/0.9");
+        return {};
+    }
     const bool chunkDataEnds = headDone_ && inData_ && parser_.content_length == 0;
     if (chunkDataEnds) {
         endsDataWithFeed_ = c == '\n';

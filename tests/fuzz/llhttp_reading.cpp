@@ -41,7 +41,8 @@ int LlhttpRun::onMessageBegin() {
     inMessage_ = true;
     // It keeps a length that it has not used when it goes on behind "Connection: close".
     parser_.content_length = 0;
-    headDone_ = inFields_ = inValue_ = emptyCoding_ = inExtension_ = unframed_ = hasHost_ = false;
+    hasVersion_ = headDone_ = inFields_ = inValue_ = emptyCoding_ = inExtension_ = unframed_ =
+        hasHost_ = false;
     url_.clear();
     host_.clear();
     field_.clear();
@@ -50,6 +51,7 @@ int LlhttpRun::onMessageBegin() {
 }
 
 int LlhttpRun::onVersion() {
+    hasVersion_ = true;
     // It would wait for the rest of a preface.
     if (parser_.type == HTTP_REQUEST && parser_.method == HTTP_PRI) return -1;
     return parser_.http_major == 1 ? 0 : refuse("llhttp accepts another version than 1.x");
@@ -88,7 +90,6 @@ int LlhttpRun::onHead() {
     const auto orNone = [](const std::string& text, std::size_t longest) {
         return text.empty() || text.size() > longest ? "-" : text;
     };
-    if (parser_.http_major != 1) return refuse("llhttp accepts HTTP/0.9");
     headDone_ = true;
     if (parser_.type == HTTP_REQUEST) {
         addEvent(orNone(url_, kLongestTarget) + " " + orNone(host_, kLongestHost));

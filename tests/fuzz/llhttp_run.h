@@ -104,6 +104,7 @@ class LlhttpRun {
     char fed_ = '\0';            // the byte that llhttp was given last
     bool refused_ = false;
     bool inMessage_ = false;  // a message has begun and is not complete
+    bool hasVersion_ = false;
     bool headDone_ = false;
     bool inFields_ = false;  // behind the first line of the head
     bool inValue_ = false;
