@@ -327,6 +327,7 @@ TEST_P(Messages, OfGatewaysAreCounted) {
                 expected.addRequest(order.counted.site, order.counted.category, 0, 0, order.status);
             }
         }
+        gateway.signal(SIGTERM);  // closes its connections
         EXPECT_TRUE(eventually(
             5s, [&] { return withoutBytes(segment.counts()) == withoutBytes(expected); }))
             << withoutBytes(segment.counts()) << "\ninstead of " << withoutBytes(expected);
