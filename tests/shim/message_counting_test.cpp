@@ -8,6 +8,7 @@
 
 #include "measured_process.h"
 #include "shim_utils/accounting/counting.h"
+#include "shim_utils/publication/publication.h"
 #include "transfer.h"
 
 namespace tolvane::test {
@@ -213,6 +214,26 @@ TEST_P(MessageCounting, IsTheSameHoweverAConversationIsSplit) {
             EXPECT_EQ(play([&](std::size_t left) { return random() % left + 1; }), expected)
                 << conversation.name;
         }
+    }
+}
+
+// A worker's end closes its connections without a call.
+TEST_P(MessageCounting, DropsAtExitWhatIsUnanswered) {
+    if (GetParam() == kNetscape) return;  // publishes nothing at its end
+    const MeasuredProcess process(GetParam());
+    requestInterval = INT_MAX;
+    putIntoForce({{"a.test", {"/x"}}});
+    countAccepted(kFd, kPlain);
+    const auto whole = [](std::size_t left) { return left; };
+    transfer(3 * kGet, whole);
+    transfer(kNoContent, whole);
+    for (int i = 0; i < 2; ++i) {  // only once
+        GetParam() == kApacheProcesses ? publishAtExit() : publishSlotsAtExit();
+        shmPtr[0].category[0][0].responseTimeSum = 0;
+        shmPtr[0].site[0].openConnections = 0;
+        EXPECT_EQ(describe(shmPtr[0]),
+                  "total: conn1 req3 in99 out19 drop2 | 0: conn1 req3 in99 out19 drop2"
+                  " | 0.0: req3 out19 drop2");
     }
 }
 
