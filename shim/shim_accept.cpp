@@ -17,21 +17,31 @@ constinit RealCall<Accept4Call> real_accept4{"accept4"};
 
 namespace {
 
-SocketKind classify(int listeningFd) {
-    if (sslHttpListenSocket.contains(listeningFd)) return kSsl;
-    return httpListenSocket.contains(listeningFd) ? kPlain : kUntracked;
+// What a listening socket accepts.
+enum class Listener { kUnknown, kLocal, kPlain, kSsl };
+
+Listener listenerOf(int fd) {
+    if (tolvaneShimEnabled.load(std::memory_order_acquire) == 0) return Listener::kUnknown;
+    if (localListenSocket.contains(fd)) return Listener::kLocal;
+    if (sslHttpListenSocket.contains(fd)) return Listener::kSsl;
+    return httpListenSocket.contains(fd) ? Listener::kPlain : Listener::kUnknown;
 }
 
-int accepted(int listeningFd, int newFd) {
+SocketKind kindOf(Listener listener) {
+    if (listener == Listener::kPlain) return kPlain;
+    return listener == Listener::kSsl ? kSsl : kUntracked;
+}
+
+int accepted(Listener listener, int newFd) {
     if (newFd < 1 || tolvaneShimEnabled.load(std::memory_order_acquire) == 0) return newFd;
     ErrnoGuard guard;
-    if (localListenSocket.contains(listeningFd)) {
+    if (listener == Listener::kLocal) {
         forgetDescriptor(newFd);
         return newFd;
     }
     if (!mayServe()) return newFd;
     if (webServerType != kNetscape) discoverParent();
-    SocketKind kind = classify(listeningFd);
+    const SocketKind kind = kindOf(listener);
     if (kind != kUntracked && webServerType != kNetscape &&
         !readyForConnections.load(std::memory_order_acquire)) {
         makeReadyForConnections();
@@ -43,12 +53,19 @@ int accepted(int listeningFd, int newFd) {
 }  // namespace
 }  // namespace tolvane
 
+// The listening socket is looked up before the call: a signal handler that runs when
+// the call returns may close it, as that of an Apache process that is to end does.
+
 TOLVANE_EXPORT int accept(int fd, sockaddr* address, socklen_t* length) {
     auto call = tolvane::real_accept.find();
-    return call == nullptr ? -1 : tolvane::accepted(fd, call(fd, address, length));
+    if (call == nullptr) return -1;
+    const auto listener = tolvane::listenerOf(fd);
+    return tolvane::accepted(listener, call(fd, address, length));
 }
 
 TOLVANE_EXPORT int accept4(int fd, sockaddr* address, socklen_t* length, int flags) {
     auto call = tolvane::real_accept4.find();
-    return call == nullptr ? -1 : tolvane::accepted(fd, call(fd, address, length, flags));
+    if (call == nullptr) return -1;
+    const auto listener = tolvane::listenerOf(fd);
+    return tolvane::accepted(listener, call(fd, address, length, flags));
 }

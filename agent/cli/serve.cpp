@@ -82,8 +82,9 @@ class Wakeups {
 
 // Waits for the time of the next round. Returns false to end.
 bool waitUntil(Clock::time_point next, Wakeups& wakeups, Collector& collector) {
-    // The service manager expects a message more often than a long interval.
-    constexpr Clock::duration kSlice = std::chrono::seconds(10);
+    // The service manager expects a message more often than a long interval. A fast
+    // network passes 4 GiB, what a counter holds, in a few seconds.
+    constexpr Clock::duration kSlice = std::chrono::seconds(1);
     for (;;) {
         Wakeup wakeup = wakeups.wait(std::min(next - Clock::now(), kSlice));
         tellServiceManager("WATCHDOG=1");
@@ -91,6 +92,7 @@ bool waitUntil(Clock::time_point next, Wakeups& wakeups, Collector& collector) {
         if (wakeup == Wakeup::kReload) collector.reload();
         if (wakeup == Wakeup::kNewServer) return true;
         if (Clock::now() >= next) return true;
+        collector.collectEarly();
     }
 }
 

@@ -8,6 +8,7 @@
 #include <list>
 #include <mutex>
 #include <optional>
+#include <utility>
 
 #include "collector/log.h"
 #include "collector/run_finder.h"
@@ -42,6 +43,7 @@ class Collector::Impl {
         reader(state_);
     }
     void round();
+    void collectEarly();
     void reload() { configurer_.reload(); }
 
   private:
@@ -127,14 +129,15 @@ void Collector::Impl::round() {
 }
 
 void Collector::Impl::collectFrom(Watched& watched) {
-    CountSet added;
-    CollectionCost cost;
+    CountSet added = std::exchange(watched.early, {});
+    CollectionCost cost = std::exchange(watched.earlyCost, {});
     // The status is read before the collection: if no process is attached, the
     // collection contains all publications.
     watched.status = watched.run.status(watched.ended);
     updateNames(watched, NameUpdate::kNewOnly);
     InHistory inHistory = watched.run.collectedBefore() ? InHistory::kYes : InHistory::kNo;
-    bool changed = watched.run.collect(added, cost);
+    bool changed = watched.run.collect(added, cost) || watched.hasEarly;
+    watched.hasEarly = false;
     std::time_t now = std::time(nullptr);
     {
         std::lock_guard lock(mutex_);
@@ -150,6 +153,12 @@ void Collector::Impl::collectFrom(Watched& watched) {
     }
     watched.dirty = watched.dirty || changed;
     updateNames(watched, NameUpdate::kAll);
+}
+
+void Collector::Impl::collectEarly() {
+    for (Watched& watched : finder_->watched()) {
+        watched.hasEarly |= watched.run.collect(watched.early, watched.earlyCost);
+    }
 }
 
 // Updates the names of the indices when the segment has another configuration.
@@ -309,6 +318,10 @@ void Collector::read(const std::function<void(const CollectorState&)>& reader) c
 
 void Collector::round() {
     impl_->round();
+}
+
+void Collector::collectEarly() {
+    impl_->collectEarly();
 }
 
 void Collector::reload() {

@@ -31,6 +31,10 @@ class Collector {
     // server's counts and saves the totals.
     void round();
 
+    // Between two rounds: collects the counts that the next round will add to the totals,
+    // so that no counter grows by 4 GiB unseen.
+    void collectEarly();
+
     // Reads the configuration file at once.
     void reload();
 

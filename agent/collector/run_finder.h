@@ -25,6 +25,10 @@ struct Watched {
     ConfigSync sync;
     bool ended = false;
     bool dirty = true;  // its progress differs from the database
+    // Collected since the last round, which is when the totals change.
+    CountSet early;
+    CollectionCost earlyCost;
+    bool hasEarly = false;
 };
 
 class RunFinder {

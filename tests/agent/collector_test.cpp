@@ -61,6 +61,27 @@ TEST(Collector, KeepsLongTotalsByNameOverRestartsOfTheServer) {
     EXPECT_EQ(rowsOf(collector)["a.test"], "15/15000");
 }
 
+TEST(Collector, ReadsBetweenRoundsWhatWouldWrap) {
+    writeSites("a.test");
+    Collector collector(options(kConfig));
+    FakeServer server(1);
+    collector.round();
+    const auto grow = [&] {
+        server.edit([](ConfigInfo&, ResultStruct* r) {
+            r[0].total.bytesSent += 3000000000U;
+            r[0].site[0].bytesSent += 3000000000U;
+        });
+    };
+    grow();
+    collector.collectEarly();
+    EXPECT_EQ(rowsOf(collector)[""], "0/0") << "the totals change once per round";
+    grow();
+    collector.collectEarly();
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""], "0/6000000000");
+    EXPECT_EQ(rowsOf(collector)["a.test"], "0/6000000000");
+}
+
 TEST(Collector, LosesAndDoublesNothingWhenKilled) {
     FakeServer server(4);
     writeSites("a.test");

@@ -1,7 +1,9 @@
 // The tool with the distribution's Apache, from its start to its end.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -115,6 +117,94 @@ TEST_P(MeasuredApache, WithUnexpectedThreadsIsReported) {
     std::this_thread::sleep_for(1100ms);
     writeFile(file, std::string(GetParam()) + "\n");
     EXPECT_EQ(has("doctor", " -> restart it: " + file + " was written after its start"), threaded);
+}
+
+// A response that is not copied: its bytes are discarded in the kernel.
+class Download {
+  public:
+    explicit Download(const std::string& path) : fd_(tolvane::test::connectTo(kPort)) {
+        tolvane::test::sendAll(
+            fd_, "GET " + path + " HTTP/1.1\r\nHost: a.test\r\nConnection: close\r\n\r\n");
+    }
+    ~Download() { close(fd_); }
+    Download(const Download&) = delete;
+    Download& operator=(const Download&) = delete;
+
+    // Receives so many bytes, or what there is. Returns the sum.
+    std::uint64_t receive(std::uint64_t limit) {
+        while (received_ < limit) {
+            const ssize_t n = recv(fd_, nullptr, std::size_t{1} << 24, MSG_TRUNC);
+            if (n <= 0) break;
+            received_ += static_cast<std::uint64_t>(n);
+        }
+        return received_;
+    }
+
+  private:
+    int fd_;
+    std::uint64_t received_ = 0;
+};
+
+// The bytes sent by the server, by its site, and in the category.
+using SentBytes = std::array<std::uint64_t, 3>;
+
+SentBytes collected(int port) {
+    const int fd = tolvane::test::connectTo(port);
+    tolvane::test::sendAll(fd, "GET /api/servers HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+    std::string text;
+    char buffer[4096];
+    for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) {
+        text.append(buffer, static_cast<std::size_t>(n));
+    }
+    close(fd);
+    const auto server = nlohmann::json::parse(text.substr(text.find("\r\n\r\n")))["servers"].at(0);
+    if (server["sites"].empty()) return {};
+    const auto& site = server["sites"].at(0);
+    return {server["total"]["sent_bytes"], site["sent_bytes"],
+            site["categories"].at(0)["sent_bytes"]};
+}
+
+class LargeResponse : public MeasuredApache {};
+INSTANTIATE_TEST_SUITE_P(Modules, LargeResponse, testing::Values("prefork", "event"),
+                         [](const auto& module) { return std::string(module.param); });
+
+TEST_P(LargeResponse, IsCollectedWhileItRunsAndBeyond4GiB) {
+    constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
+    constexpr int kCollectorPort = 9931;
+    layOutServer(GetParam());
+    writeFile("/opt/server/htdocs/page.iso", "");
+    std::filesystem::resize_file("/opt/server/htdocs/page.iso", 5 * kGiB);
+    writeFile("/opt/etc/sites/b.conf", "EnableSendfile On\n");
+    tolvane::test::Process server(
+        {TOLVANE_PROGRAM, "run", "--library", TOLVANE_LIBRARY, "--", "/usr/sbin/apache2", "-d",
+         "/opt/etc", "-f", "main.conf", "-D", "FOREGROUND"},
+        {});
+    ASSERT_TRUE(tolvane::test::eventually(20s, [] { return tolvane({"list"}).code == 0; }));
+    std::string sites = tolvane::test::readFile("/opt/sites.toml");
+    writeFile("/opt/sites.toml", sites.replace(sites.find("= 1"), 3, "= 60"));
+    ASSERT_EQ(tolvane({"configure", "/opt/sites.toml"}).code, 0);
+    tolvane::test::Process collector({TOLVANE_PROGRAM, "serve", "--interval", "2", "--state",
+                                      std::string("/opt/state-") + GetParam()},
+                                     {});
+    ASSERT_TRUE(tolvane::test::eventually(10s, [] {
+        return tolvane::test::readFile("/proc/net/tcp").find(":26CB 00000000:0000 0A") !=
+               std::string::npos;
+    }));
+
+    Download download("/page.iso");
+    ASSERT_GE(download.receive(3 * kGiB), 3 * kGiB);
+    EXPECT_TRUE(tolvane::test::eventually(6s, [] { return collected(kCollectorPort)[0] > kGiB; }));
+    const std::uint64_t whole = download.receive(UINT64_MAX);
+    EXPECT_GT(whole, 5 * kGiB);
+    std::this_thread::sleep_for(300ms);
+    server.signal(SIGTERM);
+    EXPECT_TRUE(server.wait(20s));
+    const SentBytes expected = {whole, whole, whole};
+    EXPECT_TRUE(
+        tolvane::test::eventually(5s, [&] { return collected(kCollectorPort) == expected; }))
+        << testing::PrintToString(collected(kCollectorPort)) << " instead of " << whole;
+    collector.signal(SIGTERM);
+    EXPECT_EQ(collector.wait(10s), 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Modules, MeasuredApache, testing::Values("prefork", "worker", "event"),

@@ -1,4 +1,4 @@
-// What the message readers find in a conversation that arrives in parts.
+// What the message readers find in a conversation that arrives in parts, and where.
 #pragma once
 
 #include <string>
@@ -10,12 +10,18 @@
 namespace tolvane::fuzz {
 
 struct Reading {
-    std::vector<std::string> heads;  // of a request "TARGET HOST", of a response its status
-    std::size_t complete = 0;        // messages that have ended
-    bool stopped = false;            // the rest is not HTTP/1.x, or cannot be framed
-
-    bool operator==(const Reading&) const = default;
+    struct Event {
+        std::string what;  // head of a request "TARGET HOST", of a response its status; or "end"
+        std::size_t offset = 0;  // of the byte behind it
+    };
+    std::vector<Event> events;
+    bool stopped = false;       // the rest is not HTTP/1.x, or cannot be framed
+    std::size_t stoppedAt = 0;  // offset of the part with which the reading stopped
 };
+
+// Whether both readings found the same. `offsets`: the offsets of heads count as well.
+// Otherwise they do not, since a response is a single event where all of it is in one part.
+bool equal(const Reading& one, const Reading& other, bool offsets);
 
 using Parts = std::vector<std::string_view>;
 

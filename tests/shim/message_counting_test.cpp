@@ -9,6 +9,7 @@
 
 #include "measured_process.h"
 #include "shim_utils/accounting/counting.h"
+#include "shim_utils/publication/publication.h"
 #include "tolvane/entry_points.h"
 #include "transfer.h"
 
@@ -28,6 +29,7 @@ const std::string kGet = "<GET /x HTTP/1.1\r\nHost: a.test\r\n\r\n";         // 
 const std::string kOk = ">HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";   // 40 bytes
 const std::string kEmpty = ">HTTP/1.1 404 No\r\nContent-Length: 0\r\n\r\n";  // 38 bytes
 const std::string kNoContent = ">HTTP/1.1 204 No\r\n\r\n";                   // 19 bytes
+const std::string kMegabyte(1 << 20, 'm');
 
 std::string operator*(int n, const std::string& step) {
     std::string all = step.substr(0, 1);
@@ -78,6 +80,12 @@ const std::vector<Conversation> kConversations = {
           kGet.substr(1),
       2 * kNoContent, "x"},
      "total: conn1 req2 in165 out38 | 0: conn1 req2 in165 out38 | 0.0: req2 out38 time1"},
+    {"lines of a megabyte in a head, a chunk's size and a trailer",
+     {post("Transfer-Encoding: chunked\r\nX: " + kMegabyte + "\r\n",
+           "1;" + kMegabyte + "\r\na\r\n0\r\nX: " + kMegabyte + "\r\n\r\n") +
+          kGet.substr(1),
+      2 * kNoContent, "x"},
+     "total: conn1 req2 in3145845 out38 | 0: conn1 req2 in3145845 out38 | 0.0: req2 out38 time1"},
     {"responses to HEAD and of 304 have no body",
      {"<HEAD /x HTTP/1.1\r\nHost: a.test\r\n\r\n" + kGet.substr(1),
       ok("Content-Length: 100\r\n", "") + "HTTP/1.1 304 Not\r\nContent-Length: 9\r\n\r\n", kGet,
@@ -139,6 +147,13 @@ const std::vector<Conversation> kConversations = {
       kEmpty, kGet, "x"},
      "total: conn1 req1 in152 out38 err1 cerr1 | 0: conn1 req1 in81 out38 err1 cerr1"
      " | 0.0: req1 out38 err1"},
+    {"nor is what follows a carriage return within a length",
+     {post("Content-Length: 3\r5\r\n", "abc"), kEmpty, kGet, "x"},
+     "total: conn1 req1 in91 out38 err1 cerr1 | 0: conn1 req1 in55 out38 err1 cerr1"
+     " | 0.0: req1 out38 err1"},
+    {"a response that cannot be framed ends the reading of requests, too",
+     {kGet, ok("Content-Length: 3\r\nTransfer-Encoding: chunked\r\n", "0\r\n\r\n"), kGet, kOk, "x"},
+     "total: conn1 req1 in66 out111 | 0: conn1 req1 in33 out66 | 0.0: req1 out66 time1"},
 };
 
 // ------------------------------------------------------------------- HTTP/2
@@ -303,6 +318,26 @@ TEST_P(MessageCounting, IsTheSameHoweverAConversationIsSplit) {
                     << name;
             }
         }
+    }
+}
+
+// A worker's end closes its connections without a call.
+TEST_P(MessageCounting, DropsAtExitWhatIsUnanswered) {
+    if (GetParam() == kNetscape) return;  // publishes nothing at its end
+    const MeasuredProcess process(GetParam());
+    requestInterval = INT_MAX;
+    putIntoForce({{"a.test", {"/x"}}});
+    countAccepted(kFd, kPlain);
+    const auto whole = [](std::size_t left) { return left; };
+    transfer(3 * kGet, kPlain, whole);
+    transfer(kNoContent, kPlain, whole);
+    for (int i = 0; i < 2; ++i) {  // only once
+        GetParam() == kApacheProcesses ? publishAtExit() : publishSlotsAtExit();
+        shmPtr[0].category[0][0].responseTimeSum = 0;
+        shmPtr[0].site[0].openConnections = 0;
+        EXPECT_EQ(describe(shmPtr[0]),
+                  "total: conn1 req3 in99 out19 drop2 | 0: conn1 req3 in99 out19 drop2"
+                  " | 0.0: req3 out19 drop2");
     }
 }
 

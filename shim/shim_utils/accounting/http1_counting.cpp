@@ -132,6 +132,7 @@ const char* http1Sent(const Messages& messages, Bytes part) {
         const ResponseReader::Event event = state.responses.read(p, end, exchange.method);
         responded(messages, event);
         if (event == ResponseReader::Event::kNotHttp) return end;
+        if (state.responses.stopped()) stopHttp1(messages);  // the body in sight is none
         addSentBytes(messages.slot(), exchange.credit, static_cast<std::uint64_t>(p - from));
     }
     if (state.protocol == Protocol::kUpgraded) return p;

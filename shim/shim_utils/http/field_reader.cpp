@@ -117,7 +117,8 @@ bool FieldReader::readUsualLine(const char* line, const char* next, const char* 
         std::uint64_t length = 0;
         const char* const digits = p;
         for (; isDigit(*p); ++p) length = length * 10 + static_cast<std::uint64_t>(*p - '0');
-        if (*p != '\r' || p == digits || p - digits > kSafeDigits || hasLength_) return false;
+        if (p + 2 != next || p == digits || p - digits > kSafeDigits || hasLength_) return false;
+        if (*p != '\r') return false;
         hasLength_ = true;
         length_ = length;
     }
@@ -236,19 +237,19 @@ void FieldReader::readValue(const char*& p, const char* end, HostText* host) {
             state_ = State::kRestOfLine;
             return;
         case State::kCoding:
-            if (endsLine(*p)) {
-                state_ = State::kRestOfLine;
-            } else {
-                readCoding(*p++);
-            }
+            readCoding(*p++);
+            return;
+        case State::kFramingLineFeed:
+            // Receivers differ on what a carriage return within a value means.
+            if (*p != '\n') invalid_ = true;
+            state_ = State::kRestOfLine;
             return;
         case State::kStatus:
             readStatusDigit(*p);
             if (state_ == State::kStatus) ++p;
             return;
         default:
-            readDigit(*p);
-            if (state_ != State::kRestOfLine) ++p;
+            readDigit(*p++);
     }
 }
 
@@ -293,12 +294,20 @@ void FieldReader::readDigit(char c) {
         state_ = State::kBehindDigits;
     } else {
         if (!endsLine(c) || !hasDigit_) invalid_ = true;
-        state_ = State::kRestOfLine;
+        endFramingValue(c);
     }
+}
+
+// `c` is the first byte behind the value of a length or of codings.
+void FieldReader::endFramingValue(char c) {
+    state_ = c == '\r'   ? State::kFramingLineFeed
+             : c == '\n' ? State::kLineStart
+                         : State::kRestOfLine;
 }
 
 // A byte of a list of codings, of which the last one counts.
 void FieldReader::readCoding(char c) {
+    if (endsLine(c)) return endFramingValue(c);
     if (c == ',') {
         matched_ = 0;
     } else if (isBlank(c)) {

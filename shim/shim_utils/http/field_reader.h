@@ -38,6 +38,7 @@ class FieldReader {
         kDigits,
         kBehindDigits,
         kCoding,
+        kFramingLineFeed,
         kStatus,
         kRestOfLine,
         kEmptyLine,
@@ -56,6 +57,7 @@ class FieldReader {
     void beginValue(const char* p, HostText* host);
     void readDigit(char c);
     void readCoding(char c);
+    void endFramingValue(char c);
     void readStatusDigit(char c);
     bool framesBody() const { return field_ == Field::kLength || field_ == Field::kCoding; }
 

@@ -9,6 +9,7 @@
 #include "shim_utils/platform/log.h"
 #include "shim_utils/publication/semaphores.h"
 #include "shim_utils/slots/connection_slots.h"
+#include "shim_utils/slots/exchanges.h"
 #include "shim_utils/slots/records.h"
 #include "tolvane/counters.h"
 #include "tolvane/entry_points.h"
@@ -25,57 +26,9 @@ namespace {
 int currentRequestCount = 0;   // measured send calls since the last publication
 bool publishedAtExit = false;  // the gauges are not published again
 
-// A counter of the shared record holds 32 bits. When messages are counted, bytes that
-// do not fit are held here until the agent has collected the counter.
-template <typename Block>
-struct HeldBlock {
-    std::uint64_t bytes[sizeof(countersOf<Block>()) / sizeof(Counter<Block>)];
-};
-struct HeldRecord {
-    HeldBlock<CounterBlock> total;
-    HeldBlock<CounterBlock> site[kMaxSites];
-    HeldBlock<CategoryCounters> category[kMaxSites][kMaxCategories];
-};
-HeldRecord held;
-bool holdsBytes = false;
-
-// Adds `amount` to `heldBytes` and returns the part of it that a counter with the
-// value `shared` has room for.
-std::uint32_t withoutHeld(std::uint32_t shared, std::uint32_t amount, std::uint64_t& heldBytes) {
-    const std::uint32_t room = UINT32_MAX - shared;
-    heldBytes += amount;
-    const std::uint32_t fits = heldBytes < room ? static_cast<std::uint32_t>(heldBytes) : room;
-    heldBytes -= fits;
-    if (heldBytes != 0) holdsBytes = true;
-    return fits;
-}
-
 void markShared(ResultStruct& record) {
     for (std::int32_t* flag : {&record.totalDirty, &record.sitesDirty, &record.categoriesDirty}) {
         std::atomic_ref<std::int32_t>(*flag).store(1, std::memory_order_release);
-    }
-}
-
-// Adds what is held to `shared`, as far as there is room.
-template <typename Block>
-void addHeld(Block& shared, HeldBlock<Block>& heldBlock) {
-    int i = 0;
-    for (const Counter<Block>& counter : countersOf<Block>()) {
-        std::uint64_t& heldBytes = heldBlock.bytes[i++];
-        if (heldBytes == 0) continue;
-        addTo(shared.*counter.member, withoutHeld(valueOf(shared.*counter.member), 0, heldBytes));
-    }
-}
-
-void addHeldBytes(ResultStruct& record) {
-    if (!holdsBytes) return;
-    holdsBytes = false;
-    markShared(record);
-    addHeld(record.total, held.total);
-    for (int s = 0; s < kMaxSites; ++s) {
-        addHeld(record.site[s], held.site[s]);
-        for (int c = 0; c < kMaxCategories; ++c)
-            addHeld(record.category[s][c], held.category[s][c]);
     }
 }
 
@@ -107,19 +60,13 @@ void addGauge(std::int32_t& shared, const std::int32_t& local, Gauge rule) {
 
 // Adds to `shared` what `local` has counted beyond `published`.
 template <typename Block>
-void addCounters(Block& shared, const Block& local, Block& published, HeldBlock<Block>& heldBlock) {
-    int i = 0;
+void addCounters(Block& shared, const Block& local, Block& published) {
     for (const Counter<Block>& counter : countersOf<Block>()) {
         const auto member = counter.member;
-        std::uint64_t& heldBytes = heldBlock.bytes[i++];
         std::uint32_t now = valueOf(local.*member);
         if (now == published.*member) continue;
-        std::uint32_t amount = now - published.*member;
+        addTo(shared.*member, now - published.*member);
         published.*member = now;
-        if (countsMessages && counter.unit == CounterUnit::kBytes) {
-            amount = withoutHeld(valueOf(shared.*member), amount, heldBytes);
-        }
-        addTo(shared.*member, amount);
     }
 }
 
@@ -158,7 +105,7 @@ void mergeCategories(const SlotView& slot, int s, int configured, ResultStruct& 
         CategoryCounters& shared = (c < configured ? record : discarded).category[s][c];
         CategoryCounters& local = slot.local.category[s][c];
         CategoryCounters& published = slot.published.category[s][c];
-        addCounters(shared, local, published, held.category[s][c]);
+        addCounters(shared, local, published);
         addGauge(shared.inProgress, local.inProgress, rules.inProgress);
         addSum(shared, local, published, slot.state);
     }
@@ -168,7 +115,7 @@ void mergeCategories(const SlotView& slot, int s, int configured, ResultStruct& 
 // because their counts are all zero.
 void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rules) {
     const ConfigInfo& config = configInfo().info;
-    addCounters(record.total, slot.local.total, slot.published.total, held.total);
+    addCounters(record.total, slot.local.total, slot.published.total);
     addGauge(record.total.openConnections, slot.local.total.openConnections, rules.totalOpen);
 
     std::uint32_t touched = slot.state.touchedSites.load(std::memory_order_relaxed);
@@ -177,7 +124,7 @@ void mergeSlot(const SlotView& slot, ResultStruct& record, const GaugeRules& rul
         bool configured = s < config.numSites;
         CounterBlock& shared = (configured ? record : discarded).site[s];
         const CounterBlock& local = slot.local.site[s];
-        addCounters(shared, local, slot.published.site[s], held.site[s]);
+        addCounters(shared, local, slot.published.site[s]);
         addGauge(shared.openConnections, local.openConnections, rules.siteOpen);
         mergeCategories(slot, s, configured ? config.numCategories[s] : 0, record, rules);
     }
@@ -204,7 +151,6 @@ void mergeIfDirty(const SlotView& slot, ResultStruct& record, const GaugeRules& 
 // Merges every dirty slot of a threaded server.
 void mergeSlots(ResultStruct& record, const GaugeRules& rules) {
     resetCollectedGroups(record);
-    addHeldBytes(record);
     int slots = currMaxSockets.load(std::memory_order_acquire);
     for (int first = 0; first < slots; first += kSlotStep) {
         SlotBlock& block = blockOf(first);
@@ -220,11 +166,42 @@ bool takeOverPublication() {
     for (int i = 0; i < kTries; ++i) {
         Publisher expected = Publisher::kNobody;
         if (publisher.compare_exchange_strong(expected, Publisher::kExit)) return true;
+        if (expected == Publisher::kExit) return false;
         nanosleep(&kPause, nullptr);
     }
     printErrorMsg(
         "The monitor thread does not end: the counts since the last publication are lost");
     return false;
+}
+
+void addDropped(ResultStruct& record, const Credit& credit) {
+    const ConfigInfo& config = configInfo().info;
+    addTo(record.total.droppedRequests, 1U);
+    const int s = credit.site;
+    if (s < 0 || s >= config.numSites) return;
+    addTo(record.site[s].droppedRequests, 1U);
+    for (int c = 0; c < config.numCategories[s]; ++c) {
+        if ((credit.categories >> c & 1U) != 0) addTo(record.category[s][c].droppedRequests, 1U);
+    }
+}
+
+// The end of the process closes its connections without a close call. The server's other
+// threads may still run, so this changes nothing of the connections.
+void addUnanswered(ResultStruct& record) {
+    if (!countsMessages) return;
+    int slots = currMaxSockets.load(std::memory_order_acquire);
+    for (int i = 0; i < slots; ++i) {
+        const ConnectionMessages& messages = *slotAt(i).state.messages;
+        const DescriptorState* descriptor = descriptorState(messages.descriptor);
+        if (descriptor == nullptr) continue;
+        if (descriptor->owner.load(std::memory_order_relaxed) != processGeneration) continue;
+        const auto add = [&record](const Exchange& exchange) {
+            if (!exchange.answered) addDropped(record, exchange.credit);
+        };
+        messages.exchanges.forEach(add);
+        if (messages.protocol != Protocol::kHttp2) continue;
+        messages.http2.streams.forEach([&](std::uint32_t, const Exchange& exchange) { add(exchange); });
+    }
 }
 
 bool lockAtExit(int semaphore) {
@@ -247,7 +224,6 @@ void writeResult() {
     SlotView slot = viewOf(blockOf(0), 0);
     if (slot.state.dirtyMarks.load(std::memory_order_relaxed) != slot.seenMarks) {
         resetCollectedGroups(record);
-        addHeldBytes(record);
         mergeIfDirty(slot, record, kWorkerRules);
     }
     if (!unlockSemaphore(semaphore)) return;
@@ -283,22 +259,27 @@ void publishSlotsAtExit() {
     int semaphore = semaphoreOf(bucketNumber);
     if (!lockAtExit(semaphore)) return;
     mergeSlots(record, kExitAgainRules);
+    markShared(record);
+    addUnanswered(record);
     unlockSemaphore(semaphore);
 }
 
+// An agent can read the growth of a counter as long as that is below 4 GiB.
 bool publicationIsUrgent() {
     if (!countsMessages) return false;
-    constexpr std::uint32_t kManyBytes = 1U << 30;
+    constexpr std::uint64_t kManyBytes = 1U << 30;
+    std::uint64_t sent = 0;
+    std::uint64_t received = 0;
     int slots = currMaxSockets.load(std::memory_order_acquire);
     for (int i = 0; i < slots; ++i) {
         const SlotView slot = viewOf(blockOf(i), i % kSlotStep);
         if (slot.state.dirtyMarks.load(std::memory_order_relaxed) == slot.seenMarks) continue;
         const CounterBlock& total = slot.local.total;
         const CounterBlock& published = slot.published.total;
-        if (valueOf(total.bytesSent) - published.bytesSent >= kManyBytes) return true;
-        if (valueOf(total.bytesReceived) - published.bytesReceived >= kManyBytes) return true;
+        sent += valueOf(total.bytesSent) - published.bytesSent;
+        received += valueOf(total.bytesReceived) - published.bytesReceived;
     }
-    return false;
+    return sent >= kManyBytes || received >= kManyBytes;
 }
 
 void publishAtExit() {
@@ -308,6 +289,7 @@ void publishAtExit() {
     if (!lockAtExit(semaphore)) return;
     markShared(record);
     mergeSlot(viewOf(blockOf(0), 0), record, publishedAtExit ? kExitAgainRules : kExitRules);
+    if (!publishedAtExit) addUnanswered(record);
     publishedAtExit = true;
     unlockSemaphore(semaphore);
 }

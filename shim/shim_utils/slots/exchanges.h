@@ -39,6 +39,13 @@ class ExchangeQueue {
     // It is not empty. An empty queue starts at the same item again, so that a
     // connection without pipelining uses a single item.
     void pop() { first_ = --count_ == 0 ? 0 : (first_ + 1) % kCapacity; }
+    // Also while another thread changes the queue, so `visit` may then see old items.
+    template <typename Visit>
+    void forEach(Visit visit) const {
+        const std::uint32_t first = first_;
+        const std::uint32_t count = count_ < kCapacity ? count_ : kCapacity;
+        for (std::uint32_t i = 0; i < count; ++i) visit(items_[(first + i) % kCapacity]);
+    }
 
   private:
     std::uint32_t first_ = 0;

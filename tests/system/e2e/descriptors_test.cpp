@@ -4,6 +4,9 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <future>
+#include <thread>
+
 #include "system/e2e/script.h"
 
 namespace tolvane::test {
@@ -138,6 +141,23 @@ TEST_F(Listening, SocketsAreNotLimitedInNumber) {
     worker->exit();
     EXPECT_EQ(server.segment.counts().text(), "total: conn2 req2 in64 out38");
     EXPECT_EQ(readFile(kLogFile).find("No room"), std::string::npos);
+}
+
+TEST_F(Listening, SocketMayBeClosedByASignalHandlerDuringAccept) {
+    Measured server;
+    Script& worker = *server.worker;
+    auto client = std::async(std::launch::async, [] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));  // accept waits by then
+        return connectTo(kPort);
+    });
+    const auto reply = worker("accept_while_closed " + std::to_string(server.listener));
+    ASSERT_GT(reply.result, 0);
+    const std::string fd = std::to_string(reply.result);
+    sendAll(client.get(), get("a.test", "/"));
+    EXPECT_EQ(worker("in read " + fd + " 100").result, 32);
+    EXPECT_EQ(worker("close " + fd).result, 0);
+    worker.exit();
+    EXPECT_EQ(server.segment.counts().text(), "total: conn1 req1 in32 drop1");
 }
 
 TEST_F(Listening, ThreadsThatListenAtTheSameMomentStartTheMeasurementOnce) {

@@ -295,11 +295,25 @@ long hardCodeSites(const Arguments&) {
     return exported<int()>("hardCodeWebSites")();
 }
 
+// A signal handler closes the listening socket when a connection arrives, before
+// accept has returned.
+long acceptWhileClosed(const Arguments& a) {
+    static volatile int listener;
+    listener = number(a, 0);
+    std::signal(SIGIO, [](int) { close(listener); });
+    fcntl(listener, F_SETOWN, getpid());
+    fcntl(listener, F_SETFL, fcntl(listener, F_GETFL) | O_ASYNC);
+    const int fd = accept(listener, nullptr, nullptr);
+    std::signal(SIGIO, SIG_IGN);
+    return fcntl(listener, F_GETFD) == -1 ? fd : -2;
+}
+
 const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
     {"listen", listenOn},
     {"in", [](auto& a) { return transfer(a, true); }},
     {"out", [](auto& a) { return transfer(a, false); }},
     {"accept", [](auto& a) { return accept(number(a, 0), nullptr, nullptr); }},
+    {"accept_while_closed", acceptWhileClosed},
     {"accept4", [](auto& a) { return accept4(number(a, 0), nullptr, nullptr, 0); }},
     {"open", [](auto& a) { return open(a[0].c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600); }},
     {"close", [](auto& a) { return close(number(a, 0)); }},
