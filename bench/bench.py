@@ -13,9 +13,9 @@ sys.path.append(str(Path(__file__).resolve().parent.parent / "scripts"))
 import call_costs
 import figures
 import private_machine
-from server import sections, servers
+from server import https, sections, servers
 
-SECTIONS = ("per-call", "parsing", "apache", "connections", "publication", "collector")
+SECTIONS = ("per-call", "parsing", "apache", "https", "connections", "publication", "collector")
 TABLE = Path("build/bench-table.txt")
 
 
@@ -42,6 +42,9 @@ def measure(section, quick):
     if section == "apache":
         for module in ("prefork", "worker", "event"):
             yield from sections.apache(module, starts, rounds, say)
+    if section == "https":
+        for protocol in https.PROTOCOLS:
+            yield from https.apache_event(protocol, starts, rounds, say)
     if section == "connections":
         for count in (10, 100, 1000, servers.most_connections(10000)):
             say(f"{count} open connections")

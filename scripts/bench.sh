@@ -3,13 +3,13 @@
 #
 # Installs what is missing on a Debian 12, builds, measures, prints the table and
 # leaves it in build/bench-table.txt. Sections: per-call, parsing, apache,
-# connections, publication, collector; all of them take about a quarter of an hour, --quick
+# https, connections, publication, collector; all of them take about a quarter of an hour, --quick
 # a few minutes, which is enough to see that everything works and too little for
 # figures. docs/performance.md says what the rows mean. Leaves the machine as it
 # was, but for installed packages and build/. Needs root or sudo, and two cores.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-section='(per-call|parsing|apache|connections|publication|collector)'
+section='(per-call|parsing|apache|https|connections|publication|collector)'
 if ! [[ " $*" =~ ^(\ --quick|\ --only\ $section(,$section)*)*\ ?$ ]]; then
   echo "usage: scripts/bench.sh [--quick] [--only SECTION,...], SECTION of $section" >&2
   exit 2
@@ -21,7 +21,7 @@ if [ "$(nproc)" -lt 2 ]; then
 fi
 
 . scripts/packages.sh
-install_missing "${build_packages[@]}" "${tool_packages[@]}" apache2-bin valgrind libc6-dbg \
+install_missing "${build_packages[@]}" "${tool_packages[@]}" apache2-bin nghttp2-client openssl valgrind libc6-dbg \
   util-linux media-types python3 libbenchmark-dev libhyperscan-dev libre2-dev
 bench/unpacked_packages.sh build/bench-packages
 for preset in bench bench32; do

@@ -39,7 +39,7 @@ extern int requestInterval;  // measured send calls between two publications, ty
 extern bool countsMessages;
 struct Counting;
 extern const Counting* counting;  // the table of that way; null before start-up
-extern int maxNumProcess;  // the server's process limit, 1 if it configures none
+extern int maxNumProcess;         // the server's process limit, 1 if it configures none
 
 inline constexpr int kRootSize = PATH_MAX;
 inline constexpr int kPathSize = kRootSize + 32;  // root and the name of a file under it

@@ -200,7 +200,8 @@ void addUnanswered(ResultStruct& record) {
         };
         messages.exchanges.forEach(add);
         if (messages.protocol != Protocol::kHttp2) continue;
-        messages.http2.streams.forEach([&](std::uint32_t, const Exchange& exchange) { add(exchange); });
+        messages.http2.streams.forEach(
+            [&](std::uint32_t, const Exchange& exchange) { add(exchange); });
     }
 }
 
