@@ -11,11 +11,11 @@ from server import servers
 PROTOCOLS = ("HTTP/1.1", "HTTP/2")
 VARIANTS = ("bare", "bare again", "shim matched", "access log")
 TURN = 4000  # requests
-OPTIONS = {"HTTP/1.1": ["--h1", "-c", "8"], "HTTP/2": ["-c", "4", "-m", "20"]}
+OPTIONS = {"HTTP/1.1": ["--h1", "-c", "8", "-H", "host: www.shop.example"],
+           "HTTP/2": ["-c", "4", "-m", "20", "-H", ":authority: www.shop.example"]}
 DIRECTIVES = """LoadModule ssl_module /usr/lib/apache2/modules/mod_ssl.so
 LoadModule socache_shmcb_module /usr/lib/apache2/modules/mod_socache_shmcb.so
 LoadModule http2_module /usr/lib/apache2/modules/mod_http2.so
-SSLEngine on
 SSLCertificateFile {home}/certificate.pem
 SSLCertificateKeyFile {home}/key.pem
 Protocols h2 http/1.1
@@ -68,7 +68,6 @@ def load(protocol, server):
     """A turn of requests for a small file, on connections that stay open."""
     subprocess.run(
         [*servers.CLIENT_CORE, "h2load", "-n", str(TURN), *OPTIONS[protocol],
-         "-H", "host: www.shop.example", "-H", ":authority: www.shop.example",
          f"https://127.0.0.1:{server.port}/img/logo.svg"],
         check=True, stdout=subprocess.DEVNULL)
 

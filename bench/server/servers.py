@@ -121,19 +121,21 @@ def tolvane(*arguments):
                           stdout=subprocess.PIPE).stdout
 
 
-def apache_directory(module, variant, port, directives=""):
+def apache_directory(module, variant, port, https=""):
+    """`https`: the directives of servers whose hosts use it."""
     directory = HOME / f"{module} {variant} {port}".replace(" ", "-")
     directory.mkdir(exist_ok=True)
     load = "".join(f"LoadModule {name}_module /usr/lib/apache2/modules/mod_{name}.so\n"
                    for name in (f"mpm_{module}", *MODULES))
+    hosts = HOSTS.replace("<VirtualHost *:PORT>", "<VirtualHost *:PORT>\n  SSLEngine on") if https else HOSTS
     (directory / "apache2.conf").write_text(
         f"ServerRoot {directory}\n" + load + (PROCESSES if module == "prefork" else THREADS) +
-        OF_VARIANT.get(variant, "") + APACHE + directives + HOSTS.replace("PORT", str(port)))
+        OF_VARIANT.get(variant, "") + APACHE + https + hosts.replace("PORT", str(port)))
     return directory
 
 
-def start_apache(module, variant, port, directives=""):
-    directory = apache_directory(module, variant, port, directives)
+def start_apache(module, variant, port, https=""):
+    directory = apache_directory(module, variant, port, https)
     configuration = configuration_of(variant)
     run = [TOLVANE, "run", "--"] if configuration else []
     command = [*SERVER_CORE, *run, "/usr/sbin/apache2", "-d", directory, "-f", "apache2.conf",
