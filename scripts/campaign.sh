@@ -7,7 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
-install_missing "${build_packages[@]}" googletest apache2-bin python3 libasan8 libubsan1 libtsan2
+install_missing "${build_packages[@]}" googletest libnghttp2-dev apache2-bin python3 libasan8 libubsan1 libtsan2
 
 for preset in campaign campaign32 campaign-asan campaign-tsan; do
   targets=(tolvane)

@@ -7,7 +7,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
-install_missing "${build_packages[@]}" "${tool_packages[@]}" googletest libbenchmark-dev \
+install_missing "${build_packages[@]}" "${tool_packages[@]}" googletest libnghttp2-dev libbenchmark-dev \
   clang-format clang-tidy shellcheck pyflakes3 python3
 
 # files PATTERN...: the project's files with such names.

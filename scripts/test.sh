@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/lint.sh
 . scripts/packages.sh
-install_missing "${build_packages[@]}" "${tool_packages[@]}" googletest node-llhttp apache2-bin procps \
+install_missing "${build_packages[@]}" "${tool_packages[@]}" googletest libnghttp2-dev node-llhttp apache2-bin procps \
   curl haproxy nginx nghttp2-client \
   prometheus python3 chromium chromium-driver python3-selenium dpkg-dev lintian mandoc systemd
 
