@@ -46,9 +46,19 @@ class Nghttp2 {
         std::string block(nghttp2_hd_deflate_bound(deflater_, list.data(), list.size()), '\0');
         const auto length =
             nghttp2_hd_deflate_hd(deflater_, reinterpret_cast<std::uint8_t*>(block.data()),
-                                   block.size(), list.data(), list.size());
+                                  block.size(), list.data(), list.size());
         block.resize(static_cast<std::size_t>(length));
         return block;
+    }
+
+    // A block with the index of the oldest field, or the next one.
+    std::string oldestField(bool next) const {
+        std::string block = "\xff";
+        std::size_t index = nghttp2_hd_inflate_get_num_table_entries(inflater_) + (next ? 1 : 0);
+        if (index < 127) return {static_cast<char>(0x80 + index)};
+        for (index -= 127; index >= 128; index /= 128)
+            block += static_cast<char>(index % 128 + 128);
+        return block + static_cast<char>(index);
     }
 
     // False: an error.
@@ -171,10 +181,15 @@ class Comparison : public testing::Test {
         decoder->reset();
         decoder->allowTable(1 << 16);
         for (int i = 0; i < 40; ++i) {
-            if (upTo(8) == 0) theirs.changeTable(upTo(2) != 0 ? exactTable : upTo(exactTable));
-            FieldList sent = fields();
-            std::string block = theirs.encode(sent, random);
-            damage(block);
+            std::string block;
+            if (upTo(4) == 0) {
+                block = theirs.oldestField(upTo(8) == 0);
+            } else {
+                if (upTo(8) == 0) theirs.changeTable(upTo(2) != 0 ? exactTable : upTo(exactTable));
+                FieldList sent = fields();
+                block = theirs.encode(sent, random);
+                damage(block);
+            }
             FieldList found;
             const bool decoded = theirs.decode(block, found);
             ASSERT_EQ(decoded, decodeInParts(*decoder, block));

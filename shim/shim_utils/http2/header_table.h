@@ -40,7 +40,7 @@ struct StaticTable {
 
     constexpr StaticTable() {
         constexpr std::uint8_t kLengths[kStaticFields] = {
-            10, 7,  7,  5,  5,  6,  6,  7,  7,  7,  7,  7, 7,  7,  14, 15, 15, 13, 6,  27, 3,
+            10, 7,  7,  5,  5,  7,  7,  7,  7,  7,  7,  7, 7,  7,  14, 15, 15, 13, 6,  27, 3,
             5,  13, 13, 19, 16, 16, 14, 16, 13, 12, 6,  4, 4,  6,  7,  4,  4,  8,  17, 13, 8,
             19, 13, 4,  8,  12, 18, 19, 5,  7,  7,  11, 6, 10, 25, 17, 10, 4,  3,  16};
         for (std::uint32_t i = 1; i <= kStaticFields; ++i) fields[i].nameLength = kLengths[i - 1];
