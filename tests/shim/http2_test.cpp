@@ -150,8 +150,8 @@ const std::vector<Blocks> kRequests = {
     {"no such index", {bytesOf("be")}, "error"},
     {"no such name", {bytesOf("7e00")}, "error"},
     {"the largest integer is no index", {bytesOf("ff80feffff0f")}, "error"},
-    {"integers of more than 32 bits", {bytesOf("00ff81ffffff0f")}, "error"},
-    {"zeros without end", {bytesOf("0f808080808000")}, "error"},
+    {"integers of more than 32 bits", {bytesOf("0ff5ffffff0f 012f")}, "error"},
+    {"zeros without end", {bytesOf("0f808080808000 00")}, "error"},
     {"a long form of a small integer", {bytesOf("ff8000")}, "error"},
     {"a text of 64 KB and a byte", {bytesOf("007f82ff03")}, "error"},
     {"cut after the name", {bytesOf("000161")}, "error"},
@@ -269,7 +269,7 @@ const std::vector<Frames> kClientFrames = {
      "request 1 a / +33 end; request 3 a - +10 end; "},
     {"streams in turn",
      kClient + headers(0, 1, kGet) + headers(0, 3, kGet) + frame(kData, 0, 1, "a") +
-         frame(kData, 0, 3, "bc") + frame(kReset, 0, 1, bytesOf("00000008")) +
+         frame(kData, 0, 3, "bc") + frame(kReset, 0, 0x80000001, bytesOf("00000008")) +
          frame(kData, kEndStream, 3, ""),
      "request 1 a / +15; request 3 a / +15; data 1 +10; data 3 +11; reset 1; data 3 +9 end; "},
     {"frames that count nothing",
