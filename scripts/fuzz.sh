@@ -10,7 +10,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 executions=${1:-1000000}
 targets=("${@:2}")
-[ ${#targets[@]} -gt 0 ] || targets=(request response messages configuration server_files)
+[ ${#targets[@]} -gt 0 ] || targets=(request response messages http2 configuration server_files)
 if ! [[ $executions =~ ^[1-9][0-9]*$ ]]; then
   echo "usage: scripts/fuzz.sh [EXECUTIONS [TARGET...]]" >&2
   exit 2

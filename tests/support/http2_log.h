@@ -1,11 +1,10 @@
 // HTTP/2 in text: frames for a reader, and what it finds in them.
 #pragma once
 
-#include <initializer_list>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <type_traits>
 
 #include "shim_utils/http2/http2_reader.h"
 
@@ -18,6 +17,44 @@ inline std::string frame(int type, int flags, unsigned stream, std::string_view 
     for (const int shift : {24, 16, 8, 0}) text += static_cast<char>(stream >> shift);
     return text.append(content);
 }
+
+inline std::string bytesOf(std::string_view hex) {
+    std::string bytes;
+    int high = -1;
+    for (const char c : hex) {
+        if (c == ' ') continue;
+        const int digit = c <= '9' ? c - '0' : c - 'a' + 10;
+        if (high >= 0) bytes += static_cast<char>(high * 16 + digit);
+        high = high < 0 ? digit : -1;
+    }
+    return bytes;
+}
+
+// A literal whose name is `name` (of less than 127 bytes), not Huffman-coded.
+inline std::string literal(char form, const std::string& name, const std::string& value) {
+    std::string text = {form, static_cast<char>(name.size())};
+    text += name;
+    std::size_t rest = value.size();
+    if (rest < 127) {
+        text += static_cast<char>(rest);
+    } else {
+        text += '\x7f';
+        for (rest -= 127; rest >= 128; rest /= 128) text += static_cast<char>(rest % 128 + 128);
+        text += static_cast<char>(rest);
+    }
+    return text + value;
+}
+inline std::string added(const std::string& name, const std::string& value) {
+    return literal('\x40', name, value);
+}
+inline std::string notAdded(const std::string& name, const std::string& value) {
+    return literal('\x00', name, value);
+}
+inline std::string indexed(int index) {
+    return {static_cast<char>(0x80 + index)};
+}
+// The table may have 64 KB.
+inline constexpr const char* kTableOf64K = "3fe1ff03";
 
 inline std::string describe(const RequestFields& fields) {
     static constexpr const char* kMethods[] = {"", "HEAD ", "CONNECT "};

@@ -42,7 +42,6 @@ void Http2Reader<Fields>::reset(std::size_t prefaceBytes, bool upgraded) {
     state_ = kOfClient<Fields> ? State::kPreface : State::kFrameHead;
     begun_ = false;
     gatheredBytes_ = 0;
-    left_ = 0;
     unreported_ = static_cast<std::uint32_t>(prefaceBytes);
     blockStream_ = 0;
     lastStream_ = upgraded ? 1 : 0;

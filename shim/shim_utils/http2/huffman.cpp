@@ -76,9 +76,12 @@ Symbol longSymbol(std::uint32_t bits) {
 bool HuffmanDecoder::read(const char* p, const char* end, Output& output) {
     std::uint64_t bits = std::uint64_t{bits_} << 32;
     std::uint32_t count = count_;
+    std::uint32_t length = output.length;
     for (;;) {
-        for (; count <= 56 && p != end; count += 8) {
-            bits |= std::uint64_t{static_cast<unsigned char>(*p++)} << (56 - count);
+        if (count < kLongest) {
+            for (; count <= 56 && p != end; count += 8) {
+                bits |= std::uint64_t{static_cast<unsigned char>(*p++)} << (56 - count);
+            }
         }
         const Code::Entry entry = kCode.shortCodes[bits >> 56];
         Symbol symbol = {entry.symbol, entry.length};
@@ -86,13 +89,12 @@ bool HuffmanDecoder::read(const char* p, const char* end, Output& output) {
         // Bits that have not come are 0. They do not matter to a code without them.
         if (symbol.length > count) break;
         if (symbol.value == kEndSymbol) return false;
-        if (output.length < output.capacity) {
-            output.to[output.length] = static_cast<char>(symbol.value);
-        }
-        ++output.length;
+        if (length < output.capacity) output.to[length] = static_cast<char>(symbol.value);
+        ++length;
         bits <<= symbol.length;
         count -= symbol.length;
     }
+    output.length = length;
     bits_ = static_cast<std::uint32_t>(bits >> 32);
     count_ = count;
     return true;
