@@ -153,6 +153,61 @@ void exchange() {
     readRequest(calls, request);
     calls.write(kTracked, response.data(), response.size());
 }
+
+// A stream of an HTTP/2 connection: the request of a browser, most of whose fields are in
+// the header table, and a response of a kilobyte.
+std::string frame(char type, char flags, const std::string& content) {
+    const auto length = content.size();
+    return std::string{0, static_cast<char>(length >> 8), static_cast<char>(length), type, flags} +
+           std::string(4, '\0') + content;
+}
+std::string streamRequest;
+std::string streamResponse;
+std::uint32_t stream;
+
+void nextStream(std::string& frames, std::size_t frameAt) {
+    for (int i = 0; i < 4; ++i) frames[frameAt + 5 + i] = static_cast<char>(stream >> (24 - 8 * i));
+}
+// The first request adds its fields to the table.
+void openHttp2() {
+    constexpr char kHeaders = 1;
+    constexpr char kData = 0;
+    constexpr char kWhole = 5;  // ends the stream and the header block
+    const auto field = [](const std::string& name, const std::string& value) {
+        return "\x40" + std::string{static_cast<char>(name.size())} + name +
+               static_cast<char>(value.size()) + value;
+    };
+    std::string block = "\x82\x87" + field(":authority", kLastHost);
+    std::string again = std::string("\x82\x87") + "\xc4";
+    for (int i = 0; i < 6; ++i) {
+        block += field("x-field-" + std::to_string(i), "what a browser says of itself");
+        again += static_cast<char>('\xbe' + i);
+    }
+    const std::string url = kUrl;
+    again += std::string("\x04") + static_cast<char>(url.size()) + url;
+    std::string opening = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + frame(4, 0, "");
+    const std::size_t first = opening.size();
+    opening += frame(kHeaders, kWhole, block + "\x84");
+    std::string settings = frame(4, 0, "");
+    streamRequest = frame(kHeaders, kWhole, again);
+    const std::string responseHead = frame(kHeaders, 4, std::string("\x88") + "\x5c\x04" + "1000");
+    streamResponse = responseHead + frame(kData, 1, std::string(1000, 'x'));
+    acceptOne();
+    stream = 1;
+    nextStream(opening, first);
+    readRequest(shim, opening);
+    shim.write(kTracked, settings.data(), settings.size());
+}
+template <const Calls& calls>
+void exchangeOnStream() {
+    static const std::size_t dataAt = streamResponse.size() - 1000 - 9;
+    stream += 2;
+    nextStream(streamRequest, 0);
+    nextStream(streamResponse, 0);
+    nextStream(streamResponse, dataAt);
+    readRequest(calls, streamRequest);
+    calls.write(kTracked, streamResponse.data(), streamResponse.size());
+}
 template <const Calls& calls>
 void acceptAndClose() {
     calls.accept(listening, nullptr, nullptr);
@@ -259,6 +314,8 @@ void addExchanges(const std::string& counting) {
 void addMessages() {
     addExchanges(", by messages");
     addExchange<lateHostRequest>("Host line last, by messages");
+    addCost({"HTTP/2 request and response, by messages", openHttp2, exchangeOnStream<shim>,
+             exchangeOnStream<empty>});
     addCost({"write within a response, by messages", startLongResponse, writeByte<shim>,
              writeByte<empty>});
     addCost(
