@@ -20,6 +20,7 @@ struct RunOptions {
     std::optional<std::string> counting;  // "calls" or "messages"
     std::optional<int> semaphores;
     std::optional<int> requestInterval;
+    std::string configFile;  // empty: the server is not configured
     bool quiet = false;
     std::vector<std::string> command;
 };

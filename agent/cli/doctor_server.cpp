@@ -19,6 +19,7 @@
 #include "os/process.h"
 #include "os/text.h"
 #include "servers/library.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
@@ -51,6 +52,7 @@ class Examiner {
     void examineLibrary();
     void examineSemaphores(const Sample& sample);
     void examineConfiguration(const Sample& sample);
+    void examinePublication(const Sample& sample);
 
     void problem(const std::string& text, const std::string& remedy) {
         findings_.problem(name_ + ": " + text, remedy);
@@ -196,20 +198,26 @@ void Examiner::examineConfiguration(const Sample& sample) {
         problem("the configuration is out of range: " + sample.config.complaint,
                 "write a valid configuration with 'tolvane configure FILE'");
     }
-    CountSet counts = countsOf(sample.records);
-    auto counted = [](const TrafficCounts& site) { return site[&CounterBlock::requests] > 0; };
-    bool anySite = std::any_of(std::begin(counts.site), std::end(counts.site), counted);
-    // After a reset of the sites this cannot be judged.
-    bool published = std::any_of(sample.records.begin(), sample.records.end(),
-                                 [](const ResultStruct& record) { return record.sitesDirty == 1; });
-    if (sample.config.info->numSites > 0 && counts.total[&CounterBlock::requests] > 0 &&
-        published && !anySite) {
+    if (server_.pending > 0) {
+        note(fmt::format("configuration {} is in force within {} s", sample.version,
+                         server_.pending),
+             "wait");
+    } else if (noSiteCounted(sample)) {
+        CountSet counts = countsOf(sample.records);
         note(fmt::format("no process uses configuration {}: {} counted, but no request for a site",
                          sample.version, plural(counts.total[&CounterBlock::requests], "request")),
              fmt::format("send a few requests to each worker or wait {} s, then compare the site "
                          "names with what clients send as Host",
                          2 * std::clamp(sample.config.info->interval, 1, 86400)));
     }
+}
+
+void Examiner::examinePublication(const Sample& sample) {
+    if (server_.published) return;
+    note(
+        "nothing is published yet, so every count is 0: " +
+            publicationText(modeOf(server_.handoff, server_.process), sample.config.info->interval),
+        "send requests");
 }
 
 void Examiner::examine() {
@@ -226,6 +234,7 @@ void Examiner::examine() {
         Sample sample = takeSample(server_);
         examineSemaphores(sample);
         examineConfiguration(sample);
+        examinePublication(sample);
     } catch (const Error& error) {
         problem(error.what(), "tolvane list");
     }

@@ -85,6 +85,8 @@ void addRun(CLI::App& app, RunOptions& options, Action& action) {
                     "REQUEST_INTERVAL: send calls between two publications of a prefork process; "
                     "default: 5")
         ->check(CLI::Range(1, kMaxRequestInterval));
+    run->add_option("--config", options.configFile,
+                    "TOML file to write to the server as it starts; default: none");
     run->add_flag("-q,--quiet", options.quiet, "Do not print the settings in use");
     run->add_option("COMMAND", options.command, "The server and its arguments, after '--'")
         ->required();

@@ -11,7 +11,10 @@
 #include "apache/command.h"
 #include "apache/server_root.h"
 #include "cli/commands.h"
+#include "cli/configuration_input.h"
 #include "cli/prepare_root.h"
+#include "cli/start_configuration.h"
+#include "configuration/config_block.h"
 #include "os/agent_directories.h"
 #include "os/error.h"
 #include "os/text.h"
@@ -196,6 +199,11 @@ WordSize starterWordSize(const ServerCommand& command) {
 
 int runCommand(const RunOptions& options) {
     StartPlan plan;
+    StartConfiguration configuration;
+    if (!options.configFile.empty()) {
+        ConfigModel model = modelIn(options.configFile, WithoutSites::kRefused);
+        configuration = {buildConfigBlock(model), summaryOf(model)};
+    }
     plan.command = inspectCommand(options.command);
     plan.type = typeOf(plan.command, options.type);
     refuseHandover(plan.command);
@@ -215,6 +223,7 @@ int runCommand(const RunOptions& options) {
         fmt::print(stderr, "tolvane: {} server, {}; library {}\n", plan.type, plan.description,
                    preload);
     }
+    if (configuration.block) configureOnceStarted(configuration, plan.root, options.quiet);
     execute(plan);
 }
 

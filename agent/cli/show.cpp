@@ -88,7 +88,7 @@ std::vector<Measured> measure(const std::vector<Server>& servers, double sampleS
 }
 
 std::vector<std::string> notesOn(const Measured& measured) {
-    std::vector<std::string> notes = sampleNotes(measured.sample);
+    std::vector<std::string> notes = sampleNotes(measured.server, measured.sample);
     if (auto fault = threadsFault(measured.server)) {
         notes.push_back(
             fmt::format("{}, so its counts are incomplete; run 'tolvane doctor'", fault->text));

@@ -167,7 +167,7 @@ std::vector<std::string> Top::heading(int columns) const {
         fitted(fmt::format("{:%H:%M:%S}, {}{}", fmt::localtime(std::time(nullptr)), rates, keys),
                columns));
     bool colour = colourOn(STDOUT_FILENO);
-    for (const std::string& note : sampleNotes(samples_.latest())) {
+    for (const std::string& note : sampleNotes(server_, samples_.latest())) {
         lines.push_back(coloured(fitted("Note: " + note, columns), Colour::kYellow, colour));
     }
     return lines;

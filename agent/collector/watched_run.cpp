@@ -5,6 +5,7 @@
 
 #include "segment/record_lock.h"
 #include "servers/attached.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
@@ -109,8 +110,11 @@ RunStatus WatchedRun::status(bool& ended) const {
     SegmentStatus segment = segmentStatus(key_.shmid);
     run.processes = segment.attached > 0 ? segment.attached - 1 : 0;
     bool removed = !segment.exists || segment.removalPending;
+    run.published = segment_.published();
+    run.pending = secondsUntilInForce(writtenAt(handoff_.path), run.version);
     auto judge = [&] {
-        return judgeRun({run.shmid, run.version, removed, run.parentPid, run.processes});
+        return judgeRun({run.shmid, run.version, removed, run.parentPid, run.processes,
+                         run.published, run.pending});
     };
     RunJudgement judgement = judge();
     if (judgement.state == RunState::kEnding) {

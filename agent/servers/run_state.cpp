@@ -37,8 +37,17 @@ RunJudgement judgeRun(const RunFacts& facts) {
         return {RunState::kEnding, fmt::format("its main process {} has ended; {} still attached",
                                                facts.mainProcess, attached)};
     }
-    const char* unknown = facts.mainProcess > 0 ? "" : ", no connection accepted yet";
-    return {RunState::kLive, fmt::format("{} attached{}", attached, unknown)};
+    std::string marks;
+    if (facts.mainProcess <= 0) {
+        marks = ", no connection accepted yet";
+    } else if (!facts.published) {
+        marks = ", nothing published yet";
+    }
+    if (facts.pending > 0) {
+        marks +=
+            fmt::format(", configuration {} in force within {} s", facts.version, facts.pending);
+    }
+    return {RunState::kLive, fmt::format("{} attached{}", attached, marks)};
 }
 
 }  // namespace tolvane::agent

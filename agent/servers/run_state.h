@@ -26,6 +26,8 @@ struct RunFacts {
     bool segmentRemoved = false;  // or marked for removal
     pid_t mainProcess = -1;       // from the segment; -1 while unknown
     std::size_t processes = 0;    // attached to the segment, besides readers
+    bool published = true;        // any process has published counts
+    int pending = 0;              // seconds until the configuration is in force
 };
 
 struct RunJudgement {

@@ -11,6 +11,7 @@
 #include "os/text.h"
 #include "servers/attached.h"
 #include "servers/created_segment.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
@@ -25,8 +26,9 @@ void judgeAttached(Server& server, const SegmentStatus& status) {
     server.processes = serverProcesses(status.attached, attached);
     bool mainRuns = server.parentPid > 0 && processExists(server.parentPid);
     server.process = mainRuns ? server.parentPid : oldestOf(attached.servers);
-    RunJudgement judgement = judgeRun({server.handoff.shmid, server.version, status.removalPending,
-                                       server.parentPid, server.processes});
+    RunJudgement judgement =
+        judgeRun({server.handoff.shmid, server.version, status.removalPending, server.parentPid,
+                  server.processes, server.published, server.pending});
     server.state = judgement.state;
     server.reason = std::move(judgement.reason);
 }
@@ -58,6 +60,8 @@ Server judge(const Handoff& found) {
         Segment segment(handoff.shmid, handoff.structures, Segment::Access::kRead);
         server.version = segment.version();
         server.parentPid = segment.parentPid();
+        server.published = segment.published();
+        server.pending = secondsUntilInForce(handoff.written, server.version);
     } catch (const Error& error) {
         server.reason = error.what();
         return server;

@@ -24,6 +24,8 @@ struct Server {
     std::int32_t parentPid = -1;
     pid_t process = 0;          // the server's main process; 0 while unknown
     std::size_t processes = 0;  // attached processes, without readers
+    bool published = false;     // any process has published counts
+    int pending = 0;            // seconds until the configuration is in force
 };
 
 // Why the segment with the identifier in the handoff file does not belong to the

@@ -117,6 +117,35 @@ TEST(CommandLine, ConfiguresAndShowsARunningServer) {
     });
 }
 
+TEST(CommandLine, MarksWhatIsNotInForceAndNotPublished) {
+    FakeServer server;
+    writeFile("/opt/sites.toml", kSites);
+    auto marked = [](const char* inReason, const char* inNote) {
+        for (const std::vector<std::string>& command :
+             {std::vector<std::string>{"list"}, {"show"}, {"doctor"}, {"top", "--count", "1"}}) {
+            std::string text = tolvane(command).output;
+            if (!contains(text, inReason) && !contains(text, inNote)) return false;
+        }
+        return true;
+    };
+    EXPECT_TRUE(marked("nothing published yet", "nothing is published yet"));
+    EXPECT_FALSE(contains(tolvane({"show"}).output, "in force"));
+    EXPECT_TRUE(contains(tolvane({"configure", "/opt/sites.toml"}).output, "In force within 2 s"));
+    EXPECT_TRUE(marked("configuration 1 in force within", "configuration 1 is in force within"));
+    // Processes that have a configuration look for another one after its interval.
+    EXPECT_TRUE(contains(tolvane({"configure", "/opt/sites.toml"}).output, "In force within 7 s"));
+    auto json = nlohmann::json::parse(tolvane({"list", "--json"}).output)[0];
+    EXPECT_GE(json["configuration_pending_seconds"], 5);
+    EXPECT_EQ(json["published"], false);
+    server.edit([](ConfigInfo&, ResultStruct* records) {
+        records[0].totalDirty = records[0].sitesDirty = 1;
+        records[0].total.requests = 1;
+    });
+    utime(server.handoff().c_str(), nullptr);
+    EXPECT_FALSE(contains(tolvane({"list"}).output + tolvane({"show"}).output, "yet"));
+    EXPECT_TRUE(contains(tolvane({"show"}).output, "no request was counted for a site"));
+}
+
 TEST(CommandLine, ABadFileChangesNothingInTheSegment) {
     FakeServer server;
     writeFile("/opt/sites.toml", kSites);

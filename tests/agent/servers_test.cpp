@@ -13,6 +13,7 @@
 #include "os/error.h"
 #include "segment/configuration_copy.h"
 #include "servers/server.h"
+#include "servers/uptake.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent::test {
@@ -201,6 +202,35 @@ TEST(Servers, AreSelectedByAddressProcessOrSegment) {
     // A restarted server has left its old file behind.
     FakeServer again(1, "*:81");
     EXPECT_EQ(selectServer(findServers(), "*:81").handoff.pid, again.pid());
+}
+
+TEST(Uptake, DependsOnTheWayOfCountingAndTheIntervals) {
+    struct Case {
+        ServerMode mode;
+        std::int32_t version, interval, newInterval;
+        std::optional<int> seconds;
+    };
+    const ServerMode threads{true, true, false, 5};
+    const Case cases[] = {
+        {{true, true, true, 5}, 3, 60, 10, 2},
+        {{true, false, true, 5}, 3, 60, 10, 2},
+        {threads, kVersionCreated, 60, 10, 2},
+        {threads, 3, 60, 10, 60},
+        {threads, rewritingVersion(3), 60, 10, 60},
+        {threads, 3, 86400, 10, 10},
+        {threads, 3, 86400, 4000, 60},
+        {threads, 3, -1, 10, 60},
+        {{true, false, false, 9}, 3, 60, 10, {}},
+        {{}, 3, 45, 10, 45},
+    };
+    for (const Case& c : cases) {
+        ConfigInfo before{};
+        before.version = c.version;
+        before.interval = c.interval;
+        EXPECT_EQ(uptakeOf(c.mode, before, c.newInterval).seconds, c.seconds)
+            << &c - cases << ": " << uptakeOf(c.mode, before, c.newInterval).text;
+    }
+    EXPECT_NE(uptakeOf(cases[8].mode, {}, 10).text.find("after at most 9 of"), std::string::npos);
 }
 
 TEST(Segment, HostileCountsAreBounded) {
