@@ -99,6 +99,17 @@ std::string complaintOf(const ProcessAnswer& answer) {
     return complaint;
 }
 
+// Debian's configuration uses variables that only its control script sets.
+std::string hintFor(const ServerCommand& command, const ProcessAnswer& answer) {
+    std::string text = answer.errors + answer.output;
+    bool undefined =
+        text.find("AH00111") != text.npos ||
+        (text.find("Config variable") != text.npos && text.find("is not defined") != text.npos) ||
+        text.find("APACHE_RUN_") != text.npos;
+    if (!undefined || command.executable.kind == Executable::Kind::kScript) return "";
+    return "\n  Its control script sets these variables: tolvane run -- apachectl start";
+}
+
 }  // namespace
 
 std::string processingModule(const ServerFacts& facts) {
@@ -182,8 +193,8 @@ ServerFacts probeServer(const ServerCommand& command) {
     if (dump.timedOut)
         fail(ErrorKind::kFailed, "{} did not answer within {} s", command.path, kPatience.count());
     if (dump.exitStatus != 0) {
-        fail(ErrorKind::kInvalidInput, "{} rejects its configuration:{}", command.path,
-             complaintOf(dump));
+        fail(ErrorKind::kInvalidInput, "{} rejects its configuration:{}{}", command.path,
+             complaintOf(dump), hintFor(command, dump));
     }
     parseDump(dump.output, facts);
     for (std::size_t i = 0; i + 1 < command.configurationArguments.size(); i += 2) {

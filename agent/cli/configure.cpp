@@ -58,8 +58,8 @@ std::vector<std::string> renamed(const ConfigInfo& before, const ConfigInfo& aft
 }  // namespace
 
 int checkCommand(const std::string& file) {
-    writeOut(
-        fmt::format("{}: valid: {}\n", file, summaryOf(modelIn(file, WithoutSites::kRefused))));
+    writeOut(fmt::format("{}: valid: {}\n", file == "-" ? "<stdin>" : file,
+                         summaryOf(modelIn(file, WithoutSites::kRefused))));
     return kExitOk;
 }
 

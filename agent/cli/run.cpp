@@ -87,8 +87,8 @@ void refuseHandover(const ServerCommand& command) {
     if (!starts || !script || script->find("systemctl start") == std::string::npos) return;
     fail(ErrorKind::kInvalidInput,
          "{} passes the start to systemd, which would start the server without measurement; "
-         "use a drop-in for the service (see docs/operations.md), or 'tolvane run -- apache2 -k "
-         "start'",
+         "use a drop-in for the service (see docs/operations.md), or set "
+         "APACHE_STARTED_BY_SYSTEMD=1, with which it starts the server itself",
          command.path);
 }
 
@@ -116,7 +116,7 @@ void checkRootFiles(const std::string& root, const std::string& type) {
         root + "/" + (type == "netscape" ? kNetscapeConfigurationFile : kApacheConfigurationFile);
     if (::access(file.c_str(), R_OK) != 0) {
         fail(ErrorKind::kInvalidInput,
-             "{}: {}; the shim reads the listening addresses from this file", file,
+             "{}: {}; the library reads the listening addresses from this file", file,
              std::strerror(errno));
     }
 }

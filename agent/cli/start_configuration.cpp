@@ -21,6 +21,7 @@
 #include "os/process.h"
 #include "segment/configuration_copy.h"
 #include "servers/attached.h"
+#include "servers/run_search.h"
 #include "servers/server.h"
 #include "servers/uptake.h"
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "os/process.h"
 #include "segment/record_lock.h"
 #include "servers/attached.h"
 #include "servers/uptake.h"
@@ -59,6 +60,13 @@ void WatchedRun::resume(RunProgress progress) {
     seen_.assign(seen_.size(), true);
 }
 
+void WatchedRun::startFromPresentCounts() {
+    for (std::int32_t i = 0; i < segment_.structures(); ++i) {
+        segment_.copyRecordWithoutLock(i, progress_.records[static_cast<std::size_t>(i)]);
+    }
+    seen_.assign(seen_.size(), true);
+}
+
 bool WatchedRun::copyOne(std::int32_t record, ResultStruct& copy, CollectionCost& cost) {
     std::int32_t semaphore = semaphores_[static_cast<std::size_t>(record)];
     if (semaphore >= 0) {
@@ -112,16 +120,18 @@ RunStatus WatchedRun::status(bool& ended) const {
     bool removed = !segment.exists || segment.removalPending;
     run.published = segment_.published();
     run.pending = secondsUntilInForce(writtenAt(handoff_.path), run.version);
+    bool mainEnded = run.parentPid > 0 && !processExists(run.parentPid);
     auto judge = [&] {
-        return judgeRun({run.shmid, run.version, removed, run.parentPid, run.processes,
+        return judgeRun({run.shmid, run.version, removed, run.parentPid, mainEnded, run.processes,
                          run.published, run.pending});
     };
     RunJudgement judgement = judge();
     if (judgement.state == RunState::kEnding) {
         // The processes that remain may be other readers. Only now, because the search
         // reads the memory maps of all processes.
-        run.processes =
-            serverProcesses(segment.attached, attachedProcesses(run.shmid, run.parentPid));
+        AttachedProcesses attached = attachedProcesses(run.shmid, run.parentPid);
+        run.processes = serverProcesses(segment.attached, attached);
+        mainEnded = mainProcessOf(run.parentPid, segment.attached, attached).ended;
         judgement = judge();
     }
     ended = removed && run.processes == 0;

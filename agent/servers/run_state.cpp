@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "os/process.h"
 #include "tolvane/segment_format.h"
 
 namespace tolvane::agent {
@@ -33,7 +32,7 @@ RunJudgement judgeRun(const RunFacts& facts) {
         return {RunState::kEnding,
                 fmt::format("the server has stopped; {} still attached", attached)};
     }
-    if (facts.mainProcess > 0 && !processExists(facts.mainProcess)) {
+    if (facts.mainEnded) {
         return {RunState::kEnding, fmt::format("its main process {} has ended; {} still attached",
                                                facts.mainProcess, attached)};
     }

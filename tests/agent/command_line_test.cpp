@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <thread>
 
 #include "fake_server.h"
@@ -67,6 +68,48 @@ TEST(CommandLine, ExitCodesTellScriptsWhatHappened) {
     EXPECT_TRUE(
         contains(tolvane({"check", "/opt/bad.toml"}).errors, "/opt/bad.toml:1:12: interval is 0"));
     EXPECT_EQ(WEXITSTATUS(std::system(TOLVANE_PROGRAM " list 2>/dev/full")), 1);
+}
+
+TEST(CommandLine, HelpsAndSuggests) {
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {{"lst"}, "tolvane: unknown command 'lst'; did you mean 'list'?"},
+        {{"conf", "x"}, "tolvane: unknown command 'conf'; did you mean 'configure'?"},
+        {{"xyzzy"}, "tolvane: unknown command 'xyzzy'; 'tolvane help' lists the commands"},
+        {{"help", "lst"}, "tolvane: unknown command 'lst'"},
+        {{"serve", "--intervall=5"},
+         "tolvane: unknown option '--intervall'; did you mean '--interval'?; see 'tolvane serve "
+         "--help'"},
+        {{"top", "--delay", "0"}, "tolvane: --delay: "},
+        {{"--nonsense"}, "tolvane: unknown option '--nonsense'; see 'tolvane --help'"},
+        {{"check", "/opt/absent"}, "tolvane: /opt/absent: No such file"},
+    };
+    for (const auto& [arguments, expected] : cases) {
+        Outcome outcome = tolvane(arguments);
+        EXPECT_EQ(outcome.code, 2);
+        EXPECT_EQ(outcome.errors.find(expected), 0U) << outcome.errors;
+    }
+    EXPECT_EQ(tolvane({"help"}).output, tolvane({"--help"}).output);
+    EXPECT_EQ(tolvane({"help", "top"}).output, tolvane({"top", "--help"}).output);
+    writeFile("/opt/good.toml", kSites);
+    EXPECT_EQ(std::system(TOLVANE_PROGRAM " check - </opt/good.toml >/opt/out"), 0);
+    EXPECT_TRUE(contains(tolvane::test::readFile("/opt/out"), "<stdin>: valid: 1 site"));
+    EXPECT_EQ(tolvane({"check", "-"}).errors.find("tolvane: <stdin>:1:1: no [[site]]"), 0U);
+}
+
+TEST(CommandLine, WritesJsonForPrograms) {
+    FakeServer server;
+    std::istringstream lines(tolvane({"top", "--json", "--count", "2", "--delay", "0.1"}).output);
+    int objects = 0;
+    for (std::string line; std::getline(lines, line); ++objects) {
+        auto json = nlohmann::json::parse(line);
+        EXPECT_EQ(json["segment"], server.shmid());
+        EXPECT_EQ(json["rates_over_seconds"] > 0.09, objects == 1);
+    }
+    EXPECT_EQ(objects, 2);
+    auto json = nlohmann::json::parse(tolvane({"doctor", "--json"}).output);
+    EXPECT_GE(json["problems"], 1);
+    EXPECT_EQ(json["findings"][0]["level"], "ok");
+    EXPECT_TRUE(contains(json.dump(), "restart it with 'tolvane run'"));
 }
 
 TEST(CommandLine, ReadsAPipeToItsEnd) {
@@ -280,7 +323,7 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
          [](FakeServer& s) {
              s.edit([](ConfigInfo& c, ResultStruct*) { c.parentPid = getpid(); });
          },
-         "its main process runs without the shim -> "},
+         "its main process runs without the library -> "},
         {"no configuration", [](FakeServer&) {},
          "no configuration, so only the totals are counted -> tolvane"},
         {"half written",
@@ -288,6 +331,11 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
              s.edit([](ConfigInfo& c, ResultStruct*) { c.version = rewritingVersion(4); });
          },
          "a configuration is unfinished -> run 'tolvane configure FILE' again"},
+        {"highest version",
+         [](FakeServer& s) {
+             s.edit([](ConfigInfo& c, ResultStruct*) { c.version = 2147483647; });
+         },
+         "version 2147483647 of the configuration is the highest possible"},
         {"not taken up",
          [](FakeServer& s) {
              s.edit([](ConfigInfo& c, ResultStruct* r) {
