@@ -99,15 +99,17 @@ std::string complaintOf(const ProcessAnswer& answer) {
     return complaint;
 }
 
-// Debian's configuration uses variables that only its control script sets.
+// On Debian, only the control script sets the variables and creates the directories that
+// the configuration names.
 std::string hintFor(const ServerCommand& command, const ProcessAnswer& answer) {
+    if (command.executable.kind == Executable::Kind::kScript) return "";
     std::string text = answer.errors + answer.output;
-    bool undefined =
-        text.find("AH00111") != text.npos ||
-        (text.find("Config variable") != text.npos && text.find("is not defined") != text.npos) ||
-        text.find("APACHE_RUN_") != text.npos;
-    if (!undefined || command.executable.kind == Executable::Kind::kScript) return "";
-    return "\n  Its control script sets these variables: tolvane run -- apachectl start";
+    for (const char* sign : {"is not defined", "Invalid Mutex directory", "DefaultRuntimeDir",
+                             "APACHE_", "No such file or directory"}) {
+        if (text.find(sign) == text.npos) continue;
+        return "\n  If a control script prepares the start, use it: tolvane run -- apachectl start";
+    }
+    return "";
 }
 
 }  // namespace

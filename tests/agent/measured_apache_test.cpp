@@ -117,6 +117,21 @@ TEST_P(MeasuredApache, IsConfiguredAsItStarts) {
         tolvane::test::eventually(20s, [] { return tolvane::test::systemVObjects("shm") == 0; }));
 }
 
+// As on Debian, where the control script sets variables and creates directories.
+TEST(MeasuredApacheStart, HintsAtTheControlScript) {
+    if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";
+    for (const char* line :
+         {"Mutex file:/opt/absent default\n", "User ${APACHE_RUN_USER}\n", "Lisen 80\n"}) {
+        layOutServer("prefork");
+        writeFile("/opt/etc/sites/b.conf", line);
+        Outcome outcome = tolvane({"run", "--library", TOLVANE_LIBRARY, "--", "/usr/sbin/apache2",
+                                   "-d", "/opt/etc", "-f", "main.conf", "-k", "start"});
+        bool hinted = outcome.errors.find("tolvane run -- apachectl start") != std::string::npos;
+        EXPECT_EQ(hinted, line[0] != 'L') << outcome.errors;
+        EXPECT_EQ(outcome.code, 2);
+    }
+}
+
 // Started by hand, without the file that names the module.
 TEST_P(MeasuredApache, WithUnexpectedThreadsIsReported) {
     if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";
