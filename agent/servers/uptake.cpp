@@ -15,7 +15,8 @@ namespace tolvane::agent {
 
 namespace {
 
-// A monitor thread looks for a newer configuration every second.
+// A monitor thread looks for a newer configuration every second, and a prefork process
+// that counts messages at its next request.
 constexpr int kQuick = 2;
 // A longer sleep ends early, after the new interval, or after a minute.
 constexpr std::int32_t kLongInterval = 3600;
@@ -73,12 +74,8 @@ Uptake uptakeOf(const ServerMode& mode, const ConfigInfo& before, std::int32_t n
                             "it at its next publication.",
                             seconds)};
     }
-    if (mode.threaded) return {seconds, fmt::format("In force within {} s.", seconds)};
-    if (mode.messages) {
-        return {seconds,
-                fmt::format("In force within {} s, or in a process of this prefork server when "
-                            "its next connection closes.",
-                            seconds)};
+    if (mode.threaded || mode.messages) {
+        return {seconds, fmt::format("In force within {} s.", seconds)};
     }
     return {std::nullopt,
             fmt::format("In force in each process at its next publication, after at most {} of "
