@@ -99,6 +99,19 @@ std::string complaintOf(const ProcessAnswer& answer) {
     return complaint;
 }
 
+// On Debian, only the control script sets the variables and creates the directories that
+// the configuration names.
+std::string hintFor(const ServerCommand& command, const ProcessAnswer& answer) {
+    if (command.executable.kind == Executable::Kind::kScript) return "";
+    std::string text = answer.errors + answer.output;
+    for (const char* sign : {"is not defined", "Invalid Mutex directory", "DefaultRuntimeDir",
+                             "APACHE_", "No such file or directory"}) {
+        if (text.find(sign) == text.npos) continue;
+        return "\n  If a control script prepares the start, use it: tolvane run -- apachectl start";
+    }
+    return "";
+}
+
 }  // namespace
 
 std::string processingModule(const ServerFacts& facts) {
@@ -182,8 +195,8 @@ ServerFacts probeServer(const ServerCommand& command) {
     if (dump.timedOut)
         fail(ErrorKind::kFailed, "{} did not answer within {} s", command.path, kPatience.count());
     if (dump.exitStatus != 0) {
-        fail(ErrorKind::kInvalidInput, "{} rejects its configuration:{}", command.path,
-             complaintOf(dump));
+        fail(ErrorKind::kInvalidInput, "{} rejects its configuration:{}{}", command.path,
+             complaintOf(dump), hintFor(command, dump));
     }
     parseDump(dump.output, facts);
     for (std::size_t i = 0; i + 1 < command.configurationArguments.size(); i += 2) {

@@ -20,6 +20,7 @@ struct RunOptions {
     std::optional<std::string> counting;  // "calls" or "messages"
     std::optional<int> semaphores;
     std::optional<int> requestInterval;
+    std::string configFile;  // empty: the server is not configured
     bool quiet = false;
     std::vector<std::string> command;
 };
@@ -40,6 +41,11 @@ struct CleanOptions {
     bool dryRun = false;
 };
 
+struct DoctorOptions {
+    bool repair = false;
+    bool json = false;
+};
+
 struct ConfigureOptions {
     std::string file;
     std::optional<std::string> server;
@@ -57,12 +63,14 @@ struct TopOptions {
     std::optional<std::string> server;
     double delay = 2;
     int count = 0;  // 0: unlimited
+    bool json = false;
     std::string sortBy;
 };
 
 struct ServeOptions {
     std::string configFile;
     std::string listen = "127.0.0.1:9931";
+    std::vector<std::string> allowedHosts;
     double interval = 5;  // seconds
     std::string stateDirectory = kCollectorState;
     std::string version;  // of this program
@@ -76,7 +84,7 @@ int checkCommand(const std::string& file);
 int configureCommand(const ConfigureOptions& options);
 int showCommand(const ShowOptions& options);
 int topCommand(const TopOptions& options);
-int doctorCommand();
+int doctorCommand(const DoctorOptions& options);
 int serveCommand(const ServeOptions& options);
 
 }  // namespace tolvane::agent

@@ -2,27 +2,21 @@
 #include <unistd.h>
 
 #include "cli/commands.h"
+#include "cli/configuration_input.h"
 #include "cli/exit_code.h"
 #include "cli/terminal.h"
 #include "collector/ownership_lock.h"
 #include "configuration/config_block.h"
-#include "configuration/config_load.h"
 #include "configuration/config_writer.h"
 #include "os/error.h"
 #include "os/text.h"
 #include "segment/configuration_copy.h"
 #include "servers/server.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
 namespace {
-
-ConfigModel modelIn(const std::string& path, WithoutSites withoutSites) {
-    LoadedConfig loaded = loadConfig(path, withoutSites);
-    if (loaded.complaints.empty()) return std::move(loaded.model);
-    for (const std::string& complaint : loaded.complaints) fmt::print(stderr, "{}\n", complaint);
-    fail(ErrorKind::kInvalidInput, "{} is not valid; nothing was changed", path);
-}
 
 // Marks the counts of sites and categories as collected: the next publication
 // resets them.
@@ -64,8 +58,8 @@ std::vector<std::string> renamed(const ConfigInfo& before, const ConfigInfo& aft
 }  // namespace
 
 int checkCommand(const std::string& file) {
-    writeOut(
-        fmt::format("{}: valid: {}\n", file, summaryOf(modelIn(file, WithoutSites::kRefused))));
+    writeOut(fmt::format("{}: valid: {}\n", file == "-" ? "<stdin>" : file,
+                         summaryOf(modelIn(file, WithoutSites::kRefused))));
     return kExitOk;
 }
 
@@ -80,8 +74,10 @@ int configureCommand(const ConfigureOptions& options) {
     Segment segment(server.handoff.shmid, server.handoff.structures, Segment::Access::kWrite);
     if (options.reset) refuseResetOfKeptCounts(server);
     ConfigCopy before = copyConfiguration(segment);
+    Uptake uptake = uptakeOf(modeOf(server.handoff, server.process), *before.info, block->interval);
     WrittenConfiguration written =
         writeConfiguration(segment, *block, std::chrono::seconds(5), notice);
+    keepInForceTime(server.handoff.path, uptake);
     progress.clear();
     if (written.replacedMark != 0) {
         writeOut(
@@ -99,7 +95,7 @@ int configureCommand(const ConfigureOptions& options) {
                         "counts; --reset resets sites and categories to 0.\n",
                         listOf(changes), changes.size() == 1 ? "takes over" : "take over"));
     }
-    writeOut("Each process takes the configuration at its next publication.\n");
+    writeOut(uptake.text + "\n");
     return kExitOk;
 }
 

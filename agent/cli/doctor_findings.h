@@ -1,6 +1,7 @@
 // The findings of `tolvane doctor`, one line each.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,9 @@ class Findings {
     void add(Finding finding) { findings_.push_back(std::move(finding)); }
     std::vector<Finding> findings_;
 };
+
+// The ports of the server's addresses.
+std::set<int> portsOf(const Server& server);
 
 void examineInstallation(Findings& findings);
 void examineServers(const std::vector<Server>& servers, Findings& findings);

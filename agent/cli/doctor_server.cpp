@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
+#include <optional>
 #include <thread>
 
 #include "cli/doctor_findings.h"
@@ -16,9 +18,12 @@
 #include "counts/counts.h"
 #include "os/elf.h"
 #include "os/error.h"
+#include "os/listeners.h"
 #include "os/process.h"
 #include "os/text.h"
+#include "servers/attached.h"
 #include "servers/library.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
@@ -51,6 +56,9 @@ class Examiner {
     void examineLibrary();
     void examineSemaphores(const Sample& sample);
     void examineConfiguration(const Sample& sample);
+    void examinePublication(const Sample& sample);
+    void examineStoppedPublication(const Sample& sample);
+    std::optional<std::time_t> lastPublication(const Sample& sample) const;
 
     void problem(const std::string& text, const std::string& remedy) {
         findings_.problem(name_ + ": " + text, remedy);
@@ -68,10 +76,10 @@ class Examiner {
 };
 
 void Examiner::examineHandoff() {
-    if (server_.misled.empty()) return;
-    problem(fmt::format("{} was changed: {}, but the server created segment {}",
-                        server_.handoff.path, server_.misled, server_.handoff.shmid),
-            "find the writer, then restart the server, which rewrites the file");
+    if (server_.damage.empty()) return;
+    problem(fmt::format("handoff file damaged: {}: {}; the server's segment is {}",
+                        server_.handoff.path, server_.damage, server_.handoff.shmid),
+            "tolvane doctor --repair");
 }
 
 void Examiner::examineVariables(const Environment& environment) {
@@ -188,6 +196,12 @@ void Examiner::examineConfiguration(const Sample& sample) {
         note("no configuration, so only the totals are counted", "tolvane configure FILE");
         return;
     }
+    if (sample.version >= kMaxVersion) {
+        problem(fmt::format("version {} of the configuration is the highest possible, so no "
+                            "process takes a later one",
+                            sample.version),
+                "find the writer, then restart the server");
+    }
     if (!sample.config.steady) {
         problem("a configuration is unfinished", "run 'tolvane configure FILE' again");
         return;
@@ -196,20 +210,61 @@ void Examiner::examineConfiguration(const Sample& sample) {
         problem("the configuration is out of range: " + sample.config.complaint,
                 "write a valid configuration with 'tolvane configure FILE'");
     }
-    CountSet counts = countsOf(sample.records);
-    auto counted = [](const TrafficCounts& site) { return site[&CounterBlock::requests] > 0; };
-    bool anySite = std::any_of(std::begin(counts.site), std::end(counts.site), counted);
-    // After a reset of the sites this cannot be judged.
-    bool published = std::any_of(sample.records.begin(), sample.records.end(),
-                                 [](const ResultStruct& record) { return record.sitesDirty == 1; });
-    if (sample.config.info->numSites > 0 && counts.total[&CounterBlock::requests] > 0 &&
-        published && !anySite) {
+    if (server_.pending > 0) {
+        note(fmt::format("configuration {} is in force within {} s", sample.version,
+                         server_.pending),
+             "wait");
+    } else if (noSiteCounted(sample)) {
+        CountSet counts = countsOf(sample.records);
         note(fmt::format("no process uses configuration {}: {} counted, but no request for a site",
                          sample.version, plural(counts.total[&CounterBlock::requests], "request")),
              fmt::format("send a few requests to each worker or wait {} s, then compare the site "
                          "names with what clients send as Host",
                          2 * std::clamp(sample.config.info->interval, 1, 86400)));
     }
+}
+
+// Every publication locks the semaphore of its record. A collector locks it as well, so
+// the time of the last lock is no evidence while one reads the server.
+std::optional<std::time_t> Examiner::lastPublication(const Sample& sample) const {
+    auto others = attachedProcesses(server_.handoff.shmid, server_.parentPid).others;
+    std::time_t last = 0;
+    for (const ResultStruct& record : sample.records) {
+        semid_ds status{};
+        pid_t user = ::semctl(record.semaphoreId, 0, GETPID);
+        if (::semctl(record.semaphoreId, 0, IPC_STAT, &status) != 0) return std::nullopt;
+        if (std::find(others.begin(), others.end(), user) != others.end()) return std::nullopt;
+        last = std::max(last, static_cast<std::time_t>(status.sem_otime));
+    }
+    return last;
+}
+
+// A prefork process that counts calls publishes after some send calls, so a publication
+// is certain only when there were more connections than that, over all processes.
+void Examiner::examineStoppedPublication(const Sample& sample) {
+    constexpr std::time_t kPatience = 120;  // seconds
+    ServerMode mode = modeOf(server_.handoff, server_.process);
+    auto last = isApache() && mode.known ? lastPublication(sample) : std::nullopt;
+    if (!last) return;
+    std::int32_t interval = std::clamp(sample.config.info->interval, 1, 86400);
+    std::time_t silent = std::time(nullptr) - *last;
+    if (silent < std::max<std::time_t>(kPatience, mode.threaded ? 3L * interval : 0)) return;
+    std::size_t ended = endedConnections(portsOf(server_));
+    bool each = mode.threaded || mode.messages;
+    std::size_t enough = each ? 1 : server_.processes * static_cast<std::size_t>(mode.sendCalls);
+    if (ended < enough) return;
+    problem(fmt::format("nothing was published for {} s, although {} ended in the last minute",
+                        silent, plural(ended, "connection")),
+            fmt::format("see {} for the reason, then restart the server", kLogFile));
+}
+
+void Examiner::examinePublication(const Sample& sample) {
+    examineStoppedPublication(sample);
+    if (server_.published) return;
+    note(
+        "nothing is published yet, so every count is 0: " +
+            publicationText(modeOf(server_.handoff, server_.process), sample.config.info->interval),
+        "send requests");
 }
 
 void Examiner::examine() {
@@ -226,6 +281,7 @@ void Examiner::examine() {
         Sample sample = takeSample(server_);
         examineSemaphores(sample);
         examineConfiguration(sample);
+        examinePublication(sample);
     } catch (const Error& error) {
         problem(error.what(), "tolvane list");
     }

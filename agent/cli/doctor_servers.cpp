@@ -25,6 +25,8 @@ bool loadsShim(pid_t pid) {
     return !mappings || mapsLibrary(*mappings);
 }
 
+}  // namespace
+
 std::set<int> portsOf(const Server& server) {
     std::set<int> ports;
     for (const std::string& address : server.handoff.listen) {
@@ -33,6 +35,8 @@ std::set<int> portsOf(const Server& server) {
     }
     return ports;
 }
+
+namespace {
 
 void examineStale(const Server& server, std::set<pid_t>& reported, Findings& findings) {
     std::string text = fmt::format("stale: {}: {}", server.handoff.path, server.reason);
@@ -47,11 +51,10 @@ void examineStale(const Server& server, std::set<pid_t>& reported, Findings& fin
         // Its workers listen on the same port.
         pid_t pid = oldestOf(listenersOn(port));
         if (pid == 0 || loadsShim(pid) || !reported.insert(pid).second) continue;
-        findings.problem(
-            fmt::format(
-                "{} (process {}) listens on port {} of a former measured server, without the shim",
-                processName(pid), pid, port),
-            kStartMeasured);
+        findings.problem(fmt::format("{} (process {}) listens on port {} of a former measured "
+                                     "server, without the library",
+                                     processName(pid), pid, port),
+                         kStartMeasured);
     }
 }
 
@@ -67,7 +70,7 @@ void examinePreparedRoots(std::set<pid_t>& reported, Findings& findings) {
         if (!pid || !processExists(*pid) || loadsShim(*pid) || !reported.insert(*pid).second)
             continue;
         findings.problem(
-            fmt::format("{} (process {}) runs without the shim, although {} is prepared for it",
+            fmt::format("{} (process {}) runs without the library, although {} is prepared for it",
                         processName(*pid), *pid, kPreparedRoots + name),
             kStartMeasured);
     }
@@ -84,7 +87,7 @@ void examineServers(const std::vector<Server>& servers, Findings& findings) {
                 if (server.process > 0 && !loadsShim(server.process)) {
                     reported.insert(server.process);
                     findings.problem(
-                        fmt::format("server {}: its main process runs without the shim",
+                        fmt::format("server {}: its main process runs without the library",
                                     nameOf(server)),
                         kStartMeasured);
                 }
@@ -97,9 +100,13 @@ void examineServers(const std::vector<Server>& servers, Findings& findings) {
             case RunState::kStale:
                 examineStale(server, reported, findings);
                 break;
-            case RunState::kHeld:
             case RunState::kUnreadable:
-                break;  // states of a collector's runs only
+                findings.problem(
+                    fmt::format("{} is kept: {}", server.handoff.path, server.reason),
+                    "restart the server, which writes the file anew; then 'tolvane clean'");
+                break;
+            case RunState::kHeld:
+                break;  // a state of a collector's runs only
         }
     }
     examinePreparedRoots(reported, findings);

@@ -4,15 +4,18 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <exception>
 #include <functional>
-#include <iostream>
 #include <sstream>
+#include <vector>
 
 #include "cli/commands.h"
 #include "cli/exit_code.h"
+#include "cli/suggestion.h"
 #include "cli/terminal.h"
 #include "os/error.h"
+#include "os/text.h"
 
 namespace {
 
@@ -23,6 +26,7 @@ struct Options {
     PrepareOptions prepare;
     ListOptions list;
     CleanOptions clean;
+    DoctorOptions doctor;
     std::string checkFile;
     ConfigureOptions configure;
     ShowOptions show;
@@ -52,14 +56,14 @@ CLI::Validator seconds() {
 void addServerOption(CLI::App* command, std::optional<std::string>& server) {
     command->add_option(
         "--server", server,
-        "Which server: its process id, segment id or address:port (see 'tolvane list')");
+        "Which server: its process id, segment id, port or address:port (see 'tolvane list')");
 }
 
 void addRun(CLI::App& app, RunOptions& options, Action& action) {
     CLI::App* run =
         addCommand(app, "run", "Run a server with the measurement library preloaded",
-                   "  tolvane run -- apache2 -D FOREGROUND\n"
-                   "  tolvane run --semaphores 8 -- /usr/sbin/apachectl start\n"
+                   "  tolvane run --config sites.toml -- apachectl start\n"
+                   "  tolvane run --semaphores 8 -- apachectl -D FOREGROUND\n"
                    "  tolvane run --type netscape --root /srv/ns -- /srv/ns/bin/ns-httpd",
                    action, [&options] { return runCommand(options); });
     run->add_option("--type", options.type, "Server type; default: from the command's name")
@@ -85,6 +89,8 @@ void addRun(CLI::App& app, RunOptions& options, Action& action) {
                     "REQUEST_INTERVAL: send calls between two publications of a prefork process; "
                     "default: 5")
         ->check(CLI::Range(1, kMaxRequestInterval));
+    run->add_option("--config", options.configFile,
+                    "TOML file to write to the server as it starts; default: none");
     run->add_flag("-q,--quiet", options.quiet, "Do not print the settings in use");
     run->add_option("COMMAND", options.command, "The server and its arguments, after '--'")
         ->required();
@@ -136,6 +142,7 @@ void addWatching(CLI::App& app, Options& options, Action& action) {
         ->capture_default_str();
     top->add_option("--count", options.top.count, "Number of updates; default: unlimited")
         ->check(CLI::Range(1, 1000000000));
+    top->add_flag("--json", options.top.json, "Write a JSON object per update, one per line");
     top->add_option("--sort", options.top.sortBy,
                     "Heading of the column to sort by; default: req/s");
 }
@@ -144,7 +151,7 @@ void addConfiguring(CLI::App& app, Options& options, Action& action) {
     CLI::App* check =
         addCommand(app, "check", "Check a configuration file", "  tolvane check sites.toml", action,
                    [&] { return checkCommand(options.checkFile); });
-    check->add_option("FILE", options.checkFile, "The TOML file")->required();
+    check->add_option("FILE", options.checkFile, "The TOML file; '-': standard input")->required();
 
     CLI::App* configure =
         addCommand(app, "configure", "Write sites and categories to a running server",
@@ -158,7 +165,8 @@ void addConfiguring(CLI::App& app, Options& options, Action& action) {
                    "  label = \"checkout\"\n"
                    "  urls = [\"/cart*\", \"/shop*.jsp\"]",
                    action, [&] { return configureCommand(options.configure); });
-    configure->add_option("FILE", options.configure.file, "The TOML file")->required();
+    configure->add_option("FILE", options.configure.file, "The TOML file; '-': standard input")
+        ->required();
     addServerOption(configure, options.configure.server);
     configure->add_flag("--reset", options.configure.reset,
                         "Reset the counts of sites and categories to 0");
@@ -179,6 +187,12 @@ void addServing(CLI::App& app, ServeOptions& options, Action& action) {
                       "default: none");
     serve->add_option("--listen", options.listen, "Address and port; ':9931' for all addresses")
         ->capture_default_str();
+    serve
+        ->add_option("--allow-host", options.allowedHosts,
+                     "Host name under which clients may address the collector, beside localhost "
+                     "and addresses; may be repeated")
+        ->expected(1)
+        ->take_all();
     serve->add_option("--interval", options.interval, "Collection interval in seconds")
         ->check(seconds())
         ->capture_default_str();
@@ -192,8 +206,52 @@ void addCaring(CLI::App& app, Options& options, Action& action) {
         "  tolvane clean --dry-run", action, [&] { return cleanCommand(options.clean); });
     clean->add_flag("--dry-run", options.clean.dryRun,
                     "Print what would be removed, and remove nothing");
-    addCommand(app, "doctor", "Check the installation and the running servers",
-               "  sudo tolvane doctor", action, [] { return doctorCommand(); });
+    CLI::App* doctor =
+        addCommand(app, "doctor", "Check the installation and the running servers",
+                   "  sudo tolvane doctor", action, [&] { return doctorCommand(options.doctor); });
+    doctor->add_flag("--repair", options.doctor.repair,
+                     "Write damaged or missing handoff files of running servers anew");
+    doctor->add_flag("--json", options.doctor.json, "Write JSON");
+}
+
+// "help" and "help COMMAND" as the option that does the same.
+std::vector<std::string> helpAsOption(std::vector<std::string> arguments) {
+    if (arguments.empty() || arguments[0] != "help") return arguments;
+    arguments.erase(arguments.begin());
+    arguments.resize(std::min<std::size_t>(arguments.size(), 1));
+    arguments.emplace_back("--help");
+    return arguments;
+}
+
+void refuseUnknownCommand(const CLI::App& app, const std::vector<std::string>& arguments) {
+    if (arguments.empty() || arguments[0].starts_with("-")) return;
+    std::vector<std::string> known = {"help"};
+    for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+        known.push_back(command->get_name());
+    }
+    if (std::find(known.begin(), known.end(), arguments[0]) != known.end()) return;
+    fail(ErrorKind::kInvalidInput, "unknown command '{}'{}; 'tolvane help' lists the commands",
+         printable(arguments[0]), suggestionFor(arguments[0], known));
+}
+
+[[noreturn]] void failWithUsage(const CLI::App& app, const std::vector<std::string>& arguments,
+                                std::string text) {
+    bool named = !arguments[0].starts_with("-");
+    const CLI::App* command = named ? app.get_subcommand(arguments[0]) : &app;
+    std::vector<std::string> known;
+    for (const CLI::Option* option : command->get_options()) {
+        for (const std::string& name : option->get_lnames()) known.push_back("--" + name);
+    }
+    for (const std::string& argument : arguments) {
+        std::string name = argument.substr(0, argument.find('='));
+        if (name == "--") break;
+        if (!name.starts_with("--")) continue;
+        if (std::find(known.begin(), known.end(), name) != known.end()) continue;
+        text = fmt::format("unknown option '{}'{}", printable(name), suggestionFor(name, known));
+        break;
+    }
+    fail(ErrorKind::kInvalidInput, "{}; see 'tolvane {}--help'", text,
+         named ? arguments[0] + " " : "");
 }
 
 int parseAndRun(int argc, char** argv) {
@@ -201,8 +259,7 @@ int parseAndRun(int argc, char** argv) {
     app.footer(
         "Exit codes: 0 success; 1 no server, or a problem was found; 2 wrong usage or input, "
         "nothing was changed; 3 a system call failed, or the server has ended.\n"
-        "Example:\n  tolvane run -- apache2 -k start && tolvane configure sites.toml && tolvane "
-        "top");
+        "Example:\n  tolvane run --config sites.toml -- apachectl start && tolvane top");
     app.set_version_flag("--version", "tolvane " TOLVANE_VERSION);
     // A missing sub-command is reported below, because CLI11 would report an unknown
     // sub-command in the same way.
@@ -216,16 +273,18 @@ int parseAndRun(int argc, char** argv) {
     addWatching(app, options, action);
     addServing(app, options.serve, action);
     addCaring(app, options, action);
+    std::vector<std::string> arguments = helpAsOption({argv + 1, argv + argc});
+    refuseUnknownCommand(app, arguments);
     try {
-        app.parse(argc, argv);
+        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() != 0) failWithUsage(app, arguments, error.what());
         std::ostringstream help;
-        if (app.exit(error, help, std::cerr) != 0) return kExitBadInput;
+        app.exit(error, help, help);
         writeOut(help.str());
         return kExitOk;
     }
-    if (!action)
-        fail(ErrorKind::kInvalidInput, "a command is missing; 'tolvane --help' lists them");
+    if (!action) fail(ErrorKind::kInvalidInput, "a command is missing; 'tolvane help' lists them");
     return action();
 }
 

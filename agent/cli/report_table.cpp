@@ -107,7 +107,7 @@ bool before(const ReportRow& a, const ReportRow& b, ReportColumn column, bool as
 
 std::string heading(ReportColumn column, const ReportLayout& layout) {
     std::string title = columnTitle(column);
-    if (layout.sortBy == column) title += layout.ascending ? "^" : "v";
+    if (layout.sortBy == column) title += layout.ascending ? "\u25b2" : "\u25bc";
     return title;
 }
 

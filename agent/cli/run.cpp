@@ -11,7 +11,10 @@
 #include "apache/command.h"
 #include "apache/server_root.h"
 #include "cli/commands.h"
+#include "cli/configuration_input.h"
 #include "cli/prepare_root.h"
+#include "cli/start_configuration.h"
+#include "configuration/config_block.h"
 #include "os/agent_directories.h"
 #include "os/error.h"
 #include "os/text.h"
@@ -84,8 +87,8 @@ void refuseHandover(const ServerCommand& command) {
     if (!starts || !script || script->find("systemctl start") == std::string::npos) return;
     fail(ErrorKind::kInvalidInput,
          "{} passes the start to systemd, which would start the server without measurement; "
-         "use a drop-in for the service (see docs/operations.md), or 'tolvane run -- apache2 -k "
-         "start'",
+         "use a drop-in for the service (see docs/operations.md), or set "
+         "APACHE_STARTED_BY_SYSTEMD=1, with which it starts the server itself",
          command.path);
 }
 
@@ -113,7 +116,7 @@ void checkRootFiles(const std::string& root, const std::string& type) {
         root + "/" + (type == "netscape" ? kNetscapeConfigurationFile : kApacheConfigurationFile);
     if (::access(file.c_str(), R_OK) != 0) {
         fail(ErrorKind::kInvalidInput,
-             "{}: {}; the shim reads the listening addresses from this file", file,
+             "{}: {}; the library reads the listening addresses from this file", file,
              std::strerror(errno));
     }
 }
@@ -196,6 +199,11 @@ WordSize starterWordSize(const ServerCommand& command) {
 
 int runCommand(const RunOptions& options) {
     StartPlan plan;
+    StartConfiguration configuration;
+    if (!options.configFile.empty()) {
+        ConfigModel model = modelIn(options.configFile, WithoutSites::kRefused);
+        configuration = {buildConfigBlock(model), summaryOf(model)};
+    }
     plan.command = inspectCommand(options.command);
     plan.type = typeOf(plan.command, options.type);
     refuseHandover(plan.command);
@@ -215,6 +223,7 @@ int runCommand(const RunOptions& options) {
         fmt::print(stderr, "tolvane: {} server, {}; library {}\n", plan.type, plan.description,
                    preload);
     }
+    if (configuration.block) configureOnceStarted(configuration, plan.root, options.quiet);
     execute(plan);
 }
 

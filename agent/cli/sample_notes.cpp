@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "os/text.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
@@ -16,8 +17,21 @@ std::string serverHeading(const Server& server, const Sample& sample) {
                        runStateName(server.state), server.reason, configuration);
 }
 
-std::vector<std::string> sampleNotes(const Sample& sample) {
+std::vector<std::string> sampleNotes(const Server& server, const Sample& sample) {
     std::vector<std::string> notes;
+    if (!server.published) {
+        notes.push_back(fmt::format(
+            "nothing is published yet, so every count is 0: {}",
+            publicationText(modeOf(server.handoff, server.process), sample.config.info->interval)));
+    }
+    if (server.pending > 0) {
+        notes.push_back(fmt::format("configuration {} is in force within {} s", sample.version,
+                                    server.pending));
+    } else if (noSiteCounted(sample)) {
+        notes.push_back(
+            "no request was counted for a site; compare the site names with what clients send as "
+            "Host");
+    }
     if (sample.version == kVersionCreated) {
         notes.push_back(
             "there is no configuration, so only the totals are counted; use 'tolvane configure "

@@ -9,6 +9,6 @@
 namespace tolvane::agent {
 
 std::string serverHeading(const Server& server, const Sample& sample);
-std::vector<std::string> sampleNotes(const Sample& sample);
+std::vector<std::string> sampleNotes(const Server& server, const Sample& sample);
 
 }  // namespace tolvane::agent

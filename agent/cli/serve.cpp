@@ -107,9 +107,10 @@ int serveCommand(const ServeOptions& options) {
     // counter is lower than in an earlier collector.
     collector.round();
     Pages pages([&](const auto& reader) { collector.read(reader); }, options.version);
-    HttpServer server(address, [&](const HttpRequest& request) {
-        return pages.answer(request, std::time(nullptr));
-    });
+    HttpServer server(
+        address,
+        [&](const HttpRequest& request) { return pages.answer(request, std::time(nullptr)); },
+        options.allowedHosts);
     address.port = server.port();
     logLine("serving on http://{}/, collecting every {} s, saving the totals in {}",
             toString(address), options.interval, options.stateDirectory);

@@ -9,11 +9,11 @@
 #include "cli/commands.h"
 #include "cli/exit_code.h"
 #include "cli/report_table.h"
+#include "cli/sample_json.h"
 #include "cli/sample_notes.h"
 #include "cli/terminal.h"
 #include "cli/threaded_server.h"
 #include "counts/counts.h"
-#include "export/report_json.h"
 #include "os/error.h"
 #include "os/text.h"
 
@@ -88,22 +88,12 @@ std::vector<Measured> measure(const std::vector<Server>& servers, double sampleS
 }
 
 std::vector<std::string> notesOn(const Measured& measured) {
-    std::vector<std::string> notes = sampleNotes(measured.sample);
+    std::vector<std::string> notes = sampleNotes(measured.server, measured.sample);
     if (auto fault = threadsFault(measured.server)) {
         notes.push_back(
             fmt::format("{}, so its counts are incomplete; run 'tolvane doctor'", fault->text));
     }
     return notes;
-}
-
-nlohmann::ordered_json toJson(const Measured& measured, const Report& report) {
-    nlohmann::ordered_json json = serverToJson(measured.server);
-    json["measured_since"] = measured.sample.measuredSince;
-    json["interval"] = measured.sample.config.info->interval;
-    json["rates_over_seconds"] = measured.seconds;
-    json["notes"] = notesOn(measured);
-    json.update(reportToJson(report));
-    return json;
 }
 
 void print(const Measured& measured, const Report& report) {
@@ -139,7 +129,8 @@ int showCommand(const ShowOptions& options) {
         Report report = buildReport(*measured.sample.config.info, measured.counts, measured.added,
                                     measured.seconds);
         if (options.json) {
-            all.push_back(toJson(measured, report));
+            all.push_back(sampleToJson(measured.server, measured.sample, report, measured.seconds,
+                                       notesOn(measured)));
         } else {
             if (!first) writeOut("\n");
             print(measured, report);

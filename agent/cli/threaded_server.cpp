@@ -10,24 +10,11 @@
 #include "os/process.h"
 #include "os/text.h"
 #include "servers/attached.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
 namespace {
-
-// The last line of the file is decisive, as in the shim.
-std::string moduleNamedIn(const std::string& file) {
-    std::string module;
-    for (std::string_view line : splitLines(readFile(file).value_or(""))) {
-        auto words = splitWords(line);
-        if (!words.empty()) module = lower(words[0]);
-    }
-    return module;
-}
-
-bool isThreaded(const std::string& module) {
-    return !module.empty() && module != "none" && module != "prefork";
-}
 
 bool olderThanServer(const std::string& file, const SegmentStatus& segment) {
     struct stat status {};
@@ -97,12 +84,12 @@ std::optional<ThreadsFault> threadsFault(const Server& server) {
     if (!environment || environment->count("WEB_SERVER_ROOT") == 0) return std::nullopt;
     std::string file = environment->at("WEB_SERVER_ROOT") + "/" + kApacheModuleFile;
     SegmentStatus segment = segmentStatus(server.handoff.shmid);
-    bool named = isThreaded(moduleNamedIn(file));
+    bool named = isThreadedModule(moduleNamedIn(file));
     if (named && olderThanServer(file, segment)) return std::nullopt;
 
     std::string module = loadedModule(server.process);
     pid_t accused = accusedProcess(server, segment.created);
-    if (accused == 0 && !isThreaded(module)) return std::nullopt;
+    if (accused == 0 && !isThreadedModule(module)) return std::nullopt;
     ThreadsFault fault;
     fault.text = "it has threads but was taken for one connection per process";
     if (accused != 0) fault.text += fmt::format("; process {} has stopped measuring", accused);
@@ -110,7 +97,7 @@ std::optional<ThreadsFault> threadsFault(const Server& server) {
         fault.remedy = fmt::format("restart it: {} was written after its start", file);
     } else {
         fault.remedy = fmt::format("echo {} > {}, then restart it, or start it with 'tolvane run'",
-                                   isThreaded(module) ? module : "worker", file);
+                                   isThreadedModule(module) ? module : "worker", file);
     }
     return fault;
 }

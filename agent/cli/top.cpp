@@ -5,10 +5,13 @@
 #include <algorithm>
 #include <chrono>
 #include <deque>
+#include <nlohmann/json.hpp>
+#include <thread>
 
 #include "cli/commands.h"
 #include "cli/exit_code.h"
 #include "cli/report_table.h"
+#include "cli/sample_json.h"
 #include "cli/sample_notes.h"
 #include "cli/terminal.h"
 #include "cli/top_screen.h"
@@ -126,7 +129,10 @@ class Top {
   private:
     // False when the server has ended.
     bool refresh();
+    Report reportNow() const;
     void draw(TopScreen& screen);
+    // A JSON object per update. A signal ends the program between two lines.
+    void writeJson();
     // Waits for the next refresh and handles keys; false to end.
     bool pause(TopScreen& screen);
     std::vector<std::string> heading(int columns) const;
@@ -167,17 +173,33 @@ std::vector<std::string> Top::heading(int columns) const {
         fitted(fmt::format("{:%H:%M:%S}, {}{}", fmt::localtime(std::time(nullptr)), rates, keys),
                columns));
     bool colour = colourOn(STDOUT_FILENO);
-    for (const std::string& note : sampleNotes(samples_.latest())) {
+    for (const std::string& note : sampleNotes(server_, samples_.latest())) {
         lines.push_back(coloured(fitted("Note: " + note, columns), Colour::kYellow, colour));
     }
     return lines;
 }
 
-void Top::draw(TopScreen& screen) {
+Report Top::reportNow() const {
     const Sample& sample = samples_.latest();
     Report report = buildReport(*sample.config.info, countsOf(sample.records), samples_.added(),
                                 samples_.seconds());
     sortReport(report, view_.sortBy, view_.ascending);
+    return report;
+}
+
+void Top::writeJson() {
+    for (int written = 0; options_.count == 0 || written < options_.count; ++written) {
+        if (written > 0) std::this_thread::sleep_for(Seconds(options_.delay));
+        if (!refresh()) break;
+        auto json = sampleToJson(server_, samples_.latest(), reportNow(), samples_.seconds(),
+                                 sampleNotes(server_, samples_.latest()));
+        writeOut(json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
+    }
+    if (!farewell_.empty()) printError(farewell_);
+}
+
+void Top::draw(TopScreen& screen) {
+    Report report = reportNow();
     ReportLayout layout;
     layout.width = screen.columns();
     layout.colour = colourOn(STDOUT_FILENO);
@@ -214,6 +236,10 @@ bool Top::pause(TopScreen& screen) {
 }
 
 int Top::run() {
+    if (options_.json) {
+        writeJson();
+        return farewell_.empty() ? kExitOk : kExitFinding;
+    }
     {
         TopScreen screen;
         for (int shown = 0; !TopScreen::stopped(); ++shown) {

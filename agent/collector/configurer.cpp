@@ -9,6 +9,7 @@
 #include "configuration/config_load.h"
 #include "configuration/config_writer.h"
 #include "os/error.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
@@ -100,7 +101,12 @@ Configurer::Outcome Configurer::apply(WatchedRun& run, ConfigSync& sync,
         ConfigLock lock(run.handoff().path, 0s);
         std::int32_t version = run.segment().version();
         bool equal = version > 0 && sameConfiguration(*run.segment().config(), *placed);
-        if (!equal) version = writeConfiguration(run.segment(), *placed, 0s).version;
+        if (!equal) {
+            Uptake uptake = uptakeOf(modeOf(run.handoff(), run.segment().parentPid()),
+                                     *run.segment().config(), placed->interval);
+            version = writeConfiguration(run.segment(), *placed, 0s).version;
+            keepInForceTime(run.handoff().path, uptake);
+        }
         sync.revision = revision_;
         sync.noted = version;
         sync.trouble.set("");

@@ -28,8 +28,11 @@ struct flock byteOf(std::int32_t number, short type) {
 // Such a lock is released when the process closes any descriptor of the file, so
 // nothing else in this process opens it.
 OwnershipLock::OwnershipLock(const std::string& path)
-    : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644)) {
+    : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
     if (fd_ < 0) fail(ErrorKind::kFailed, "{}: {}", path, std::strerror(errno));
+    // An earlier version created it readable for all users. A user who can read it can
+    // also hold a read lock, which would exclude every collector.
+    ::fchmod(fd_, 0600);
 }
 
 OwnershipLock::~OwnershipLock() {

@@ -2,14 +2,15 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
 #include <set>
 
 #include "os/error.h"
+#include "os/process.h"
 #include "os/text.h"
-#include "servers/server.h"
 
 namespace tolvane::agent {
 
@@ -38,9 +39,9 @@ void RunFinder::update() {
     others_.clear();
     try {
         std::set<std::string> present = {kHandoffDirectory};
-        for (const Handoff& handoff : readHandoffs(kHandoffDirectory)) {
-            examine(handoff);
-            present.insert(handoff.path);
+        for (const FoundRun& run : findRuns()) {
+            examine(run);
+            present.insert(run.handoff.path);
         }
         std::erase_if(troubles_,
                       [&](const auto& trouble) { return !present.contains(trouble.first); });
@@ -55,20 +56,19 @@ std::string RunFinder::typeOf(const std::string& server) const {
     return found == types_.end() ? "" : found->second;
 }
 
-void RunFinder::examine(const Handoff& handoff) {
-    if (!handoff.problem.empty()) {
-        if (!mayBeIncomplete(handoff)) addOther(handoff, RunState::kUnreadable, handoff.problem);
-        return;
+void RunFinder::examine(const FoundRun& run) {
+    const Handoff& handoff = run.handoff;
+    if (!run.damage.empty() && mayBeIncomplete(handoff)) return;
+    if (!run.found) {
+        removeLeftFile(run);
+        return addOther(handoff, run.running ? RunState::kUnreadable : RunState::kStale,
+                        run.reason);
     }
     SegmentStatus status = segmentStatus(handoff.shmid);
-    if (!status.exists) return addOther(handoff, RunState::kStale, "its segment no longer exists");
     if (const Watched* watched = watchedRun(handoff.shmid)) {
         // While it is attached, the identifier cannot be reused.
         if (watched->run.key().pid == handoff.pid) return;
         return addOther(handoff, RunState::kStale, "its segment no longer exists");
-    }
-    if (std::string why = foreignSegment(handoff, status); !why.empty()) {
-        return addOther(handoff, RunState::kStale, why);
     }
     if (pid_t holder = locks_.acquire(handoff.shmid); holder != 0) {
         return addOther(
@@ -87,14 +87,41 @@ void RunFinder::examine(const Handoff& handoff) {
 void RunFinder::attach(const Handoff& handoff, const SegmentStatus& status) {
     Watched& watched = watched_.emplace_back(handoff, status);
     try {
-        auto saved = store_.loadRun(watched.run.key());
-        if (saved) watched.run.resume(std::move(*saved));
+        const char* from = resume(watched);
         types_[watched.server] = handoff.serverType;
         logLine("server {} (process {}): collecting its counts{}", watched.server, handoff.pid,
-                saved ? ", from where an earlier collector stopped" : "");
+                from);
     } catch (...) {
         watched_.pop_back();
         throw;
+    }
+}
+
+// Returns where the collection starts, for the log.
+const char* RunFinder::resume(Watched& watched) {
+    try {
+        auto saved = store_.loadRun(watched.run.key());
+        if (!saved) return "";
+        watched.run.resume(std::move(*saved));
+        return ", from where an earlier collector stopped";
+    } catch (const DamagedProgress& error) {
+        // A start from 0 would add counts to the totals a second time.
+        watched.run.startFromPresentCounts();
+        logLine("{}; the counts since the last collection are lost", error.what());
+        return ", from its present counts";
+    }
+}
+
+// A server that detaches leaves its handoff file behind at a normal stop, because the
+// process that wrote it has ended.
+void RunFinder::removeLeftFile(const FoundRun& run) {
+    constexpr std::time_t kOldEnough = 10;  // seconds
+    const Handoff& handoff = run.handoff;
+    bool young = std::time(nullptr) - handoff.written < kOldEnough;
+    if (run.running || young || !handoff.problem.empty()) return;
+    if (segmentStatus(handoff.shmid).exists || processExists(handoff.pid)) return;
+    if (::unlink(handoff.path.c_str()) == 0) {
+        logLine("{}: removed, its server has ended", handoff.path);
     }
 }
 

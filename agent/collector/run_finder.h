@@ -12,6 +12,7 @@
 #include "collector/ownership_lock.h"
 #include "collector/totals_store.h"
 #include "collector/watched_run.h"
+#include "servers/run_search.h"
 
 namespace tolvane::agent {
 
@@ -47,8 +48,10 @@ class RunFinder {
     std::string typeOf(const std::string& server) const;
 
   private:
-    void examine(const Handoff& handoff);
+    void examine(const FoundRun& run);
     void attach(const Handoff& handoff, const SegmentStatus& status);
+    const char* resume(Watched& watched);
+    void removeLeftFile(const FoundRun& run);
     void addOther(const Handoff& handoff, RunState state, const std::string& reason);
     const Watched* watchedRun(std::int32_t shmid) const;
 

@@ -54,6 +54,8 @@ struct RunStatus {
     std::int32_t records = 0;
     std::int32_t version = 0;   // of the configuration in the segment
     std::size_t processes = 0;  // attached to the segment, besides the collector
+    bool published = false;     // any process has published counts
+    int pending = 0;            // seconds until the configuration is in force
 };
 
 // A server over all its runs, named by its addresses.

@@ -85,6 +85,24 @@ nlohmann::json namesToJson(const RunProgress& progress) {
     return {{"records", progress.records.size()}, {"sites", std::move(sites)}};
 }
 
+RunProgress progressIn(const std::string& text, const SQLite::Column& packed) {
+    RunProgress progress;
+    auto names = nlohmann::json::parse(text);
+    for (std::size_t s = 0; s < progress.names.size(); ++s) {
+        names.at("sites").at(s).at(0).get_to(progress.names[s].name);
+        names.at("sites").at(s).at(1).get_to(progress.names[s].labels);
+    }
+    auto records = names.at("records").get<std::size_t>();
+    constexpr std::size_t kMostRecords = 1U << 20;
+    if (records > kMostRecords) {
+        throw DamagedProgress(ErrorKind::kFailed, fmt::format("{} records in a run", records));
+    }
+    progress.records =
+        unpackRecords(static_cast<const PackedWord*>(packed.getBlob()),
+                      static_cast<std::size_t>(packed.getBytes()) / sizeof(PackedWord), records);
+    return progress;
+}
+
 void bindKey(SQLite::Statement& statement, const RunKey& key) {
     statement.bind(":shmid", key.shmid);
     statement.bind(":created", std::int64_t{key.created});
@@ -126,7 +144,9 @@ auto TotalsStore::guarded(Action&& action) const {
     } catch (const SQLite::Exception& error) {
         std::string text = fmt::format("{}: {}", path_, error.what());
         int code = error.getErrorCode() & 0xff;
-        if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB) {
+        // While it is opened, an error in SQL means that a table or a column is missing.
+        bool unusable = code == SQLITE_ERROR && !saveServer_;
+        if (code == SQLITE_CORRUPT || code == SQLITE_NOTADB || unusable) {
             throw Damaged(ErrorKind::kFailed, text);
         }
         throw Error(ErrorKind::kFailed, text);
@@ -184,14 +204,15 @@ void TotalsStore::open() {
         auto prepare = [&](const std::string& sql) {
             return std::make_unique<SQLite::Statement>(*database_, sql);
         };
-        saveServer_ =
-            prepare("REPLACE INTO server (name, type, seen) VALUES (:name, :type, :seen)");
         saveRow_ = prepare(saveRowStatement());
         saveRun_ = prepare(
             "REPLACE INTO run (shmid, created, pid, server, names, records) "
             "VALUES (:shmid, :created, :pid, :server, :names, :records)");
         deleteRun_ =
             prepare("DELETE FROM run WHERE shmid = :shmid AND created = :created AND pid = :pid");
+        // The last: from now on it is open.
+        saveServer_ =
+            prepare("REPLACE INTO server (name, type, seen) VALUES (:name, :type, :seen)");
     });
 }
 
@@ -274,18 +295,11 @@ std::optional<RunProgress> TotalsStore::loadRun(const RunKey& key) {
                               "WHERE shmid = :shmid AND created = :created AND pid = :pid");
         bindKey(row, key);
         if (!row.executeStep()) return std::nullopt;
-        RunProgress progress;
-        auto names = nlohmann::json::parse(row.getColumn("names").getString());
-        for (std::size_t s = 0; s < progress.names.size(); ++s) {
-            names["sites"].at(s).at(0).get_to(progress.names[s].name);
-            names["sites"].at(s).at(1).get_to(progress.names[s].labels);
+        try {
+            return progressIn(row.getColumn("names").getString(), row.getColumn("records"));
+        } catch (const nlohmann::json::exception& error) {
+            throw DamagedProgress(ErrorKind::kFailed, fmt::format("{}: {}", path_, error.what()));
         }
-        SQLite::Column packed = row.getColumn("records");
-        progress.records =
-            unpackRecords(static_cast<const PackedWord*>(packed.getBlob()),
-                          static_cast<std::size_t>(packed.getBytes()) / sizeof(PackedWord),
-                          names["records"].get<std::size_t>());
-        return progress;
     });
 }
 

@@ -9,6 +9,7 @@
 
 #include "collector/state.h"
 #include "collector/watched_run.h"
+#include "os/error.h"
 
 namespace SQLite {
 class Database;
@@ -16,6 +17,12 @@ class Statement;
 }  // namespace SQLite
 
 namespace tolvane::agent {
+
+// The row of a run cannot be used.
+class DamagedProgress : public Error {
+  public:
+    using Error::Error;
+};
 
 class TotalsStore {
   public:
@@ -28,6 +35,7 @@ class TotalsStore {
 
     void load(CollectorState& state);
     std::vector<RunKey> runs();
+    // Nothing if there is none. Throws DamagedProgress.
     std::optional<RunProgress> loadRun(const RunKey& key);
 
     // All changes of a round are made between begin and commit. Each function throws

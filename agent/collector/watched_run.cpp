@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cstring>
 
+#include "os/process.h"
 #include "segment/record_lock.h"
 #include "servers/attached.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
@@ -55,6 +57,13 @@ WatchedRun::WatchedRun(const Handoff& handoff, const SegmentStatus& status)
 void WatchedRun::resume(RunProgress progress) {
     if (progress.records.size() != progress_.records.size()) return;
     progress_ = std::move(progress);
+    seen_.assign(seen_.size(), true);
+}
+
+void WatchedRun::startFromPresentCounts() {
+    for (std::int32_t i = 0; i < segment_.structures(); ++i) {
+        segment_.copyRecordWithoutLock(i, progress_.records[static_cast<std::size_t>(i)]);
+    }
     seen_.assign(seen_.size(), true);
 }
 
@@ -109,15 +118,20 @@ RunStatus WatchedRun::status(bool& ended) const {
     SegmentStatus segment = segmentStatus(key_.shmid);
     run.processes = segment.attached > 0 ? segment.attached - 1 : 0;
     bool removed = !segment.exists || segment.removalPending;
+    run.published = segment_.published();
+    run.pending = secondsUntilInForce(writtenAt(handoff_.path), run.version);
+    bool mainEnded = run.parentPid > 0 && !processExists(run.parentPid);
     auto judge = [&] {
-        return judgeRun({run.shmid, run.version, removed, run.parentPid, run.processes});
+        return judgeRun({run.shmid, run.version, removed, run.parentPid, mainEnded, run.processes,
+                         run.published, run.pending});
     };
     RunJudgement judgement = judge();
     if (judgement.state == RunState::kEnding) {
         // The processes that remain may be other readers. Only now, because the search
         // reads the memory maps of all processes.
-        run.processes =
-            serverProcesses(segment.attached, attachedProcesses(run.shmid, run.parentPid));
+        AttachedProcesses attached = attachedProcesses(run.shmid, run.parentPid);
+        run.processes = serverProcesses(segment.attached, attached);
+        mainEnded = mainProcessOf(run.parentPid, segment.attached, attached).ended;
         judgement = judge();
     }
     ended = removed && run.processes == 0;

@@ -53,6 +53,10 @@ class WatchedRun {
     // Continues from where an earlier collector stopped.
     void resume(RunProgress progress);
 
+    // Continues with the present counts as the last collection, because the progress of
+    // the earlier collector is not known.
+    void startFromPresentCounts();
+
     // Adds the increase of every record since the last collection, except for sites
     // and categories without a name. Returns whether anything was added.
     bool collect(CountSet& added, CollectionCost& cost);

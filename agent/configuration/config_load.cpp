@@ -10,13 +10,17 @@
 namespace tolvane::agent {
 
 LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites, PipeWriter writer) {
-    LoadedConfig loaded;
     auto text = readFile(path, kMaxTextFile, writer);
-    if (!text) {
-        loaded.complaints.push_back(fmt::format("{}: {}", path, std::strerror(errno)));
-        return loaded;
-    }
-    ConfigFile file = parseConfigFile(*text);
+    if (text) return checkedConfig(*text, path, withoutSites);
+    LoadedConfig loaded;
+    loaded.complaints.push_back(fmt::format("{}: {}", path, std::strerror(errno)));
+    return loaded;
+}
+
+LoadedConfig checkedConfig(std::string_view text, const std::string& name,
+                           WithoutSites withoutSites) {
+    LoadedConfig loaded;
+    ConfigFile file = parseConfigFile(text);
     if (file.complaints.empty() && file.model.sites.empty() &&
         withoutSites == WithoutSites::kRefused) {
         file.complaints.push_back(
@@ -24,7 +28,7 @@ LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites, Pipe
     }
     for (const Complaint& complaint : file.complaints) {
         loaded.complaints.push_back(
-            fmt::format("{}:{}:{}: {}", path, complaint.line, complaint.column, complaint.text));
+            fmt::format("{}:{}:{}: {}", name, complaint.line, complaint.column, complaint.text));
     }
     loaded.model = std::move(file.model);
     return loaded;

@@ -23,6 +23,10 @@ struct LoadedConfig {
 LoadedConfig loadConfig(const std::string& path, WithoutSites withoutSites,
                         PipeWriter writer = PipeWriter::kAwaited);
 
+// The same for a text that was read from `name`.
+LoadedConfig checkedConfig(std::string_view text, const std::string& name,
+                           WithoutSites withoutSites);
+
 // "2 sites, 3 host names, 1 category, 2 URL patterns, interval 60 s"
 std::string summaryOf(const ConfigModel& model);
 

@@ -131,6 +131,19 @@ CountSet countsOf(const std::vector<ResultStruct>& records) {
     return sum;
 }
 
+bool noSiteCounted(const Sample& sample) {
+    if (!sample.config.steady || sample.version <= 0 || sample.config.info->numSites == 0) {
+        return false;
+    }
+    // After a reset of the sites this cannot be judged.
+    bool published = std::any_of(sample.records.begin(), sample.records.end(),
+                                 [](const ResultStruct& record) { return record.sitesDirty == 1; });
+    CountSet counts = countsOf(sample.records);
+    auto counted = [](const TrafficCounts& site) { return site[&CounterBlock::requests] > 0; };
+    return published && counts.total[&CounterBlock::requests] > 0 &&
+           std::none_of(std::begin(counts.site), std::end(counts.site), counted);
+}
+
 void addIncrease(CountSet& sum, const ResultStruct& before, const ResultStruct& after, Gap gap) {
     static constexpr ResultStruct kNothing{};
     ResetDetector ofTotal(gap, before.totalDirty, after.totalDirty);

@@ -37,6 +37,9 @@ Sample takeSample(const Server& server);
 // another agent, and its counters are stale: it counts as 0.
 CountSet countsOf(const std::vector<ResultStruct>& records);
 
+// Whether processes have published requests, and none for any configured site.
+bool noSiteCounted(const Sample& sample);
+
 // The record with such groups set to 0.
 ResultStruct withoutStaleGroups(const ResultStruct& record);
 

@@ -44,6 +44,8 @@ Json serverToJson(const Server& server) {
     json["processes_attached"] = server.processes;
     json["configuration_version"] =
         server.ownsSegment && server.version > 0 ? Json(server.version) : Json(nullptr);
+    json["configuration_pending_seconds"] = server.pending;
+    json["published"] = server.published;
     return json;
 }
 

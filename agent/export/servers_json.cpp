@@ -45,6 +45,8 @@ Json runToJson(const RunStatus& run) {
             {"started", orNull(run.started)},
             {"records", run.records},
             {"configuration_version", run.version > 0 ? Json(run.version) : Json(nullptr)},
+            {"configuration_pending_seconds", run.pending},
+            {"published", run.published},
             {"processes_attached", run.processes}};
 }
 

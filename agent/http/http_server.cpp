@@ -5,10 +5,15 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <exception>
+#include <optional>
 #include <stdexcept>
 
+#include "http/host_rule.h"
+#include "http/slow_clients.h"
 #include "os/error.h"
+#include "os/text.h"
 
 namespace tolvane::agent {
 
@@ -16,6 +21,10 @@ namespace {
 
 constexpr unsigned kMaxConnections = 64;
 constexpr unsigned kIdleLimit = 10;  // seconds
+constexpr auto kHeaderLimit = std::chrono::seconds(10);
+// A connection that is being ended still occupies a place.
+constexpr unsigned kPlaces = 2 * kMaxConnections;
+constexpr int kMisdirected = 421;
 constexpr std::size_t kConnectionMemory = 32U << 10;
 
 // Responses stay in memory until their clients have read them. Above this limit
@@ -65,6 +74,16 @@ bool announcesBody(MHD_Connection* connection) {
     return false;
 }
 
+int socketOf(MHD_Connection* connection) {
+    return ::MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+}
+
+std::optional<std::string> hostOf(MHD_Connection* connection) {
+    const char* host =
+        ::MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_HOST);
+    return host == nullptr ? std::nullopt : std::optional<std::string>(host);
+}
+
 HttpResponse plainText(int status, std::string text) {
     return {status, "text/plain; charset=utf-8", std::move(text) + "\n", {}};
 }
@@ -89,7 +108,8 @@ class SignalsBlocked {
 
 class HttpServer::Impl {
   public:
-    Impl(const ListenAddress& address, HttpHandler handler);
+    Impl(const ListenAddress& address, HttpHandler handler,
+         const std::vector<std::string>& allowedHosts);
     ~Impl() { ::MHD_stop_daemon(daemon_); }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -97,6 +117,10 @@ class HttpServer::Impl {
     std::uint16_t port() const { return port_; }
 
   private:
+    static void onConnection(void* self, MHD_Connection* connection, void** state,
+                             MHD_ConnectionNotificationCode event);
+    static void onCompleted(void* self, MHD_Connection* connection, void** state,
+                            MHD_RequestTerminationCode);
     static MHD_Result onRequest(void* self, MHD_Connection* connection, const char* url,
                                 const char* method, const char* version, const char* upload,
                                 std::size_t* uploadSize, void** requestState);
@@ -104,27 +128,48 @@ class HttpServer::Impl {
     MHD_Result send(MHD_Connection* connection, HttpResponse response);
 
     HttpHandler handler_;
+    HostRule hosts_;
+    std::optional<SlowClients> slowClients_;
     std::uint16_t port_ = 0;
     std::size_t waiting_ = 0;
     MHD_Daemon* daemon_ = nullptr;
 };
 
-HttpServer::Impl::Impl(const ListenAddress& address, HttpHandler handler)
-    : handler_(std::move(handler)) {
+HttpServer::Impl::Impl(const ListenAddress& address, HttpHandler handler,
+                       const std::vector<std::string>& allowedHosts)
+    : handler_(std::move(handler)), hosts_(address, allowedHosts) {
     int listening = listenOn(address);
     port_ = portOf(listening);
     SignalsBlocked blocked;
+    slowClients_.emplace(kMaxConnections, kHeaderLimit);
     daemon_ = ::MHD_start_daemon(
         MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC, 0, nullptr, nullptr, &Impl::onRequest, this,
-        MHD_OPTION_LISTEN_SOCKET, listening, MHD_OPTION_CONNECTION_LIMIT, kMaxConnections,
+        MHD_OPTION_LISTEN_SOCKET, listening, MHD_OPTION_CONNECTION_LIMIT, kPlaces,
         MHD_OPTION_CONNECTION_TIMEOUT, kIdleLimit, MHD_OPTION_CONNECTION_MEMORY_LIMIT,
-        kConnectionMemory, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_END);
+        kConnectionMemory, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_NOTIFY_CONNECTION,
+        &Impl::onConnection, this, MHD_OPTION_NOTIFY_COMPLETED, &Impl::onCompleted, this,
+        MHD_OPTION_END);
     if (daemon_ == nullptr) {
         ::close(listening);
         fail(ErrorKind::kFailed,
              "the pages cannot be served on {}: no thread or no descriptor is left",
              toString(address));
     }
+}
+
+void HttpServer::Impl::onConnection(void* self, MHD_Connection* connection, void**,
+                                    MHD_ConnectionNotificationCode event) {
+    SlowClients& clients = *static_cast<Impl*>(self)->slowClients_;
+    if (event == MHD_CONNECTION_NOTIFY_STARTED) {
+        clients.opened(socketOf(connection));
+    } else {
+        clients.closed(socketOf(connection));
+    }
+}
+
+void HttpServer::Impl::onCompleted(void* self, MHD_Connection* connection, void**,
+                                   MHD_RequestTerminationCode) {
+    static_cast<Impl*>(self)->slowClients_->responseSent(socketOf(connection));
 }
 
 MHD_Result HttpServer::Impl::onRequest(void* self, MHD_Connection* connection, const char* url,
@@ -135,6 +180,7 @@ MHD_Result HttpServer::Impl::onRequest(void* self, MHD_Connection* connection, c
     // connection, which is correct when a body would follow.
     bool isFirst = *requestState == nullptr;
     *requestState = self;
+    if (isFirst) server.slowClients_->headersComplete(socketOf(connection));
     if (isFirst && !announcesBody(connection)) return MHD_YES;
     try {
         return server.send(connection, server.respond(connection, url, method));
@@ -150,6 +196,12 @@ HttpResponse HttpServer::Impl::respond(MHD_Connection* connection, const char* u
         HttpResponse refusal = plainText(MHD_HTTP_METHOD_NOT_ALLOWED, "only GET and HEAD");
         refusal.headers.emplace_back("Allow", "GET, HEAD");
         return refusal;
+    }
+    auto host = hostOf(connection);
+    if (!hosts_.accepts(host)) {
+        return plainText(kMisdirected, "the collector does not answer for host '" +
+                                           printable(*host) +
+                                           "'; 'tolvane serve --allow-host NAME' adds a name");
     }
     ::MHD_get_connection_values_n(connection, MHD_GET_ARGUMENT_KIND, addArgument, &request.query);
     try {
@@ -181,8 +233,9 @@ MHD_Result HttpServer::Impl::send(MHD_Connection* connection, HttpResponse respo
     return result;
 }
 
-HttpServer::HttpServer(const ListenAddress& address, HttpHandler handler)
-    : impl_(std::make_unique<Impl>(address, std::move(handler))) {}
+HttpServer::HttpServer(const ListenAddress& address, HttpHandler handler,
+                       const std::vector<std::string>& allowedHosts)
+    : impl_(std::make_unique<Impl>(address, std::move(handler), allowedHosts)) {}
 
 HttpServer::~HttpServer() = default;
 

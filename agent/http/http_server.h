@@ -1,5 +1,5 @@
 // HTTP with libmicrohttpd: one thread serves all connections. Their number, their
-// memory and their idle time are limited.
+// memory, their idle time and the time for request headers are limited.
 #pragma once
 
 #include <cstdint>
@@ -33,8 +33,10 @@ using HttpHandler = std::function<HttpResponse(const HttpRequest&)>;
 
 class HttpServer {
   public:
-    // Starts serving. Throws Error with the address.
-    HttpServer(const ListenAddress& address, HttpHandler handler);
+    // Starts serving. `allowedHosts` are accepted in Host headers, see HostRule. Throws
+    // Error with the address.
+    HttpServer(const ListenAddress& address, HttpHandler handler,
+               const std::vector<std::string>& allowedHosts = {});
     // Ends all connections.
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;

@@ -19,7 +19,8 @@ namespace tolvane::agent {
 namespace {
 
 constexpr char kForms[] =
-    "an address is '127.0.0.1:9931', '[::1]:9931', '*:9931' for all addresses of this machine, or "
+    "an address is '127.0.0.1:9931', 'localhost:9931', '[::1]:9931', '*:9931' for all addresses of "
+    "this machine, or "
     "'9931' for loopback";
 
 bool isNumeric(int family, const std::string& host) {
@@ -44,6 +45,7 @@ std::uint16_t parsePort(std::string_view text, std::string_view whole) {
 // The part before the port, without brackets.
 std::string parseHost(std::string_view text, std::string_view whole) {
     if (text.empty() || text == "*") return "";
+    if (text == "localhost") return "127.0.0.1";
     bool bracketed = text.size() > 2 && text.front() == '[' && text.back() == ']';
     std::string host(bracketed ? text.substr(1, text.size() - 2) : text);
     if (!isNumeric(bracketed ? AF_INET6 : AF_INET, host)) {

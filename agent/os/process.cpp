@@ -188,6 +188,19 @@ std::optional<pid_t> parentOf(pid_t pid) {
     return std::nullopt;
 }
 
+std::vector<pid_t> namespaceIds(pid_t pid) {
+    std::vector<pid_t> ids;
+    auto status = readFile(procPath(pid, "status"));
+    if (!status) return ids;
+    for (std::string_view line : splitLines(*status)) {
+        if (line.substr(0, 6) != "NSpid:") continue;
+        for (const std::string& word : splitWords(line.substr(6))) {
+            ids.push_back(parseInt32(word).value_or(0));
+        }
+    }
+    return ids;
+}
+
 std::string processName(pid_t pid) {
     auto name = readFile(procPath(pid, "comm"));
     return name ? printable(trim(*name)) : "?";

@@ -40,6 +40,10 @@ std::string processName(pid_t pid);  // "?" if it cannot be read
 std::optional<std::map<std::string, std::string>> processEnvironment(pid_t pid);
 std::optional<std::vector<std::string>> processMappings(pid_t pid);
 
+// The process's ids in its process namespaces, that of this process first and its own
+// last; empty if it cannot be examined.
+std::vector<pid_t> namespaceIds(pid_t pid);
+
 // False when the process cannot be examined.
 bool hasShimLoaded(pid_t pid);
 

@@ -105,6 +105,19 @@ std::int32_t Segment::semaphoreOf(std::int32_t record) const {
     return loadWord(recordAt(record)->semaphoreId);
 }
 
+// A group's dirty flag is 0 again after another agent has collected it; its counters
+// keep their values.
+bool Segment::published() const {
+    for (std::int32_t i = 0; i < structures_; ++i) {
+        const ResultStruct* record = recordAt(i);
+        if (loadWord(record->totalDirty) != 0 || loadWord(record->total.connections) != 0 ||
+            loadWord(record->total.requests) != 0 || loadWord(record->total.bytesReceived) != 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void Segment::copyConfig(ConfigInfo& copy) const {
     copyWords(&copy, config(), sizeof copy);
 }

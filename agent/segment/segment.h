@@ -61,6 +61,8 @@ class Segment {
     std::int32_t version() const;
     std::int32_t parentPid() const;
     std::int32_t semaphoreOf(std::int32_t record) const;
+    // Whether any process has published counts into any record.
+    bool published() const;
     const ConfigInfo* config() const { return static_cast<const ConfigInfo*>(address_); }
     ConfigInfo* config() { return static_cast<ConfigInfo*>(address_); }  // needs write access
 

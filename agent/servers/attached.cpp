@@ -52,6 +52,29 @@ AttachedProcesses attachedProcesses(std::int32_t shmid, pid_t mainProcess) {
     return attached;
 }
 
+bool mapsSegment(const std::vector<std::string>& mappings, std::int32_t shmid) {
+    std::string wanted = std::to_string(shmid);
+    return std::any_of(mappings.begin(), mappings.end(), [&](const std::string& line) {
+        return mappingOf(line, wanted) != Mapping::kNone;
+    });
+}
+
+MainProcess mainProcessOf(std::int32_t parentPid, std::size_t attachedCount,
+                          const AttachedProcesses& attached) {
+    const pid_t oldest = oldestOf(attached.servers);
+    if (parentPid <= 0) return {oldest, false};
+    bool inner = false;
+    for (pid_t pid : attached.servers) {
+        std::vector<pid_t> ids = namespaceIds(pid);
+        inner = inner || ids.size() > 1;
+        if (ids.size() > 1 && ids.back() == parentPid) return {pid, false};
+    }
+    if (!inner && processExists(parentPid)) return {parentPid, false};
+    // Processes that are not visible here may include the main process.
+    bool allVisible = attached.servers.size() + attached.others.size() >= attachedCount;
+    return {oldest, allVisible};
+}
+
 std::size_t serverProcesses(std::size_t attached, const AttachedProcesses& known) {
     const std::size_t unknown = attached - std::min(attached, known.others.size());
     // Readers may attach and detach during the count; a server process that was seen

@@ -81,6 +81,11 @@ void parseHandoff(std::string_view text, Handoff& handoff) {
     }
 }
 
+std::time_t writtenAt(const std::string& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 ? status.st_mtime : 0;
+}
+
 std::vector<Handoff> readHandoffs(const std::string& directory) {
     std::vector<Handoff> handoffs;
     DIR* open = ::opendir(directory.c_str());

@@ -26,6 +26,9 @@ struct Handoff {
 // Sets the fields that the text contains.
 void parseHandoff(std::string_view text, Handoff& handoff);
 
+// The modification time of a handoff file; 0 without one.
+std::time_t writtenAt(const std::string& path);
+
 // All handoff files of the directory, ordered by process id. A missing directory is
 // empty. Throws Error if the directory cannot be read.
 std::vector<Handoff> readHandoffs(const std::string& directory);

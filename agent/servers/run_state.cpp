@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include "os/process.h"
 #include "tolvane/segment_format.h"
 
 namespace tolvane::agent {
@@ -33,12 +32,21 @@ RunJudgement judgeRun(const RunFacts& facts) {
         return {RunState::kEnding,
                 fmt::format("the server has stopped; {} still attached", attached)};
     }
-    if (facts.mainProcess > 0 && !processExists(facts.mainProcess)) {
+    if (facts.mainEnded) {
         return {RunState::kEnding, fmt::format("its main process {} has ended; {} still attached",
                                                facts.mainProcess, attached)};
     }
-    const char* unknown = facts.mainProcess > 0 ? "" : ", no connection accepted yet";
-    return {RunState::kLive, fmt::format("{} attached{}", attached, unknown)};
+    std::string marks;
+    if (facts.mainProcess <= 0) {
+        marks = ", no connection accepted yet";
+    } else if (!facts.published) {
+        marks = ", nothing published yet";
+    }
+    if (facts.pending > 0) {
+        marks +=
+            fmt::format(", configuration {} in force within {} s", facts.version, facts.pending);
+    }
+    return {RunState::kLive, fmt::format("{} attached{}", attached, marks)};
 }
 
 }  // namespace tolvane::agent

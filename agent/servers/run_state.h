@@ -25,7 +25,10 @@ struct RunFacts {
     std::int32_t version = 0;     // of the configuration in the segment
     bool segmentRemoved = false;  // or marked for removal
     pid_t mainProcess = -1;       // from the segment; -1 while unknown
+    bool mainEnded = false;       // although other processes of the server remain
     std::size_t processes = 0;    // attached to the segment, besides readers
+    bool published = true;        // any process has published counts
+    int pending = 0;              // seconds until the configuration is in force
 };
 
 struct RunJudgement {
@@ -33,7 +36,6 @@ struct RunJudgement {
     std::string reason;  // for the operator
 };
 
-// A zombie main process counts as ended.
 RunJudgement judgeRun(const RunFacts& facts);
 
 }  // namespace tolvane::agent

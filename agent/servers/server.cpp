@@ -10,44 +10,35 @@
 #include "os/process.h"
 #include "os/text.h"
 #include "servers/attached.h"
-#include "servers/created_segment.h"
+#include "servers/run_search.h"
+#include "servers/uptake.h"
 
 namespace tolvane::agent {
 
 namespace {
 
-// Seconds by which a handoff file may appear older than its segment, because the two
-// times come from clocks of different resolution.
-constexpr std::time_t kClockSlack = 2;
-
 void judgeAttached(Server& server, const SegmentStatus& status) {
     AttachedProcesses attached = attachedProcesses(server.handoff.shmid, server.parentPid);
     server.processes = serverProcesses(status.attached, attached);
-    bool mainRuns = server.parentPid > 0 && processExists(server.parentPid);
-    server.process = mainRuns ? server.parentPid : oldestOf(attached.servers);
-    RunJudgement judgement = judgeRun({server.handoff.shmid, server.version, status.removalPending,
-                                       server.parentPid, server.processes});
+    MainProcess main = mainProcessOf(server.parentPid, status.attached, attached);
+    server.process = main.pid;
+    RunJudgement judgement =
+        judgeRun({server.handoff.shmid, server.version, status.removalPending, server.parentPid,
+                  main.ended, server.processes, server.published, server.pending});
     server.state = judgement.state;
     server.reason = std::move(judgement.reason);
 }
 
-// Why the handoff file cannot identify the server's segment; empty if it can.
-std::string misleads(const Handoff& handoff, const SegmentStatus& status) {
-    if (!handoff.problem.empty()) return "the handoff file is damaged: " + handoff.problem;
-    if (!status.exists) return fmt::format("segment {} no longer exists", handoff.shmid);
-    return status.error != 0 ? "" : foreignSegment(handoff, status);
-}
-
-Server judge(const Handoff& found) {
+Server judge(const FoundRun& found) {
     Server server;
-    Handoff& handoff = server.handoff = found;
-    SegmentStatus status = segmentStatus(handoff.shmid);
-    server.reason = misleads(handoff, status);
-    if (!server.reason.empty()) {
-        if (!leadToCreatedSegment(handoff)) return server;
-        server.misled = server.reason;
-        status = segmentStatus(handoff.shmid);
+    Handoff& handoff = server.handoff = found.handoff;
+    if (!found.found) {
+        server.state = found.running ? RunState::kUnreadable : RunState::kStale;
+        server.reason = found.reason;
+        return server;
     }
+    server.damage = found.damage;
+    SegmentStatus status = segmentStatus(handoff.shmid);
     if (status.error != 0) {
         server.state = RunState::kLive;
         server.reason = fmt::format("segment {} cannot be read: {}", handoff.shmid,
@@ -58,23 +49,62 @@ Server judge(const Handoff& found) {
         Segment segment(handoff.shmid, handoff.structures, Segment::Access::kRead);
         server.version = segment.version();
         server.parentPid = segment.parentPid();
+        server.published = segment.published();
+        server.pending = secondsUntilInForce(handoff.written, server.version);
     } catch (const Error& error) {
         server.reason = error.what();
         return server;
     }
     server.ownsSegment = true;
     judgeAttached(server, status);
+    if (!server.damage.empty() && server.state == RunState::kLive) {
+        server.reason += ", handoff file damaged: " + server.damage;
+    }
     return server;
 }
 
-bool answersTo(const Server& server, const std::string& wanted) {
-    if (std::find(server.handoff.listen.begin(), server.handoff.listen.end(), wanted) !=
-        server.handoff.listen.end()) {
-        return true;
-    }
+struct Endpoint {
+    std::string address;
+    std::string port;
+};
+
+Endpoint endpointOf(std::string_view text) {
+    std::size_t colon = text.rfind(':');
+    if (colon == std::string_view::npos) return {"", std::string(text)};
+    std::string address(text.substr(0, colon));
+    if (address == "localhost") address = "127.0.0.1";
+    return {address, std::string(text.substr(colon + 1))};
+}
+
+bool isAnyAddress(const std::string& address) {
+    return address == "*" || address == "0.0.0.0" || address == "_default_" || address == "::" ||
+           address == "[::]";
+}
+
+enum class Match { kNone, kCovers, kExact };
+
+// "80" and ":80" mean the port on any address, "127.0.0.1:80" also a server that listens
+// on all addresses.
+Match matchOf(const std::string& listen, const std::string& wanted) {
+    if (listen == wanted) return Match::kExact;
+    Endpoint theirs = endpointOf(listen);
+    Endpoint ours = endpointOf(wanted);
+    if (theirs.port != ours.port) return Match::kNone;
+    if (ours.address.empty() || theirs.address == ours.address) return Match::kCovers;
+    return isAnyAddress(theirs.address) ? Match::kCovers : Match::kNone;
+}
+
+Match answersTo(const Server& server, const std::string& wanted) {
     auto number = parseInt32(wanted);
-    return number && (*number == server.handoff.pid || *number == server.handoff.shmid ||
-                      (*number > 0 && *number == server.parentPid));
+    if (number && (*number == server.handoff.pid || *number == server.handoff.shmid ||
+                   (*number > 0 && *number == server.parentPid))) {
+        return Match::kExact;
+    }
+    Match best = Match::kNone;
+    for (const std::string& listen : server.handoff.listen) {
+        best = std::max(best, matchOf(listen, wanted));
+    }
+    return best;
 }
 
 std::string choices(const std::vector<const Server*>& servers) {
@@ -85,28 +115,6 @@ std::string choices(const std::vector<const Server*>& servers) {
 
 }  // namespace
 
-std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status) {
-    std::size_t wanted = segmentSize(static_cast<std::size_t>(handoff.structures));
-    if (status.size != wanted) {
-        return fmt::format(
-            "segment {} belongs to another program: it has {} bytes where {} need {}",
-            handoff.shmid, status.size,
-            plural(static_cast<std::size_t>(handoff.structures), "record"), wanted);
-    }
-    if (!status.openToAll) {
-        return fmt::format("segment {} belongs to another program: it is not open to all users",
-                           handoff.shmid);
-    }
-    // A creator in another process namespace has the id 0.
-    if (status.creator != 0 && status.creator != handoff.pid) {
-        return fmt::format("segment {} was created by process {}", handoff.shmid, status.creator);
-    }
-    if (handoff.written + kClockSlack < status.created) {
-        return fmt::format("segment {} is newer than the handoff file", handoff.shmid);
-    }
-    return "";
-}
-
 std::string nameOf(const Server& server) {
     pid_t pid = server.process > 0 ? server.process : server.handoff.pid;
     if (server.handoff.listen.empty()) return fmt::format("{}", pid);
@@ -115,16 +123,19 @@ std::string nameOf(const Server& server) {
 
 std::vector<Server> findServers() {
     std::vector<Server> servers;
-    for (const Handoff& handoff : readHandoffs(kHandoffDirectory))
-        servers.push_back(judge(handoff));
+    for (const FoundRun& run : findRuns()) servers.push_back(judge(run));
     return servers;
 }
 
 Server selectServer(const std::vector<Server>& servers, const std::optional<std::string>& wanted) {
     std::vector<const Server*> found;
-    for (const Server& server : servers) {
-        bool fits = wanted ? answersTo(server, *wanted) : server.state == RunState::kLive;
-        if (fits) found.push_back(&server);
+    for (Match match : {Match::kExact, Match::kCovers}) {
+        if (!found.empty()) break;
+        for (const Server& server : servers) {
+            bool fits =
+                wanted ? answersTo(server, *wanted) == match : server.state == RunState::kLive;
+            if (fits) found.push_back(&server);
+        }
     }
     // Earlier runs of a server may have left files with the same addresses.
     auto live = [](const Server* server) { return server->state == RunState::kLive; };

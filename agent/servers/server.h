@@ -18,17 +18,15 @@ struct Server {
     Handoff handoff;
     RunState state = RunState::kStale;
     std::string reason;        // of the state
-    std::string misled;        // the fault of a changed handoff file; empty without a fault
+    std::string damage;        // of the handoff file; empty if it identifies the segment
     bool ownsSegment = false;  // the segment with the identifier belongs to this server
     std::int32_t version = 0;  // meaningful when ownsSegment
     std::int32_t parentPid = -1;
     pid_t process = 0;          // the server's main process; 0 while unknown
     std::size_t processes = 0;  // attached processes, without readers
+    bool published = false;     // any process has published counts
+    int pending = 0;            // seconds until the configuration is in force
 };
-
-// Why the segment with the identifier in the handoff file does not belong to the
-// server; empty if it does.
-std::string foreignSegment(const Handoff& handoff, const SegmentStatus& status);
 
 // "*:80,10.0.0.1:443", for messages: "server 4711 (*:80)".
 std::string nameOf(const Server& server);

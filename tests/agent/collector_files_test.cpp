@@ -5,7 +5,10 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <utime.h>
 
+#include <ctime>
+#include <filesystem>
 #include <fstream>
 
 #include "collector_support.h"
@@ -102,6 +105,80 @@ TEST(CollectorFiles, CountsWhileTheDatabaseFails) {
     collector.round();
     EXPECT_EQ(rowsOf(collector)[""], "2/2000") << "the segment still has them";
     EXPECT_EQ(tolvane::test::filesIn(kState).size(), 4U) << "the damaged file is put aside";
+}
+
+TEST(CollectorFiles, SurvivesADamagedRowAndAMissingTable) {
+    const std::string database = std::string(kState) + "/totals.db";
+    for (const char* damage :
+         {"UPDATE run SET names = '{'", "UPDATE run SET names = '{\"records\":1}'",
+          "UPDATE run SET names = replace(names, ':1', ':123456789012')",
+          "UPDATE run SET names = 5"}) {
+        tolvane::test::resetSandbox();
+        FakeServer server(1);
+        {
+            Collector collector(options());
+            publish(server, 0, 2);
+            collector.round();
+        }
+        SQLite::Database(database, SQLite::OPEN_READWRITE).exec(damage);
+        Collector collector(options());
+        collector.round();
+        EXPECT_EQ(stateOf(collector), RunState::kLive) << damage;
+        EXPECT_EQ(rowsOf(collector)[""], "2/2000") << damage << ": nothing is added twice";
+        publish(server, 0, 1);
+        collector.round();
+        EXPECT_EQ(rowsOf(collector)[""], "3/3000") << damage;
+    }
+    for (const char* damage :
+         {"DROP TABLE total; PRAGMA user_version = 1", "DROP TABLE run",
+          "ALTER TABLE total DROP COLUMN seen", "ALTER TABLE run RENAME TO other"}) {
+        SQLite::Database(database, SQLite::OPEN_READWRITE).exec(damage);
+        Collector collector(options());
+        collector.round();
+        collector.read(
+            [&](const CollectorState& state) { EXPECT_TRUE(state.health.storeWorks) << damage; });
+    }
+}
+
+TEST(CollectorFiles, OtherUsersCannotHoldItsLocks) {
+    for (const std::string& path : {std::string(kOwnershipFile), std::string(kState) + "/lock"}) {
+        std::filesystem::create_directories(kState);
+        tolvane::test::writeFile(path, "");
+        std::filesystem::permissions(path, std::filesystem::perms(0644));
+        Collector collector(options());
+        EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+    }
+}
+
+// The process that wrote the file of a detaching server has ended long before.
+TEST(CollectorFiles, RemovesTheHandoffFileThatAServerLeaves) {
+    FakeServer server(1);
+    publish(server, 0, 2);
+    Collector collector(options());
+    collector.round();
+    const std::string text = tolvane::test::readFile(server.handoff());
+    endServer(server);
+    server.kill();
+    tolvane::test::writeFile(server.handoff(), text);
+    collector.round();
+    EXPECT_EQ(access(server.handoff().c_str(), F_OK), 0) << "it may be a new one";
+    utimbuf old = {0, std::time(nullptr) - 60};
+    utime(server.handoff().c_str(), &old);
+    for (int i = 0; i < 2; ++i) collector.round();
+    EXPECT_NE(access(server.handoff().c_str(), F_OK), 0);
+    EXPECT_EQ(rowsOf(collector)[""], "2/2000");
+}
+
+TEST(CollectorFiles, CollectsDespiteADamagedHandoffFile) {
+    FakeServer server(1);
+    tolvane::test::writeFile(server.handoff(), "Listen=*:8080\nShmid=");
+    utimbuf old = {0, std::time(nullptr) + 60};
+    utime(server.handoff().c_str(), &old);
+    publish(server, 0, 2);
+    Collector collector(options());
+    collector.round();
+    EXPECT_EQ(rowsOf(collector)[""], "2/2000");
+    EXPECT_EQ(stateOf(collector), RunState::kLive);
 }
 
 TEST(CollectorFiles, LoadsTotalsOfAnEarlierFormat) {

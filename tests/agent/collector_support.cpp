@@ -1,5 +1,6 @@
 #include "collector_support.h"
 
+#include <gtest/gtest.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <unistd.h>
@@ -69,6 +70,16 @@ Rows rowsOf(const Collector& collector, const std::string& server) {
         }
     });
     return rows;
+}
+
+RunState stateOf(const Collector& collector) {
+    RunState state = RunState::kUnreadable;
+    collector.read([&](const CollectorState& all) {
+        const auto& runs = all.servers.at("*:8080").runs;
+        ASSERT_EQ(runs.size(), 1U);
+        state = runs[0].state;
+    });
+    return state;
 }
 
 }  // namespace tolvane::agent::test

@@ -29,4 +29,7 @@ CollectorOptions options(const char* config = "");
 using Rows = std::map<std::string, std::string>;
 Rows rowsOf(const Collector& collector, const std::string& server = "*:8080");
 
+// The state of the only run of "*:8080".
+RunState stateOf(const Collector& collector);
+
 }  // namespace tolvane::agent::test

@@ -20,16 +20,6 @@
 namespace tolvane::agent::test {
 namespace {
 
-RunState stateOf(const Collector& collector) {
-    RunState state = RunState::kUnreadable;
-    collector.read([&](const CollectorState& all) {
-        const auto& runs = all.servers.at("*:8080").runs;
-        ASSERT_EQ(runs.size(), 1U);
-        state = runs[0].state;
-    });
-    return state;
-}
-
 TEST(Collector, KeepsLongTotalsByNameOverRestartsOfTheServer) {
     writeSites("a.test", "b.test");
     Collector collector(options(kConfig));

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <thread>
 
 #include "fake_server.h"
@@ -69,6 +70,48 @@ TEST(CommandLine, ExitCodesTellScriptsWhatHappened) {
     EXPECT_EQ(WEXITSTATUS(std::system(TOLVANE_PROGRAM " list 2>/dev/full")), 1);
 }
 
+TEST(CommandLine, HelpsAndSuggests) {
+    const std::pair<std::vector<std::string>, const char*> cases[] = {
+        {{"lst"}, "tolvane: unknown command 'lst'; did you mean 'list'?"},
+        {{"conf", "x"}, "tolvane: unknown command 'conf'; did you mean 'configure'?"},
+        {{"xyzzy"}, "tolvane: unknown command 'xyzzy'; 'tolvane help' lists the commands"},
+        {{"help", "lst"}, "tolvane: unknown command 'lst'"},
+        {{"serve", "--intervall=5"},
+         "tolvane: unknown option '--intervall'; did you mean '--interval'?; see 'tolvane serve "
+         "--help'"},
+        {{"top", "--delay", "0"}, "tolvane: --delay: "},
+        {{"--nonsense"}, "tolvane: unknown option '--nonsense'; see 'tolvane --help'"},
+        {{"check", "/opt/absent"}, "tolvane: /opt/absent: No such file"},
+    };
+    for (const auto& [arguments, expected] : cases) {
+        Outcome outcome = tolvane(arguments);
+        EXPECT_EQ(outcome.code, 2);
+        EXPECT_EQ(outcome.errors.find(expected), 0U) << outcome.errors;
+    }
+    EXPECT_EQ(tolvane({"help"}).output, tolvane({"--help"}).output);
+    EXPECT_EQ(tolvane({"help", "top"}).output, tolvane({"top", "--help"}).output);
+    writeFile("/opt/good.toml", kSites);
+    EXPECT_EQ(std::system(TOLVANE_PROGRAM " check - </opt/good.toml >/opt/out"), 0);
+    EXPECT_TRUE(contains(tolvane::test::readFile("/opt/out"), "<stdin>: valid: 1 site"));
+    EXPECT_EQ(tolvane({"check", "-"}).errors.find("tolvane: <stdin>:1:1: no [[site]]"), 0U);
+}
+
+TEST(CommandLine, WritesJsonForPrograms) {
+    FakeServer server;
+    std::istringstream lines(tolvane({"top", "--json", "--count", "2", "--delay", "0.1"}).output);
+    int objects = 0;
+    for (std::string line; std::getline(lines, line); ++objects) {
+        auto json = nlohmann::json::parse(line);
+        EXPECT_EQ(json["segment"], server.shmid());
+        EXPECT_EQ(json["rates_over_seconds"] > 0.09, objects == 1);
+    }
+    EXPECT_EQ(objects, 2);
+    auto json = nlohmann::json::parse(tolvane({"doctor", "--json"}).output);
+    EXPECT_GE(json["problems"], 1);
+    EXPECT_EQ(json["findings"][0]["level"], "ok");
+    EXPECT_TRUE(contains(json.dump(), "restart it with 'tolvane run'"));
+}
+
 TEST(CommandLine, ReadsAPipeToItsEnd) {
     ASSERT_EQ(mkfifo("/opt/pipe", 0600), 0);
     std::thread writer([] {
@@ -115,6 +158,35 @@ TEST(CommandLine, ConfiguresAndShowsARunningServer) {
         EXPECT_EQ(records[1].categoriesDirty, 1);
         EXPECT_EQ(records[1].total.requests, 50U);
     });
+}
+
+TEST(CommandLine, MarksWhatIsNotInForceAndNotPublished) {
+    FakeServer server;
+    writeFile("/opt/sites.toml", kSites);
+    auto marked = [](const char* inReason, const char* inNote) {
+        for (const std::vector<std::string>& command :
+             {std::vector<std::string>{"list"}, {"show"}, {"doctor"}, {"top", "--count", "1"}}) {
+            std::string text = tolvane(command).output;
+            if (!contains(text, inReason) && !contains(text, inNote)) return false;
+        }
+        return true;
+    };
+    EXPECT_TRUE(marked("nothing published yet", "nothing is published yet"));
+    EXPECT_FALSE(contains(tolvane({"show"}).output, "in force"));
+    EXPECT_TRUE(contains(tolvane({"configure", "/opt/sites.toml"}).output, "In force within 2 s"));
+    EXPECT_TRUE(marked("configuration 1 in force within", "configuration 1 is in force within"));
+    // Processes that have a configuration look for another one after its interval.
+    EXPECT_TRUE(contains(tolvane({"configure", "/opt/sites.toml"}).output, "In force within 7 s"));
+    auto json = nlohmann::json::parse(tolvane({"list", "--json"}).output)[0];
+    EXPECT_GE(json["configuration_pending_seconds"], 5);
+    EXPECT_EQ(json["published"], false);
+    server.edit([](ConfigInfo&, ResultStruct* records) {
+        records[0].totalDirty = records[0].sitesDirty = 1;
+        records[0].total.requests = 1;
+    });
+    utime(server.handoff().c_str(), nullptr);
+    EXPECT_FALSE(contains(tolvane({"list"}).output + tolvane({"show"}).output, "yet"));
+    EXPECT_TRUE(contains(tolvane({"show"}).output, "no request was counted for a site"));
 }
 
 TEST(CommandLine, ABadFileChangesNothingInTheSegment) {
@@ -251,7 +323,7 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
          [](FakeServer& s) {
              s.edit([](ConfigInfo& c, ResultStruct*) { c.parentPid = getpid(); });
          },
-         "its main process runs without the shim -> "},
+         "its main process runs without the library -> "},
         {"no configuration", [](FakeServer&) {},
          "no configuration, so only the totals are counted -> tolvane"},
         {"half written",
@@ -259,6 +331,11 @@ TEST(CommandLine, DoctorNamesEachProblemWithItsRemedy) {
              s.edit([](ConfigInfo& c, ResultStruct*) { c.version = rewritingVersion(4); });
          },
          "a configuration is unfinished -> run 'tolvane configure FILE' again"},
+        {"highest version",
+         [](FakeServer& s) {
+             s.edit([](ConfigInfo& c, ResultStruct*) { c.version = 2147483647; });
+         },
+         "version 2147483647 of the configuration is the highest possible"},
         {"not taken up",
          [](FakeServer& s) {
              s.edit([](ConfigInfo& c, ResultStruct* r) {

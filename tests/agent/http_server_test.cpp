@@ -6,8 +6,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <memory>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
+#include "http/host_rule.h"
 #include "os/error.h"
 #include "support/http_client.h"
 #include "support/process.h"
@@ -44,7 +48,8 @@ class Client {
 
 std::string request(const std::string& method, const std::string& target,
                     const std::string& more = "") {
-    return method + " " + target + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n" + more + "\r\n";
+    return method + " " + target + " HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n" + more +
+           "\r\n";
 }
 
 HttpResponse echo(const HttpRequest& asked) {
@@ -104,8 +109,67 @@ TEST_F(HttpServerTest, SlowClientsDoNotDelayOthers) {
     auto before = std::chrono::steady_clock::now();
     EXPECT_NE(answerTo(request("GET", "/quick")).find("GET /quick"), std::string::npos);
     EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
-    slow.front()->send("st: x\r\nConnection: close\r\n\r\n");
+    slow.front()->send("st: localhost\r\nConnection: close\r\n\r\n");
     EXPECT_TRUE(slow.front()->rest().ends_with("GET /slow"));
+}
+
+// Connections without a complete request do not lock other clients out.
+TEST_F(HttpServerTest, EndsTheOldestIncompleteRequestWhenItIsFull) {
+    std::vector<std::unique_ptr<Client>> slow;
+    for (int i = 0; i < 200; ++i) {
+        slow.push_back(std::make_unique<Client>(server.port(), "GET /slow HTTP/1.1\r\nHo"));
+    }
+    EXPECT_NE(answerTo(request("GET", "/quick")).find("GET /quick"), std::string::npos);
+    EXPECT_EQ(slow.front()->rest(), "");
+    slow.back()->send("st: localhost\r\nConnection: close\r\n\r\n");
+    EXPECT_TRUE(slow.back()->rest().ends_with("GET /slow"));
+}
+
+// A byte every second keeps a connection from being idle.
+TEST_F(HttpServerTest, EndsARequestWhoseHeadersTakeTooLong) {
+    Client slow(server.port(), "GET / HTTP/1.1\r\nX: ");
+    auto began = std::chrono::steady_clock::now();
+    std::thread sender([&] {
+        for (int i = 0; i < 11; ++i) {
+            slow.send("x");
+            std::this_thread::sleep_for(std::chrono::seconds(1));
+        }
+    });
+    EXPECT_EQ(slow.rest(), "");
+    EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(12));
+    sender.join();
+}
+
+TEST(HostRule, AcceptsOnlyNamesOfThisMachineOnLoopback) {
+    struct Case {
+        const char* listen;
+        std::vector<std::string> allowed;
+        const char* host;
+        bool accepted;
+    };
+    const Case cases[] = {
+        {"127.0.0.1:1", {}, "localhost", true},
+        {"127.0.0.1:1", {}, "LocalHost.:9931", true},
+        {"127.0.0.1:1", {}, "127.0.0.1:9931", true},
+        {"127.0.0.1:1", {}, "[::1]:9931", true},
+        {"[::1]:1", {}, "10.0.0.1", true},
+        {"127.0.0.1:1", {}, "evil.example", false},
+        {"127.0.0.1:1", {}, "", false},
+        {"127.0.0.1:1", {}, "127.0.0.1.evil.example:9931", false},
+        {"127.0.0.1:1", {}, "[evil.example", false},
+        {"127.0.0.1:1", {"Host.Example"}, "host.example:9931", true},
+        {"127.0.0.1:1", {"host.example"}, "evil.example", false},
+        {"*:1", {}, "evil.example", true},
+        {"*:1", {"host.example"}, "evil.example", false},
+    };
+    for (const Case& c : cases) {
+        HostRule rule(parseListenAddress(c.listen), c.allowed);
+        EXPECT_EQ(rule.accepts(c.host), c.accepted) << c.listen << " " << c.host;
+        EXPECT_TRUE(rule.accepts(std::nullopt));
+    }
+    HttpServer server(parseListenAddress("127.0.0.1:0"), echo);
+    std::string text = "GET / HTTP/1.1\r\nHost: evil.example\r\nConnection: close\r\n\r\n";
+    EXPECT_TRUE(Client(server.port(), text).rest().starts_with("HTTP/1.1 421 "));
 }
 
 TEST_F(HttpServerTest, UnreadResponsesAreLimited) {
@@ -137,11 +201,8 @@ TEST_F(HttpServerTest, ReportsWhyItCannotListen) {
 
 TEST(ListenAddress, AcceptsItsForms) {
     const std::pair<const char*, const char*> good[] = {
-        {"127.0.0.1:9931", "127.0.0.1:9931"},
-        {"9000", "127.0.0.1:9000"},
-        {"[::1]:1", "[::1]:1"},
-        {":9931", "*:9931"},
-        {"*:65535", "*:65535"},
+        {"127.0.0.1:9931", "127.0.0.1:9931"}, {"9000", "127.0.0.1:9000"}, {"[::1]:1", "[::1]:1"},
+        {"localhost:1", "127.0.0.1:1"},       {":9931", "*:9931"},        {"*:65535", "*:65535"},
         {"0.0.0.0:0", "0.0.0.0:0"},
     };
     for (const auto& [text, meaning] : good) {
@@ -152,7 +213,7 @@ TEST(ListenAddress, AcceptsItsForms) {
         {"127.0.0.1", "the port is missing"},
         {"[::1]", "the port is missing"},
         {"::1:9931", "an IPv6 address needs brackets"},
-        {"localhost:9931", "'localhost' is not a numeric address"},
+        {"host:9931", "'host' is not a numeric address"},
         {"127.0.0.1:", "'' is not a port"},
         {"127.0.0.1:65536", "'65536' is not a port"},
         {"65536", "'65536' is not a port"},

@@ -54,7 +54,7 @@ ServerTally server(const std::string& name, std::vector<SiteTally> sites, std::u
     tally.sites = std::move(sites);
     tally.history = invent(requests, 3, now);
     tally.runs = {
-        {RunState::kLive, "12 processes attached", 98305, 811, 812, now - 90000, 16, 3, 12}};
+        {RunState::kLive, "12 processes attached", 98305, 811, 812, now - 90000, 16, 3, 12, true}};
     tally.collections = 100;
     tally.lastCollection = now;
     return tally;
@@ -74,12 +74,14 @@ void addShop(CollectorState& state, std::time_t now) {
 }
 
 void addStates(CollectorState& state, std::time_t now) {
+    constexpr const char* kUnpublished = "3 processes attached, nothing published yet";
     const std::pair<RunState, const char*> runs[] = {
         {RunState::kLive, "5 processes attached"},
         {RunState::kEnding, "the server has stopped; 2 processes remain"},
         {RunState::kStale, "no process of it runs"},
         {RunState::kHeld, "held by collector 4711"},
         {RunState::kUnreadable, "its segment 65538 is smaller than 16 records need"},
+        {RunState::kLive, kUnpublished},
     };
     int port = 8080;
     for (const auto& [runState, reason] : runs) {
@@ -88,6 +90,7 @@ void addStates(CollectorState& state, std::time_t now) {
         ServerTally tally = server("*:" + std::to_string(port++), std::move(sites), 50000, now);
         tally.runs.front().state = runState;
         tally.runs.front().reason = reason;
+        tally.runs.front().published = reason != kUnpublished;
         add(state, std::move(tally));
     }
     ServerTally stopped = server("127.0.0.1:8090", {}, 50000, now);

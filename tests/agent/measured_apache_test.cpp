@@ -82,6 +82,56 @@ TEST_P(MeasuredApache, StartsCountsAndStopsCleanly) {
     EXPECT_EQ(tolvane::test::systemVObjects("shm") + tolvane::test::systemVObjects("sem"), 0);
 }
 
+// A server that detaches counts its first request for a site, and a wrong file prevents
+// the start.
+TEST_P(MeasuredApache, IsConfiguredAsItStarts) {
+    if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";
+    layOutServer(GetParam());
+    auto start = [](const std::string& file) {
+        return tolvane({"run", "--config", file, "--library", TOLVANE_LIBRARY, "--",
+                        "/usr/sbin/apache2", "-d", "/opt/etc", "-f", "main.conf", "-k", "start"});
+    };
+    writeFile("/opt/wrong.toml", "interval = 0\n");
+    Outcome refused = start("/opt/wrong.toml");
+    EXPECT_EQ(refused.code, 2);
+    EXPECT_EQ(refused.errors.find("tolvane: /opt/wrong.toml:1:12: interval is 0"), 0U);
+    EXPECT_EQ(tolvane({"list"}).code, 1);
+
+    Outcome started = start("/opt/sites.toml");
+    EXPECT_EQ(started.code, 0);
+    EXPECT_NE(started.errors.find("configuration 1 written: 1 site"), std::string::npos)
+        << started.errors;
+    EXPECT_NE(started.errors.find("In force within 2 s"), std::string::npos) << started.errors;
+    tolvane::test::Counts sent;
+    {
+        tolvane::test::HttpConnection connection(kPort, sent);
+        connection.exchange({tolvane::test::get("a.test", "/page.html")});
+    }
+    auto requests = [] {
+        auto json = nlohmann::json::parse(tolvane({"show", "--json"}).output);
+        return json.at(0)["sites"][0]["requests"] == 1;
+    };
+    EXPECT_TRUE(tolvane::test::eventually(10s, requests)) << tolvane({"show"}).output;
+    kill(std::stoi(tolvane::test::readFile("/opt/etc/server.pid")), SIGTERM);
+    EXPECT_TRUE(
+        tolvane::test::eventually(20s, [] { return tolvane::test::systemVObjects("shm") == 0; }));
+}
+
+// As on Debian, where the control script sets variables and creates directories.
+TEST(MeasuredApacheStart, HintsAtTheControlScript) {
+    if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";
+    for (const char* line :
+         {"Mutex file:/opt/absent default\n", "User ${APACHE_RUN_USER}\n", "Lisen 80\n"}) {
+        layOutServer("prefork");
+        writeFile("/opt/etc/sites/b.conf", line);
+        Outcome outcome = tolvane({"run", "--library", TOLVANE_LIBRARY, "--", "/usr/sbin/apache2",
+                                   "-d", "/opt/etc", "-f", "main.conf", "-k", "start"});
+        bool hinted = outcome.errors.find("tolvane run -- apachectl start") != std::string::npos;
+        EXPECT_EQ(hinted, line[0] != 'L') << outcome.errors;
+        EXPECT_EQ(outcome.code, 2);
+    }
+}
+
 // Started by hand, without the file that names the module.
 TEST_P(MeasuredApache, WithUnexpectedThreadsIsReported) {
     if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";

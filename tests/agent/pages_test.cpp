@@ -93,7 +93,7 @@ TEST(Pages, ServersAsJson) {
     EXPECT_EQ(sites[2]["categories"][0]["label"], "\"quoted\\\" ?");
 
     CollectorState many = tolvane::test::inventedState("states", kAskedAt);
-    EXPECT_EQ(jsonOf(many, "/api/servers")["servers"].size(), 6U);
+    EXPECT_EQ(jsonOf(many, "/api/servers")["servers"].size(), 7U);
     json = jsonOf(many, "/api/servers", {{"server", "*:8083"}});
     ASSERT_EQ(json["servers"].size(), 1U);
     EXPECT_EQ(json["servers"][0]["runs"][0]["reason"], "held by collector 4711");
@@ -113,7 +113,7 @@ TEST(Pages, HistoryHasWholeStepsAndNoEmptyRows) {
     nlohmann::json json = jsonOf(state, "/api/history");
     EXPECT_EQ(json["step"], kHistoryStep);
     EXPECT_EQ(json["end"], 1700000000);
-    ASSERT_EQ(json["servers"].size(), 5U);
+    ASSERT_EQ(json["servers"].size(), 6U);
     EXPECT_EQ(json["servers"][1]["name"], "*:8082");
     const nlohmann::json& found = json["servers"][0]["sites"][0];
     EXPECT_EQ(found["requests"].size(), static_cast<std::size_t>(kHistoryPoints - 1));

@@ -1,5 +1,6 @@
 // Handoff files, and what is live, ending or stale.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -11,8 +12,10 @@
 #include "collector/collector.h"
 #include "fake_server.h"
 #include "os/error.h"
+#include "os/process.h"
 #include "segment/configuration_copy.h"
 #include "servers/server.h"
+#include "servers/uptake.h"
 #include "support/sandbox.h"
 
 namespace tolvane::agent::test {
@@ -140,7 +143,7 @@ TEST(Servers, AreStaleForAReason) {
     std::string text = tolvane::test::readFile(server.handoff());
     utimbuf old = {0, 1000000000};
     utime(server.handoff().c_str(), &old);
-    expectState(RunState::kStale, "newer than the handoff file");
+    expectState(RunState::kLive, "handoff file damaged: segment");
     std::string other = kHandoffDirectory + std::string("webadapter.1");
     rename(server.handoff().c_str(), other.c_str());
     utime(other.c_str(), nullptr);
@@ -169,12 +172,61 @@ TEST(Servers, AreFoundDespiteAWrongHandoffFile) {
         Server found = selectServer(findServers(), std::to_string(server.pid()));
         EXPECT_EQ(found.handoff.shmid, server.shmid());
         EXPECT_EQ(found.handoff.structures, 3);
-        EXPECT_TRUE(tolvane({"doctor"}).output.find(server.handoff() + " was changed: ") !=
+        EXPECT_TRUE(tolvane({"doctor"}).output.find("handoff file damaged: " + server.handoff()) !=
                     std::string::npos);
         tolvane({"clean"});
         EXPECT_EQ(access(server.handoff().c_str(), F_OK), 0);
         EXPECT_TRUE(segmentExists(server.shmid()) && segmentExists(other.shmid()));
+        EXPECT_NE(found.reason.find("handoff file damaged: "), std::string::npos);
+        tolvane({"doctor", "--repair"});
+        found = selectServer(findServers(), std::to_string(server.pid()));
+        EXPECT_EQ(found.damage, "");
+        EXPECT_EQ(found.handoff.serverType, "APACHE");
     }
+    // Also without the file, when the server has had the time to write it.
+    unlink(server.handoff().c_str());
+    EXPECT_EQ(findServers().size(), 1U);
+    sleep(6);
+    EXPECT_NE(tolvane({"list"}).output.find("handoff file damaged: it is missing"),
+              std::string::npos);
+    EXPECT_NE(tolvane({"doctor", "--repair"}).output.find("is written anew"), std::string::npos);
+    EXPECT_EQ(readHandoffs(kHandoffDirectory).size(), 2U);
+    EXPECT_EQ(findServers()[1].damage + findServers()[0].damage, "");
+}
+
+// In a container that shares the System V objects and the directory.
+TEST(Servers, AreLiveInAnotherProcessNamespace) {
+    {
+        FakeServer server;
+        const std::string tool = std::string("unshare -pf --mount-proc ") + TOLVANE_PROGRAM;
+        auto from = [&](const std::string& command) {
+            return runAndListen({"sh", "-c", tool + command}, {}, std::chrono::seconds(20)).output;
+        };
+        EXPECT_NE(from(" list").find("\nlive "), std::string::npos) << from(" list");
+        writeFile(server.handoff(), "Listen=*:80");
+        EXPECT_NE(from(" list").find("handoff file damaged"), std::string::npos) << from(" list");
+        EXPECT_NE(from(" clean").find("No stale server"), std::string::npos);
+        unlink(server.handoff().c_str());
+    }
+    ASSERT_EQ(unshare(CLONE_NEWPID), 0);
+    FakeServer server;  // its processes have other ids there than here
+    const std::string file = kHandoffDirectory + std::string("webadapter.1");
+    for (const char* text : {"", "Listen=*:8080\nShmid=\n"}) {
+        if (*text != '\0') writeFile(file, text);
+        expectState(RunState::kLive, *text == '\0' ? "1 process attached" : "handoff file damaged");
+        EXPECT_EQ(findServers()[0].handoff.shmid, server.shmid());
+        EXPECT_EQ(findServers()[0].process, server.pid());
+    }
+}
+
+// A unit with PrivateIPC=yes.
+TEST(Servers, AreKeptInAnotherSystemVNamespace) {
+    FakeServer server;
+    ASSERT_EQ(unshare(CLONE_NEWIPC), 0);
+    expectState(RunState::kUnreadable, "uses it in another System V namespace: 'nsenter -i -t " +
+                                           std::to_string(server.pid()));
+    EXPECT_NE(tolvane({"clean"}).output.find("No stale server"), std::string::npos);
+    EXPECT_EQ(tolvane({"doctor"}).code, 1);
 }
 
 TEST(Servers, AreSelectedByAddressProcessOrSegment) {
@@ -183,6 +235,12 @@ TEST(Servers, AreSelectedByAddressProcessOrSegment) {
     auto servers = findServers();
     EXPECT_EQ(selectServer(servers, "*:81").handoff.pid, second.pid());
     EXPECT_EQ(selectServer(servers, "10.0.0.1:443").handoff.pid, first.pid());
+    for (const char* wanted : {"80", ":80", "*:80", "127.0.0.1:80", "localhost:80", "443", ":443",
+                               "10.0.0.1:443", "[::1]:80"}) {
+        EXPECT_EQ(selectServer(servers, wanted).handoff.pid, first.pid()) << wanted;
+    }
+    EXPECT_THROW(selectServer(servers, "127.0.0.1:443"), Error);
+    EXPECT_THROW(selectServer(servers, "8"), Error);
     EXPECT_EQ(selectServer(servers, std::to_string(first.pid())).handoff.pid, first.pid());
     EXPECT_EQ(selectServer(servers, std::to_string(second.shmid())).handoff.pid, second.pid());
     auto codeOf = [&](const std::optional<std::string>& wanted) {
@@ -201,6 +259,35 @@ TEST(Servers, AreSelectedByAddressProcessOrSegment) {
     // A restarted server has left its old file behind.
     FakeServer again(1, "*:81");
     EXPECT_EQ(selectServer(findServers(), "*:81").handoff.pid, again.pid());
+}
+
+TEST(Uptake, DependsOnTheWayOfCountingAndTheIntervals) {
+    struct Case {
+        ServerMode mode;
+        std::int32_t version, interval, newInterval;
+        std::optional<int> seconds;
+    };
+    const ServerMode threads{true, true, false, 5};
+    const Case cases[] = {
+        {{true, true, true, 5}, 3, 60, 10, 2},
+        {{true, false, true, 5}, 3, 60, 10, 2},
+        {threads, kVersionCreated, 60, 10, 2},
+        {threads, 3, 60, 10, 60},
+        {threads, rewritingVersion(3), 60, 10, 60},
+        {threads, 3, 86400, 10, 10},
+        {threads, 3, 86400, 4000, 60},
+        {threads, 3, -1, 10, 60},
+        {{true, false, false, 9}, 3, 60, 10, {}},
+        {{}, 3, 45, 10, 45},
+    };
+    for (const Case& c : cases) {
+        ConfigInfo before{};
+        before.version = c.version;
+        before.interval = c.interval;
+        EXPECT_EQ(uptakeOf(c.mode, before, c.newInterval).seconds, c.seconds)
+            << &c - cases << ": " << uptakeOf(c.mode, before, c.newInterval).text;
+    }
+    EXPECT_NE(uptakeOf(cases[8].mode, {}, 10).text.find("after at most 9 of"), std::string::npos);
 }
 
 TEST(Segment, HostileCountsAreBounded) {

@@ -138,10 +138,10 @@ TEST(Top, HandlesKeysResizingAndSignals) {
         return -1;
     };
     auto lines = lastLines(top.screen());
-    EXPECT_GE(find(lines, "REQ/Sv"), 0);
+    EXPECT_GE(find(lines, "REQ/S\u25bc"), 0);
     top.press("<");
     lines = lastLines(top.screen());
-    EXPECT_GE(find(lines, "REQUESTSv"), 0);
+    EXPECT_GE(find(lines, "REQUESTS\u25bc"), 0);
     EXPECT_EQ(find(lines, "site9.example"), 4);  // most requests first
     top.press("r");
     lines = lastLines(top.screen());

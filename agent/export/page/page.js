@@ -30,7 +30,9 @@ function stateOf(server) {
 }
 
 function whyOf(server, state) {
-  return server.runs.find((run) => run.state === state)?.reason ?? 'not running; the totals are kept';
+  const runs = server.runs.filter((run) => run.state === state);
+  if (state !== 'live') return runs[0]?.reason ?? 'not running; the totals are kept';
+  return runs.find((run) => !run.published || run.configuration_pending_seconds)?.reason ?? '';
 }
 
 class Section {
@@ -55,7 +57,7 @@ class Section {
     this.badge.textContent = state;
     const data = model.servers.get(server.name);
     const rate = data.rate(data.groups.total, 'requests');
-    this.why.textContent = state === 'live' ? '' : whyOf(server, state);
+    this.why.textContent = whyOf(server, state);
     this.figures.textContent = state === 'live'
       ? `${format.orNothing(format.rate)(rate)} requests/s` : '';
     if (!this.details.open) return;

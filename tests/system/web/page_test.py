@@ -202,6 +202,7 @@ class Page(unittest.TestCase):
             ["*:8080 | live", "*:8081 | ending | the server has stopped; 2 processes remain",
              "*:8082 | stale | no process of it runs", "*:8083 | held | held by collector 4711",
              "*:8084 | unreadable | its segment 65538 is smaller than 16 records need",
+             "*:8085 | live | 3 processes attached, nothing published yet | – requests/s",
              "127.0.0.1:8090 | stopped | not running; the totals are kept"])
         self.assertEqual(len(self.rows()), 3)
         self.run_script("document.querySelectorAll('summary')[3].click()")
