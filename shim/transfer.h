@@ -36,6 +36,8 @@ inline ssize_t received(int fd, ssize_t n, Buffers buffers) {
     Connection connection = {*state, slotAt(slot)};
     counting->received(connection, n, buffers);
     if (!connection.plain()) lastSslDescriptor = fd;
+    constexpr ssize_t kOfABody = 1024;  // smaller transfers do not reach the amount that is urgent
+    if (n >= kOfABody) publishIfUrgent();
     return n;
 }
 inline ssize_t received(int fd, ssize_t n, const void* data, std::size_t size) {
@@ -52,7 +54,10 @@ inline ssize_t sent(int fd, ssize_t n, Buffers buffers) {
     if (slot < 0) return n;
     Connection connection = {*state, slotAt(slot)};
     counting->sent(connection, n, buffers);
-    if (webServerType == kApacheProcesses && connection.plain()) publishEveryInterval();
+    if (webServerType == kApacheProcesses && connection.plain()) {
+        publishEveryInterval();
+        publishIfUrgent();
+    }
     return n;
 }
 inline ssize_t sent(int fd, ssize_t n, const void* data, std::size_t size) {

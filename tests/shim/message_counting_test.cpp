@@ -186,8 +186,8 @@ std::string resetStream(char stream) {
     return frame(3, 0, stream, std::string(4, '\0'));
 }
 const std::string kUpgrade =
-    get("/x", "Host: a.test\r\nUpgrade: h2c\r\nConnection: Upgrade\r\n");  // 68 bytes
-const std::string kSwitching = ">HTTP/1.1 101 Switching\r\n\r\n";          // 26 bytes
+    get("/x", "Host: a.test\r\nUpgrade: h2c\r\nConnection: Upgrade\r\n");          // 68 bytes
+const std::string kSwitching = ">HTTP/1.1 101 Switching\r\nUpgrade: H2C\r\n\r\n";  // 40 bytes
 
 const std::vector<Conversation> kStreams = {
     {"interleaved streams",
@@ -215,11 +215,18 @@ const std::vector<Conversation> kStreams = {
     {"an upgrade to HTTP/2 is a single request",
      {kUpgrade, kSwitching, ">" + kSettings, "<" + kPreface + getStream(3),
       ">" + respond(1, k200, 5) + respond(3, k404, 5), "x"},
-     "total: conn1 req2 in124 out55 err1 cerr1 | 0: conn1 req2 in91 out46 err1 cerr1"
-     " | 0.0: req2 out46 err1 time1"},
+     "total: conn1 req2 in124 out69 err1 cerr1 | 0: conn1 req2 in91 out60 err1 cerr1"
+     " | 0.0: req2 out60 err1 time1"},
     {"an upgrade to another protocol is answered by 101",
      {kUpgrade, kSwitching, ">\x81\x01x", "<\x81\x81keyX", "x"},
-     "total: conn1 req1 in74 out29 | 0: conn1 req1 in68 out26 | 0.0: req1 out26 time1"},
+     "total: conn1 req1 in74 out43 | 0: conn1 req1 in68 out40 | 0.0: req1 out40 time1"},
+    {"the settings of a server may come before the preface",
+     {">" + kSettings, "<" + kPreface + getStream(1), ">" + respond(1, k200, 5), "x"},
+     "total: conn1 req1 in56 out19 | 0: conn1 req1 in23 out10 | 0.0: req1 out10 time1"},
+    {"a stream that ends without a final response is a drop",
+     {"<" + kPreface + getStream(1, kEndHeaders), ">" + kSettings + respond(1, k100, 5), "x"},
+     "total: conn1 req1 in56 out23 drop1 | 0: conn1 req1 in23 out14 drop1"
+     " | 0.0: req1 out14 drop1"},
 };
 
 class MessageCounting : public testing::TestWithParam<ServerType> {

@@ -104,8 +104,9 @@ void countResponse(const Messages& messages, Exchange& exchange, int status) {
     if (exchange.start != 0 && statusClass <= 3) addResponseTime(messages, exchange);
 }
 
-void countDropped(Slot slot, const Exchange& exchange) {
+void countDropped(Slot slot, Exchange& exchange) {
     if (exchange.answered) return;
+    exchange.answered = true;
     const Credit& credit = exchange.credit;
     addTo(slot.result.total.droppedRequests, 1U);
     if (credit.site < 0) return;

@@ -29,7 +29,7 @@ Exchange beginExchange(const Messages& messages, Bytes host, Bytes url);
 void countResponse(const Messages& messages, Exchange& exchange, int status);
 
 // A request whose response did not begin before the end of its connection or stream.
-void countDropped(Slot slot, const Exchange& exchange);
+void countDropped(Slot slot, Exchange& exchange);
 
 // No response to the exchange can be read.
 void abandon(Slot slot, const Exchange& exchange);

@@ -50,12 +50,11 @@ void beginResponse(const Messages& messages) {
 
 // The response to the first exchange ends HTTP/1.x on the connection.
 void switchProtocol(const Messages& messages) {
-    constexpr int kSwitchingProtocols = 101;
     ConnectionMessages& state = messages.state;
     Exchange exchange = state.exchanges.front();
     state.exchanges.pop();
     stopHttp1(messages);
-    if (state.responses.status() == kSwitchingProtocols) {
+    if (state.responses.upgradesToHttp2()) {
         upgradeToHttp2(messages, exchange);
     } else {
         countResponse(messages, exchange, state.responses.status());

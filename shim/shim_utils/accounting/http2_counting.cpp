@@ -13,6 +13,7 @@ constexpr int kSwitchingProtocols = 101;
 
 // The connection of a request that was answered by 101 carries another protocol.
 void endUpgrade(const Messages& messages) {
+    if (messages.state.protocol != Protocol::kUpgraded) return;
     Exchange* exchange = messages.state.http2.streams.find(1);
     if (exchange != nullptr) countResponse(messages, *exchange, kSwitchingProtocols);
 }
@@ -26,12 +27,14 @@ void logOnce() {
 
 // What follows cannot be read as HTTP/2.
 void endReading(const Messages& messages) {
-    if (messages.state.protocol == Protocol::kUpgraded) {
-        endUpgrade(messages);
-    } else {
-        logOnce();
-    }
+    if (messages.state.protocol == Protocol::kHttp2) logOnce();
     stopHttp2(messages);
+}
+
+// The connection has gone on in HTTP/2.
+void confirmHttp2(ConnectionMessages& state) {
+    if (state.protocol == Protocol::kUpgraded) state.responseStart = 0;  // of the 101
+    state.protocol = Protocol::kHttp2;
 }
 
 // ----------------------------------------------------------------- receiving
@@ -42,7 +45,6 @@ void requested(const Messages& messages) {
     if (state.http2.streams.full()) return endReading(messages);
     const RequestFields& fields = reader.fields();
     const Exchange exchange = beginExchange(messages, fields.host(), fields.path());
-    state.requestStart = 0;
     addReceivedBytes(messages.slot(), exchange.credit, reader.bytes());
     state.http2.streams.add(reader.stream(), exchange);
 }
@@ -57,7 +59,7 @@ void continueRequest(const Messages& messages) {
 // Either side has ended the stream before its end.
 void resetStream(const Messages& messages, std::uint32_t stream) {
     StreamTable<Exchange>& streams = messages.state.http2.streams;
-    const Exchange* exchange = streams.find(stream);
+    Exchange* exchange = streams.find(stream);
     if (exchange == nullptr) return;
     countDropped(messages.slot(), *exchange);
     streams.remove(stream);
@@ -68,7 +70,7 @@ void received(const Messages& messages, Http2Event event) {
     const Http2RequestReader& reader = state.http2.requests();
     if (event == Http2Event::kMore) return;
     if (event == Http2Event::kNotHttp2) return endReading(messages);
-    state.protocol = Protocol::kHttp2;
+    confirmHttp2(state);
     if (event == Http2Event::kReset) return resetStream(messages, reader.stream());
     if (event == Http2Event::kGoAway) return;
     if (event == Http2Event::kRequest) {
@@ -76,6 +78,7 @@ void received(const Messages& messages, Http2Event event) {
     } else {
         continueRequest(messages);
     }
+    if (event != Http2Event::kData) state.requestStart = 0;
     if (reader.endsStream()) state.http2.streams.end(reader.stream(), StreamSide::kRequest);
 }
 
@@ -86,7 +89,7 @@ void sent(const Messages& messages, Http2Event event) {
     const Http2ResponseReader& reader = state.http2.responses();
     if (event == Http2Event::kMore) return;
     if (event == Http2Event::kNotHttp2) return endReading(messages);
-    state.protocol = Protocol::kHttp2;
+    confirmHttp2(state);
     if (event == Http2Event::kReset) return resetStream(messages, reader.stream());
     if (event == Http2Event::kGoAway) return;
     Exchange* exchange = state.http2.streams.find(reader.stream());
@@ -97,7 +100,9 @@ void sent(const Messages& messages, Http2Event event) {
         countResponse(messages, *exchange, reader.fields().status());
     }
     if (event != Http2Event::kData) state.responseStart = 0;
-    if (reader.endsStream()) state.http2.streams.end(reader.stream(), StreamSide::kResponse);
+    if (!reader.endsStream()) return;
+    countDropped(messages.slot(), *exchange);  // if it ends without a final response
+    state.http2.streams.end(reader.stream(), StreamSide::kResponse);
 }
 
 }  // namespace
@@ -155,11 +160,7 @@ void http2SentUnseen(const Messages& messages, std::uint64_t n) {
 
 void stopHttp2(const Messages& messages) {
     ConnectionMessages& state = messages.state;
-    if (state.protocol == Protocol::kUpgraded) {
-        endUpgrade(messages);
-    } else {
-        logOnce();
-    }
+    endUpgrade(messages);
     state.http2.streams.forEach(
         [&](std::uint32_t, const Exchange& exchange) { abandon(messages.slot(), exchange); });
     state.http2.streams.reset();
@@ -168,9 +169,9 @@ void stopHttp2(const Messages& messages) {
 
 void http2Closed(const Messages& messages) {
     ConnectionMessages& state = messages.state;
-    if (state.protocol == Protocol::kUpgraded) endUpgrade(messages);
+    endUpgrade(messages);
     state.http2.streams.forEach(
-        [&](std::uint32_t, const Exchange& exchange) { countDropped(messages.slot(), exchange); });
+        [&](std::uint32_t, Exchange& exchange) { countDropped(messages.slot(), exchange); });
     state.http2.streams.reset();
 }
 

@@ -38,11 +38,21 @@ const char* decideProtocol(const Messages& messages, Bytes part) {
     }
     if (state.prefaceBytes == kDecisive) {
         beginHttp2(messages, kDecisive);
-    } else if (p != end) {
+        return p;
+    }
+    const std::int64_t start = state.requestStart;  // of the part of the preface
+    if (p != end) {
         state.protocol = Protocol::kHttp1;
         http1Received(messages, {kHttp2Preface, state.prefaceBytes});
     }
+    state.requestStart = state.prefaceBytes != 0 && start == 0 ? now() : start;
     return p;
+}
+
+// Whether a server's first byte is that of its settings of HTTP/2. It may send them before
+// the client's preface arrives.
+bool beginsWithSettings(Bytes part) {
+    return part.length != 0 && part.data[0] == '\0';
 }
 
 void receivedText(const Messages& messages, Bytes part) {
@@ -65,6 +75,11 @@ void receivedUnseen(const Messages& messages, std::uint64_t n) {
 }
 
 void sentText(const Messages& messages, Bytes part) {
+    const ConnectionMessages& state = messages.state;
+    if (state.protocol == Protocol::kUnknown && state.prefaceBytes == 0 &&
+        !state.responses.begun() && beginsWithSettings(part)) {
+        beginHttp2(messages, 0);
+    }
     if (!isHttp2(messages.state)) {
         const char* const end = part.data + part.length;
         const char* const p = http1Sent(messages, part);
@@ -111,6 +126,7 @@ void messagesAccepted(const Connection& connection) {
     if (isHttp2(state)) stopHttp2(messages);
     state.protocol = Protocol::kUnknown;
     state.prefaceBytes = 0;
+    state.requestStart = 0;
     state.requests = RequestReader{};
     state.responses = ResponseReader{};
     state.answers = false;

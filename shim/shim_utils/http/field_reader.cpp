@@ -17,7 +17,8 @@ struct Name {
 
 // In the order of FieldReader::Field.
 constexpr Name kNames[] = {
-    {"", 0}, {"host", 4}, {"content-length", 14}, {"transfer-encoding", 17}, {"tv-status", 9},
+    {"", 0},          {"host", 4},    {"content-length", 14}, {"transfer-encoding", 17},
+    {"tv-status", 9}, {"upgrade", 7},
 };
 
 constexpr Name kChunked = {"chunked", 7};
@@ -43,25 +44,29 @@ bool equalWords(const char* p, const char* name) {
     return ((bytes ^ wanted) & ~letters) == 0;
 }
 bool beginsWith(const char* p, const Name& name) {
-    if (name.length < 8) return equalWords<std::uint32_t>(p, name.text);  // "host"
+    if (name.length < 8) {  // at least 4
+        const int last = name.length - 4;
+        return equalWords<std::uint32_t>(p, name.text) &&
+               equalWords<std::uint32_t>(p + last, name.text + last);
+    }
     const int last = name.length - 8;
     if (!equalWords<std::uint64_t>(p, name.text)) return false;
-    return name.length <= 16 ? equalWords<std::uint64_t>(p + last, name.text + last)
-                             : equalWords<std::uint64_t>(p + 8, name.text + 8) &&
-                                   equalWords<std::uint64_t>(p + last, name.text + last);
+    return equalWords<std::uint64_t>(p + last, name.text + last) &&
+           (name.length <= 16 || equalWords<std::uint64_t>(p + 8, name.text + 8));
 }
 
 // Whether the line in [line, end) may be of a field that is read, the end of the head,
 // or a continued line. True for few others. Most lines fail the first test.
-inline bool mayMatter(const char* line, const char* end) {
+inline bool mayMatter(const char* line, const char* end, bool ofResponse) {
     constexpr auto bit = [](char first) { return 1U << (first & 31); };
     constexpr std::uint32_t kFirst =
         bit('h') | bit('c') | bit('t') | bit('\r') | bit('\n') | bit(' ') | bit('\t');
-    if ((kFirst >> (*line & 31) & 1U) == 0) return false;
+    const std::uint32_t first = kFirst | (ofResponse ? bit('u') : 0);
+    if ((first >> (*line & 31) & 1U) == 0) return false;
     if (end - line < 9) return true;
-    const int first = *line | 0x20;
-    if (first == 'c') return (line[8] | 0x20) == 'l';  // neither "Connection" nor "Cookie"
-    return first != 't' || (line[1] | 0x20) == 'r' || (line[1] | 0x20) == 'v';
+    const int letter = *line | 0x20;
+    if (letter == 'c') return (line[8] | 0x20) == 'l';  // neither "Connection" nor "Cookie"
+    return letter != 't' || (line[1] | 0x20) == 'r' || (line[1] | 0x20) == 'v';
 }
 
 }  // namespace
@@ -82,7 +87,7 @@ bool FieldReader::read(const char*& p, const char* end, HostText* host) {
         p, end, [&](const char* next) __attribute__((always_inline)) {
             const char* const present = line;
             line = next;
-            if (!mayMatter(present, next)) return false;
+            if (!mayMatter(present, next, host == nullptr)) return false;
             if (next - present == 2 && *present == '\r') return true;
             skipped(present);
             behindField = next;
@@ -133,7 +138,7 @@ bool FieldReader::readLine(const char* p, const char* end, HostText* host) {
     while (p != end) {
         switch (state_) {
             case State::kLineStart:
-                if (readLineStart(p)) return true;
+                if (readLineStart(p, host == nullptr)) return true;
                 break;
             case State::kEmptyLine:
                 if (*p == '\n') return true;
@@ -153,7 +158,7 @@ bool FieldReader::readLine(const char* p, const char* end, HostText* host) {
     return false;
 }
 
-bool FieldReader::readLineStart(const char*& p) {
+bool FieldReader::readLineStart(const char*& p, bool ofResponse) {
     switch (*p) {
         case 'H':
         case 'h':
@@ -166,6 +171,11 @@ bool FieldReader::readLineStart(const char*& p) {
         case 'T':
         case 't':
             beginName(Field::kCoding);
+            return false;
+        case 'U':
+        case 'u':
+            beginName(Field::kUpgrade);
+            if (!ofResponse) state_ = State::kRestOfLine;
             return false;
         case '\n':
             ++p;
@@ -244,6 +254,9 @@ void FieldReader::readValue(const char*& p, const char* end, HostText* host) {
             if (*p != '\n') invalid_ = true;
             state_ = State::kRestOfLine;
             return;
+        case State::kProtocol:
+            readProtocol(*p++);
+            return;
         case State::kStatus:
             readStatusDigit(*p);
             if (state_ == State::kStatus) ++p;
@@ -273,6 +286,10 @@ void FieldReader::beginValue(const char* p, HostText* host) {
             hasCoding_ = true;
             matched_ = 0;
             state_ = State::kCoding;
+            return;
+        case Field::kUpgrade:
+            matched_ = 0;
+            state_ = State::kProtocol;
             return;
         default:
             overrideCode_ = 0;
@@ -319,6 +336,16 @@ void FieldReader::readCoding(char c) {
         matched_ = kAnotherCoding;
     }
     chunked_ = matched_ == kChunked.length || matched_ == kBehindChunked;
+}
+
+void FieldReader::readProtocol(char c) {
+    constexpr char kHttp2[] = "h2c";
+    if (lowerCase(c) != kHttp2[matched_]) {
+        state_ = State::kRestOfLine;
+    } else if (++matched_ == sizeof kHttp2 - 1) {
+        upgradesToHttp2_ = true;
+        state_ = State::kRestOfLine;
+    }
 }
 
 void FieldReader::readStatusDigit(char c) {

@@ -26,6 +26,9 @@ class FieldReader {
     Framing framing(Framing unchunked, Framing unsaid) const;
     std::uint64_t length() const { return length_; }
 
+    // Whether an Upgrade field begins with "h2c". Only read where there is no `host`.
+    bool upgradesToHttp2() const { return upgradesToHttp2_; }
+
     // Value of the last Tv-Status field, 0 without it.
     int overrideCode() const { return overrideCode_; }
 
@@ -40,16 +43,17 @@ class FieldReader {
         kCoding,
         kFramingLineFeed,
         kStatus,
+        kProtocol,
         kRestOfLine,
         kEmptyLine,
     };
-    enum class Field : std::uint8_t { kOther, kHost, kLength, kCoding, kStatus };
+    enum class Field : std::uint8_t { kOther, kHost, kLength, kCoding, kStatus, kUpgrade };
 
     bool readUsualLine(const char* line, const char* next, const char* partEnd, HostText* host);
     bool readLine(const char* p, const char* end, HostText* host);
     // Each reads at least one byte, from where `p` is not `end`. The first
     // returns whether it was the last line.
-    bool readLineStart(const char*& p);
+    bool readLineStart(const char*& p, bool ofResponse);
     void readName(const char*& p, const char* end);
     void readValue(const char*& p, const char* end, HostText* host);
 
@@ -59,6 +63,7 @@ class FieldReader {
     void readCoding(char c);
     void endFramingValue(char c);
     void readStatusDigit(char c);
+    void readProtocol(char c);
     bool framesBody() const { return field_ == Field::kLength || field_ == Field::kCoding; }
 
     std::uint64_t length_ = 0;
@@ -71,6 +76,7 @@ class FieldReader {
     bool hasDigit_ = false;
     bool hasCoding_ = false;
     bool chunked_ = false;  // the last coding is
+    bool upgradesToHttp2_ = false;
     bool invalid_ = false;  // the framing fields contradict themselves or each other
 };
 

@@ -42,6 +42,10 @@ class ResponseReader {
     int status() const;
     // Whether the present response has a status that is final.
     bool hasFinalStatus() const;
+    // Whether the response is 101, and the connection goes on in HTTP/2.
+    bool upgradesToHttp2() const {
+        return status_ == kSwitchingProtocols && fields_.upgradesToHttp2();
+    }
     // Whether after a response to `method` the connection carries another protocol.
     bool switchesProtocol(Method method) const;
 

@@ -71,6 +71,7 @@ void RequestFields::setStatic(std::uint32_t index) {
 void RequestFields::setFrom(const Field& field) {
     if (field.fieldName() == FieldName::kMethod) method_ = static_cast<Method>(field.detail);
     withText(field.fieldName(), [&](auto& text) {
+        if (text.present()) return;  // a copy for each mention would cost more than its byte
         if (field.valueLength <= text.kCapacity &&
             values_.copy(field.position, text.buffer(), field.valueLength)) {
             text.setLength(field.valueLength);

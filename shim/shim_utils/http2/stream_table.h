@@ -53,7 +53,7 @@ class StreamTable {
     }
     // Calls `use` with each stream and its value, in no order.
     template <typename Use>
-    void forEach(Use use) const {
+    void forEach(Use use) {
         if (count_ == 0) return;
         for (std::uint32_t place = 0; place < kCapacity; ++place) {
             if (streams_[place] != 0) use(streams_[place], values_[place]);

@@ -185,23 +185,25 @@ void addDropped(ResultStruct& record, const Credit& credit) {
     }
 }
 
-// The end of the process closes its connections without a close call. The server's other
-// threads may still run, so this changes nothing of the connections.
+// The end of the process closes its connections without a close call. The other threads
+// of a threaded server may still run, so this changes nothing of their connections.
 void addUnanswered(ResultStruct& record) {
     if (!countsMessages) return;
     int slots = currMaxSockets.load(std::memory_order_acquire);
     for (int i = 0; i < slots; ++i) {
-        const ConnectionMessages& messages = *slotAt(i).state.messages;
+        ConnectionMessages& messages = *slotAt(i).state.messages;
         const DescriptorState* descriptor = descriptorState(messages.descriptor);
         if (descriptor == nullptr) continue;
         if (descriptor->owner.load(std::memory_order_relaxed) != processGeneration) continue;
-        const auto add = [&record](const Exchange& exchange) {
-            if (!exchange.answered) addDropped(record, exchange.credit);
+        const auto add = [&record](Exchange& exchange) {
+            if (exchange.answered) return;
+            addDropped(record, exchange.credit);
+            // A later close of the connection does not count it again.
+            if (webServerType == kApacheProcesses) exchange.answered = true;
         };
         messages.exchanges.forEach(add);
         if (messages.protocol != Protocol::kHttp2) continue;
-        messages.http2.streams.forEach(
-            [&](std::uint32_t, const Exchange& exchange) { add(exchange); });
+        messages.http2.streams.forEach([&](std::uint32_t, Exchange& exchange) { add(exchange); });
     }
 }
 
@@ -215,10 +217,8 @@ bool lockAtExit(int semaphore) {
     return false;
 }
 
-}  // namespace
-
-void writeResult() {
-    ErrnoGuard guard;
+// Publishes the record of a type 0 process.
+void publishRecord() {
     ResultStruct& record = shmPtr[bucketNumber];
     int semaphore = semaphoreOf(bucketNumber);
     if (!lockSemaphore(semaphore)) return;
@@ -229,6 +229,18 @@ void writeResult() {
     }
     if (!unlockSemaphore(semaphore)) return;
     checkLatestConfigInfo();
+}
+
+}  // namespace
+
+void writeResult() {
+    // A signal handler may interrupt a publication and close a connection. It must not
+    // wait for the semaphore that its own process holds.
+    static std::atomic<bool> publishing{false};
+    if (publishing.exchange(true)) return;
+    ErrnoGuard guard;
+    publishRecord();
+    publishing.store(false);
 }
 
 void publishEveryInterval() {
@@ -281,6 +293,10 @@ bool publicationIsUrgent() {
         received += valueOf(total.bytesReceived) - published.bytesReceived;
     }
     return sent >= kManyBytes || received >= kManyBytes;
+}
+
+void publishIfUrgent() {
+    if (webServerType == kApacheProcesses && publicationIsUrgent()) writeResult();
 }
 
 void publishAtExit() {

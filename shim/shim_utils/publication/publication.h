@@ -30,6 +30,8 @@ void publishSlotsAtExit();
 // Whether a slot has counted so many bytes since the last publication that a
 // counter could wrap before the next one.
 bool publicationIsUrgent();
+// Publishes a type 0 process whose publication is urgent.
+void publishIfUrgent();
 
 // For a forked child: resets the number of calls since the last publication.
 void resetIntervalAfterFork();

@@ -1,6 +1,7 @@
 #include "shim_utils/slots/connection_slots.h"
 
 #include <pthread.h>
+#include <sys/mman.h>
 
 #include <algorithm>
 #include <ctime>
@@ -58,7 +59,11 @@ bool addMessages(SlotBlock& block, int slots) {
 bool addBlock(int slots) {
     int total = currMaxSockets.load(std::memory_order_relaxed);
     auto* block = static_cast<SlotBlock*>(allocateZeroed(sizeof(SlotBlock)));
-    if (block == nullptr || (countsMessages && !addMessages(*block, slots))) return false;
+    if (block == nullptr) return false;
+    if (countsMessages && !addMessages(*block, slots)) {
+        munmap(block, sizeof(SlotBlock));
+        return false;
+    }
     slotBlocks[total / kSlotStep].store(block, std::memory_order_release);
     currMaxSockets.store(total + slots, std::memory_order_release);
     return true;

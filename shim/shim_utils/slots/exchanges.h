@@ -22,7 +22,7 @@ struct Exchange {
                              // 0 when it is in no category
     Credit credit;
     Method method = Method::kOther;
-    bool answered = false;  // its response has been counted
+    bool answered = false;  // its response or its drop has been counted
 };
 static_assert(sizeof(Exchange) == 16);
 
@@ -41,7 +41,7 @@ class ExchangeQueue {
     void pop() { first_ = --count_ == 0 ? 0 : (first_ + 1) % kCapacity; }
     // Also while another thread changes the queue, so `visit` may then see old items.
     template <typename Visit>
-    void forEach(Visit visit) const {
+    void forEach(Visit visit) {
         const std::uint32_t first = first_;
         const std::uint32_t count = count_ < kCapacity ? count_ : kCapacity;
         for (std::uint32_t i = 0; i < count; ++i) visit(items_[(first + i) % kCapacity]);
