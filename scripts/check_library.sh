@@ -23,12 +23,19 @@ needed=$(readelf -dW "$library" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' |
 entries=$(readelf -dW "$library" | sed -n 's/.*(INIT_ARRAYSZ) *\([0-9]*\).*/\1/p')
 [ "$entries" -le "$([ "$class" = ELF64 ] && echo 16 || echo 8)" ] || complain "runs constructors"
 
-expected=$(sed 's/#.*//' "$(dirname "$0")/../shim/exports.map" | tr -d '\n' |
-  sed 's/.*global://; s/local:.*//; s/[;[:space:]]\+/\n/g' | grep . |
-  if [ "$class" = ELF32 ]; then cat; else grep -vE '^__(recv|send)msg64$'; fi | LC_ALL=C sort)
+# Names without a version are in exports.list; names with one, and the versions
+# themselves, in exports.map. The last version is the default one.
+shim=$(dirname "$0")/../shim
+versioned=$(sed 's/#.*//' "$shim/exports.map" | tr -s '{};:[:space:]' '\n' | awk '
+  /^OPENSSL_/ { version = $0; print; next }
+  /^(global|local)$/ { global = $0 == "global"; next }
+  /./ && global { print $0 (version == "OPENSSL_3.0.0" ? "@@" : "@") version }')
+expected=$( (echo "$versioned"
+  if [ "$class" = ELF32 ]; then cat "$shim/exports.list"
+  else grep -vE '^__(recv|send)msg64$' "$shim/exports.list"; fi) | LC_ALL=C sort)
 exported=$(nm -D --defined-only "$library" | awk '{print $3}' | LC_ALL=C sort)
 [ "$exported" = "$expected" ] ||
-  complain "exports other names than exports.map: $(diff <(echo "$expected") <(echo "$exported") | tr '\n' ' ')"
+  complain "exports other names than exports.map and exports.list: $(diff <(echo "$expected") <(echo "$exported") | tr '\n' ' ')"
 
 if [ $# -gt 2 ]; then
   "$(dirname "$0")/folder_dependencies.py" "$3" || complain "has folders that depend on each other"

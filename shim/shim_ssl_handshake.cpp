@@ -6,18 +6,18 @@ namespace tolvane {
 namespace {
 
 using Handshake = int(Ssl*);
-constinit SslEntry<Handshake> doHandshake3{ssl3, {"SSL_do_handshake", kSsl3}};
-constinit SslEntry<Handshake> doHandshake11{ssl11, {"SSL_do_handshake", kSsl110}};
-constinit SslEntry<Handshake> accept3{ssl3, {"SSL_accept", kSsl3}};
-constinit SslEntry<Handshake> accept11{ssl11, {"SSL_accept", kSsl110}};
+constinit SslEntry<Handshake> doHandshake3{real_ssl3, {"SSL_do_handshake", kSsl3}};
+constinit SslEntry<Handshake> doHandshake11{real_ssl11, {"SSL_do_handshake", kSsl110}};
+constinit SslEntry<Handshake> accept3{real_ssl3, {"SSL_accept", kSsl3}};
+constinit SslEntry<Handshake> accept11{real_ssl11, {"SSL_accept", kSsl110}};
 
 using Peek = int(Ssl*, void*, int);
-constinit SslEntry<Peek> peek3{ssl3, {"SSL_peek", kSsl3}};
-constinit SslEntry<Peek> peek11{ssl11, {"SSL_peek", kSsl110}};
+constinit SslEntry<Peek> peek3{real_ssl3, {"SSL_peek", kSsl3}};
+constinit SslEntry<Peek> peek11{real_ssl11, {"SSL_peek", kSsl110}};
 
 using PeekEx = int(Ssl*, void*, std::size_t, std::size_t*);
-constinit SslEntry<PeekEx> peekEx3{ssl3, {"SSL_peek_ex", kSsl3}};
-constinit SslEntry<PeekEx> peekEx11{ssl11, {"SSL_peek_ex", kSsl111}};
+constinit SslEntry<PeekEx> peekEx3{real_ssl3, {"SSL_peek_ex", kSsl3}};
+constinit SslEntry<PeekEx> peekEx11{real_ssl11, {"SSL_peek_ex", kSsl111}};
 
 }  // namespace
 }  // namespace tolvane

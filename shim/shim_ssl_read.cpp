@@ -5,14 +5,14 @@ namespace tolvane {
 namespace {
 
 using Read = int(Ssl*, void*, int);
-constinit SslEntry<Read> read3{ssl3, {"SSL_read", kSsl3}};
-constinit SslEntry<Read> read11{ssl11, {"SSL_read", kSsl110}};
+constinit SslEntry<Read> read3{real_ssl3, {"SSL_read", kSsl3}};
+constinit SslEntry<Read> read11{real_ssl11, {"SSL_read", kSsl110}};
 
 using ReadEx = int(Ssl*, void*, std::size_t, std::size_t*);
-constinit SslEntry<ReadEx> readEx3{ssl3, {"SSL_read_ex", kSsl3}};
-constinit SslEntry<ReadEx> readEx11{ssl11, {"SSL_read_ex", kSsl111}};
-constinit SslEntry<ReadEx> readEarly3{ssl3, {"SSL_read_early_data", kSsl3}};
-constinit SslEntry<ReadEx> readEarly11{ssl11, {"SSL_read_early_data", kSsl111}};
+constinit SslEntry<ReadEx> readEx3{real_ssl3, {"SSL_read_ex", kSsl3}};
+constinit SslEntry<ReadEx> readEx11{real_ssl11, {"SSL_read_ex", kSsl111}};
+constinit SslEntry<ReadEx> readEarly3{real_ssl3, {"SSL_read_early_data", kSsl3}};
+constinit SslEntry<ReadEx> readEarly11{real_ssl11, {"SSL_read_early_data", kSsl111}};
 
 // Counts the first `n` bytes of `buffer`, if the call has read any.
 void countRead(const SslUse& use, const void* buffer, std::size_t n) {

@@ -9,7 +9,7 @@ namespace {
 // offset depends on how a 32-bit library was built, so the words are passed on as they
 // are.
 using SendFile = ssize_t(Ssl*, int, long, std::size_t, long, long);
-constinit SslEntry<SendFile> sendFile3{ssl3, {"SSL_sendfile", kSsl3}};
+constinit SslEntry<SendFile> sendFile3{real_ssl3, {"SSL_sendfile", kSsl3}};
 
 }  // namespace
 }  // namespace tolvane

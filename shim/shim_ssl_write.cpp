@@ -5,14 +5,14 @@ namespace tolvane {
 namespace {
 
 using Write = int(Ssl*, const void*, int);
-constinit SslEntry<Write> write3{ssl3, {"SSL_write", kSsl3}};
-constinit SslEntry<Write> write11{ssl11, {"SSL_write", kSsl110}};
+constinit SslEntry<Write> write3{real_ssl3, {"SSL_write", kSsl3}};
+constinit SslEntry<Write> write11{real_ssl11, {"SSL_write", kSsl110}};
 
 using WriteEx = int(Ssl*, const void*, std::size_t, std::size_t*);
-constinit SslEntry<WriteEx> writeEx3{ssl3, {"SSL_write_ex", kSsl3}};
-constinit SslEntry<WriteEx> writeEx11{ssl11, {"SSL_write_ex", kSsl111}};
-constinit SslEntry<WriteEx> writeEarly3{ssl3, {"SSL_write_early_data", kSsl3}};
-constinit SslEntry<WriteEx> writeEarly11{ssl11, {"SSL_write_early_data", kSsl111}};
+constinit SslEntry<WriteEx> writeEx3{real_ssl3, {"SSL_write_ex", kSsl3}};
+constinit SslEntry<WriteEx> writeEx11{real_ssl11, {"SSL_write_ex", kSsl111}};
+constinit SslEntry<WriteEx> writeEarly3{real_ssl3, {"SSL_write_early_data", kSsl3}};
+constinit SslEntry<WriteEx> writeEarly11{real_ssl11, {"SSL_write_early_data", kSsl111}};
 
 int writeFrom(SslEntry<Write>& entry, Ssl* ssl, const void* buffer, int size) {
     const auto real = entry.real.find();

@@ -86,10 +86,8 @@ int SslObjects::descriptorOf(const Ssl* ssl) const {
 }
 
 void SslObjects::bind(Ssl* ssl, int fd) const {
-    setMark_();
     setData_(ssl, index_.load(std::memory_order_relaxed),
              reinterpret_cast<void*>(static_cast<std::intptr_t>(fd) + 1));
-    popToMark_();
 }
 
 }  // namespace tolvane

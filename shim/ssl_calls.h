@@ -62,13 +62,14 @@ class SslObjects {
 
     // The descriptor that the object is bound to, -1 without.
     int descriptorOf(const Ssl* ssl) const;
-    // Binds the object. The library's error queue stays as it is.
+    // Binds the object. Needs ErrorsKept.
     void bind(Ssl* ssl, int fd) const;
     bool isServer(const Ssl* ssl) const { return isServer_(ssl) == 1; }
-    // The descriptor that the object reads from itself, -1 without.
+    // The descriptor that the object reads from itself, -1 without. Needs ErrorsKept.
     int ownDescriptor(const Ssl* ssl) const { return getFd_(ssl); }
 
   private:
+    friend class ErrorsKept;
     enum State : int { kUnknown, kAvailable, kMissing };
     int lookUp();
 
@@ -82,6 +83,18 @@ class SslObjects {
     int (*setMark_)() = nullptr;
     int (*popToMark_)() = nullptr;
     std::atomic<int> index_{-1};  // of the shim's data in an object
+};
+
+// The library's error queue stays as it is, whatever is called meanwhile.
+class ErrorsKept {
+  public:
+    explicit ErrorsKept(const SslObjects& library) : library_(library) { library_.setMark_(); }
+    ~ErrorsKept() { library_.popToMark_(); }
+    ErrorsKept(const ErrorsKept&) = delete;
+    ErrorsKept& operator=(const ErrorsKept&) = delete;
+
+  private:
+    const SslObjects& library_;
 };
 
 }  // namespace tolvane

@@ -4,8 +4,8 @@
 
 namespace tolvane {
 
-constinit SslObjects ssl3{SslLibrary::k3};
-constinit SslObjects ssl11{SslLibrary::k11};
+constinit SslObjects real_ssl3{SslLibrary::k3};
+constinit SslObjects real_ssl11{SslLibrary::k11};
 
 namespace {
 
@@ -32,6 +32,7 @@ int connectionOf(const SslUse& use) {
 // Binds the object and returns its connection, -1 if it has none.
 int bind(const SslUse& use) {
     if (!use.library.isServer(use.ssl)) return -1;  // a connection to another server
+    const ErrorsKept errors(use.library);
     const int fd = connectionOf(use);
     const bool binds = withSslConnection(
         fd, [&use](const Connection& connection) { return readPlaintextOf(connection, use.ssl); });
@@ -42,7 +43,7 @@ int bind(const SslUse& use) {
 
 // Calls `count` with the connection that the object decrypts.
 template <typename Count>
-void withPlaintext(const SslUse& use, Count count) {
+void withConnection(const SslUse& use, Count count) {
     if (!countsMessages || tolvaneShimEnabled.load(std::memory_order_acquire) != 1) return;
     ErrnoGuard guard;
     if (!use.library.available()) return;
@@ -61,6 +62,16 @@ void withPlaintext(const SslUse& use, Count count) {
     if (fd >= 0) withSslConnection(fd, counts);
 }
 
+// The same for plaintext that a nested call has not counted.
+template <typename Count>
+void withPlaintext(const SslUse& use, Count count) {
+    if (lastSslObject == use.ssl) return;
+    withConnection(use, [&](const Connection& connection) {
+        count(connection);
+        lastSslObject = use.ssl;
+    });
+}
+
 Bytes bytesOf(const void* data, std::size_t n) {
     return {static_cast<const char*>(data), n};
 }
@@ -68,7 +79,7 @@ Bytes bytesOf(const void* data, std::size_t n) {
 }  // namespace
 
 void bindToConnection(const SslUse& use) {
-    withPlaintext(use, [](const Connection&) {});
+    withConnection(use, [](const Connection&) {});
 }
 
 void countPlaintextReceived(const SslUse& use, const void* data, std::size_t n) {

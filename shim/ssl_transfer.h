@@ -10,10 +10,14 @@
 
 namespace tolvane {
 
-// Notes which SSL connection the thread reads from during a TLS call. Calls may nest.
+// Notes which SSL connection the thread reads from during a TLS call. Calls may nest: the
+// early data calls of OpenSSL call SSL_read_ex and SSL_write_ex.
 class SslCall {
   public:
-    SslCall() : before_(lastSslDescriptor) { lastSslDescriptor = -1; }
+    SslCall() : before_(lastSslDescriptor) {
+        lastSslDescriptor = -1;
+        lastSslObject = nullptr;
+    }
 
     // Behind the real call: the connection, -1 for none.
     int descriptorRead() const {
@@ -40,7 +44,8 @@ inline bool readsPlaintext() {
 // Binds the object to the connection that its call read from, if it is not bound yet.
 void bindToConnection(const SslUse& use);
 
-// Counts plaintext of the object's connection, if it is a tracked SSL connection.
+// Counts plaintext of the object's connection, if it is a tracked SSL connection and a
+// nested call has not counted it.
 void countPlaintextReceived(const SslUse& use, const void* data, std::size_t n);
 void countPlaintextSent(const SslUse& use, const void* data, std::size_t n);
 void countUnseenPlaintextSent(const SslUse& use, std::size_t n);
@@ -65,8 +70,8 @@ int handshake(SslEntry<Signature>& entry, int failed, Ssl* ssl, Arguments... arg
     return result;
 }
 
-extern SslObjects ssl3;
-extern SslObjects ssl11;
+extern SslObjects real_ssl3;
+extern SslObjects real_ssl11;
 
 }  // namespace tolvane
 

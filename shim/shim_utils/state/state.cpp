@@ -26,6 +26,7 @@ int tableSize = 0;
 DescriptorState* descriptors = nullptr;
 std::atomic<int> trackedLimit{0};
 thread_local constinit int lastSslDescriptor = -1;
+thread_local constinit const void* lastSslObject = nullptr;
 
 std::atomic<int> tolvaneShimEnabled{0};
 int numStructures = 1;

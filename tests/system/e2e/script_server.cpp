@@ -40,6 +40,8 @@
 #include <thread>
 #include <vector>
 
+#include "system/e2e/script_ssl.h"
+
 extern "C" {
 ssize_t __read_chk(int, void*, size_t, size_t);
 ssize_t __recv_chk(int, void*, size_t, size_t, int);
@@ -61,11 +63,18 @@ int getrlimit64(__rlimit_resource_t resource, rlimit64* limit) {
 }
 }
 
+std::string received;
+
+std::string fromHex(const std::string& hex) {
+    std::string bytes;
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    }
+    return bytes;
+}
+
 namespace {
 
-using Arguments = std::vector<std::string>;
-
-std::string received;  // by the last receive call
 std::string controlPath;
 
 int number(const Arguments& arguments, std::size_t index) {
@@ -82,14 +91,6 @@ char* endingAtGuard(std::size_t size) {
         return static_cast<char*>(area) + kRoom;
     }();
     return end - size;
-}
-
-std::string fromHex(const std::string& hex) {
-    std::string bytes;
-    for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-        bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    }
-    return bytes;
 }
 
 void talkTo(const std::string& path) {
@@ -336,6 +337,9 @@ const std::map<std::string, std::function<long(const Arguments&)>> kCommands = {
     {"keep_error_text", keepErrorText},
     {"report_request", reportRequest},
     {"report_response", reportResponse},
+    {"ssl_new", newSslObject},
+    {"ssl", callSsl},
+    {"pair", makePair},
     {"exit", [](auto& a) -> long { std::exit(number(a, 0)); }},
 };
 
