@@ -9,16 +9,22 @@ constinit SslObjects real_ssl11{SslLibrary::k11};
 
 namespace {
 
-// Calls `visit` with the tracked SSL connection `fd`. False if it is none, or if
-// `visit` returns false.
-template <typename Visit>
-bool withSslConnection(int fd, Visit visit) {
+// A tracked SSL connection, or nothing.
+struct SslConnection {
+    DescriptorState* state = nullptr;
+    int slot = -1;
+
+    explicit operator bool() const { return state != nullptr; }
+    Connection connection() const { return {*state, slotAt(slot)}; }
+};
+
+SslConnection sslConnection(int fd) {
     DescriptorState* state = trackedDescriptor(fd);
-    if (state == nullptr) return false;
+    if (state == nullptr) return {};
     const int slot = slotOf(webServerType, fd, *state);
-    if (slot < 0) return false;
-    const Connection connection = {*state, slotAt(slot)};
-    return !connection.plain() && visit(connection);
+    if (slot < 0) return {};
+    const SslConnection found = {state, slot};
+    return found.connection().plain() ? SslConnection{} : found;
 }
 
 // The connection that an object without a connection decrypts. Servers with buffers of
@@ -29,16 +35,29 @@ int connectionOf(const SslUse& use) {
     return own >= 0 ? own : lastSslDescriptor;
 }
 
-// Binds the object and returns its connection, -1 if it has none.
-int bind(const SslUse& use) {
-    if (!use.library.isServer(use.ssl)) return -1;  // a connection to another server
+// Binds the object and returns its connection.
+SslConnection bind(const SslUse& use) {
+    if (!use.library.isServer(use.ssl)) return {};  // a connection to another server
     const ErrorsKept errors(use.library);
     const int fd = connectionOf(use);
-    const bool binds = withSslConnection(
-        fd, [&use](const Connection& connection) { return readPlaintextOf(connection, use.ssl); });
-    if (!binds) return -1;
+    const SslConnection found = sslConnection(fd);
+    if (!found || !readPlaintextOf(found.connection(), use.ssl)) return {};
     use.library.bind(use.ssl, fd);
-    return fd;
+    return found;
+}
+
+// The connection that the object decrypts. Its frame ends before the counting begins.
+[[gnu::noinline]] SslConnection find(const SslUse& use) {
+    if (!use.library.available()) return {};
+    const int bound = use.library.descriptorOf(use.ssl);
+    if (bound < 0) return bind(use);
+    if (use.descriptorRead < 0 || use.descriptorRead == bound) {
+        const SslConnection found = sslConnection(bound);
+        if (found && isReadThrough(found.connection(), use.ssl)) return found;
+    }
+    // The connection of an object may have ended. It decrypts another connection only if
+    // it reads it.
+    return use.descriptorRead < 0 ? SslConnection{} : bind(use);
 }
 
 // Calls `count` with the connection that the object decrypts.
@@ -46,20 +65,7 @@ template <typename Count>
 void withConnection(const SslUse& use, Count count) {
     if (!countsMessages || tolvaneShimEnabled.load(std::memory_order_acquire) != 1) return;
     ErrnoGuard guard;
-    if (!use.library.available()) return;
-    const int bound = use.library.descriptorOf(use.ssl);
-    const auto counts = [&](const Connection& connection) {
-        if (!isReadThrough(connection, use.ssl)) return false;
-        count(connection);
-        return true;
-    };
-    const bool same = use.descriptorRead < 0 || use.descriptorRead == bound;
-    if (bound >= 0 && same && withSslConnection(bound, counts)) return;
-    // The connection of an object may have ended. It decrypts another connection only if
-    // it reads it.
-    if (bound >= 0 && use.descriptorRead < 0) return;
-    const int fd = bind(use);
-    if (fd >= 0) withSslConnection(fd, counts);
+    if (const SslConnection found = find(use)) count(found.connection());
 }
 
 // The same for plaintext that a nested call has not counted.
