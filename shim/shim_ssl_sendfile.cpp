@@ -9,7 +9,7 @@ namespace {
 // offset depends on how a 32-bit library was built, so the words are passed on as they
 // are.
 using SendFile = ssize_t(Ssl*, int, long, std::size_t, long, long);
-constinit SslEntry<SendFile> sendFile3{real_ssl3, {"SSL_sendfile", kSsl3}};
+constinit SslEntry<SendFile> sendFile3{"SSL_sendfile", kSsl3};
 
 }  // namespace
 }  // namespace tolvane
@@ -19,11 +19,11 @@ using namespace tolvane;
 TOLVANE_SSL_EXPORT("SSL_sendfile@@OPENSSL_3.0.0")
 ssize_t tolvane_sendfile_3(Ssl* ssl, int fd, long word1, std::size_t word2, long word3,
                            long word4) {
-    const auto real = sendFile3.real.find();
-    if (real == nullptr) return -1;
+    const auto real = sendFile3.find(__builtin_return_address(0));
+    if (real.function == nullptr) return -1;
     SslCall call;
-    const ssize_t n = real(ssl, fd, word1, word2, word3, word4);
-    const SslUse use = {sendFile3.library, ssl, call.descriptorRead()};
+    const ssize_t n = real.function(ssl, fd, word1, word2, word3, word4);
+    const SslUse use = {real.library, ssl, call.descriptorRead()};
     if (n > 0) countUnseenPlaintextSent(use, static_cast<std::size_t>(n));
     return n;
 }

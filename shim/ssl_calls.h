@@ -3,6 +3,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 
 struct ssl_st;  // a connection's TLS object
 
@@ -10,55 +12,19 @@ namespace tolvane {
 
 using Ssl = ssl_st;
 
-// The function `symbol` of the loaded library whose symbols have `version`, else null.
-void* findSslCall(const char* symbol, const char* version);
-
-// The libraries whose calls are interposed. A process may have loaded both. The
-// interposed calls carry the same symbol versions, so each caller reaches the wrapper
-// of its own library.
-enum class SslLibrary { k3, k11 };
-
-// Versions of the symbols. A library without versions is taken for OpenSSL 3.
+// Versions of the symbols that callers refer to. The linker gives references without a
+// version the first version in exports.map, which is that of OpenSSL 3.
 inline constexpr char kSsl3[] = "OPENSSL_3.0.0";
 inline constexpr char kSsl110[] = "OPENSSL_1_1_0";
 inline constexpr char kSsl111[] = "OPENSSL_1_1_1";
 
-// The real function of an interposed call. It is looked up on first use, since a
-// server may load the library late, and only a module of the server may see it.
-template <typename Signature>
-class RealSslCall {
-  public:
-    using Pointer = Signature*;
-
-    constexpr RealSslCall(const char* symbol, const char* version)
-        : symbol_(symbol), version_(version) {}
-
-    // Null when there is none. Threads that look it up at the same time store the
-    // same value.
-    Pointer find() {
-        Pointer call = pointer_.load(std::memory_order_relaxed);
-        return call != nullptr ? call : lookUp();
-    }
-
-  private:
-    __attribute__((noinline, cold)) Pointer lookUp() {
-        auto call = reinterpret_cast<Pointer>(findSslCall(symbol_, version_));
-        pointer_.store(call, std::memory_order_relaxed);
-        return call;
-    }
-
-    std::atomic<Pointer> pointer_{nullptr};
-    const char* symbol_;
-    const char* version_;
-};
-
 // The functions of a library by which a TLS object is bound to its connection.
 class SslObjects {
   public:
-    constexpr explicit SslObjects(SslLibrary library) : library_(library) {}
-
-    // False when the library lacks a function. The first call looks them up.
-    bool available();
+    // Looks the functions up in the library that has `address`. False: it lacks one, or
+    // is a library whose objects differ from those of OpenSSL 1.1 and 3.
+    bool lookUp(const void* address);
+    const void* base() const { return base_; }
 
     // The descriptor that the object is bound to, -1 without.
     int descriptorOf(const Ssl* ssl) const;
@@ -70,19 +36,15 @@ class SslObjects {
 
   private:
     friend class ErrorsKept;
-    enum State : int { kUnknown, kAvailable, kMissing };
-    int lookUp();
 
-    const SslLibrary library_;
-    std::atomic<int> state_{kUnknown};
-    // Written before `state_`, by each thread that looks them up with the same values.
+    const void* base_ = nullptr;  // of the library's mapping
     void* (*getData_)(const Ssl*, int) = nullptr;
     int (*setData_)(Ssl*, int, void*) = nullptr;
     int (*getFd_)(const Ssl*) = nullptr;
     int (*isServer_)(const Ssl*) = nullptr;
     int (*setMark_)() = nullptr;
     int (*popToMark_)() = nullptr;
-    std::atomic<int> index_{-1};  // of the shim's data in an object
+    int index_ = -1;  // of the shim's data in an object
 };
 
 // The library's error queue stays as it is, whatever is called meanwhile.
@@ -95,6 +57,49 @@ class ErrorsKept {
 
   private:
     const SslObjects& library_;
+};
+
+// A real function and its library.
+struct SslTarget {
+    void* function = nullptr;             // null: there is none
+    const SslObjects* library = nullptr;  // null: its objects are not bound
+};
+
+// An interposed call, by name and version. Modules of a server may have different TLS
+// libraries under the same names, so what the name means depends on who calls.
+class SslSymbol {
+  public:
+    constexpr SslSymbol(const char* symbol, const char* version)
+        : symbol_(symbol), version_(version) {}
+
+    // What the code at `caller` means. The first call of each loaded object searches, with
+    // the dynamic linker's lock.
+    SslTarget find(const void* caller) {
+        const auto address = reinterpret_cast<std::uintptr_t>(caller);
+        const int count = count_.load(std::memory_order_acquire);
+        for (int i = 0; i < count; ++i) {
+            const Caller& known = callers_[i];
+            if (address >= known.begin && address < known.end) return known.target;
+        }
+        return resolve(address);
+    }
+
+  private:
+    // A loaded object that calls. Written under a lock before `count_` is raised, and never
+    // changed.
+    struct Caller {
+        std::uintptr_t begin = 0;  // its mapping
+        std::uintptr_t end = 0;
+        SslTarget target;
+    };
+    static constexpr int kMostCallers = 8;
+
+    SslTarget resolve(std::uintptr_t caller);
+
+    const char* symbol_;
+    const char* version_;
+    std::atomic<int> count_{0};
+    Caller callers_[kMostCallers] = {};
 };
 
 }  // namespace tolvane

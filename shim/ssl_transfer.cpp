@@ -4,9 +4,6 @@
 
 namespace tolvane {
 
-constinit SslObjects real_ssl3{SslLibrary::k3};
-constinit SslObjects real_ssl11{SslLibrary::k11};
-
 namespace {
 
 // A tracked SSL connection, or nothing.
@@ -31,25 +28,24 @@ SslConnection sslConnection(int fd) {
 // their own read the connection first and call the library then.
 int connectionOf(const SslUse& use) {
     if (use.descriptorRead >= 0) return use.descriptorRead;
-    const int own = use.library.ownDescriptor(use.ssl);
+    const int own = use.library->ownDescriptor(use.ssl);
     return own >= 0 ? own : lastSslDescriptor;
 }
 
 // Binds the object and returns its connection.
 SslConnection bind(const SslUse& use) {
-    if (!use.library.isServer(use.ssl)) return {};  // a connection to another server
-    const ErrorsKept errors(use.library);
+    if (!use.library->isServer(use.ssl)) return {};  // a connection to another server
+    const ErrorsKept errors(*use.library);
     const int fd = connectionOf(use);
     const SslConnection found = sslConnection(fd);
     if (!found || !readPlaintextOf(found.connection(), use.ssl)) return {};
-    use.library.bind(use.ssl, fd);
+    use.library->bind(use.ssl, fd);
     return found;
 }
 
 // The connection that the object decrypts. Its frame ends before the counting begins.
 [[gnu::noinline]] SslConnection find(const SslUse& use) {
-    if (!use.library.available()) return {};
-    const int bound = use.library.descriptorOf(use.ssl);
+    const int bound = use.library->descriptorOf(use.ssl);
     if (bound < 0) return bind(use);
     if (use.descriptorRead < 0 || use.descriptorRead == bound) {
         const SslConnection found = sslConnection(bound);
@@ -63,7 +59,8 @@ SslConnection bind(const SslUse& use) {
 // Calls `count` with the connection that the object decrypts.
 template <typename Count>
 void withConnection(const SslUse& use, Count count) {
-    if (!countsMessages || tolvaneShimEnabled.load(std::memory_order_acquire) != 1) return;
+    if (use.library == nullptr || !countsMessages) return;
+    if (tolvaneShimEnabled.load(std::memory_order_acquire) != 1) return;
     ErrnoGuard guard;
     if (const SslConnection found = find(use)) count(found.connection());
 }

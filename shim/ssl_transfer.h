@@ -32,14 +32,10 @@ class SslCall {
 
 // A TLS object and what its call has read.
 struct SslUse {
-    SslObjects& library;
+    const SslObjects* library;  // null: the object cannot be bound
     Ssl* ssl;
     int descriptorRead;
 };
-
-inline bool readsPlaintext() {
-    return countsMessages && tolvaneShimEnabled.load(std::memory_order_acquire) == 1;
-}
 
 // Binds the object to the connection that its call read from, if it is not bound yet.
 void bindToConnection(const SslUse& use);
@@ -50,28 +46,38 @@ void countPlaintextReceived(const SslUse& use, const void* data, std::size_t n);
 void countPlaintextSent(const SslUse& use, const void* data, std::size_t n);
 void countUnseenPlaintextSent(const SslUse& use, std::size_t n);
 
-// What a wrapper has of its library: the real function, and the other functions.
+// An interposed call.
 template <typename Signature>
-struct SslEntry {
-    SslObjects& library;
-    RealSslCall<Signature> real;
+class SslEntry {
+  public:
+    constexpr SslEntry(const char* symbol, const char* version) : symbol_(symbol, version) {}
+
+    struct Target {
+        Signature* function;  // null: there is none
+        const SslObjects* library;
+    };
+    Target find(const void* caller) {
+        const SslTarget target = symbol_.find(caller);
+        return {reinterpret_cast<Signature*>(target.function), target.library};
+    }
+
+  private:
+    SslSymbol symbol_;
 };
 
 // Calls a real function that may read the handshake but takes no plaintext. `failed`:
 // the result when there is no real function.
 template <typename Signature, typename... Arguments>
-int handshake(SslEntry<Signature>& entry, int failed, Ssl* ssl, Arguments... arguments) {
-    const auto real = entry.real.find();
-    if (real == nullptr) return failed;
+int handshake(SslEntry<Signature>& entry, const void* caller, int failed, Ssl* ssl,
+              Arguments... arguments) {
+    const auto real = entry.find(caller);
+    if (real.function == nullptr) return failed;
     SslCall call;
-    const int result = real(ssl, arguments...);
+    const int result = real.function(ssl, arguments...);
     const int read = call.descriptorRead();
-    if (read >= 0) bindToConnection({entry.library, ssl, read});
+    if (read >= 0) bindToConnection({real.library, ssl, read});
     return result;
 }
-
-extern SslObjects real_ssl3;
-extern SslObjects real_ssl11;
 
 }  // namespace tolvane
 

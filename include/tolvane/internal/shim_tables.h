@@ -154,6 +154,13 @@ extern thread_local constinit int lastSslDescriptor __attribute__((tls_model("in
 // The TLS object whose plaintext this thread counted last.
 extern thread_local constinit const void* lastSslObject __attribute__((tls_model("initial-exec")));
 
+// Memory of the search for URL patterns, which is too large for the stack of a call. In use
+// while `searching`: a signal handler that interrupts a search finds no pattern.
+inline constexpr int kSearchSize = 1408;
+extern thread_local constinit char searchMemory[kSearchSize]
+    __attribute__((tls_model("initial-exec"), aligned(16)));
+extern thread_local constinit bool searching __attribute__((tls_model("initial-exec")));
+
 // ------------------------------------------------- measurement in this process
 
 extern std::atomic<int> tolvaneShimEnabled;  // 1: measure; 0: do nothing but the real calls

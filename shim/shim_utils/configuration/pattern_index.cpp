@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
+
+#include "tolvane/internal/shim_tables.h"
 
 namespace tolvane {
 namespace {
@@ -202,8 +205,11 @@ std::uint32_t findPatterns(const PatternIndex& index, const ConfigInfo& config, 
     const std::uint32_t textless =
         site.hasTextless ? findTextless(site, static_cast<unsigned>(url.length)) : 0;
     if (site.numNodes == 0) return textless;
+    if (searching) return textless;
+    searching = true;
     const PatternAutomaton automaton(index, s);
-    Search search(site, config.categories[s], url);
+    static_assert(sizeof(Search) <= kSearchSize && alignof(Search) <= 16);
+    Search& search = *new (searchMemory) Search(site, config.categories[s], url);
     const char* p = url.data;
     const char* end = url.data + url.length;
     for (bool atStart = true; p != end && (atStart || search.alive()); atStart = false) {
@@ -218,6 +224,7 @@ std::uint32_t findPatterns(const PatternIndex& index, const ConfigInfo& config, 
             node = automaton.step(node, static_cast<unsigned char>(*p++));
         }
     }
+    searching = false;
     return search.categories() | textless;
 }
 

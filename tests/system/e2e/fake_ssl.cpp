@@ -172,6 +172,9 @@ int CRYPTO_get_ex_new_index(int, long, void*, void*, void*, void*) {
     errors += 'n';
     return indexes++;
 }
+unsigned long OpenSSL_version_num() {
+    return 0x10101000;  // the first with all these calls
+}
 int ERR_set_mark() {
     mark = errors.size();
     return 1;
