@@ -17,6 +17,7 @@ from private_machine import Server, eventually
 
 BUILD = Path(__file__).resolve().parent.parent / "build/release/bin"
 TOLVANE = BUILD / "tolvane"
+HTTPS_CLIENT = Path(__file__).with_name("https_traffic.py")
 HOME = Path("/opt/demo")
 PORT = 18080
 CLIENTS = 12
@@ -48,6 +49,10 @@ MaxKeepAliveRequests 0
 KeepAliveTimeout 5
 EnableSendfile On
 IncludeOptional sites-enabled/*.conf
+"""
+TLS = f"""
+SSLEngine on
+SSLCertificateFile {HOME}/pair.pem
 """
 MODULES = ("authz_core", "alias", "dir", "mime")
 
@@ -113,13 +118,26 @@ def write(name, content):
     path.write_text(content)
 
 
-def write_files(module):
+def make_certificate():
+    subprocess.run(
+        ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=shop.example",
+         "-keyout", HOME / "key.pem", "-out", HOME / "pair.pem"], check=True, capture_output=True)
+    with (HOME / "pair.pem").open("a") as pair:
+        pair.write((HOME / "key.pem").read_text())
+
+
+def write_files(module, https):
     # The files are where Debian has them, not where the library looks for them by default.
     load = [f"LoadModule {name}_module /usr/lib/apache2/modules/mod_{name}.so\n"
-            for name in (f"mpm_{module}", *MODULES)]
+            for name in (f"mpm_{module}", *MODULES, *(["ssl"] if https else []))]
     write("apache2.conf", "".join(load) + APACHE)
-    write("sites-enabled/sites.conf", VIRTUAL_HOSTS)
-    write("sites.toml", SITES)
+    hosts, sites = VIRTUAL_HOSTS, SITES
+    if https:
+        make_certificate()
+        hosts = hosts.replace("  ServerName", TLS + "  ServerName")
+        sites = sites.replace('.example"', '.example:443"')
+    write("sites-enabled/sites.conf", hosts)
+    write("sites.toml", sites)
     for page in ("shop/index", "shop/shop-1", "blog/index", "blog/post-1", "blog/post-2"):
         write(f"htdocs/{page}.html", f"<h1>{page}</h1>\n")
     write("htdocs/shop/cart/add", "in the cart\n")
@@ -141,10 +159,15 @@ def measured_apache():
         yield server
 
 
-def send_traffic(server):
+def number(text):
+    return None if text == "-" else int(text)
+
+
+def send_traffic(server, https):
     """Shows the live counts meanwhile. Returns what the client counted, by site and category."""
     say(f"tolvane top, while a client sends requests for {SECONDS} seconds")
-    command = [BUILD / "tolvane-demo-traffic", str(PORT), str(CLIENTS), str(SECONDS)]
+    client = [sys.executable, "-B", HTTPS_CLIENT] if https else [BUILD / "tolvane-demo-traffic"]
+    command = [*client, str(PORT), str(CLIENTS), str(SECONDS)]
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as client:
         try:
             tolvane("top", "--server", server.pid, "--delay", 2, "--count", 5)
@@ -156,7 +179,7 @@ def send_traffic(server):
     # Threaded servers publish once per interval of a second.
     time.sleep(3)
     rows = (line.split("|") for line in output.splitlines())
-    return {name: dict(zip(COLUMNS, map(int, counts))) for name, *counts in rows}
+    return {name: dict(zip(COLUMNS, map(number, counts))) for name, *counts in rows}
 
 
 def shown_counts(server):
@@ -177,9 +200,9 @@ def compare(client, shown):
     equal = True
     for name, counts in shown.items():
         pairs = [(counts.get(key), client[name][key]) for key in COLUMNS]
-        same = all(mine is None or mine == theirs for mine, theirs in pairs)
+        same = all(None in pair or pair[0] == pair[1] for pair in pairs)
         equal = equal and same
-        cells = ["-" if mine is None else f"{theirs} / {mine}" for mine, theirs in pairs]
+        cells = ["-" if None in (mine, theirs) else f"{theirs} / {mine}" for mine, theirs in pairs]
         table.append([name, "equal" if same else "DIFFERS", *cells])
     widths = [max(map(len, column)) for column in zip(*table)]
     for name, *cells in table:
@@ -195,13 +218,14 @@ def main():
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda number, _: sys.exit(128 + number))
     private_machine.enter()
-    write_files(sys.argv[1])
+    module, https = sys.argv[1], "--https" in sys.argv
+    write_files(module, https)
     with measured_apache() as server:
         say("tolvane configure sites.toml")
         tolvane("configure", HOME / "sites.toml", "--server", server.pid)
         say("tolvane list")
         tolvane("list")
-        client = send_traffic(server)
+        client = send_traffic(server, https)
         say("tolvane show")
         tolvane("show", "--server", server.pid)
         say("Counts of the client / of tolvane")

@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 scripts/lint.sh
 . scripts/packages.sh
 install_missing "${build_packages[@]}" "${tool_packages[@]}" googletest node-llhttp libnghttp2-dev apache2-bin \
-  procps curl haproxy nginx nghttp2-client \
+  procps curl haproxy nginx nghttp2-client lighttpd lighttpd-mod-openssl openssl \
   prometheus python3 chromium chromium-driver python3-selenium dpkg-dev lintian mandoc systemd
 
 # build PRESET [-DVARIABLE=VALUE...] [--target TARGET]

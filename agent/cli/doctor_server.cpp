@@ -41,6 +41,27 @@ int unitsOnceFree(std::int32_t id, std::chrono::steady_clock::time_point deadlin
     }
 }
 
+bool isIn(const Environment& environment, const std::string& name, const std::string& value) {
+    auto found = environment.find(name);
+    return found != environment.end() && lower(found->second) == value;
+}
+
+// Whether the library takes connections of the server for SSL connections.
+bool hasSslPorts(const Environment& environment) {
+    auto root = environment.find("WEB_SERVER_ROOT");
+    if (root == environment.end() || environment.count("SSL_FACTOR") == 0 ||
+        isIn(environment, "SSL_FACTOR", "start")) {
+        return false;
+    }
+    auto text = readFile(root->second + "/" + kApacheConfigurationFile);
+    if (!text) return false;
+    auto lines = splitLines(*text);
+    return std::any_of(lines.begin(), lines.end(), [](std::string_view line) {
+        std::string directive = lower(trim(line));
+        return directive.starts_with("sslengine") && directive.ends_with("on");
+    });
+}
+
 class Examiner {
   public:
     Examiner(const Server& server, Findings& findings)
@@ -54,6 +75,7 @@ class Examiner {
     void examineRoot(const std::string& root);
     void examinePidFile(const std::string& root);
     void examineLibrary();
+    void examineHttps(const Environment& environment);
     void examineSemaphores(const Sample& sample);
     void examineConfiguration(const Sample& sample);
     void examinePublication(const Sample& sample);
@@ -162,6 +184,26 @@ void Examiner::examineLibrary() {
                  "it is a {0}-bit program, and no {0}-bit library is installed with this program",
                  static_cast<int>(size)),
              "the next 'tolvane run' needs --library");
+    }
+}
+
+void Examiner::examineHttps(const Environment& environment) {
+    if (!isApache() || !hasSslPorts(environment)) return;
+    constexpr const char* kNotRead =
+        "HTTPS is not read: {}; of SSL connections only number and bytes are counted";
+    if (!isIn(environment, "TOLVANE_COUNTING", "messages")) {
+        note(fmt::format(kNotRead, "socket calls are counted"),
+             "restart it with 'tolvane run --counting messages'");
+        return;
+    }
+    auto mappings = processMappings(server_.process);
+    if (!mappings) return;
+    bool loaded = std::any_of(mappings->begin(), mappings->end(), [](const std::string& line) {
+        return line.find("/libssl.so.") != std::string::npos;
+    });
+    if (!loaded) {
+        note(fmt::format(kNotRead, "the server does not load OpenSSL as a shared library"),
+             "use a build of the server that loads libssl.so.3 or libssl.so.1.1");
     }
 }
 
@@ -274,6 +316,7 @@ void Examiner::examine() {
         examineVariables(*environment);
         if (auto fault = threadsFault(server_)) problem(fault->text, fault->remedy);
         examineLibrary();
+        examineHttps(*environment);
     } else {
         note("its process cannot be examined", "run doctor as root");
     }

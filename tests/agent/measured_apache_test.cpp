@@ -169,6 +169,43 @@ TEST_P(MeasuredApache, WithUnexpectedThreadsIsReported) {
     EXPECT_EQ(has("doctor", " -> restart it: " + file + " was written after its start"), threaded);
 }
 
+// By the way of counting and by OpenSSL, which the server loads with mod_ssl.
+TEST(MeasuredApacheHttps, IsReportedWhereItIsNotRead) {
+    if (access("/usr/sbin/apache2", X_OK) != 0) GTEST_SKIP() << "no apache2";
+    const std::string module =
+        "LoadModule ssl_module /usr/lib/apache2/modules/mod_ssl.so\nSSLSessionCache none\n";
+    const struct {
+        const char *counting, *factor, *ssl;
+        bool loads;
+        const char* expected;
+    } kCases[] = {
+        {"calls", "startssl", "  sslengine On\n", true, "read: socket calls are counted; of"},
+        {"messages", "startssl", "SSLEngine on\n", false, "read: the server does not load"},
+        {"messages", "startssl", "SSLEngine on\n", true, nullptr},
+        {"messages", "start", "SSLEngine on\n", false, nullptr},
+        {"messages", "startssl", "SSLEngine off\n#SSLEngine on\n", false, nullptr},
+    };
+    for (const auto& one : kCases) {
+        tolvane::test::resetSandbox();
+        layOutServer("event");
+        if (one.loads) writeFile("/opt/etc/sites/ssl.conf", module);
+        writeFile("/opt/server/conf/httpd.conf", "Listen 127.0.0.1:8080\n<VirtualHost *:8443>\n" +
+                                                     std::string(one.ssl) + "</VirtualHost>\n");
+        writeFile("/opt/server/logs/.tolvane_info", "event\n");
+        std::filesystem::create_symlink("/opt/etc/server.pid", "/opt/server/logs/httpd.pid");
+        tolvane::test::Process server(
+            {"/usr/sbin/apache2", "-d", "/opt/etc", "-f", "main.conf", "-D", "FOREGROUND"},
+            {std::string("LD_PRELOAD=") + TOLVANE_LIBRARY, "WEB_SERVER=apache",
+             "WEB_SERVER_ROOT=/opt/server", std::string("SSL_FACTOR=") + one.factor,
+             std::string("TOLVANE_COUNTING=") + one.counting});
+        ASSERT_TRUE(tolvane::test::eventually(
+            20s, [&] { return tolvane({"list"}).code == 0 && !server.children().empty(); }));
+        const std::string doctor = tolvane({"doctor"}).output;
+        const std::string expected = one.expected != nullptr ? one.expected : "HTTPS is not read";
+        EXPECT_EQ(doctor.find(expected) != std::string::npos, one.expected != nullptr) << doctor;
+    }
+}
+
 // A response that is not copied: its bytes are discarded in the kernel.
 class Download {
   public:
