@@ -26,7 +26,7 @@ void countRead(const SslUse& use, const void* buffer, std::size_t n) {
 int readInto(SslEntry<Read>& entry, const void* caller, Ssl* ssl, void* buffer, int size) {
     const auto real = entry.find(caller);
     if (real.function == nullptr) return -1;
-    SslCall call;
+    SslCall call(reinterpret_cast<const void*>(real.function));
     const int n = real.function(ssl, buffer, size);
     countRead({real.library, ssl, call.descriptorRead()}, buffer,
               n > 0 ? static_cast<std::size_t>(n) : 0);
@@ -38,7 +38,7 @@ int readInto(SslEntry<ReadEx>& entry, const void* caller, Ssl* ssl, void* buffer
              std::size_t* n) {
     const auto real = entry.find(caller);
     if (real.function == nullptr) return 0;
-    SslCall call;
+    SslCall call(reinterpret_cast<const void*>(real.function));
     const int result = real.function(ssl, buffer, size, n);
     countRead({real.library, ssl, call.descriptorRead()}, buffer, result == 1 ? *n : 0);
     return result;

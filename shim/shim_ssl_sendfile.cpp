@@ -21,7 +21,7 @@ ssize_t tolvane_sendfile_3(Ssl* ssl, int fd, long word1, std::size_t word2, long
                            long word4) {
     const auto real = sendFile3.find(__builtin_return_address(0));
     if (real.function == nullptr) return -1;
-    SslCall call;
+    SslCall call(reinterpret_cast<const void*>(real.function));
     const ssize_t n = real.function(ssl, fd, word1, word2, word3, word4);
     const SslUse use = {real.library, ssl, call.descriptorRead()};
     if (n > 0) countUnseenPlaintextSent(use, static_cast<std::size_t>(n));

@@ -17,7 +17,7 @@ constinit SslEntry<WriteEx> writeEarly11{"SSL_write_early_data", kSsl111};
 int writeFrom(SslEntry<Write>& entry, const void* caller, Ssl* ssl, const void* buffer, int size) {
     const auto real = entry.find(caller);
     if (real.function == nullptr) return -1;
-    SslCall call;
+    SslCall call(reinterpret_cast<const void*>(real.function));
     const int n = real.function(ssl, buffer, size);
     const SslUse use = {real.library, ssl, call.descriptorRead()};
     if (n > 0) countPlaintextSent(use, buffer, static_cast<std::size_t>(n));
@@ -29,7 +29,7 @@ int writeFrom(SslEntry<WriteEx>& entry, const void* caller, Ssl* ssl, const void
               std::size_t size, std::size_t* n) {
     const auto real = entry.find(caller);
     if (real.function == nullptr) return 0;
-    SslCall call;
+    SslCall call(reinterpret_cast<const void*>(real.function));
     const int result = real.function(ssl, buffer, size, n);
     const SslUse use = {real.library, ssl, call.descriptorRead()};
     if (result == 1 && *n != 0) countPlaintextSent(use, buffer, *n);

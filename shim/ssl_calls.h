@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "tolvane/internal/shim_tables.h"
+
 struct ssl_st;  // a connection's TLS object
 
 namespace tolvane {
@@ -59,6 +61,13 @@ class ErrorsKept {
     const SslObjects& library_;
 };
 
+// The bounds of the library's own mapping, which the linker defines.
+extern "C" __attribute__((visibility("hidden"))) const char __ehdr_start[];
+extern "C" __attribute__((visibility("hidden"))) const char _end[];
+inline bool isInShim(const void* address) {
+    return address >= __ehdr_start && address < _end;
+}
+
 // A real function and its library.
 struct SslTarget {
     void* function = nullptr;             // null: there is none
@@ -75,6 +84,7 @@ class SslSymbol {
     // What the code at `caller` means. The first call of each loaded object searches, with
     // the dynamic linker's lock.
     SslTarget find(const void* caller) {
+        if (isInShim(caller)) caller = lastSslFunction;
         const auto address = reinterpret_cast<std::uintptr_t>(caller);
         const int count = count_.load(std::memory_order_acquire);
         for (int i = 0; i < count; ++i) {

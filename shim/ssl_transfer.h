@@ -14,8 +14,9 @@ namespace tolvane {
 // early data calls of OpenSSL call SSL_read_ex and SSL_write_ex.
 class SslCall {
   public:
-    SslCall() : before_(lastSslDescriptor) {
+    explicit SslCall(const void* real) : before_(lastSslDescriptor) {
         lastSslDescriptor = -1;
+        lastSslFunction = real;
         lastSslObject = nullptr;
     }
 
@@ -72,7 +73,7 @@ int handshake(SslEntry<Signature>& entry, const void* caller, int failed, Ssl* s
               Arguments... arguments) {
     const auto real = entry.find(caller);
     if (real.function == nullptr) return failed;
-    SslCall call;
+    SslCall call(reinterpret_cast<const void*>(real.function));
     const int result = real.function(ssl, arguments...);
     const int read = call.descriptorRead();
     if (read >= 0) bindToConnection({real.library, ssl, read});

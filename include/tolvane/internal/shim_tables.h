@@ -151,6 +151,10 @@ inline DescriptorState* descriptorState(int fd) {
 // TLS calls which connection they decrypt. In the static block of the thread's memory,
 // since the dynamic block is allocated on first use.
 extern thread_local constinit int lastSslDescriptor __attribute__((tls_model("initial-exec")));
+// The real TLS function that this thread called last. A library that calls another
+// interposed function as its last step seems to be called from the shim itself.
+extern thread_local constinit const void* lastSslFunction
+    __attribute__((tls_model("initial-exec")));
 // The TLS object whose plaintext this thread counted last.
 extern thread_local constinit const void* lastSslObject __attribute__((tls_model("initial-exec")));
 

@@ -28,6 +28,7 @@ std::atomic<int> trackedLimit{0};
 thread_local constinit int lastSslDescriptor = -1;
 alignas(16) thread_local constinit char searchMemory[kSearchSize] = {};
 thread_local constinit bool searching = false;
+thread_local constinit const void* lastSslFunction = nullptr;
 thread_local constinit const void* lastSslObject = nullptr;
 
 std::atomic<int> tolvaneShimEnabled{0};
