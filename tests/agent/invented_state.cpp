@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -122,7 +123,9 @@ CollectorState fullState(int servers, std::time_t now) {
 }
 
 CollectorState inventedState(const std::string& scenario, std::time_t now) {
-    CollectorState state = fullState(scenario == "many" ? 4 : 0, now);
+    const std::map<std::string, int> full = {{"many", 4}, {"full", 1}};
+    auto servers = full.find(scenario);
+    CollectorState state = fullState(servers == full.end() ? 0 : servers->second, now);
     if (scenario == "shop") addShop(state, now);
     if (scenario == "states") addStates(state, now);
     return state;

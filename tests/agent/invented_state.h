@@ -9,8 +9,8 @@
 namespace tolvane::test {
 
 // "empty", "shop" (one server, three sites, one of them with a hostile name),
-// "states" (a server in each state), "many" (four servers with all sites and
-// categories that there can be).
+// "states" (a server in each state), "full" and "many" (one server and four servers
+// with all sites and categories that there can be).
 agent::CollectorState inventedState(const std::string& scenario, std::time_t now);
 
 // Servers with all that can be configured, and counts everywhere.

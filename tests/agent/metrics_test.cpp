@@ -103,5 +103,17 @@ TEST(Metrics, EverySeriesStandsOnceInItsFamily) {
     EXPECT_GT(known.size(), 100U);
 }
 
+// docs/monitoring.md promises a fleet's Prometheus this bound.
+TEST(Metrics, AFullServerKeepsWithinTheBudgetOfSeries) {
+    auto series = [](int servers) {
+        std::istringstream lines(textOf(tolvane::test::fullState(servers, kNow)));
+        int count = 0;
+        for (std::string line; std::getline(lines, line);) count += line[0] != '#';
+        return count;
+    };
+    EXPECT_LE(series(1), 1030);
+    EXPECT_LE(series(2) - series(1), 1010);
+}
+
 }  // namespace
 }  // namespace tolvane::agent

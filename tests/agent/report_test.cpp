@@ -3,7 +3,9 @@
 
 #include <cmath>
 #include <cstring>
+#include <fstream>
 #include <limits>
+#include <regex>
 
 #include "cli/report_table.h"
 #include "os/text.h"
@@ -102,6 +104,74 @@ TEST(Report, FitsEveryWidth) {
             EXPECT_LE(displayWidth(line), static_cast<std::size_t>(width)) << line;
         }
     }
+}
+
+// The example in the README: its lines from the heading on, without the margin.
+std::vector<std::string> exampleOfReadme() {
+    std::ifstream readme(TOLVANE_SOURCE "/README.md");
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(readme, line);) {
+        if (line.starts_with("    SITE / CATEGORY") || !lines.empty()) {
+            if (!line.starts_with("    ")) break;
+            lines.push_back(line.substr(4));
+        }
+    }
+    return lines;
+}
+
+double numberOf(const std::string& cell) {
+    std::size_t end = 0;
+    double number = std::stod(cell, &end);
+    std::size_t unit = end < cell.size() ? std::string("KMGT").find(cell[end]) + 1 : 0;
+    return number * std::pow(1000, unit);
+}
+
+void setCell(ReportRow& row, const std::string& title, const std::string& cell) {
+    if (cell.empty()) return;
+    if (title == "REQ/S") row.requestsPerSecond = numberOf(cell);
+    if (title == "SENT/S") row.bytesSentPerSecond = numberOf(cell);
+    if (title == "ERR%" && cell != "-") row.errorShare = numberOf(cell) / 100;
+    if (title == "MEAN ms" && cell != "-") row.meanResponse = numberOf(cell) / 1000;
+    std::pair<const char*, std::uint32_t CounterBlock::*> counters[] = {
+        {"REQUESTS", &CounterBlock::requests},
+        {"4XX", &CounterBlock::clientErrors},
+        {"5XX", &CounterBlock::serverErrors},
+        {"SENT", &CounterBlock::bytesSent},
+    };
+    for (const auto& [name, counter] : counters) {
+        if (title == name) row.counts[counter] = static_cast<std::uint64_t>(numberOf(cell));
+    }
+}
+
+// A cell ends below the last letter of its title.
+ReportRow rowOf(const std::string& line, const std::string& heading) {
+    using Level = ReportRow::Level;
+    ReportRow row;
+    row.level = line.starts_with("  ")            ? Level::kCategory
+                : line.starts_with("all traffic") ? Level::kTotal
+                                                  : Level::kSite;
+    std::regex title("[^ ]+( [^ ]+)*");
+    std::size_t begin = 0;
+    for (std::sregex_iterator at(heading.begin(), heading.end(), title), end; at != end; ++at) {
+        auto until = static_cast<std::size_t>(at->position() + at->length());
+        std::string cell(trim(begin < line.size() ? line.substr(begin, until - begin) : ""));
+        if (begin == 0) row.name = cell;
+        setCell(row, at->str(), cell);
+        begin = until;
+    }
+    return row;
+}
+
+TEST(Report, LooksAsTheReadmeShowsIt) {
+    std::vector<std::string> example = exampleOfReadme();
+    ASSERT_GT(example.size(), 5U);
+    Report report;
+    for (std::size_t i = 1; i < example.size(); ++i) {
+        report.rows.push_back(rowOf(example[i], example[0]));
+    }
+    ReportLayout layout;
+    layout.width = 80;
+    EXPECT_EQ(renderReport(report, layout), example);
 }
 
 TEST(Text, IsCutByTheColumnsThatItTakes) {

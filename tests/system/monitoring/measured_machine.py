@@ -4,6 +4,7 @@ import ctypes
 import fcntl
 import json
 import os
+import re
 import shutil
 import signal
 import socket
@@ -19,6 +20,7 @@ HOME = Path("/opt/test")
 SERVER_PORT = 8080
 COLLECTOR = "127.0.0.1:9931"
 PROMETHEUS = "127.0.0.1:9090"
+CLUSTER = "north"
 
 SITES = """
 interval = 1
@@ -114,13 +116,16 @@ def start_collector(tolvane):
                                "--listen", COLLECTOR, "--interval", "1"])
 
 
-def start_prometheus(rule_files):
-    config = {"global": {"scrape_interval": "1s", "evaluation_interval": "1s"},
-              "rule_files": [str(path) for path in rule_files],
-              "scrape_configs": [{"job_name": "tolvane",
-                                  "static_configs": [{"targets": [COLLECTOR]}]}]}
-    (HOME / "prometheus.yml").write_text(json.dumps(config))
-    return start("prometheus", [shutil.which("prometheus"), f"--config.file={HOME}/prometheus.yml",
+def start_prometheus(shipped):
+    """With the shipped example configuration, but for its intervals."""
+    directory = HOME / "prometheus"
+    shutil.copytree(shipped, directory)
+    example = (directory / "prometheus.example.yml").read_text()
+    (directory / "test.yml").write_text(re.sub(r"(_interval:) \w+", r"\1 1s", example))
+    (directory / "tolvane").mkdir()
+    (directory / "tolvane/machines.yml").write_text(
+        json.dumps([{"targets": [COLLECTOR], "labels": {"cluster": CLUSTER}}]))
+    return start("prometheus", [shutil.which("prometheus"), f"--config.file={directory}/test.yml",
                                 f"--storage.tsdb.path={HOME}/tsdb",
                                 f"--web.listen-address={PROMETHEUS}"])
 

@@ -10,6 +10,8 @@ import re
 import shutil
 import subprocess
 import sys
+import tempfile
+import textwrap
 import time
 import unittest
 from pathlib import Path
@@ -22,6 +24,7 @@ from measured_machine import value
 
 ROOT = Path(__file__).resolve().parents[3]
 SHIPPED = ROOT / "monitoring"
+MANUAL = ROOT / "docs/monitoring.md"
 RULE_FILES = [SHIPPED / "tolvane.rules.yml", SHIPPED / "tolvane.alerts.yml"]
 DASHBOARD = Dashboard(SHIPPED / "grafana-dashboard.json")
 METRIC = re.compile(r"(?<![\w:$.])(?:tolvane|process)_[a-z_]*[a-z](?![\w:.*])")
@@ -36,8 +39,28 @@ class ShippedFiles(unittest.TestCase):
     def test_rules_are_valid(self):
         self.promtool("check", "rules", *RULE_FILES)
 
+    def test_example_configuration_is_valid(self):
+        self.promtool("check", "config", SHIPPED / "prometheus.example.yml")
+
+    def test_configurations_of_the_manual_are_valid(self):
+        blocks = re.findall(r"(?:^ {4}.*\n|^\n(?= ))+", MANUAL.read_text(), re.MULTILINE)
+        configurations = [textwrap.dedent(block) for block in blocks
+                          if re.match(r"\s*(scrape_configs|remote_write|storage):", block)]
+        self.assertGreater(len(configurations), 3)
+        for configuration in configurations:
+            with self.subTest(configuration), tempfile.NamedTemporaryFile("w", suffix=".yml") as file:
+                # The rule files need not be installed here, and Debian's Prometheus is built
+                # without Consul.
+                configuration = configuration.replace("/etc/prometheus/", f"{SHIPPED}/")
+                configuration = re.sub(r"consul_sd_configs:\n.*\n.*", "file_sd_configs: []",
+                                       configuration)
+                file.write(configuration)
+                file.flush()
+                self.promtool("check", "config", file.name)
+
     def test_rules_and_alerts(self):
         self.promtool("test", "rules", *Path(__file__).parent.glob("*_test.yml"))
+
 
 class WithPrometheus(unittest.TestCase):
     @classmethod
@@ -45,7 +68,7 @@ class WithPrometheus(unittest.TestCase):
         machine.HOME.mkdir()
         cls.run_process(machine.start_apache(*PROGRAMS))
         cls.run_process(machine.start_collector(PROGRAMS[0]))
-        cls.run_process(machine.start_prometheus(RULE_FILES))
+        cls.run_process(machine.start_prometheus(SHIPPED))
         eventually(lambda: machine.answers(PROMETHEUS, "/-/ready"), "Prometheus")
         # A process takes its configuration just before its first request.
         eventually(lambda: query("tolvane_site_requests_total"), "a configured server")
@@ -132,7 +155,7 @@ class WithPrometheus(unittest.TestCase):
         return [rule for rule in rules if rule["type"] == kind]
 
     def test_panels_have_data(self):
-        chosen = {"instance": COLLECTOR, "server": f"127.0.0.1:{SERVER_PORT}",
+        chosen = {"cluster": machine.CLUSTER, "instance": COLLECTOR, "server": f"127.0.0.1:{SERVER_PORT}",
                   "site": "shop.example", "category": "cart"}
         times = {"window": "5m", "__range": "5m"}
         everything = dict.fromkeys(chosen, ".*") | times
@@ -151,13 +174,12 @@ class WithPrometheus(unittest.TestCase):
     def test_every_name_exists(self):
         families = set(re.findall("^# TYPE ([^ ]+)", read(COLLECTOR, "/metrics"), re.MULTILINE))
         recorded = {rule["name"] for rule in self.rules("recording")}
-        manual = ROOT / "docs/monitoring.md"
-        for path in [*SHIPPED.iterdir(), manual]:
+        for path in [*SHIPPED.iterdir(), MANUAL]:
             text = path.read_text()
             named = {re.sub("_(sum|count)$", "", name) for name in METRIC.findall(text)}
             self.assertEqual(named - families, set(), path)
             self.assertEqual(set(RECORDED.findall(text)) - recorded, set(), path)
-        self.assertEqual(families - set(METRIC.findall(manual.read_text())), set(), "undocumented")
+        self.assertEqual(families - set(METRIC.findall(MANUAL.read_text())), set(), "undocumented")
 
 
 if __name__ == "__main__":

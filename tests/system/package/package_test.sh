@@ -11,7 +11,7 @@ skip() {
   exit 77
 }
 [ "$(id -u)" -eq 0 ] || skip "it takes root to install a package"
-for tool in dpkg-deb dpkg-shlibdeps lintian mandoc apt-get unshare /lib/systemd/systemd; do
+for tool in dpkg-deb dpkg-shlibdeps lintian mandoc apt-get rpmbuild cpio unshare /lib/systemd/systemd; do
   command -v $tool >/dev/null || skip "$tool is missing"
 done
 . "$here/checks.sh"
@@ -54,6 +54,7 @@ lrwxrwxrwx root/root /usr/lib/tolvane/lib64 ->lib/x86_64-linux-gnu
 -rw-r--r-- root/root /usr/share/man/man5/tolvane-sites.5.gz
 -rw-r--r-- root/root /usr/share/man/man7/libtolvane.7.gz
 -rw-r--r-- root/root /usr/share/tolvane/monitoring/grafana-dashboard.json
+-rw-r--r-- root/root /usr/share/tolvane/monitoring/prometheus.example.yml
 -rw-r--r-- root/root /usr/share/tolvane/monitoring/tolvane.alerts.yml
 -rw-r--r-- root/root /usr/share/tolvane/monitoring/tolvane.rules.yml
 LIST
@@ -65,7 +66,17 @@ check "needs what the tool is linked with: $depends" \
   eval '[[ $depends == *libc6* && $depends == *libmicrohttpd* && $depends == *libsqlite3* && $depends != *i386* ]]'
 check "version of the changelog" test "$(zcat "$work/content/usr/share/doc/tolvane/changelog.Debian.gz" |
   sed -n '1s/.*(\(.*\)).*/\1/p')" = "$(dpkg-deb -f "$package" Version)"
-check "lintian" lintian --allow-root --fail-on error,warning "$package"
+check "lintian" lintian --allow-root --display-info --fail-on error,warning,info "$package"
+# Without pipes into grep -q, which ends before readelf does.
+hardened() {
+  local header
+  header=$(readelf -hdlW --dyn-syms "$1")
+  grep -q 'FLAGS_1).*NOW.*PIE' <<<"$header" && grep -q GNU_RELRO <<<"$header" && grep -q __memcpy_chk <<<"$header"
+}
+check "the tool is hardened" hardened "$work/content/usr/bin/tolvane"
+
+rpm=$("$source/scripts/package.sh" rpm "$build" "$work/release32" "$work")
+"$here/rpm_test.sh" "$rpm" "$package" || failed=1
 
 say "cmake --install, with a prefix and DESTDIR"
 for tree in "$build" "$work/release32"; do

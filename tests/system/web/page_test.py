@@ -4,6 +4,7 @@ import shutil
 import subprocess
 import sys
 import unittest
+from pathlib import Path
 
 try:
     from selenium import webdriver
@@ -13,6 +14,10 @@ try:
     from selenium.webdriver.support.wait import WebDriverWait
 except ImportError:
     webdriver = None
+
+sys.path.append(str(Path(__file__).resolve().parents[3] / "scripts"))
+
+from page_picture import PICTURE, WORDS, words_in
 
 NOTHING = "–"
 HOSTILE = "<img src=x onerror=\"document.title='broken'\">"
@@ -217,6 +222,12 @@ class Page(unittest.TestCase):
         self.stop()
         self.await_notice("has not answered since")
         self.assertIn("shop.example", self.names())
+
+    def test_looks_as_in_the_readme(self):
+        self.assertLess(PICTURE.stat().st_size, 150000)
+        self.serve("shop", 1240)
+        self.assertEqual(self.run_script(WORDS), words_in(PICTURE),
+                         "scripts/readme_examples.py takes the picture anew")
 
     def test_text_has_contrast(self):
         for scenario in ("shop", "states"):

@@ -1,12 +1,4 @@
-#!/bin/sh
-set -e
-
-[ "$1" = remove ] || exit 0
-
-if [ -d /run/systemd/system ]; then
-  deb-systemd-invoke stop tolvane-collector.service >/dev/null || true
-fi
-
+# shellcheck shell=sh
 # Segments and semaphores of servers that have ended can only be removed while the
 # tool is installed.
 tolvane clean >/dev/null 2>&1 || true
