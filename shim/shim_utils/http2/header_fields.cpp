@@ -15,6 +15,7 @@ bool isText(Bytes text, const char (&wanted)[N]) {
 // ------------------------------------------------------------------ requests
 
 void RequestFields::beginBlock() {
+    copies_ = 0;
     method_ = Method::kOther;
     authority_.clear();
     host_.clear();
@@ -71,7 +72,10 @@ void RequestFields::setStatic(std::uint32_t index) {
 void RequestFields::setFrom(const Field& field) {
     if (field.fieldName() == FieldName::kMethod) method_ = static_cast<Method>(field.detail);
     withText(field.fieldName(), [&](auto& text) {
-        if (text.present()) return;  // a copy for each mention would cost more than its byte
+        // A block mentions a field once. Each further mention is a byte that costs a copy.
+        constexpr std::uint8_t kMostCopies = 32;
+        if (copies_ == kMostCopies) return text.setUnknown();
+        ++copies_;
         if (field.valueLength <= text.kCapacity &&
             values_.copy(field.position, text.buffer(), field.valueLength)) {
             text.setLength(field.valueLength);

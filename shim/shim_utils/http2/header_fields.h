@@ -74,6 +74,7 @@ class RequestFields {
     void withText(FieldName name, Use use);
 
     char methodText_[8];
+    std::uint8_t copies_;  // out of the table, for the present block
     Method method_;
     FieldText<256> authority_;
     FieldText<256> host_;

@@ -43,7 +43,7 @@ while IFS='|' read -r line expected; do
 done <<'TABLE'
 tolvane c|check clean configure
 tolvane --v|--version
-tolvane serve --|--config --help --interval --listen --state
+tolvane serve --|--allow-host --config --help --interval --listen --state
 tolvane run --type |apache netscape
 tolvane run --type n|netscape
 tolvane run --semaphores |
