@@ -166,7 +166,9 @@ std::string streamResponse;
 std::uint32_t stream;
 
 void nextStream(std::string& frames, std::size_t frameAt) {
-    for (int i = 0; i < 4; ++i) frames[frameAt + 5 + i] = static_cast<char>(stream >> (24 - 8 * i));
+    for (std::size_t i = 0; i < 4; ++i) {
+        frames[frameAt + 5 + i] = static_cast<char>(stream >> (24 - 8 * i));
+    }
 }
 // The first request adds its fields to the table.
 void openHttp2() {

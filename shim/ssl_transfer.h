@@ -82,5 +82,10 @@ int handshake(SslEntry<Signature>& entry, const void* caller, int failed, Ssl* s
 
 }  // namespace tolvane
 
-// Defines an interposed call under the name and version `symbol` of its library.
+// Defines an interposed call under the name and version `symbol` of its library. A checker
+// of the sources does not know the attribute.
+#if __has_attribute(symver)
 #define TOLVANE_SSL_EXPORT(symbol) extern "C" __attribute__((visibility("default"), symver(symbol)))
+#else
+#define TOLVANE_SSL_EXPORT(symbol) extern "C" __attribute__((visibility("default")))
+#endif

@@ -64,7 +64,7 @@ check "the unit of Apache is well-formed" systemd-analyze verify apache2.service
 check "start the collector" systemctl enable --now $unit
 check "start Apache" systemctl start apache2
 check "it is listed, with the configuration" eventually eval \
-  'tolvane list --json | grep -q "\"configuration_version\": 1$"'
+  'tolvane list --json | grep -q "\"configuration_version\": 1,\?$"'
 for ((i = 0; i < counted; ++i)); do get 80 /cart shop.example >/dev/null; done
 shows() { tolvane show --json | tr -d ' \n' | grep -q "\"name\":\"shop.example\",[^{}]*\"requests\":$counted,"; }
 check "the tool shows the requests" eventually shows
