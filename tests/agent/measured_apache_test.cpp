@@ -237,7 +237,8 @@ using SentBytes = std::array<std::uint64_t, 3>;
 
 SentBytes collected(int port) {
     const int fd = tolvane::test::connectTo(port);
-    tolvane::test::sendAll(fd, "GET /api/servers HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
+    tolvane::test::sendAll(
+        fd, "GET /api/servers HTTP/1.1\r\nHost: localhost\r\nConnection: close\r\n\r\n");
     std::string text;
     char buffer[4096];
     for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, 0)) > 0;) {
