@@ -39,7 +39,7 @@ template <typename Random>
 Parts cut(std::string_view text, Random random) {
     Parts parts;
     while (!text.empty()) {
-        parts.push_back(text.substr(0, random(text.size())));
+        parts.push_back(text.substr(0, static_cast<std::size_t>(random(text.size()))));
         text.remove_prefix(parts.back().size());
     }
     return parts;

@@ -12,7 +12,7 @@ class Generator {
     std::string request();
     std::string response(Method method);
     void damage(std::string& text);
-    std::size_t upTo(std::size_t limit) { return random_() % limit; }
+    std::size_t upTo(std::size_t limit) { return static_cast<std::size_t>(random_() % limit); }
     bool oneIn(std::size_t n) { return upTo(n) == 0; }
 
   private:
