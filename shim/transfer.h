@@ -26,6 +26,9 @@ inline DescriptorState* trackedDescriptor(int fd) {
     return mayServe() ? state : nullptr;
 }
 
+// Smaller transfers do not reach the amount that makes a publication urgent.
+inline constexpr ssize_t kOfABody = 1024;
+
 // Counts a receive call on `fd` that returned `n` and filled `buffers`.
 inline ssize_t received(int fd, ssize_t n, Buffers buffers) {
     if (n < 1) return n;
@@ -36,7 +39,6 @@ inline ssize_t received(int fd, ssize_t n, Buffers buffers) {
     Connection connection = {*state, slotAt(slot)};
     counting->received(connection, n, buffers);
     if (!connection.plain()) lastSslDescriptor = fd;
-    constexpr ssize_t kOfABody = 1024;  // smaller transfers do not reach the amount that is urgent
     if (n >= kOfABody) publishIfUrgent();
     return n;
 }
@@ -56,7 +58,7 @@ inline ssize_t sent(int fd, ssize_t n, Buffers buffers) {
     counting->sent(connection, n, buffers);
     if (webServerType == kApacheProcesses && connection.plain()) {
         publishEveryInterval();
-        publishIfUrgent();
+        if (n >= kOfABody) publishIfUrgent();
     }
     return n;
 }
