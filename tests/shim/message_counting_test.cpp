@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <random>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -300,10 +299,12 @@ std::string counted(const Conversation& conversation, ServerType type, SocketKin
     return describe(result);
 }
 
-std::string withoutWire(const std::string& counts) {
-    static const std::regex wireBytes(" (in|out)[0-9]+");
-    const std::size_t totals = std::min(counts.find(" |"), counts.size());
-    return std::regex_replace(counts.substr(0, totals), wireBytes, "") + counts.substr(totals);
+std::string withoutWire(std::string counts) {
+    for (const char* bytes : {" in", " out"}) {
+        const std::size_t at = counts.find(bytes);
+        if (at < counts.find(" |")) counts.erase(at, counts.find_first_of(" ", at + 1) - at);
+    }
+    return counts;
 }
 
 TEST_P(MessageCounting, IsTheSameHoweverAConversationIsSplit) {
