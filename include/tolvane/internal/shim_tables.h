@@ -158,11 +158,12 @@ extern thread_local constinit const void* lastSslFunction
 // The TLS object whose plaintext this thread counted last.
 extern thread_local constinit const void* lastSslObject __attribute__((tls_model("initial-exec")));
 
-// Memory of the search for URL patterns, which is too large for the stack of a call. In use
-// while `searching`: a signal handler that interrupts a search finds no pattern.
+// The thread's memory for the search of URL patterns, which is too large for the stack of a
+// call. Aligned to 16. In use while `searching`: a signal handler that interrupts a search
+// finds no pattern. A function, since g++ 12 checks the address of a thread's variable wrongly
+// under -fsanitize=null.
 inline constexpr int kSearchSize = 1408;
-extern thread_local constinit char searchMemory[kSearchSize]
-    __attribute__((tls_model("initial-exec"), aligned(16)));
+void* searchMemory();
 extern thread_local constinit bool searching __attribute__((tls_model("initial-exec")));
 
 // ------------------------------------------------- measurement in this process

@@ -209,7 +209,7 @@ std::uint32_t findPatterns(const PatternIndex& index, const ConfigInfo& config, 
     searching = true;
     const PatternAutomaton automaton(index, s);
     static_assert(sizeof(Search) <= kSearchSize && alignof(Search) <= 16);
-    Search& search = *new (searchMemory) Search(site, config.categories[s], url);
+    Search& search = *new (searchMemory()) Search(site, config.categories[s], url);
     const char* p = url.data;
     const char* end = url.data + url.length;
     for (bool atStart = true; p != end && (atStart || search.alive()); atStart = false) {

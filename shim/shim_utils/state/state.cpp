@@ -3,6 +3,16 @@
 #include "tolvane/internal/slot_tables.h"
 
 namespace tolvane {
+namespace {
+
+alignas(16) thread_local constinit char memoryOfSearch[kSearchSize]
+    __attribute__((tls_model("initial-exec"))) = {};
+
+}  // namespace
+
+void* searchMemory() {
+    return memoryOfSearch;
+}
 
 int webServerType = kApacheProcesses;
 int numSemaphores = 0;
@@ -26,7 +36,6 @@ int tableSize = 0;
 DescriptorState* descriptors = nullptr;
 std::atomic<int> trackedLimit{0};
 thread_local constinit int lastSslDescriptor = -1;
-alignas(16) thread_local constinit char searchMemory[kSearchSize] = {};
 thread_local constinit bool searching = false;
 thread_local constinit const void* lastSslFunction = nullptr;
 thread_local constinit const void* lastSslObject = nullptr;
